@@ -1,0 +1,52 @@
+/*
+ * Ticks, thread names and zero-filling. All of these may be called from any thread;
+ * each costs at most one system call.
+ */
+#ifndef NVRHTTPCURL_HCC_TOOLS_H
+#define NVRHTTPCURL_HCC_TOOLS_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
+/*
+ * The clock ticks that have elapsed since an arbitrary fixed point, or 0 if the system
+ * does not tell. There are sysconf(_SC_CLK_TCK) of them in a second, usually 100.
+ *
+ * Elapsed time is NVRHCCTickToMS(NVRHCCTickDiff(start, NVRHCCGetTickCount())): the
+ * 32-bit operations take the low half of a count.
+ */
+uint64_t NVRHCCGetTickCount(void);
+
+/*
+ * Ticks in milliseconds, in whole seconds only: the ticks are divided by the tick rate
+ * first and multiplied by 1000 after, so that 150 ticks of 10 ms are 1000 and 99 are 0.
+ * A result above 2^32 - 1 wraps. 0 if the system does not tell its tick rate.
+ */
+uint32_t NVRHCCTickToMS(uint32_t dwTicks);
+
+/* dwEnd - dwStart, modulo 2^32: right also where the count wrapped in between. */
+uint32_t NVRHCCTickDiff(uint32_t dwStart, uint32_t dwEnd);
+
+/*
+ * Names the calling thread. The kernel keeps the first 15 characters.
+ * Returns 0, or 0xFFFFFFFF if the system refused.
+ */
+uint32_t NVRHCCThreadSetName(const char *szName);
+
+/* Fills dwCount bytes of the block with zero and returns the block. */
+void *NVRHCCMemzero(void *pvBlock, uint32_t dwCount);
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
+#ifdef __cplusplus
+}
+#endif
+
+#endif
