@@ -1,0 +1,54 @@
+/*
+ * The send module's globals and functions, shared by its rooms only. All globals are zero
+ * at load and live until the process ends.
+ */
+#ifndef SENDBYCURL_SENDBYCURL_INNER_H
+#define SENDBYCURL_SENDBYCURL_INNER_H
+
+#include <stdint.h>
+
+#include "nvrhttpcurl/httpcurlclient.h"
+#include "nvrhttpcurl/sendbycurl.h"
+#include "platform/osp.h"
+
+extern "C" {
+
+/* A place in the table of asynchronous sends. */
+typedef struct TSendByCurlASyncCB {
+    uint32_t bUseFlag;        /* 1 while taken */
+    HNvrHttpCurlCltReq ptReq; /* the request whose completion is awaited */
+    PFSendByCurlNtf pfNtf;    /* the caller's notification */
+} TSendByCurlASyncCB;
+
+enum { SENDBYCURL_ASYNC_SLOTS = 1024 };
+
+/* What the semaphores of g_pCurlSemSet are for. */
+enum {
+    SENDBYCURL_SEM_INIT = 0,  /* serialises the start of the module */
+    SENDBYCURL_SEM_SPARE = 1, /* created with the others, taken by no path */
+    SENDBYCURL_SEM_SLOTS = 2, /* guards g_pfASnycCBParam */
+    SENDBYCURL_SEM_COUNT = 3
+};
+
+extern uint32_t g_bInited; /* written under SENDBYCURL_SEM_INIT, shown without */
+extern uint32_t g_bRegistedDebuglog;
+extern uint32_t g_bLibCurlGobleInit;
+extern HNvrHttpCurlCltInst g_hInitHandle; /* written once, before g_bInited; sends read it without a lock */
+extern HOspSem g_pCurlSemSet[SENDBYCURL_SEM_COUNT];
+extern TSendByCurlASyncCB g_pfASnycCBParam[SENDBYCURL_ASYNC_SLOTS];
+
+/* Creates the start-up semaphore unless it exists; race-free. False if it cannot be had. */
+bool SendByCurlEnsureInitSem(void);
+
+/* Console commands. */
+uint32_t SendByCurlShow(void);
+uint32_t SendByCurlSetLogLevel(uint8_t byLevel);
+
+/* The module's result for an engine result. */
+ESendByCurlRet HttpCurlCodeToSendByCurlCode(ENvrHttpCurlCltRet eCltRet);
+/* The engine's completion callback of every asynchronous send. */
+uint32_t SendByCurlReqHttpCurlProgressNtf(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg,
+                                          ENvrHttpCurlCltRet eHttpCurlErrCode, void *pvContext);
+}
+
+#endif
