@@ -1,0 +1,68 @@
+# The library: one set of objects, a shared library that exports just its API, and a static
+# one through which tests reach every function and bring a platform of their own.
+
+set(NVRHTTPCURL_SELFTEST_URL
+    "https://192.168.0.200:3789/NVR/FCACheckTempNtf"
+    CACHE STRING "Endpoint of the sendbycurltest command when it is given none")
+
+add_library(
+  nvrhttpcurl_objects OBJECT
+  support/hcc_list.cpp
+  support/hcc_log.cpp
+  support/hcc_sem.cpp
+  support/hcc_tools.cpp
+  engine/httpcurlclient_checkuri.cpp
+  engine/httpcurlclient_execute.cpp
+  engine/httpcurlclient_instance.cpp
+  engine/httpcurlclient_request.cpp
+  engine/httpcurlclient_response.cpp
+  engine/httpcurlclient_wakeup.cpp
+  engine/httpcurlclt_worker.cpp
+  sendbycurl/sendbycurl_direct.cpp
+  sendbycurl/sendbycurl_engine.cpp
+  sendbycurl/sendbycurl_selftest.cpp
+  sendbycurl/sendbycurl_setup.cpp)
+set_target_properties(
+  nvrhttpcurl_objects
+  PROPERTIES CXX_STANDARD 17
+             CXX_STANDARD_REQUIRED ON
+             CXX_EXTENSIONS ON
+             CXX_VISIBILITY_PRESET hidden
+             VISIBILITY_INLINES_HIDDEN ON
+             POSITION_INDEPENDENT_CODE ON)
+# Without exceptions, RTTI and guarded statics nothing needs the C++ runtime. A definition
+# whose header was not included would silently lose its C linkage, hence the declarations.
+target_compile_options(nvrhttpcurl_objects PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                                                   -Wmissing-declarations)
+set_source_files_properties(
+  sendbycurl/sendbycurl_selftest.cpp PROPERTIES COMPILE_DEFINITIONS
+                                                NVRHTTPCURL_SELFTEST_URL="${NVRHTTPCURL_SELFTEST_URL}")
+target_include_directories(nvrhttpcurl_objects PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
+target_link_libraries(nvrhttpcurl_objects PRIVATE nvrhttpcurl_warnings CURL::libcurl PkgConfig::CJSON)
+
+add_library(nvrhttpcurl_static STATIC $<TARGET_OBJECTS:nvrhttpcurl_objects>)
+set_target_properties(nvrhttpcurl_static PROPERTIES OUTPUT_NAME nvrhttpcurl LINKER_LANGUAGE CXX)
+target_include_directories(nvrhttpcurl_static PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
+target_link_libraries(nvrhttpcurl_static PUBLIC CURL::libcurl PkgConfig::CJSON)
+
+# Linked with the C driver and without undefined symbols: whatever would need the C++
+# runtime fails the build here instead of pulling it in.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+set(exports ${PROJECT_SOURCE_DIR}/abi/exports.map)
+add_library(nvrhttpcurl SHARED $<TARGET_OBJECTS:nvrhttpcurl_objects>)
+set_target_properties(
+  nvrhttpcurl
+  PROPERTIES LINKER_LANGUAGE C
+             VERSION ${PROJECT_VERSION}
+             SOVERSION ${PROJECT_VERSION_MAJOR}
+             LINK_DEPENDS ${exports})
+target_include_directories(
+  nvrhttpcurl PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_link_options(nvrhttpcurl PRIVATE LINKER:-z,defs LINKER:--version-script=${exports})
+# osp and appbase: the host's, or the device's own where the host platform is not built.
+target_link_libraries(nvrhttpcurl PRIVATE osp appbase CURL::libcurl PkgConfig::CJSON)
+
+install(
+  TARGETS nvrhttpcurl
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/nvrhttpcurl DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
