@@ -1,0 +1,555 @@
+/*
+ * nvrhttp console, run as a program: its lines through a pipe and through a pseudo-terminal,
+ * against nvrhttp serve.
+ */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <initializer_list>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+/* How long a test waits for what has to come. It only costs time where something is lost. */
+constexpr std::chrono::seconds patience{60};
+
+const char *const self_test_text =
+    R"({"TaskId":1,"CheckTemp":"11","Operator":"qq","Remarks":"qq","TemperatureScale":1,"NVR MacAddress":"00-00-00-00-00-00"})";
+
+/* Reads what is there, waiting for something until the deadline; false at the end or the deadline. */
+bool ReadSome(int fd, std::string &text, Clock::time_point deadline)
+{
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd waiting{fd, POLLIN, 0};
+    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) <= 0) {
+        return false;
+    }
+    char part[4096];
+    ssize_t length = read(fd, part, sizeof(part));
+    if (length <= 0) {
+        return false;
+    }
+    text.append(part, static_cast<size_t>(length));
+    return true;
+}
+
+/* The exit status; -1 for a program that a signal ended or that had to be ended here. */
+int AwaitEnd(pid_t pid)
+{
+    const auto deadline = Clock::now() + patience;
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
+        usleep(10000);
+    }
+    if (ended == 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+[[noreturn]] void ExecProgram(const char *command, const char *option = nullptr)
+{
+    execl(NVRHTTP_PROGRAM, NVRHTTP_PROGRAM, command, option, static_cast<char *>(nullptr));
+    _exit(127);
+}
+
+/* A child with its standard input and output at our ends of two pipes. */
+struct PipedChild {
+    pid_t pid = -1;
+    int to = -1;
+    int from = -1;
+
+    explicit PipedChild(const char *command)
+    {
+        int input[2];
+        int output[2];
+        if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
+            ADD_FAILURE() << "no pipe";
+            return;
+        }
+        pid = fork();
+        if (pid == 0) {
+            dup2(input[0], STDIN_FILENO);
+            dup2(output[1], STDOUT_FILENO);
+            ExecProgram(command);
+        }
+        close(input[0]);
+        close(output[1]);
+        to = input[1];
+        from = output[0];
+    }
+
+    PipedChild(const PipedChild &) = delete;
+    PipedChild &operator=(const PipedChild &) = delete;
+
+    ~PipedChild()
+    {
+        CloseInput();
+        close(from);
+    }
+
+    void Write(const std::string &text) const
+    {
+        ASSERT_EQ(write(to, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+
+    void CloseInput()
+    {
+        if (to >= 0) {
+            close(to);
+        }
+        to = -1;
+    }
+};
+
+/* Source lines, addresses and times differ from build to build and run to run. */
+std::string Normalized(std::string line)
+{
+    line = std::regex_replace(line, std::regex(R"(\[L:[0-9]+\])"), "[L:#]");
+    line = std::regex_replace(line, std::regex("0x[0-9a-f]+"), "0x#");
+    line = std::regex_replace(line, std::regex(R"(compile time \{[A-Z][a-z]{2} [ 0-9]{2} [0-9]{4} [0-9:]{8}\})"),
+                              "compile time {#}");
+    return std::regex_replace(line, std::regex("sock:[0-9]+, port:4[0-9]{4}"), "sock:#, port:#");
+}
+
+std::vector<std::string> Lines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    size_t begin = 0;
+    while (begin < text.size()) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        lines.push_back(Normalized(text.substr(begin, end - begin)));
+        begin = end + 1;
+    }
+    return lines;
+}
+
+/* The lines of these functions, in their order. */
+std::vector<std::string> LinesOf(const std::set<std::string> &functions, const std::string &text)
+{
+    std::vector<std::string> found;
+    for (const std::string &line : Lines(text)) {
+        if (functions.count(line.substr(0, line.find('['))) != 0) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+/* What NvrHttpCurlCltshow prints while nothing is under way. */
+std::vector<std::string> IdleEngineListing()
+{
+    std::vector<std::string> lines{
+        "NvrHttpCurlCltshow[L:#] inst[0] 0x#, dwAsyncReqNum 0, dwAsyncReqMaxNum 1024, dwTaskNum 8"};
+    for (int task = 0; task < 8; task++) {
+        const std::string number = std::to_string(task);
+        lines.push_back("NvrHttpCurlCltshow[L:#] >Task[" + number + "]{NvrHttpCurlClt000" + number +
+                        "}, UdpMonitorSock{bInit:1, sock:#, port:#}, ptCurlMultiHandle{0x#}");
+        lines.push_back("NvrHttpCurlCltshow[L:#] >RunList{0}, FinList{0}");
+    }
+    return lines;
+}
+
+const std::vector<std::string> help_lines{
+    "  NvrHttpCurlCltshow           list the engine's instances and workers",
+    "  NvrHttpCurlCltver            show the engine's version",
+    "  help                         list the commands",
+    "  quit                         leave; the end of the input does the same",
+    "  sendbycurlsetlog LEVEL       where the library's lines go: 1 debug log, 2 console, 3 both",
+    "  sendbycurlshow               list the asynchronous posts that are not notified yet",
+    "  sendbycurltest [MODE [URL]]  post a test text to URL (63 characters at most): MODE 1 asynchronously, else and "
+    "wait",
+};
+
+class Console : public testing::Test
+{
+  protected:
+    Console()
+    {
+        for (const char *name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy",
+                                 "NO_PROXY", "HTTP_PROXY"}) {
+            unsetenv(name);
+        }
+        char folder[] = "/tmp/console_test.XXXXXX";
+        if (mkdtemp(folder) != nullptr) {
+            log_folder = folder;
+        }
+        setenv("NVRHTTPCURL_LOG_DIR", log_folder.c_str(), 1);
+        signal(SIGPIPE, SIG_IGN);
+    }
+
+    ~Console() override
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(log_folder, ignored);
+    }
+
+    /* All that the console prints for these lines, which need not end with "quit". */
+    std::string Run(const std::string &input)
+    {
+        PipedChild console("console");
+        const auto deadline = Clock::now() + patience;
+        std::string output;
+        console.Write(input);
+        console.CloseInput();
+        while (ReadSome(console.from, output, deadline)) {
+        }
+        exit_status = AwaitEnd(console.pid);
+        return output;
+    }
+
+    int exit_status = -1;
+    std::string log_folder;
+};
+
+/* With nvrhttp serve beside it. */
+class ConsoleWithServer : public Console
+{
+  protected:
+    ConsoleWithServer() : server("serve")
+    {
+        const auto deadline = Clock::now() + patience;
+        while (url.find('\n') == std::string::npos && ReadSome(server.from, url, deadline)) {
+        }
+        url.erase(url.find_last_not_of('\n') + 1);
+    }
+
+    ~ConsoleWithServer() override
+    {
+        kill(server.pid, SIGTERM);
+        EXPECT_EQ(AwaitEnd(server.pid), 0);
+    }
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(std::regex_match(url, std::regex(R"(http://127\.0\.0\.1:[0-9]+/)"))) << url;
+    }
+
+    std::string url;
+
+  private:
+    PipedChild server;
+};
+
+/* The console on a pseudo-terminal. */
+class ConsoleOnTerminal : public ConsoleWithServer
+{
+  protected:
+    ConsoleOnTerminal()
+    {
+        winsize size{};
+        size.ws_col = 200;
+        size.ws_row = 50;
+        setenv("TERM", "xterm", 1);
+        pid = forkpty(&terminal, nullptr, nullptr, &size);
+        if (pid == 0) {
+            ExecProgram("console");
+        }
+        Expect("nvrhttp> ");
+    }
+
+    ~ConsoleOnTerminal() override
+    {
+        close(terminal);
+    }
+
+    void Type(const std::string &keys)
+    {
+        ASSERT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+
+    /* Waits until the text comes, and forgets all up to its end. Returns what came before it. */
+    std::string Expect(const std::string &text)
+    {
+        const auto deadline = Clock::now() + patience;
+        size_t at = 0;
+        while ((at = pending.find(text)) == std::string::npos) {
+            if (!ReadSome(terminal, pending, deadline)) {
+                ADD_FAILURE() << "\"" << text << "\" did not come after:\n" << pending;
+                return "";
+            }
+        }
+        std::string before = pending.substr(0, at);
+        pending.erase(0, at + text.size());
+        return before;
+    }
+
+    /* Types a line and returns what the console prints until it prompts again. */
+    std::string RunOnTerminal(const std::string &line)
+    {
+        Type(line + "\r");
+        Expect("\r\n");
+        return std::regex_replace(Expect("nvrhttp> "), std::regex("\r"), "");
+    }
+
+    int EndStatus()
+    {
+        const auto deadline = Clock::now() + patience;
+        while (ReadSome(terminal, pending, deadline)) {
+        }
+        return AwaitEnd(pid);
+    }
+
+    pid_t pid = -1;
+    int terminal = -1;
+    std::string pending;
+};
+
+} // namespace
+
+TEST_F(ConsoleWithServer, AllFiveCommandsThroughAPipe)
+{
+    const std::string output = Run("sendbycurlsetlog 2\nsendbycurltest 0 " + url +
+                                   "\nsendbycurlshow\nNvrHttpCurlCltshow\nNvrHttpCurlCltver\nquit\n");
+
+    std::vector<std::string> expected{
+        "SendByCurlSetLogLevel[L:#] Log level 2",
+        "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(self_test_text),
+        "Qelvo_SendStrByHttp[L:#] eSyncMode:0 [0:Sync 1:ASync]",
+        "Qelvo_SyncSendStrByHttpCurl[L:#] In Qelvo_SyncSendStr ByHttpCurl",
+        "Qelvo_SendStrByHttp[L:#] Qelvo_SyncSendStrByHttpCurl Success!",
+        "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
+        "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(self_test_text),
+        "SendByCurlShow[L:#] ------------------------Show End------------------------",
+    };
+    for (const std::string &line : IdleEngineListing()) {
+        expected.push_back(line);
+    }
+    expected.push_back("_NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}");
+    EXPECT_EQ(LinesOf({"SendByCurlSetLogLevel", "sendbycurltest", "Qelvo_SendStrByHttp", "Qelvo_SyncSendStrByHttpCurl",
+                       "SendByCurlShow", "NvrHttpCurlCltshow", "_NvrHttpCurlCltShowVersion"},
+                      output),
+              expected);
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, HelpListsEveryCommand)
+{
+    EXPECT_EQ(Lines(Run("help\n")), help_lines);
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, AnUnknownCommandGetsOneLineAndTheLoopGoesOn)
+{
+    EXPECT_EQ(Lines(Run("nonsense 1 2\nSENDBYCURLSHOW\nsendbycurlsetlog 2\n")),
+              (std::vector<std::string>{
+                  "nonsense: no such command; \"help\" lists them",
+                  "SENDBYCURLSHOW: no such command; \"help\" lists them",
+                  "SendByCurlSetLogLevel[L:#] Log level 2",
+              }));
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
+{
+    EXPECT_EQ(Lines(Run("sendbycurlsetlog 2\n"
+                        "sendbycurlsetlog\n"
+                        "sendbycurlsetlog two\n"
+                        "sendbycurlsetlog \"2\"\n"
+                        "sendbycurlsetlog 256\n"
+                        "sendbycurlsetlog -1\n"
+                        "sendbycurlsetlog 1 2\n"
+                        "sendbycurltest http://127.0.0.1/\n"
+                        "sendbycurltest 99999999999999999999 http://127.0.0.1/\n"
+                        "sendbycurltest 0 0x7f000001\n"
+                        "sendbycurltest 0 \"http://127.0.0.1/\n"
+                        "sendbycurlshow 1\n"
+                        "NvrHttpCurlCltshow all\n"
+                        "NvrHttpCurlCltver 1 2 3 4 5 6 7\n"
+                        "help me\n"
+                        "quit now\n"
+                        "nonsense 1 2 3 4 5 6 7\n"
+                        "sendbycurlsetlog 0x2\n")),
+              (std::vector<std::string>{
+                  "SendByCurlSetLogLevel[L:#] Log level 2",
+                  "sendbycurlsetlog: LEVEL is missing; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"two\"; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"2\"; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"256\"; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"-1\"; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurlsetlog: too many arguments; usage: sendbycurlsetlog LEVEL",
+                  "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not \"http://127.0.0.1/\"; "
+                  "usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not "
+                  "\"99999999999999999999\"; usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
+                  "a quote is not closed: sendbycurltest 0 \"http://127.0.0.1/",
+                  "sendbycurlshow: too many arguments; usage: sendbycurlshow",
+                  "NvrHttpCurlCltshow: too many arguments; usage: NvrHttpCurlCltshow",
+                  "NvrHttpCurlCltver: too many arguments; usage: NvrHttpCurlCltver",
+                  "help: too many arguments; usage: help",
+                  "quit: too many arguments; usage: quit",
+                  "nonsense: more than six arguments",
+                  "SendByCurlSetLogLevel[L:#] Log level 2",
+              }));
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, ALevelThatTheModuleRefusesIsTold)
+{
+    EXPECT_EQ(Lines(Run("sendbycurlsetlog 0\nsendbycurlsetlog 4\nsendbycurlsetlog 2\nsendbycurlsetlog 255\n")),
+              (std::vector<std::string>{
+                  "[SendCurl] SendByCurlSetLogLevel[L:#][Error] invalid level 0",
+                  "[SendCurl] SendByCurlSetLogLevel[L:#][Error] invalid level 4",
+                  "SendByCurlSetLogLevel[L:#] Log level 2",
+                  "SendByCurlSetLogLevel[L:#][Error] invalid level 255",
+              }));
+}
+
+TEST_F(Console, TheListingsAreNotOnTheConsoleUntilTheLogIs)
+{
+    EXPECT_EQ(Run("sendbycurlshow\nNvrHttpCurlCltshow\n"), "");
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, QuitLeavesTheRestUnread)
+{
+    EXPECT_EQ(Lines(Run("sendbycurlsetlog 2\nquit\nsendbycurlsetlog 3\n")),
+              (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, BlankLinesSayNothingAndTheLastLineNeedsNoNewline)
+{
+    EXPECT_EQ(
+        Lines(Run("\n  \t \n\r\nsendbycurlsetlog 2\r\n  sendbycurlsetlog 3")),
+        (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2", "SendByCurlSetLogLevel[L:#] Log level 3"}));
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(Console, EachAnswerIsThereBeforeTheNextCommand)
+{
+    PipedChild console("console");
+    const auto deadline = Clock::now() + patience;
+
+    for (int round = 0; round < 3; round++) {
+        std::string answer;
+        console.Write("nonsense\n");
+        while (answer.find('\n') == std::string::npos && ReadSome(console.from, answer, deadline)) {
+        }
+        EXPECT_EQ(answer, "nonsense: no such command; \"help\" lists them\n");
+    }
+    console.CloseInput();
+    EXPECT_EQ(AwaitEnd(console.pid), 0);
+}
+
+TEST_F(ConsoleWithServer, LeavingWaitsForAnAsynchronousAnswer)
+{
+    const std::string output = Run("sendbycurlsetlog 2\nsendbycurltest 1 " + url + "delay/1000\nquit\n");
+
+    EXPECT_EQ(LinesOf({"sendbycurltest", "SendByCurlReqProgressNtf",
+                       "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)"},
+                      output),
+              (std::vector<std::string>{
+                  "sendbycurltest[L:#] --99--eSyncMode:1 achSendBuf[118]: " + std::string(self_test_text),
+                  "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
+                  "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)",
+                  "SendByCurlReqProgressNtf[L:#] eErrCode:0",
+                  "SendByCurlReqProgressNtf[L:#] pvContext:" + std::string(self_test_text),
+                  "SendByCurlReqProgressNtf[L:#] End-------------------------------",
+              }));
+    EXPECT_EQ(output.find("SendByCurlShow"), std::string::npos) << output;
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(ConsoleWithServer, LeavingWaitsAlsoWhereTheLogIsNotOnTheConsole)
+{
+    EXPECT_EQ(Run("sendbycurltest 1 " + url + "delay/1000\n"),
+              "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n");
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(ConsoleWithServer, LeavingWaitsNoLongerThanTold)
+{
+    EXPECT_EQ(Run("sendbycurltest 1 " + url + "delay/60000\nquit\n"),
+              "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n"
+              "no answer came\n");
+    EXPECT_EQ(exit_status, 0);
+}
+
+TEST_F(ConsoleWithServer, ShowListsAPostUntilItIsNotified)
+{
+    const std::string output = Run("sendbycurltest 1 " + url + "delay/3000\nsendbycurlsetlog 2\nsendbycurlshow\n");
+
+    EXPECT_EQ(LinesOf({"SendByCurlShow"}, output),
+              (std::vector<std::string>{
+                  "SendByCurlShow[L:#] --------------------------[0]--------------------------",
+                  "SendByCurlShow[L:#] [0] bUseFlag:1, g_pfNtf:0x#, ptReq:0x#",
+                  "SendByCurlShow[L:#] ------------------------Show End------------------------",
+              }));
+    EXPECT_EQ(LinesOf({"SendByCurlReqProgressNtf"}, output).size(), 3U) << output;
+}
+
+TEST_F(ConsoleOnTerminal, AllFiveCommandsHelpAndQuit)
+{
+    EXPECT_EQ(Lines(RunOnTerminal("sendbycurlsetlog 2")),
+              (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
+    EXPECT_EQ(LinesOf({"sendbycurltest"}, RunOnTerminal("sendbycurltest 0 " + url)),
+              (std::vector<std::string>{
+                  "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(self_test_text),
+                  "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
+                  "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(self_test_text),
+              }));
+    EXPECT_EQ(
+        Lines(RunOnTerminal("sendbycurlshow")),
+        (std::vector<std::string>{"SendByCurlShow[L:#] ------------------------Show End------------------------"}));
+    EXPECT_EQ(Lines(RunOnTerminal("NvrHttpCurlCltshow")), IdleEngineListing());
+    EXPECT_EQ(Lines(RunOnTerminal("NvrHttpCurlCltver")),
+              (std::vector<std::string>{"_NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}"}));
+    EXPECT_EQ(Lines(RunOnTerminal("help")), help_lines);
+    EXPECT_EQ(RunOnTerminal("nonsense"), "nonsense: no such command; \"help\" lists them\n");
+    EXPECT_EQ(RunOnTerminal("sendbycurlsetlog"), "sendbycurlsetlog: LEVEL is missing; usage: sendbycurlsetlog LEVEL\n");
+    Type("quit\r");
+    EXPECT_EQ(EndStatus(), 0);
+}
+
+TEST_F(ConsoleOnTerminal, TabCompletesACommandInAnyCase)
+{
+    EXPECT_EQ(Lines(RunOnTerminal("nVrHttpCurlCltv\t")),
+              (std::vector<std::string>{"[SendCurl] _NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}"}));
+    EXPECT_EQ(RunOnTerminal("q\tnow"), "quit: too many arguments; usage: quit\n");
+}
+
+TEST_F(ConsoleOnTerminal, TabListsWhatTheWordMayBecome)
+{
+    Type("sen\t\t");
+    Expect("sendbycurlsetlog\r\nsendbycurlshow\r\nsendbycurltest\r\n");
+    Expect("nvrhttp> ");
+    EXPECT_EQ(Lines(RunOnTerminal("setl\t2")), (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
+}
+
+TEST_F(ConsoleOnTerminal, ALineCanBeEditedAndCalledBack)
+{
+    const std::string left = "\033[D";
+    const std::string up = "\033[A";
+
+    EXPECT_EQ(RunOnTerminal("nonXsense" + left + left + left + left + left + "\177"),
+              "nonsense: no such command; \"help\" lists them\n");
+    EXPECT_EQ(RunOnTerminal("other"), "other: no such command; \"help\" lists them\n");
+    EXPECT_EQ(RunOnTerminal(up + up), "nonsense: no such command; \"help\" lists them\n");
+}
+
+TEST_F(ConsoleOnTerminal, EndOfInputLeaves)
+{
+    Type("\004");
+    EXPECT_EQ(EndStatus(), 0);
+}

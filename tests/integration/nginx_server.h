@@ -1,0 +1,65 @@
+/*
+ * A real nginx in a folder of its own, on free loopback ports, for as long as the object
+ * lives. It needs no privileges and changes nothing outside of that folder.
+ *
+ *   /echo        200 with the request's body
+ *   /auth        the same behind Basic authentication, see user and password
+ *   /status/404  404, likewise 500, with a text
+ *   /slow        as /echo, a second later
+ */
+#ifndef TESTS_INTEGRATION_NGINX_SERVER_H
+#define TESTS_INTEGRATION_NGINX_SERVER_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "common.h"
+
+class NginxServer
+{
+  public:
+    static constexpr const char *user = "recorder";
+    static constexpr const char *password = "open-sesame";
+
+    NginxServer();
+    ~NginxServer();
+    NginxServer(const NginxServer &) = delete;
+    NginxServer &operator=(const NginxServer &) = delete;
+
+    bool IsRunning() const;
+    /* Why it is not running. */
+    const std::string &Problem() const;
+
+    /* The plain port, addressed with whatever scheme. */
+    std::string Http(const std::string &path, const std::string &scheme = "http") const;
+    /* The TLS port, whose certificate nobody has signed but its own key. */
+    std::string Https(const std::string &path, const std::string &scheme = "https") const;
+
+    /* The error log so far; handshakes that a client breaks off are in it. */
+    std::string ErrorLog() const;
+
+  private:
+    bool MakeCertificate();
+    bool WriteConfiguration(const std::string &modulesFolder);
+    bool Launch(int plainSocket, int tlsSocket);
+    bool Answers() const;
+    void Stop();
+
+    std::string folder;
+    std::string problem;
+    pid_t process = -1;
+    uint16_t plainPort = 0;
+    uint16_t tlsPort = 0;
+};
+
+/* Base of the cases that need one. */
+class NginxTest : public common::IntegrationTest
+{
+  protected:
+    void SetUp() override;
+    NginxServer nginx;
+};
+
+#endif

@@ -1,0 +1,95 @@
+#include "sends.h"
+
+#include <cstring>
+
+#include "common.h"
+
+namespace sends
+{
+
+TSendByCurlParam Param(const std::string &url, const std::string &body, char *answer, uint32_t capacity)
+{
+    TSendByCurlParam param{};
+    param.pchURL = url.c_str();
+    param.pchSendBuf = body.data();
+    param.dwSendLen = static_cast<uint32_t>(body.size());
+    param.dwConnTimeOutMS = 60000;
+    param.dwTimeoutMS = 60000;
+    param.dwMaxRecvLen = capacity;
+    param.pchRecvBuf = answer;
+    return param;
+}
+
+Outcome SendAndWait(const std::string &url, const std::string &body, uint32_t capacity)
+{
+    std::vector<char> answer(size_t{capacity} + 1, '\0');
+    TSendByCurlParam param = Param(url, body, answer.data(), capacity);
+    const ESendByCurlRet result = Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC);
+    return {result, param.dwRecvLen, std::string(answer.data())};
+}
+
+Batch::Batch(size_t count) : entries(count)
+{
+    for (Entry &entry : entries) {
+        memset(entry.answer, 0, sizeof(entry.answer));
+        entry.notifications.store(0);
+        entry.total = &total;
+    }
+}
+
+uint32_t Batch::OnEnd(ESendByCurlRet eErrCode, void *pvContext)
+{
+    Entry *entry = static_cast<Entry *>(pvContext);
+    entry->result = eErrCode;
+    entry->notifications.fetch_add(1);
+    entry->total->fetch_add(1);
+    return 0;
+}
+
+ESendByCurlRet Batch::Send(size_t index, const TSendByCurlParam &param)
+{
+    TSendByCurlParam own = param;
+    own.pchRecvBuf = entries[index].answer;
+    own.pfNtf = OnEnd;
+    return Qelvo_SendStrByHttp(&own, SENDBYCURL_MODE_ASYNC);
+}
+
+ESendByCurlRet Batch::Send(size_t index, const std::string &url, const std::string &body)
+{
+    TSendByCurlParam param = Param(url, body, entries[index].answer, sizeof(entries[index].answer));
+    param.dwTimeoutMS = timeout;
+    return Send(index, param);
+}
+
+void Batch::SetTimeout(uint32_t milliseconds)
+{
+    timeout = milliseconds;
+}
+
+size_t Batch::Total() const
+{
+    return total.load();
+}
+
+bool Batch::WaitFor(size_t count) const
+{
+    return common::WaitUntil([this, count] { return total.load() >= count; });
+}
+
+uint32_t Batch::Notifications(size_t index) const
+{
+    return entries[index].notifications.load();
+}
+
+ESendByCurlRet Batch::Result(size_t index) const
+{
+    return entries[index].result;
+}
+
+std::string Batch::Answer(size_t index) const
+{
+    const Entry &entry = entries[index];
+    return std::string(entry.answer, strnlen(entry.answer, sizeof(entry.answer)));
+}
+
+} // namespace sends

@@ -1,0 +1,74 @@
+/*
+ * Sends through the send module, with books on what each was told.
+ */
+#ifndef TESTS_INTEGRATION_SENDS_H
+#define TESTS_INTEGRATION_SENDS_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "nvrhttpcurl/sendbycurl.h"
+
+namespace sends
+{
+
+/*
+ * A zeroed record with URL, body and answer buffer set and a minute for both time-outs. It
+ * points into the texts, hence none may be a temporary.
+ */
+TSendByCurlParam Param(const std::string &url, const std::string &body, char *answer, uint32_t capacity);
+TSendByCurlParam Param(std::string &&url, const std::string &body, char *answer, uint32_t capacity) = delete;
+TSendByCurlParam Param(const std::string &url, std::string &&body, char *answer, uint32_t capacity) = delete;
+TSendByCurlParam Param(std::string &&url, std::string &&body, char *answer, uint32_t capacity) = delete;
+
+/* A synchronous send with all that comes back. */
+struct Outcome {
+    ESendByCurlRet result;
+    uint32_t length;    /* dwRecvLen afterwards */
+    std::string answer; /* up to the terminator */
+};
+Outcome SendAndWait(const std::string &url, const std::string &body, uint32_t capacity = 4096);
+
+/*
+ * Asynchronous sends. Each has a buffer of its own and a count of its notifications. It
+ * must outlive every send that was accepted.
+ */
+class Batch
+{
+  public:
+    explicit Batch(size_t count);
+
+    /* Send number index; it may be changed before through the record. */
+    ESendByCurlRet Send(size_t index, const TSendByCurlParam &param);
+    ESendByCurlRet Send(size_t index, const std::string &url, const std::string &body);
+    /* The time-out of the sends from here on. */
+    void SetTimeout(uint32_t milliseconds);
+
+    /* Notifications in all. */
+    size_t Total() const;
+    /* Waits for that many notifications in all. */
+    bool WaitFor(size_t total) const;
+    uint32_t Notifications(size_t index) const;
+    /* Of a send that has been notified. */
+    ESendByCurlRet Result(size_t index) const;
+    std::string Answer(size_t index) const;
+
+  private:
+    struct Entry {
+        char answer[512]; /* first: its address is the context */
+        std::atomic<uint32_t> notifications;
+        ESendByCurlRet result;
+        std::atomic<size_t> *total;
+    };
+    static uint32_t OnEnd(ESendByCurlRet eErrCode, void *pvContext);
+
+    std::vector<Entry> entries;
+    std::atomic<size_t> total{0};
+    uint32_t timeout = 60000;
+};
+
+} // namespace sends
+
+#endif
