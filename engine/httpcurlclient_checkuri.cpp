@@ -61,7 +61,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltCheckUri(const char *szUri, uint32_t dwConnTime
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] invalid arg, szUri %p\n", HCCLogPtr(szUri));
         return NVRHTTPCURLCLT_FAILED;
     }
-    CURL *ptEasy = NvrHttpCurlCltEasyInit();
+    CURL *ptEasy = _NvrHttpCurlCltEasyInit();
     if (ptEasy == nullptr) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] curl_easy_init fail.\n");
         return NVRHTTPCURLCLT_FAILED;

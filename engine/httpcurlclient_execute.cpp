@@ -8,9 +8,9 @@
  * releases it.
  *
  * Who owns a node: the list that it is in, or the thread that has taken it out. A thread
- * that has queued a node must not touch it, nor its request, again: the worker may have
- * completed it and the callback's side destroyed it before the insertion's lock was given
- * back. The task outlives both.
+ * that has queued a node must not touch it, nor its request, once it gives hRunLock back: the
+ * worker may have completed it, and the callback's side destroyed it, before that call has
+ * returned. The task outlives both.
  *
  * Locks. hRunLock and hFinLock of a task are never held together. hAsyncReqNumLock is
  * taken alone or inside one of them. No lock is held while the worker is woken.
@@ -112,10 +112,10 @@ static ENvrHttpCurlCltRet DropUnqueued(TNvrHttpCurlCltAsyncNode *ptNode, uint32_
 }
 
 /*
- * Takes the request's node out of its task's finish list. Null, with the told loss, where
- * it is not there, which is so while the request is still running: the element of the last
- * list node looked at is released although the list goes on holding it. Callers are told
- * never to come here.
+ * Takes the request's node out of its task's finish list. Null where it is not there, which
+ * is so while the request is still running. Deliberately, the element of the last list node
+ * looked at is then released although the list goes on holding it: docs/contracts.md tells
+ * callers never to submit a running request.
  */
 static TNvrHttpCurlCltAsyncNode *TakeFinished(TNvrHttpCurlCltTask *ptTask, const TNvrHttpCurlCltReqInner *ptReqIn)
 {

@@ -8,6 +8,7 @@
  *   [fin]      under the task's hFinLock
  *   [num]      under the instance's hAsyncReqNumLock
  *   [relaxed]  through HCCLoadRelaxed and HCCStoreRelaxed, on both sides
+ *   [release]  through HCCStoreRelease and HCCLoadAcquire: announces the record's [init] fields
  *   [owner]    the thread that the request belongs to: its creator, or the worker between
  *              submission and callback
  */
@@ -45,7 +46,7 @@ typedef struct TNvrHttpCurlCltTask {
 } TNvrHttpCurlCltTask;
 
 typedef struct TNvrHttpCurlCltInst {
-    uint32_t bInited;             /* [relaxed] 0 free, 1 usable; raised as Init's last step */
+    uint32_t bInited;             /* [release] 0 free, 1 usable; raised as Init's last step */
     TNvrHttpCurlCltMemCB tMemCB;  /* [init] */
     TNvrHttpCurlCltTask *atTasks; /* [init] null without tasks */
     uint32_t dwTaskNum;           /* [init] tasks whose set-up has begun */
@@ -75,7 +76,7 @@ typedef struct TNvrHttpCurlCltReqInner {
 
 /*
  * Bookkeeping of a request from its first asynchronous submission to its destruction. It
- * is in at most one list at a time and belongs to whoever took it out of one.
+ * is in at most one list at a time, but after a carried-over completion, and belongs to whoever took it out of one.
  */
 typedef struct TNvrHttpCurlCltAsyncNode {
     TNvrHttpCurlCltReqInner *ptReqIn; /* the search key in both lists */
@@ -89,7 +90,7 @@ extern TNvrHttpCurlCltInst g_tNvrHttpCurlCltCont[NVRHTTPCURLCLT_MAX_INSTANCES];
 
 /*
  * Serialises curl_easy_init. Every Init replaces it and none is ever deleted, so read it
- * once per use: NvrHttpCurlCltEasyInit does.
+ * once per use: _NvrHttpCurlCltEasyInit does.
  */
 extern HOspSem g_sEasyInitLocker;
 
@@ -113,7 +114,7 @@ void _NvrHttpCurlClt_SocketNotify(int32_t nSock, uint16_t wPort);
 /* Requests: httpcurlclient_request.cpp */
 
 /* curl_easy_init under the engine's lock, which it creates where no instance has. Null if libcurl gave none. */
-CURL *NvrHttpCurlCltEasyInit(void);
+CURL *_NvrHttpCurlCltEasyInit(void);
 /* Releases a request record and all it owns; null does nothing. */
 void _FreeTNvrHttpCurlCltReqInner(TNvrHttpCurlCltReqInner *ptReqIn);
 

@@ -45,7 +45,7 @@ static void PrintInvalidInitArg(const TNvrHttpCurlCltInitParam *ptInitParam, con
 static TNvrHttpCurlCltInst *FindFreeSlot()
 {
     for (TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        if (HCCLoadRelaxed(&tInst.bInited) == 0) {
+        if (HCCLoadAcquire(&tInst.bInited) == 0) {
             return &tInst;
         }
     }
@@ -166,7 +166,7 @@ static ENvrHttpCurlCltRet SetUpLocks(TNvrHttpCurlCltInst *ptInst)
         HCC_LOG_AS(s_szInit, HCC_LEVEL_ERROR, "[Error] g_sEasyInitLocker create failed, dwII %u\n", ptInst->dwTaskNum);
         return NVRHTTPCURLCLT_FAILED;
     }
-    __atomic_store_n(&g_sEasyInitLocker, hLocker, __ATOMIC_RELEASE);
+    HCCStoreRelease(&g_sEasyInitLocker, hLocker);
     return NVRHTTPCURLCLT_OK;
 }
 
@@ -199,7 +199,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltInit(const TNvrHttpCurlCltInitParam *ptInitPara
 
     HCCStoreRelaxed(&ptInst->dwAsyncReqNum, 0U);
     ptInst->dwAsyncReqMaxNum = ptInitParam->dwMaxAsycReqNum;
-    HCCStoreRelaxed(&ptInst->bInited, 1U);
+    HCCStoreRelease(&ptInst->bInited, 1U);
     *phResult = ptInst;
     return NVRHTTPCURLCLT_OK;
 }
@@ -210,7 +210,7 @@ void NvrHttpCurlCltUninit(HNvrHttpCurlCltInst hInstance)
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] invalid arg, hInstance %p\n", HCCLogPtr(hInstance));
         return;
     }
-    if (HCCLoadRelaxed(&hInstance->bInited) == 0) {
+    if (HCCLoadAcquire(&hInstance->bInited) == 0) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] invalid arg, hInstance %p NOT inited\n", HCCLogPtr(hInstance));
         return;
     }
@@ -312,7 +312,7 @@ void _NvrHttpCurlCltCleanup(TNvrHttpCurlCltInst *ptInst)
     ptInst->dwTaskNum = 0;
     HCCStoreRelaxed(&ptInst->dwAsyncReqNum, 0U);
     ptInst->dwAsyncReqMaxNum = 0;
-    HCCStoreRelaxed(&ptInst->bInited, 0U);
+    HCCStoreRelease(&ptInst->bInited, 0U);
 }
 
 uint32_t _NvrHttpCurlCltShowVersion(void)
@@ -335,7 +335,7 @@ static void ShowTask(const TNvrHttpCurlCltTask *ptTask, uint32_t dwII)
 uint32_t NvrHttpCurlCltshow(void)
 {
     for (const TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        if (HCCLoadRelaxed(&tInst.bInited) == 0) {
+        if (HCCLoadAcquire(&tInst.bInited) == 0) {
             continue;
         }
         HCC_LOG(HCC_LEVEL_SHOW, " inst[%d] %p, dwAsyncReqNum %u, dwAsyncReqMaxNum %u, dwTaskNum %u\n",

@@ -36,7 +36,7 @@ static bool IsInstanceSlot(const TNvrHttpCurlCltInst *ptInst)
     return false;
 }
 
-CURL *NvrHttpCurlCltEasyInit(void)
+CURL *_NvrHttpCurlCltEasyInit(void)
 {
     /* Another Init may replace the lock at any time: the one taken is the one given back. */
     HOspSem hLocker = HCCSemEnsure(&g_sEasyInitLocker);
@@ -70,7 +70,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltReqCreat(HNvrHttpCurlCltInst hInstance, HNvrHtt
     }
     NVRHCCMemzero(ptReqIn, sizeof(*ptReqIn));
     ptReqIn->ptInstance = hInstance;
-    ptReqIn->ptReq = NvrHttpCurlCltEasyInit();
+    ptReqIn->ptReq = _NvrHttpCurlCltEasyInit();
     if (ptReqIn->ptReq == nullptr) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] curl_easy_init failed.\n");
         _FreeTNvrHttpCurlCltReqInner(ptReqIn);
@@ -169,14 +169,13 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetAuthType(HNvrHttpCurlCltReq hReq, uint32_t b
     return NVRHTTPCURLCLT_OK;
 }
 
-/* Appends a line. Without memory for it the lines so far are gone too, and the list is empty. */
+/*
+ * Appends a line. The result is stored as it is: without memory for the line the request
+ * forgets the lines so far. They are not released, since libcurl may have been given them.
+ */
 static void AppendHeaderLine(TNvrHttpCurlCltReqInner *ptReqIn, const char *szLine)
 {
-    struct curl_slist *ptBefore = ptReqIn->ptHeaderList;
-    ptReqIn->ptHeaderList = curl_slist_append(ptBefore, szLine);
-    if (ptReqIn->ptHeaderList == nullptr) {
-        curl_slist_free_all(ptBefore);
-    }
+    ptReqIn->ptHeaderList = curl_slist_append(ptReqIn->ptHeaderList, szLine);
 }
 
 ENvrHttpCurlCltRet NvrHttpCurlCltSetReqHeader(HNvrHttpCurlCltReq hReq, const char *szName, const char *szValue)

@@ -33,8 +33,6 @@
 #include "support/hcc_log.h"
 
 static const char s_szRoutine[] = "_NvrHttpCurlCltWorkerRoutine";
-static const char s_szPerform[] = "_NvrHttpCurlClt_CurlPerformAndReadInfo";
-static const char s_szPerformEx[] = "_NvrHttpCurlClt_CurlPerformAndReadInfoEx";
 
 enum { WAIT_MS = 50, REST_MS = 2, WAKEUP_BUFFER_BYTES = 256 };
 
@@ -49,6 +47,7 @@ typedef struct TWorker {
 /* What the completions of one call share. */
 typedef struct TCompletion {
     const char *szFunc; /* the entry point, for the log */
+    bool bNameError;    /* its line of a failed transfer tells libcurl's text */
     CURLM *ptMulti;
     TNvrHttpCurlCltTask *ptTask;
     bool bFound;                      /* some message of this call matched; never lowered */
@@ -100,14 +99,15 @@ static void FinishAndNotify(TNvrHttpCurlCltTask *ptTask, TNvrHttpCurlCltAsyncNod
 }
 
 /* The one difference between the two entry points. */
-static void LogFailedTransfer(const char *szFunc, const CURL *ptEasy, CURLcode eResult, ENvrHttpCurlCltRet eCltErrCode)
+static void LogFailedTransfer(const TCompletion *ptDone, const CURL *ptEasy, CURLcode eResult,
+                              ENvrHttpCurlCltRet eCltErrCode)
 {
-    if (szFunc == s_szPerformEx) {
-        HCC_LOG_AS(szFunc, HCC_LEVEL_ERROR,
+    if (ptDone->bNameError) {
+        HCC_LOG_AS(ptDone->szFunc, HCC_LEVEL_ERROR,
                    "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n",
                    HCCLogPtr(ptEasy), eResult, curl_easy_strerror(eResult), eCltErrCode, NVRHTTPCURLCLT_PROGRESS_ERROR);
     } else {
-        HCC_LOG_AS(szFunc, HCC_LEVEL_ERROR, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n",
+        HCC_LOG_AS(ptDone->szFunc, HCC_LEVEL_ERROR, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n",
                    HCCLogPtr(ptEasy), eResult, eCltErrCode, NVRHTTPCURLCLT_PROGRESS_ERROR);
     }
 }
@@ -119,7 +119,7 @@ static void Complete(TCompletion *ptDone, CURL *ptEasy, CURLcode eResult)
     if (eResult != CURLE_OK) {
         eProg = NVRHTTPCURLCLT_PROGRESS_ERROR;
         eCltErrCode = __NvrHttpCurlClt_CurlErrCode2Clt(eResult);
-        LogFailedTransfer(ptDone->szFunc, ptEasy, eResult, eCltErrCode);
+        LogFailedTransfer(ptDone, ptEasy, eResult, eCltErrCode);
     }
 
     const CURLMcode eCode = curl_multi_remove_handle(ptDone->ptMulti, ptEasy);
@@ -137,7 +137,7 @@ static void Complete(TCompletion *ptDone, CURL *ptEasy, CURLcode eResult)
     }
 }
 
-static void PerformAndReadInfo(const char *szFunc, CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask)
+static void PerformAndReadInfo(const char *szFunc, bool bNameError, CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask)
 {
     int nStillRunning = 0;
     const CURLMcode eCode = curl_multi_perform(ptMulti, &nStillRunning);
@@ -148,7 +148,7 @@ static void PerformAndReadInfo(const char *szFunc, CURLM *ptMulti, TNvrHttpCurlC
     }
     HCC_LOG_AS(szFunc, HCC_LEVEL_INFO, " >>still_running %d\n", nStillRunning);
 
-    TCompletion tDone = {szFunc, ptMulti, ptTask, false, nullptr};
+    TCompletion tDone = {szFunc, bNameError, ptMulti, ptTask, false, nullptr};
     int nMsgsLeft = 0;
     while (const CURLMsg *ptMsg = curl_multi_info_read(ptMulti, &nMsgsLeft)) {
         if (ptMsg->msg != CURLMSG_DONE) {
@@ -163,12 +163,12 @@ static void PerformAndReadInfo(const char *szFunc, CURLM *ptMulti, TNvrHttpCurlC
 
 void _NvrHttpCurlClt_CurlPerformAndReadInfo(CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask)
 {
-    PerformAndReadInfo(s_szPerform, ptMulti, ptTask);
+    PerformAndReadInfo(__func__, false, ptMulti, ptTask);
 }
 
 void _NvrHttpCurlClt_CurlPerformAndReadInfoEx(CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask)
 {
-    PerformAndReadInfo(s_szPerformEx, ptMulti, ptTask);
+    PerformAndReadInfo(__func__, true, ptMulti, ptTask);
 }
 
 /* Adds one queued request; a refusal leaves it queued for the next pass. */

@@ -4,6 +4,9 @@
  * Levels are numbers; a smaller one is more severe. A sink that is set to level n takes
  * lines of level n and below. Nonzero is success. All calls are thread-safe.
  *
+ * Starting state: every level is switched off, console and file take nothing, and a file's
+ * length is the platform's choice. Lines flow once the calls below have set all of it.
+ *
  * A module exists from its first mention; until DebugLogRegist has given it a name, its
  * lines have no sink and are dropped.
  */

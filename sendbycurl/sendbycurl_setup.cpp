@@ -65,7 +65,7 @@ static ESendByCurlRet StartEngine()
         HCC_LOG_AS(s_szInit, HCC_LEVEL_INFO, " %s[%d] is Failed!\n", s_szInit, __LINE__);
         return HttpCurlCodeToSendByCurlCode(eCltRet);
     }
-    HCCStoreRelaxed(&g_hInitHandle, hInstance);
+    HCCStoreRelease(&g_hInitHandle, hInstance);
     return SENDBYCURL_OK;
 }
 
@@ -79,7 +79,7 @@ static void RegisterCommands()
 /* Under the start-up semaphore. */
 static ESendByCurlRet StartOnce()
 {
-    if (HCCLoadRelaxed(&g_bInited) == 1) {
+    if (HCCLoadAcquire(&g_bInited) == 1) {
         return SENDBYCURL_OK;
     }
     if (!EnsureOtherSems()) {
@@ -100,7 +100,7 @@ static ESendByCurlRet StartOnce()
     const ESendByCurlRet eRet = StartEngine();
     if (eRet == SENDBYCURL_OK) {
         RegisterCommands();
-        HCCStoreRelaxed(&g_bInited, 1U);
+        HCCStoreRelease(&g_bInited, 1U);
     }
     return eRet;
 }
@@ -139,7 +139,7 @@ uint32_t SendByCurlSetLogLevel(uint8_t byLevel)
 
 uint32_t SendByCurlShow(void)
 {
-    const uint32_t bInited = HCCLoadRelaxed(&g_bInited);
+    const uint32_t bInited = HCCLoadAcquire(&g_bInited);
     if (bInited == 0) {
         HCC_LOG(HCC_LEVEL_INFO, " SendByCurl is not Init! g_bInited:%d\n", bInited);
         return 0;

@@ -176,7 +176,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetAuthType(HNvrHttpCurlCltReq hReq, uint32_t b
  * Adds a header line "name:value", and with it the line "Expect:", which keeps libcurl
  * from asking "Expect: 100-continue".
  *
- * Traps: takes effect only if NvrHttpCurlCltSetReqBody follows. A line longer than 127
+ * Traps: call it before NvrHttpCurlCltSetReqBody, which hands the lines to libcurl. A line longer than 127
  * characters is cut there without a word.
  * Returns 0 (also where libcurl had no memory for the line); 4 for a null or empty text.
  */
@@ -254,8 +254,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBody(HNvrHttpCurlCltReq hReq, char *szBo
  *   8  mode 1: as many requests as dwMaxAsycReqNum have been submitted and not destroyed
  *      (finished ones count; a repeated submission is refused too)
  *   5  mode 1: memory
- *   1  mode 1: the request could not be queued. It cannot be submitted asynchronously
- *      again; destroy it.
+ *   1  mode 1: the request could not be queued. NEVER submit it asynchronously again, for the
+ *      reason told under 4; destroy it.
  * A request stays with the worker of its first submission.
  */
 ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS, uint32_t dwConnTimeOutMS,

@@ -22,8 +22,9 @@ extern "C" {
  * What the library asks of them:
  *   pfMalloc   a byte count of at least 1; returns a block aligned as malloc's, or
  *              null when memory is exhausted. The block need not be cleared.
- *   pfRealloc  a block of pfMalloc or pfRealloc (never null) and a byte count of at
+ *   pfRealloc  a block of pfMalloc or pfRealloc and a byte count of at
  *              least 2; returns the block, moved or not, with its contents, or null.
+ *              The block is null only when a request is run again after a failed realloc.
  *              After a null result the library drops the old block without
  *              releasing it (see "A failed realloc" in docs/contracts.md).
  *   pfFree     a block of pfMalloc or pfRealloc; never null.

@@ -40,7 +40,7 @@ enum {
     SENDBYCURL_TLS_FAILED = 15        /* the TLS connection failed */
 };
 
-/* Values of TSendByCurlParam.eHeadType; any other value is a POST too. */
+/* Values of TSendByCurlParam.eHeadType. Any other value is a POST over the engine, a GET in the direct send. */
 enum { SENDBYCURL_METHOD_POST = 0, SENDBYCURL_METHOD_PUT = 1, SENDBYCURL_METHOD_GET = 2 };
 
 /* Values of eSyncMode. */
@@ -127,7 +127,8 @@ ESendByCurlRet Qelvo_SendStrByHttp(TSendByCurlParam *ptParam, uint32_t eSyncMode
  *             Otherwise unchanged.
  * Returns
  *   0   status 200, the answer (or what came of it) is in the buffer
- *   1   a null URL, body or buffer, a time-out or capacity of 0, or the module is not started
+ *   1   a null URL, body or buffer, a time-out or capacity of 0, the module is not started, or
+ *       libcurl gave no handle, refused an option, or lost the answer for want of memory
  *   9   memory exhausted
  *   10  the status was not 200, or no answer came
  *   11  the answer is longer than the buffer: nothing was copied
@@ -147,14 +148,14 @@ ESendByCurlRet Qelvo_SyncSendStrByHttpCurl(TSendByCurlParam *ptParam);
  *             authenticates.
  * Returns
  *   0   accepted: exactly one notification will come (if pfNtf is set)
- *   1   a null URL, body or buffer, a time-out of 0, no memory for the request, or the
- *       module is not started
+ *   1   a null URL, body or buffer, a time-out of 0, no memory for the request, the module is not
+ *       started, or libcurl refused an option
  *   4   all 1024 places are taken
  *   9   memory exhausted
  *   12  1024 requests are outstanding
  * After a failure there is no notification and the buffer is the caller's. Trap: a failure
- * of the submission itself (a time-out of 0, 9 or 12) costs one of the 1024 places for the
- * rest of the process.
+ * of the submission itself (a time-out of 0, no memory to queue it, or 12) costs one of the
+ * 1024 places for the rest of the process.
  * Thread-safe.
  */
 ESendByCurlRet Qelvo_ASyncSendStrByHttpCurl(TSendByCurlParam *ptParam);
@@ -182,7 +183,7 @@ uint32_t SendByCurlReqProgressNtf(ESendByCurlRet eErrCode, void *pvContext);
  * engine. It starts the module if that has not happened, and goes on where that fails.
  *
  * What leaves: for eHeadType 0 a POST of pchSendBuf up to its first zero byte (dwSendLen is only
- * logged, so the text must be terminated); for 1 and 2 a plain GET without body.
+ * logged, so the text must be terminated); for any other a plain GET without body.
  * bSSLserver:   0 sends without checking the server's certificate; otherwise libcurl's checks are on.
  * pchRecvBuf:   receives the answer, at most dwMaxRecvLen bytes, with no terminator where it
  *               fills them all; its first dwMaxRecvLen bytes are zeroed first. Null, or
@@ -230,7 +231,7 @@ size_t Qelvo_Receive_Data(void *pBuf, size_t size, size_t nmemb, TSendByCurlPara
  * this library uses it.
  *
  * easy: a CURL handle. Handles that share must not run on different threads at the same time: the
- *       cache has no lock. The call itself is thread-safe.
+ *       cache has no lock. The call itself may come from any thread while none of them is running.
  * Returns, where sharing was accepted, the libcurl code of setting the 300 seconds; otherwise a
  * value without meaning.
  */
@@ -242,7 +243,7 @@ uint32_t set_share_handle(void *easy);
  * nMode:  1 asynchronous, anything else synchronous.
  * pchUrl: at most 63 characters are used; null or empty means the built-in test endpoint.
  * Blocks for up to 5 s in synchronous mode. Each call leaves the JSON text allocated (about 110
- * bytes), and the 1 MiB receive buffer too where the send could not be made.
+ * bytes), and the 1 MiB receive buffer too where an asynchronous send was refused or no text could be made.
  */
 void sendbycurltest(int32_t nMode, const char *pchUrl);
 

@@ -195,6 +195,22 @@ spdlog::string_view_t LineText(const char *achLine, int nLen)
     return spdlog::string_view_t(achLine, uLen);
 }
 
+/* Formats a line that somebody wants. A function of its own keeps the others' way short. */
+__attribute__((noinline, format(printf, 3, 0))) void PrintWanted(uint32_t dwModule, uint32_t dwLevel,
+                                                                 const char *szFormat, va_list tArgs)
+{
+    const int nErrno = errno; /* the caller may still want to tell it */
+    char achLine[LINE_SIZE];
+    const int nLen = vsnprintf(achLine, sizeof(achLine), szFormat, tArgs);
+    if (nLen >= 0) { /* else a text that the locale cannot show */
+        try {
+            WriteLine(dwModule, dwLevel, LineText(achLine, nLen));
+        } catch (...) { /* no memory for the line: it is lost, the caller goes on */
+        }
+    }
+    errno = nErrno;
+}
+
 } // namespace
 
 uint32_t DebugLogRegist(uint32_t dwModule, const char *szPrefix, const char *szName)
@@ -252,17 +268,8 @@ void DebugLogPrint(uint32_t dwModule, uint32_t dwLevel, const char *szFormat, ..
         szFormat == nullptr) {
         return;
     }
-    const int nErrno = errno; /* the caller may still want to tell it */
-    char achLine[LINE_SIZE];
     va_list tArgs;
     va_start(tArgs, szFormat);
-    const int nLen = vsnprintf(achLine, sizeof(achLine), szFormat, tArgs);
+    PrintWanted(dwModule, dwLevel, szFormat, tArgs);
     va_end(tArgs);
-    if (nLen >= 0) { /* else a text that the locale cannot show */
-        try {
-            WriteLine(dwModule, dwLevel, LineText(achLine, nLen));
-        } catch (...) { /* no memory for the line: it is lost, the caller goes on */
-        }
-    }
-    errno = nErrno;
 }

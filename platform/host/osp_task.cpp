@@ -105,6 +105,7 @@ HOspTask OspTaskCreate(PFOspTaskEntry pfEntry, const char *szName, uint8_t byPri
 
 uint32_t OspTaskWaitEnd(HOspTask hTask)
 {
+    /* A task that waits for itself is found out here: hosts need not tell it from pthread_join. */
     if (hTask == nullptr || pthread_equal(hTask->tThread, pthread_self()) != 0 ||
         pthread_join(hTask->tThread, nullptr) != 0) {
         return 0;

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -267,9 +268,13 @@ class ConsoleOnTerminal : public ConsoleWithServer
         Expect("nvrhttp> ");
     }
 
+    /* Losing its terminal ends a console that is still there. */
     ~ConsoleOnTerminal() override
     {
         close(terminal);
+        if (pid > 0) {
+            AwaitEnd(pid);
+        }
     }
 
     void Type(const std::string &keys)
@@ -306,7 +311,9 @@ class ConsoleOnTerminal : public ConsoleWithServer
         const auto deadline = Clock::now() + patience;
         while (ReadSome(terminal, pending, deadline)) {
         }
-        return AwaitEnd(pid);
+        const int status = AwaitEnd(pid);
+        pid = -1;
+        return status;
     }
 
     pid_t pid = -1;

@@ -19,9 +19,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
@@ -133,6 +133,17 @@ size_t Lines(const std::string &strText, const std::string &strLine)
         ++qwCount;
     }
     return qwCount;
+}
+
+/* What stands behind a mark, up to the next comma or line end. */
+std::string After(const std::string &strText, const std::string &strMark)
+{
+    const size_t qwMark = strText.find(strMark);
+    if (qwMark == std::string::npos) {
+        return "";
+    }
+    const size_t qwFirst = qwMark + strMark.size();
+    return strText.substr(qwFirst, strText.find_first_of(",\n", qwFirst) - qwFirst);
 }
 
 /* nvrhttp serve as a child. */
@@ -559,6 +570,26 @@ TEST(PostMany, AnswersOfDifferentLengthDoNotMixInReusedBuffers)
     EXPECT_EQ(tRun.nStatus, 0) << tRun.strErr;
     const std::string strPair = std::string(9000, 'L') + "\nshort\n";
     EXPECT_TRUE(tRun.strOut == strPair + strPair) << tRun.strOut.size();
+}
+
+TEST(PostMany, OneSlowPostInTwentyIsTheLastPercentile)
+{
+    std::atomic<unsigned> dwServed{0};
+    CScriptedServer tServer([&dwServed](const std::string &) {
+        if (dwServed++ == 5) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        }
+        return Http("200 OK", "", "ok");
+    });
+    const TRun tRun = RunProgram({"post", tServer.Url(), "--count", "20"});
+    EXPECT_EQ(tRun.nStatus, 0) << tRun.strErr;
+    const std::string strLongest = After(tRun.strErr, "longest ");
+    ASSERT_NE(strLongest, "") << tRun.strErr;
+    /* "1.234 s" or "412.3 ms" */
+    EXPECT_TRUE(Has(strLongest, " s") || std::stod(strLongest) >= 400.0) << tRun.strErr;
+    EXPECT_EQ(After(tRun.strErr, "p99 "), strLongest) << tRun.strErr;
+    EXPECT_NE(After(tRun.strErr, "p95 "), strLongest) << tRun.strErr;
+    EXPECT_NE(After(tRun.strErr, "p50 "), strLongest) << tRun.strErr;
 }
 
 TEST(PostMany, StatusLineIsRewrittenOnATerminalOnly)

@@ -331,6 +331,9 @@ class LoopbackServer
         if (end == std::string::npos) {
             return false;
         }
+        if (request.find("Transfer-Encoding: chunked") < end) {
+            return request.find("\r\n0\r\n\r\n", end) != std::string::npos;
+        }
         const size_t field = request.find("Content-Length: ");
         const size_t size = field < end ? std::strtoul(request.c_str() + field + 16, nullptr, 10) : 0;
         return request.size() >= end + 4 + size;

@@ -29,7 +29,7 @@ const char kSync[] = "_NvrHttpCurlCltProcSyncReq";
 const char kAsync[] = "_NvrHttpCurlCltProcAsyncReq";
 const char kDestroy[] = "NvrHttpCurlCltReqDestroy";
 
-const std::vector<CURLoption> kNoOptions;
+const std::vector<CURLoption> kNoOptions = {};
 const std::vector<CURLoption> kTimeouts = {CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS};
 
 const uint32_t kSyncMode = NVRHTTPCURLCLT_MODE_SYNC;
@@ -949,6 +949,60 @@ TEST_F(ExecuteDestroy, TheNodeGoesBackThroughTheRequestsCallback)
     NvrHttpCurlCltReqDestroy(req);
     EXPECT_EQ(std::vector<void *>{node}, g_released);
     inst->tMemCB.pfFree(node);
+}
+
+/* --- the locks of the lists --------------------------------------------------------------------- */
+
+/* The lists' memory callbacks are called where a list changes, so they see who holds what. */
+const TNvrHttpCurlCltTask *g_watched = nullptr;
+std::vector<std::string> g_changes;
+
+void NoteChange(const char *what)
+{
+    g_changes.push_back(std::string(what) + (fake::SemIsTaken(g_watched->hRunLock) ? " run" : "") +
+                        (fake::SemIsTaken(g_watched->hFinLock) ? " fin" : "") +
+                        (fake::HeldByThisThread() == 1 ? "" : " and not just that"));
+}
+
+void *NotingMalloc(size_t size)
+{
+    NoteChange("insert");
+    return fake::MemCB().pfMalloc(size);
+}
+
+void NotingFree(void *block)
+{
+    NoteChange("remove");
+    fake::MemCB().pfFree(block);
+}
+
+TEST_F(ExecuteDestroy, EachListChangesUnderItsOwnLock)
+{
+    Start(1, 8);
+    TNvrHttpCurlCltTask &task = inst->atTasks[0];
+    HNvrHttpCurlCltReq req = Create();
+    HNvrHttpCurlCltReq finished = CreateFinished();
+    g_watched = &task;
+    for (TNVRHCCList *list : {&task.tRunList, &task.tFinList}) {
+        list->pfMalloc = NotingMalloc;
+        list->pfFree = NotingFree;
+    }
+    EXPECT_EQ(0U, Submit(req));
+    EXPECT_EQ(std::vector<std::string>{"insert run"}, g_changes);
+    g_changes.clear();
+    EXPECT_EQ(0U, Submit(finished));
+    EXPECT_EQ((std::vector<std::string>{"remove fin", "insert run"}), g_changes);
+    g_changes.clear();
+    NvrHttpCurlCltReqDestroy(req);
+    EXPECT_EQ(std::vector<std::string>{"remove run"}, g_changes);
+    Finish(task, finished);
+    g_changes.clear();
+    NvrHttpCurlCltReqDestroy(finished);
+    EXPECT_EQ(std::vector<std::string>{"remove fin"}, g_changes);
+    for (TNVRHCCList *list : {&task.tRunList, &task.tFinList}) {
+        list->pfMalloc = fake::MemCB().pfMalloc;
+        list->pfFree = fake::MemCB().pfFree;
+    }
 }
 
 /* --- many threads ---------------------------------------------------------------------------------------------- */

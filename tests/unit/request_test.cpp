@@ -21,7 +21,7 @@ using fixture::TakeLog;
 namespace
 {
 
-const std::vector<CURLoption> kNoOptions;
+const std::vector<CURLoption> kNoOptions = {};
 /* libcurl marks its name as deprecated. */
 const CURLoption kOptionPut = static_cast<CURLoption>(CURLOPTTYPE_LONG + 54);
 
@@ -315,7 +315,7 @@ TEST(RequestWithoutInstance, EasyInitMakesItsLock)
         held = g_sEasyInitLocker != nullptr && fake::SemIsTaken(g_sEasyInitLocker);
         return hooks::real::easy_init();
     };
-    CURL *easy = NvrHttpCurlCltEasyInit();
+    CURL *easy = _NvrHttpCurlCltEasyInit();
     ASSERT_NE(nullptr, easy);
     curl_easy_cleanup(easy);
     EXPECT_TRUE(held);
@@ -346,13 +346,13 @@ class RequestArguments : public Request
 
 TEST_F(RequestArguments, Uri)
 {
-    const char *format = "http://127.0.0.1/";
-    auto expected = [this](HNvrHttpCurlCltReq req, const char *text) {
+    const char *uri = "http://127.0.0.1/";
+    auto expected = [](HNvrHttpCurlCltReq req, const char *text) {
         return L(kError, "NvrHttpCurlCltSetReqUri", "[Error] invalid arg, ptReqIn %p, ptReq %p, szUri %p\n", P(req),
                  P(req != nullptr ? req->ptReq : nullptr), P(text));
     };
-    ExpectRefused(NvrHttpCurlCltSetReqUri(noRecord, format), expected(noRecord, format));
-    ExpectRefused(NvrHttpCurlCltSetReqUri(&noHandle, format), expected(&noHandle, format));
+    ExpectRefused(NvrHttpCurlCltSetReqUri(noRecord, uri), expected(noRecord, uri));
+    ExpectRefused(NvrHttpCurlCltSetReqUri(&noHandle, uri), expected(&noHandle, uri));
     HNvrHttpCurlCltReq req = Create();
     blocksOfInstance += 1;
     ExpectRefused(NvrHttpCurlCltSetReqUri(req, nullptr), expected(req, nullptr));
@@ -763,9 +763,11 @@ TEST_F(RequestHeader, AppendsBothLinesThoughTheFirstFailed)
 TEST_F(RequestHeader, WithoutMemoryTheLinesAreGone)
 {
     EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
+    curl_slist *forgotten = req->ptHeaderList;
     hooks::slist_append = [](curl_slist *, const char *) -> curl_slist * { return nullptr; };
     EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "B", "2"));
     EXPECT_EQ(nullptr, req->ptHeaderList);
+    curl_slist_free_all(forgotten); /* not released by the setter: libcurl might have been given it */
     hooks::slist_append = nullptr;
     EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "C", "3"));
     EXPECT_EQ((std::vector<std::string>{"C:3", "Expect:"}), Texts(req->ptHeaderList));
@@ -1129,6 +1131,77 @@ TEST_F(Request, ALongHeaderLineIsSentCutAndNothingIsExpected)
     EXPECT_EQ(std::string::npos, head.find("Expect")) << head;
     EXPECT_EQ(head + body, requests[0]);
     NvrHttpCurlCltReqDestroy(req);
+}
+
+/* libcurl's rule and not ours: what the body setter sets makes a POST of any method before it. */
+class RequestMethodOnTheWire : public Request
+{
+  protected:
+    /* The request as the server has read it. */
+    std::string Send(HNvrHttpCurlCltReq req)
+    {
+        EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr));
+        const std::vector<std::string> requests = server.Requests();
+        EXPECT_EQ(1U, requests.size());
+        NvrHttpCurlCltReqDestroy(req);
+        return requests.empty() ? "" : requests[0];
+    }
+
+    HNvrHttpCurlCltReq CreateWithMethodThenBody(const char *method)
+    {
+        HNvrHttpCurlCltReq req = Create();
+        EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, server.Url("/path").c_str()));
+        EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
+        EXPECT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, method));
+        EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "the body", 8));
+        return req;
+    }
+
+    static bool EndsWith(const std::string &text, const std::string &end)
+    {
+        return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    }
+
+    fixture::LoopbackServer server{fixture::Reply("ok")};
+};
+
+TEST_F(RequestMethodOnTheWire, GetBeforeTheBodyLeavesAsPost)
+{
+    const std::string sent = Send(CreateWithMethodThenBody("GET"));
+    EXPECT_EQ(0U, sent.find("POST /path HTTP/1.1\r\n")) << sent;
+    EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
+}
+
+TEST_F(RequestMethodOnTheWire, PutBeforeTheBodyLeavesAsPost)
+{
+    const std::string sent = Send(CreateWithMethodThenBody("PUT"));
+    EXPECT_EQ(0U, sent.find("POST /path HTTP/1.1\r\n")) << sent;
+    EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
+}
+
+TEST_F(RequestMethodOnTheWire, GetAfterTheBodyHasNone)
+{
+    HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
+    ASSERT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, "GET"));
+    const std::string sent = Send(req);
+    EXPECT_EQ(0U, sent.find("GET /path HTTP/1.1\r\n")) << sent;
+    EXPECT_TRUE(EndsWith(sent, "\r\n\r\n")) << sent;
+}
+
+TEST_F(RequestMethodOnTheWire, PutAfterTheBodyReadsStandardInput)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    ASSERT_EQ(5, write(ends[1], "typed", 5));
+    close(ends[1]);
+    ASSERT_EQ(0, dup2(ends[0], 0));
+    close(ends[0]);
+    HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
+    ASSERT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, "PUT"));
+    const std::string sent = Send(req);
+    EXPECT_EQ(0U, sent.find("PUT /path HTTP/1.1\r\n")) << sent;
+    EXPECT_NE(std::string::npos, sent.find("\r\n5\r\ntyped\r\n0\r\n\r\n")) << sent;
+    EXPECT_EQ(std::string::npos, sent.find("the body")) << sent;
 }
 
 } // namespace

@@ -934,7 +934,7 @@ class WorkerLoop : public Worker
     std::vector<Seen> seen;
     std::function<void(size_t)> onWait;
     const std::vector<uint32_t> kOneRest = {2};
-    const std::vector<uint32_t> kNoRest;
+    const std::vector<uint32_t> kNoRest = {};
 };
 
 TEST_F(WorkerLoop, NeedsATask)
@@ -1042,7 +1042,7 @@ TEST_F(WorkerLoop, AWakeUpAloneIsReadAndNothingElse)
 
 TEST_F(WorkerLoop, AWakeUpBesideActivityIsReadThenPerformed)
 {
-    hooks::multi_perform = [this](CURLM *, int *) {
+    hooks::multi_perform = [](CURLM *, int *) {
         EXPECT_EQ(1U, hooks::Calls("recvfrom"));
         return CURLM_OK;
     };
