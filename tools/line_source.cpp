@@ -99,7 +99,8 @@ CEditedLines::CEditedLines() : m_ptEdit(el_init("nvrhttp", stdin, stdout, stderr
     el_set(m_ptEdit, EL_EDITOR, "emacs");
     el_set(m_ptEdit, EL_SIGNAL, 1);
     el_set(m_ptEdit, EL_HIST, history, m_ptHistory);
-    el_set(m_ptEdit, EL_ADDFN, "complete-command", "Complete the command's name", Complete);
+    // The wide form keeps these very texts; the other would keep copies that nobody frees.
+    el_wset(m_ptEdit, EL_ADDFN, L"complete-command", L"Complete the command's name", Complete);
     el_set(m_ptEdit, EL_BIND, "^I", "complete-command", nullptr);
     el_set(m_ptEdit, EL_BIND, "^R", "em-inc-search-prev", nullptr);
 }

@@ -402,7 +402,7 @@ TEST_F(EngineRun, UninitReleasesEverythingThatIsOutstanding)
         for (Submission &run : all) {
             ASSERT_EQ(NVRHTTPCURLCLT_OK, run.Submit());
         }
-        /* Some are on their way, and with them some that the servers holds. */
+        /* Some are on their way, and with them some that the server holds. */
         ASSERT_TRUE(server.WaitForRequests(before + count / 4));
         EXPECT_GT(BlocksAlive(), 0);
         engine.Stop();

@@ -5,7 +5,6 @@
  *   /echo        200 with the request's body
  *   /auth        the same behind Basic authentication, see user and password
  *   /status/404  404, likewise 500, with a text
- *   /slow        as /echo, a second later
  */
 #ifndef TESTS_INTEGRATION_NGINX_SERVER_H
 #define TESTS_INTEGRATION_NGINX_SERVER_H
