@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -277,8 +278,23 @@ class ConsoleOnTerminal : public ConsoleWithServer
         }
     }
 
+    /*
+     * The prompt may be there before the editor has taken over the terminal, which would still
+     * interpret editing keys itself.
+     */
+    void AwaitEditor()
+    {
+        const auto deadline = Clock::now() + patience;
+        termios mode{};
+        while (tcgetattr(terminal, &mode) == 0 && (mode.c_lflag & ICANON) != 0 && Clock::now() < deadline) {
+            usleep(1000);
+        }
+        ASSERT_EQ(mode.c_lflag & ICANON, 0U);
+    }
+
     void Type(const std::string &keys)
     {
+        AwaitEditor();
         ASSERT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
 

@@ -478,11 +478,6 @@ void Server::Release()
     state->Wake();
 }
 
-void Server::HoldAgain()
-{
-    state->released.store(false);
-}
-
 size_t Server::Connections() const
 {
     std::lock_guard<std::mutex> guard(state->lock);

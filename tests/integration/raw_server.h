@@ -85,8 +85,6 @@ class Server
 
     /* Lets everyone pass who stands at a Hold, now and later. */
     void Release();
-    /* Holds again from now on. */
-    void HoldAgain();
 
     size_t Connections() const;
     /* Connections that neither side has closed. */
