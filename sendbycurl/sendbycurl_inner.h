@@ -37,8 +37,11 @@ extern HNvrHttpCurlCltInst g_hInitHandle; /* written once, before g_bInited; sen
 extern HOspSem g_pCurlSemSet[SENDBYCURL_SEM_COUNT];
 extern TSendByCurlASyncCB g_pfASnycCBParam[SENDBYCURL_ASYNC_SLOTS];
 
-/* Creates the start-up semaphore unless it exists; race-free. False if it cannot be had. */
-bool SendByCurlEnsureInitSem(void);
+/*
+ * The start-up semaphore, created unless it exists; race-free. Null if it cannot be had. While
+ * others may still be creating it, only what this returns may be used, not the table's entry.
+ */
+HOspSem SendByCurlEnsureInitSem(void);
 
 /* Console commands. */
 uint32_t SendByCurlShow(void);

@@ -29,9 +29,9 @@ static const char s_szInit[] = "SendByCurlInit";
 
 enum { ENGINE_TASKS = 8, LOG_FILE_BYTES = 0x20000 };
 
-bool SendByCurlEnsureInitSem(void)
+HOspSem SendByCurlEnsureInitSem(void)
 {
-    return HCCSemEnsure(&g_pCurlSemSet[SENDBYCURL_SEM_INIT]) != nullptr;
+    return HCCSemEnsure(&g_pCurlSemSet[SENDBYCURL_SEM_INIT]);
 }
 
 static bool EnsureOtherSems()
@@ -107,13 +107,14 @@ static ESendByCurlRet StartOnce()
 
 ESendByCurlRet SendByCurlInit(void)
 {
-    if (!SendByCurlEnsureInitSem()) {
+    HOspSem hInitSem = SendByCurlEnsureInitSem();
+    if (hInitSem == nullptr) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] semaphore create failed\n");
         return SENDBYCURL_INVALID_PARAM;
     }
-    OspSemTake(g_pCurlSemSet[SENDBYCURL_SEM_INIT]);
+    OspSemTake(hInitSem);
     const ESendByCurlRet eRet = StartOnce();
-    OspSemGive(g_pCurlSemSet[SENDBYCURL_SEM_INIT]);
+    OspSemGive(hInitSem);
     return eRet;
 }
 

@@ -85,6 +85,7 @@ pid_t Start(const std::vector<std::string> &astrArgs, int nIn, int nOut, int nEr
     dup2(nOut, STDOUT_FILENO);
     dup2(nErr, STDERR_FILENO);
     ClearProxies();
+    setenv("NVRHTTPCURL_LOG_DIR", ".", 1); /* the build's folder */
     for (const std::string &strVar : tOptions.astrEnv) {
         putenv(const_cast<char *>(strVar.c_str()));
     }

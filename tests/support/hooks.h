@@ -3,7 +3,8 @@
  *
  * Every wrapped call is recorded and, unless its hook is set, passed on to the real one. A
  * hook runs instead of the real call and may make it itself through hooks::real. Set hooks
- * before the threads that meet them start.
+ * before the threads that meet them start. They stay set until the process ends, and what they
+ * refer to may end before: one case per process, as ctest runs them.
  */
 #ifndef TESTS_SUPPORT_HOOKS_H
 #define TESTS_SUPPORT_HOOKS_H
