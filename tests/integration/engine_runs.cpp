@@ -11,6 +11,7 @@ namespace
 {
 
 std::atomic<int64_t> blocks{0};
+std::atomic<size_t> inits{0};
 
 void *Obtain(size_t size)
 {
@@ -41,11 +42,17 @@ int64_t BlocksAlive()
     return blocks.load();
 }
 
+size_t Inits()
+{
+    return inits.load();
+}
+
 Engine::Engine(uint32_t tasks, uint32_t limit)
 {
     const TNvrHttpCurlCltInitParam param{tasks, limit};
     const TNvrHttpCurlCltMemCB memory = MemCB();
     result = NvrHttpCurlCltInit(&param, &memory, &instance);
+    inits.fetch_add(result == NVRHTTPCURLCLT_OK ? 1 : 0);
 }
 
 Engine::~Engine()

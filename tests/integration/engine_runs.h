@@ -18,6 +18,8 @@ namespace runs
 /* Memory callbacks over malloc, and the blocks obtained through them and not released. */
 TNvrHttpCurlCltMemCB MemCB();
 int64_t BlocksAlive();
+/* Instances that were started, the ended ones too. */
+size_t Inits();
 
 /* An instance for as long as the object lives, or until Stop. */
 class Engine

@@ -1,0 +1,58 @@
+/*
+ * Books on the semaphores of the engine, for programs that use the engine alone. Each Init replaces
+ * the engine-wide lock and keeps the one before; any other that is there in the end was leaked.
+ */
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <set>
+
+#include "engine_runs.h"
+#include "platform/osp.h"
+
+namespace
+{
+
+std::mutex semsLock;
+std::set<HOspSem> sems;
+
+/* The function of that name which this program's own stands in front of. */
+template <typename Function> Function *Next(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+class SemAccount : public testing::Environment
+{
+  public:
+    void TearDown() override
+    {
+        std::lock_guard<std::mutex> guard(semsLock);
+        EXPECT_EQ(sems.size(), runs::Inits());
+        for (const HOspSem sem : sems) {
+            Next<decltype(OspSemDelete)>("OspSemDelete")(sem);
+        }
+    }
+};
+
+testing::Environment *const semAccount = testing::AddGlobalTestEnvironment(new SemAccount);
+
+} // namespace
+
+extern "C" uint32_t OspSemBCreate(HOspSem *phSem)
+{
+    std::lock_guard<std::mutex> guard(semsLock);
+    const uint32_t created = Next<decltype(OspSemBCreate)>("OspSemBCreate")(phSem);
+    if (created != 0) {
+        sems.insert(*phSem);
+    }
+    return created;
+}
+
+extern "C" uint32_t OspSemDelete(HOspSem hSem)
+{
+    std::lock_guard<std::mutex> guard(semsLock);
+    sems.erase(hSem);
+    return Next<decltype(OspSemDelete)>("OspSemDelete")(hSem);
+}
