@@ -1,8 +1,9 @@
 # The library: one set of objects, a shared library that exports just its API, and a static
 # one through which tests reach every function and bring a platform of their own.
 
+set(NVRHTTPCURL_DEFAULT_SELFTEST_URL "https://192.168.0.200:3789/NVR/FCACheckTempNtf")
 set(NVRHTTPCURL_SELFTEST_URL
-    "https://192.168.0.200:3789/NVR/FCACheckTempNtf"
+    "${NVRHTTPCURL_DEFAULT_SELFTEST_URL}"
     CACHE STRING "Endpoint of the sendbycurltest command when it is given none")
 
 add_library(

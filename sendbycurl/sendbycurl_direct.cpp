@@ -16,6 +16,8 @@
 static const char s_szExt[] = "Qelvo_SyncSendStrByHttp_Ext";
 static const char s_szShare[] = "set_share_handle";
 
+CURLSH *pShare_handle;
+
 enum { DNS_CACHE_SECONDS = 300 };
 
 /* 48 blanks: they align the continued lines of the one message that has such. */
@@ -46,7 +48,7 @@ size_t Qelvo_Receive_Data(void *pBuf, size_t size, size_t nmemb, TSendByCurlPara
     return dwCurDataLen;
 }
 
-static ESendByCurlRet CurlCodeToSendByCurlCode(CURLcode eCurlRet)
+ESendByCurlRet CurlCodeToSendByCurlCode(CURLcode eCurlRet)
 {
     ESendByCurlRet eRet = SENDBYCURL_TRANSFER_FAILED;
     if (eCurlRet == CURLE_FTP_ACCEPT_TIMEOUT) { /* libcurl code 12 */
@@ -196,10 +198,9 @@ ESendByCurlRet Qelvo_SyncSendStrByHttp(const char *pchURL, const char *pchSendBu
     return eRet;
 }
 
-/* The process's share handle, made on first use and never released; null if libcurl gave none. */
+/* The share handle, made on first use; null if libcurl gave none. */
 static CURLSH *ShareHandle()
 {
-    static CURLSH *pShare_handle = nullptr;
     if (pShare_handle != nullptr) {
         return pShare_handle;
     }

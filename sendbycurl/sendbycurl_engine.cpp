@@ -160,8 +160,7 @@ ESendByCurlRet Qelvo_SyncSendStrByHttpCurl(TSendByCurlParam *ptParam)
     return eRet;
 }
 
-/* Takes the first free slot for a request; false if there is none. */
-static bool SendByCurlRegistCallback(HNvrHttpCurlCltReq hReq, PFSendByCurlNtf pfNtf)
+bool SendByCurlRegistCallback(HNvrHttpCurlCltReq hReq, PFSendByCurlNtf pfNtf)
 {
     if (hReq == nullptr) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] %s[%d] One Param is NULL!\n", __func__, __LINE__);

@@ -7,6 +7,8 @@
 
 #include <stdint.h>
 
+#include <curl/curl.h>
+
 #include "nvrhttpcurl/httpcurlclient.h"
 #include "nvrhttpcurl/sendbycurl.h"
 #include "platform/osp.h"
@@ -36,6 +38,7 @@ extern uint32_t g_bLibCurlGobleInit;
 extern HNvrHttpCurlCltInst g_hInitHandle; /* written once, before g_bInited; sends read it without a lock */
 extern HOspSem g_pCurlSemSet[SENDBYCURL_SEM_COUNT];
 extern TSendByCurlASyncCB g_pfASnycCBParam[SENDBYCURL_ASYNC_SLOTS];
+extern CURLSH *pShare_handle; /* made by the first set_share_handle, under its lock */
 
 /*
  * The start-up semaphore, created unless it exists; race-free. Null if it cannot be had. While
@@ -49,6 +52,10 @@ uint32_t SendByCurlSetLogLevel(uint8_t byLevel);
 
 /* The module's result for an engine result. */
 ESendByCurlRet HttpCurlCodeToSendByCurlCode(ENvrHttpCurlCltRet eCltRet);
+/* The direct send's result for a failed transfer. */
+ESendByCurlRet CurlCodeToSendByCurlCode(CURLcode eCurlRet);
+/* Takes the first free slot for a request; false if there is none. */
+bool SendByCurlRegistCallback(HNvrHttpCurlCltReq hReq, PFSendByCurlNtf pfNtf);
 /* The engine's completion callback of every asynchronous send. */
 uint32_t SendByCurlReqHttpCurlProgressNtf(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg,
                                           ENvrHttpCurlCltRet eHttpCurlErrCode, void *pvContext);

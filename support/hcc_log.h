@@ -26,17 +26,17 @@ extern "C" {
 /* Who gets a line, as "sendbycurlsetlog" sets it. The values are a mask of the two sides. */
 enum { HCC_LOG_TO_DEBUGLOG = 1, HCC_LOG_TO_CONSOLE = 2, HCC_LOG_TO_BOTH = 3 };
 extern uint8_t g_bySendCurlLogType;
-}
-
-/* The library's module in the debug log, and the levels of its lines there. */
-enum { HCC_LOG_MODULE = 123 };
-enum { HCC_LEVEL_TRACE = 1, HCC_LEVEL_ERROR = 2, HCC_LEVEL_SHOW = 3, HCC_LEVEL_INFO = 4 };
 
 /* Whether the given side takes lines at present. */
 inline bool HCCLogGoesTo(uint8_t bySide)
 {
     return (HCCLoadRelaxed(&g_bySendCurlLogType) & bySide) != 0;
 }
+}
+
+/* The library's module in the debug log, and the levels of its lines there. */
+enum { HCC_LOG_MODULE = 123 };
+enum { HCC_LEVEL_TRACE = 1, HCC_LEVEL_ERROR = 2, HCC_LEVEL_SHOW = 3, HCC_LEVEL_INFO = 4 };
 
 /* A pointer to anything, functions included, as "%p" wants it. */
 template <typename T> inline const void *HCCLogPtr(T *ptAny)

@@ -150,7 +150,7 @@ int RunConsole()
     ESendByCurlRet eRet = StartSendModule();
     if (eRet != SENDBYCURL_OK) {
         std::fprintf(stderr, "nvrhttp console: the send module did not start, result %u: %s\n", eRet,
-                     EngineSendText(eRet));
+                     ModuleStartText(eRet));
         return static_cast<int>(eRet);
     }
     try {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "nvrhttpcurl/sendbycurl.h"
+#include "open_files.h"
 #include "platform/debuglog.h"
 #include "post_run.h"
 #include "result_text.h"
@@ -194,6 +195,7 @@ int Post(const TPostOptions &tOptions)
     if (nAnswerFd < 0) {
         return EXIT_FAILURE;
     }
+    RaiseOpenFiles();
     const ESendByCurlRet eRet = StartModule(tOptions.bLog);
     if (eRet != SENDBYCURL_OK) {
         fprintf(stderr, "nvrhttp post: the module could not be started, result %u: %s; try nvrhttp doctor\n", eRet,

@@ -3,23 +3,11 @@
  */
 #include "commands.h"
 #include "echo_server.h"
-
-#include <sys/resource.h>
+#include "open_files.h"
 
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
-
-// Every outstanding request is an open connection: 1,024 of them exceed the usual limit.
-static void RaiseOpenFiles()
-{
-    rlimit tLimit{};
-
-    if (getrlimit(RLIMIT_NOFILE, &tLimit) == 0 && tLimit.rlim_cur < tLimit.rlim_max) {
-        tLimit.rlim_cur = tLimit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &tLimit);
-    }
-}
 
 static int Serve(const TEchoServerOptions &tOptions)
 {

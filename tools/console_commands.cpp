@@ -75,33 +75,43 @@ bool Split(const std::string &strLine, std::vector<TWord> &atWords)
     return true;
 }
 
-// Decimal with a sign, if any, or 0x and hexadecimal digits: what the platform passes as a number.
-bool ToNumber(const TWord &tWord, long long &llNumber)
+bool IsHex(const std::string &strText)
+{
+    return strText.compare(0, 2, "0x") == 0 || strText.compare(0, 2, "0X") == 0;
+}
+
+// Decimal with a sign, if any, or 0x and hexadecimal digits, of any size. The platform may pass
+// such a word as a number, and a command that expects a text would take that for an address.
+bool LooksLikeNumber(const TWord &tWord)
 {
     const std::string &strText = tWord.strText;
-    bool bHex = strText.compare(0, 2, "0x") == 0 || strText.compare(0, 2, "0X") == 0;
+    bool bHex = IsHex(strText);
     size_t nDigits = bHex ? 2 : (strText.find_first_of("+-") == 0 ? 1 : 0);
     const char *szAllowed = bHex ? "0123456789abcdefABCDEF" : "0123456789";
 
-    if (tWord.bQuoted || nDigits >= strText.size() ||
-        strText.find_first_not_of(szAllowed, nDigits) != std::string::npos) {
+    return !tWord.bQuoted && nDigits < strText.size() &&
+           strText.find_first_not_of(szAllowed, nDigits) == std::string::npos;
+}
+
+// False also for a number that does not fit.
+bool ToNumber(const TWord &tWord, long long &llNumber)
+{
+    if (!LooksLikeNumber(tWord)) {
         return false;
     }
     errno = 0;
-    llNumber = std::strtoll(strText.c_str(), nullptr, bHex ? 16 : 10);
+    llNumber = std::strtoll(tWord.strText.c_str(), nullptr, IsHex(tWord.strText) ? 16 : 10);
     return errno == 0;
 }
 
 // What is wrong with one argument; empty if nothing is.
 std::string Complaint(const TArgument &tArgument, const TWord &tWord)
 {
-    long long llNumber = 0;
-    bool bNumber = ToNumber(tWord, llNumber);
-
     if (!tArgument.bNumber) {
-        return bNumber ? std::string(tArgument.szName) + " must be a text, not a number" : "";
+        return LooksLikeNumber(tWord) ? std::string(tArgument.szName) + " must be a text, not a number" : "";
     }
-    if (bNumber && llNumber >= tArgument.llMin && llNumber <= tArgument.llMax) {
+    long long llNumber = 0;
+    if (ToNumber(tWord, llNumber) && llNumber >= tArgument.llMin && llNumber <= tArgument.llMax) {
         return "";
     }
     return std::string(tArgument.szName) + " must be a number from " + std::to_string(tArgument.llMin) + " to " +

@@ -94,12 +94,12 @@ bool Report(const TPost &tPost, bool bOwnServer)
     return !bWrong;
 }
 
-bool ShowSync(const std::string &strUrl, const std::string &strJson, bool bOwnServer)
+const TPost &PostSync(const std::string &strUrl, const std::string &strJson)
 {
     Heading("One JSON text, synchronously");
     TPost *ptPost = NewPost(strUrl, strJson, s_dwSyncAnswer);
     SendSync(*ptPost);
-    return Report(*ptPost, bOwnServer);
+    return *ptPost;
 }
 
 bool ShowAsync(const std::string &strUrl, const std::string &strJson, bool bOwnServer)
@@ -265,7 +265,7 @@ bool StartModule()
     ESendByCurlRet eResult = StartSendModule();
 
     if (eResult != SENDBYCURL_OK) {
-        std::printf("The send module did not start, result %u: %s\n", eResult, ResultText(eResult));
+        std::printf("The send module did not start, result %u: %s\n", eResult, ModuleStartText(eResult));
         return false;
     }
     const curl_version_info_data *ptCurl = curl_version_info(CURLVERSION_NOW);
@@ -280,12 +280,13 @@ bool RunForeign(const TDemo &tDemo)
     if (!StartModule()) {
         return false;
     }
-    // Only a short answer is then known to fit the buffer of the second, which has no bound.
-    if (!ShowSync(tDemo.strUrl, tDemo.strJson, false)) {
-        std::printf("\nThe asynchronous post is left out.\n");
+    const TPost &tSync = PostSync(tDemo.strUrl, tDemo.strJson);
+    bool bSync = Report(tSync, false);
+    if (tSync.eResult == SENDBYCURL_BUFFER_TOO_SMALL) {
+        std::printf("\nThe asynchronous post is left out: its answer would be copied without a bound.\n");
         return false;
     }
-    return ShowAsync(tDemo.strUrl, tDemo.strJson, false);
+    return ShowAsync(tDemo.strUrl, tDemo.strJson, false) && bSync;
 }
 
 bool RunOwn(const TDemo &tDemo)
@@ -298,7 +299,7 @@ bool RunOwn(const TDemo &tDemo)
     if (!StartModule()) {
         return false;
     }
-    bool bSync = ShowSync(strUrl, tDemo.strJson, true);
+    bool bSync = Report(PostSync(strUrl, tDemo.strJson), true);
     bool bAsync = ShowAsync(strUrl, tDemo.strJson, true);
     bool bBatch = ShowBatch(strUrl, tDemo);
     bool bListings = ShowListings(strUrl);

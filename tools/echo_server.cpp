@@ -158,7 +158,8 @@ std::string Describe(const httplib::Request &tRequest, const std::string &strBod
     for (const auto &[strName, strValue] : tRequest.headers) {
         if (IsFromClient(strName)) {
             strOut += szSeparator;
-            AppendJsonText(strOut, strName + ": " + strValue);
+            std::string strLine = strName;
+            AppendJsonText(strOut, strLine.append(": ").append(strValue));
             szSeparator = ",";
         }
     }

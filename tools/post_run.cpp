@@ -196,7 +196,7 @@ void RunAsync(const TPostJob &tJob, TPostTally &tTally, TAnswerSlab &tSlab)
     g_ptAsyncRun = ptRun.get();
     AnswerSlabReportOverrun(tSlab, kOverrunMessage, SENDBYCURL_BUFFER_TOO_SMALL);
     if (!DriveAsync(tJob, tTally, *ptRun)) {
-        ptRun.release();
+        (void)ptRun.release();
         tSlab.pchMap = nullptr;
     }
 }

@@ -5,7 +5,8 @@
  * Five conventions hold for every call:
  *
  *  1. Results are ENvrHttpCurlCltRet values. A bad argument is logged in one line,
- *     returns 4 and changes nothing.
+ *     returns 4 and changes nothing. Two exceptions: NvrHttpCurlCltCheckUri returns 1,
+ *     and submitting a request that is still under way returns 4 but does damage.
  *  2. Handles are plain pointers. Only NvrHttpCurlCltReqCreat checks the one it is
  *     given against the instances that exist; any other call takes a non-null handle
  *     at its word, so a handle must not be used after its destruction.
@@ -47,7 +48,7 @@ enum {
     NVRHTTPCURLCLT_INVALID_ARG = 4,      /* bad argument */
     NVRHTTPCURLCLT_NO_MEMORY = 5,        /* a memory callback returned null */
     NVRHTTPCURLCLT_BUFFER_TOO_SMALL = 7, /* the answer is longer than the caller's buffer */
-    NVRHTTPCURLCLT_LIMIT_REACHED = 8,    /* no free instance, loopback port or request place */
+    NVRHTTPCURLCLT_LIMIT_REACHED = 8,    /* no free instance or request place */
     NVRHTTPCURLCLT_TIMED_OUT = 10,       /* the transfer timed out */
     NVRHTTPCURLCLT_CONNECT_FAILED = 11,  /* the connection could not be made */
     NVRHTTPCURLCLT_TLS_FAILED = 12       /* the TLS connection failed */
@@ -92,8 +93,9 @@ typedef struct TNvrHttpCurlCltReqInner *HNvrHttpCurlCltReq;
  * is ignored.
  *
  * It may submit the same request again, read the answer, and create and submit others.
- * It may destroy its request as its last use of it; destroying after it has returned,
- * from elsewhere, is always safe. It must not call NvrHttpCurlCltUninit.
+ * It may destroy its request as its last use of it, or leave that to any thread once it has
+ * returned. Either is safe provided that no request of this worker was ever destroyed while
+ * it was under way. It must not call NvrHttpCurlCltUninit.
  */
 typedef uint32_t (*PFNvrHttpCurlCltNtf)(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg,
                                         ENvrHttpCurlCltRet eResult, void *pvUserBuf);
@@ -129,7 +131,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltInit(const TNvrHttpCurlCltInitParam *ptInitPara
  * Must not run while another thread uses the instance, nor beside Init or another Uninit,
  * nor on a worker.
  * Cost: about one wait period of the workers (50 ms), however many there are, plus what a
- * callback in progress takes.
+ * callback in progress takes, plus the rest of the name lookups in progress, one after the
+ * other: libcurl cannot interrupt them.
  */
 void NvrHttpCurlCltUninit(HNvrHttpCurlCltInst hInstance);
 

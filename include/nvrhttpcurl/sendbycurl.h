@@ -54,7 +54,8 @@ enum { SENDBYCURL_MODE_SYNC = 0, SENDBYCURL_MODE_ASYNC = 1 };
  *            bound and no terminator, and its length is not told: give a zeroed buffer
  *            larger than any answer.
  *
- * Called once for each send that returned 0, on a worker thread, with no lock held; other
+ * Called once for each send that returned 0 (with the exception told in docs/contracts.md
+ * under "Places of the send module"), on a worker thread, with no lock held; other
  * notifications may run at the same moment. Until it returns, its worker drives no other
  * transfer: be brief. It may send again. The buffer is the caller's again from here on. The
  * return value is ignored.
@@ -132,7 +133,7 @@ ESendByCurlRet Qelvo_SendStrByHttp(TSendByCurlParam *ptParam, uint32_t eSyncMode
  *   9   memory exhausted
  *   10  the status was not 200, or no answer came
  *   11  the answer is longer than the buffer: nothing was copied
- * Thread-safe. Blocks for up to dwTimeoutMS.
+ * Thread-safe. Blocks for up to dwTimeoutMS, or as long as the name lookup takes.
  */
 ESendByCurlRet Qelvo_SyncSendStrByHttpCurl(TSendByCurlParam *ptParam);
 
@@ -152,10 +153,12 @@ ESendByCurlRet Qelvo_SyncSendStrByHttpCurl(TSendByCurlParam *ptParam);
  *       started, or libcurl refused an option
  *   4   all 1024 places are taken
  *   9   memory exhausted
- *   12  1024 requests are outstanding
+ *   12  the engine has no place for it; 1024 outstanding sends end in 4, so only after
+ *       requests were lost for want of memory
  * After a failure there is no notification and the buffer is the caller's. Trap: a failure
  * of the submission itself (a time-out of 0, no memory to queue it, or 12) costs one of the
- * 1024 places for the rest of the process.
+ * 1024 places for the rest of the process, and that place may take the notification of a
+ * later send for its own: docs/contracts.md, "Places of the send module".
  * Thread-safe.
  */
 ESendByCurlRet Qelvo_ASyncSendStrByHttpCurl(TSendByCurlParam *ptParam);
@@ -202,7 +205,7 @@ uint32_t SendByCurlReqProgressNtf(ESendByCurlRet eErrCode, void *pvContext);
  *   5  the transfer failed, or the answer is longer than the buffer
  *   7  time-out
  *   8  libcurl code 12
- * Thread-safe. Blocks for up to dwTimeoutMS.
+ * Thread-safe. Blocks for up to dwTimeoutMS, or as long as the name lookup takes.
  */
 ESendByCurlRet Qelvo_SyncSendStrByHttp_Ext(TSendByCurlParam *ptParam);
 
@@ -242,8 +245,8 @@ uint32_t set_share_handle(void *easy);
  *
  * nMode:  1 asynchronous, anything else synchronous.
  * pchUrl: at most 63 characters are used; null or empty means the built-in test endpoint.
- * Blocks for up to 5 s in synchronous mode. Each call leaves the JSON text allocated (about 110
- * bytes), and the 1 MiB receive buffer too where an asynchronous send was refused or no text could be made.
+ * Blocks for up to 5 s in synchronous mode, not counting a slow name lookup. Each call leaves the JSON text allocated
+ * (about 110 bytes), and the 1 MiB receive buffer too where an asynchronous send was refused or no text could be made.
  */
 void sendbycurltest(int32_t nMode, const char *pchUrl);
 

@@ -182,7 +182,7 @@ SilentAddress::SilentAddress() : fd(BindLoopback(&port))
         const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         pollfd waiting{filler, POLLOUT, 0};
         fillers.push_back(filler);
-        connect(filler, reinterpret_cast<sockaddr *>(&address), sizeof(address));
+        (void)connect(filler, reinterpret_cast<sockaddr *>(&address), sizeof(address));
         silent = poll(&waiting, 1, 200) == 0;
         if (Refuses(waiting)) {
             return;

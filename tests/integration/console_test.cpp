@@ -398,6 +398,10 @@ TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
                         "sendbycurltest http://127.0.0.1/\n"
                         "sendbycurltest 99999999999999999999 http://127.0.0.1/\n"
                         "sendbycurltest 0 0x7f000001\n"
+                        "sendbycurltest 0 9223372036854775808\n"
+                        "sendbycurltest 0 0xffffffffffffffff\n"
+                        "sendbycurltest 0 -5\n"
+                        "sendbycurltest 0 99999999999999999999\n"
                         "sendbycurltest 0 \"http://127.0.0.1/\n"
                         "sendbycurlshow 1\n"
                         "NvrHttpCurlCltshow all\n"
@@ -418,6 +422,10 @@ TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
                   "usage: sendbycurltest [MODE [URL]]",
                   "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not "
                   "\"99999999999999999999\"; usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
+                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
                   "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
                   "a quote is not closed: sendbycurltest 0 \"http://127.0.0.1/",
                   "sendbycurlshow: too many arguments; usage: sendbycurlshow",

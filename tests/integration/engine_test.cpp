@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -48,6 +50,18 @@ void Destroy(std::vector<Submission> &all)
     }
 }
 
+/* Threads of this process that the kernel knows by that name. */
+size_t ThreadsNamed(const std::string &name)
+{
+    size_t count = 0;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string seen;
+        std::ifstream(task.path() / "comm") >> seen;
+        count += seen == name ? 1 : 0;
+    }
+    return count;
+}
+
 class EngineRun : public common::IntegrationTest
 {
 };
@@ -88,6 +102,15 @@ TEST_F(EngineRun, AFailedSynchronousTransferReturns0AndHasNoStatus)
     EXPECT_EQ(NVRHTTPCURLCLT_FAILED, NvrHttpCurlCltGetRespBodyLen(request, &length));
     EXPECT_EQ(77u, length);
     NvrHttpCurlCltReqDestroy(request);
+}
+
+TEST_F(EngineRun, TheKernelKnowsEveryWorkerByTheFirstFifteenCharactersOfItsName)
+{
+    Engine engine(4);
+    ASSERT_EQ(NVRHTTPCURLCLT_OK, engine.Result());
+    EXPECT_TRUE(common::WaitUntil([] { return ThreadsNamed("NvrHttpCurlClt0") == 4; }));
+    engine.Stop();
+    EXPECT_EQ(0U, ThreadsNamed("NvrHttpCurlClt0"));
 }
 
 TEST_F(EngineRunWithNginx, EachAsynchronousRequestIsCalledBackOnceWithItsOwnAnswer)
@@ -440,7 +463,7 @@ milliseconds EndOf(uint32_t tasks, const raw::Server &server)
     for (int round = 0; round < 5; ++round) {
         const size_t before = server.RequestCount();
         Engine engine(tasks);
-        std::vector<Submission> all(2 * tasks);
+        std::vector<Submission> all(size_t{2} * tasks);
         Prepare(all, engine, server.Url());
         for (Submission &run : all) {
             run.Submit();

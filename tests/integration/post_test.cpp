@@ -542,11 +542,21 @@ TEST_P(PostInEachMode, LogLinesGoToStandardErrorOnDemand)
     EXPECT_TRUE(Has(tLogged.strErr, "[L:")) << tLogged.strErr;
 }
 
+/* Also where the soft limit of open files is lower than that, as it usually is. */
 TEST(PostMany, OneThousandAndTwentyFourOutstanding)
 {
+    rlimit tLimit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &tLimit), 0);
+    ASSERT_GE(tLimit.rlim_max, 1200U) << "this case needs a higher hard limit of open files";
     CServe tServe(false);
+    TRunOptions tOptions;
+    tOptions.pfInChild = [tLimit]() mutable {
+        tLimit.rlim_cur = 1024;
+        return setrlimit(RLIMIT_NOFILE, &tLimit) == 0;
+    };
     const TRun tRun = RunProgram({"post", tServe.Url(), "--mode", "async", "--count", "3000", "--parallel", "1024",
-                                  "--timeout", "60000", "--connect-timeout", "60000"});
+                                  "--timeout", "60000", "--connect-timeout", "60000"},
+                                 tOptions);
     EXPECT_EQ(tRun.nStatus, 0) << tRun.strErr;
     EXPECT_EQ(Lines(tRun.strOut, "{}"), 3000U);
 }
@@ -690,11 +700,18 @@ TEST_P(PostInEachMode, WithoutWakeupPortsOnlyADirectSendWorks)
 
 TEST(Help, EachCommandShowsExamples)
 {
-    for (const char *szCommand : {"post", "check", "doctor"}) {
+    for (const char *szCommand : {"post", "check", "doctor", "console", "serve"}) {
         const TRun tRun = RunProgram({szCommand, "--help"});
         EXPECT_EQ(tRun.nStatus, 0) << szCommand;
         EXPECT_TRUE(Has(tRun.strOut, std::string("Examples:\n  nvrhttp ") + szCommand)) << tRun.strOut;
     }
+}
+
+TEST(Help, VersionIsTold)
+{
+    const TRun tRun = RunProgram({"--version"});
+    EXPECT_EQ(tRun.nStatus, 0);
+    EXPECT_TRUE(Has(tRun.strOut, NVRHTTP_VERSION)) << tRun.strOut;
 }
 
 TEST(Check, AnyStatusIsReachable)
@@ -748,7 +765,7 @@ TEST(Check, NoConnectionInTime)
     std::vector<int> anSocks;
     for (int nTry = 0; nTry < 8; ++nTry) {
         anSocks.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        connect(anSocks.back(), reinterpret_cast<sockaddr *>(&tAddr), dwLen);
+        (void)connect(anSocks.back(), reinterpret_cast<sockaddr *>(&tAddr), dwLen);
     }
     const TRun tRun = RunProgram({"check", tFull.Url(), "--connect-timeout", "1"});
     for (int nSock : anSocks) {
