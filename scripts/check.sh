@@ -9,7 +9,7 @@ jobs=$(nproc)
 build() { # preset [target...]
     local preset=$1
     shift
-    cmake --preset "$preset" --log-level=WARNING >/dev/null
+    cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" ${1:+--target} "$@" >"build/$preset/build.out" || {
         cat "build/$preset/build.out"
         return 1
@@ -28,7 +28,7 @@ gate_format() {
 # clang-tidy over everything that is compiled. It wants Clang's own command lines: GCC's leave
 # out the language standard, of which the two think differently.
 gate_tidy() {
-    cmake --preset clang --log-level=WARNING >/dev/null
+    cmake --preset clang >/dev/null
     if ! run-clang-tidy-14 -quiet -p build/clang -j "$jobs" >build/tidy.out 2>&1; then
         grep -E '(warning|error):' build/tidy.out | sort -u || tail -n 50 build/tidy.out
         return 1
@@ -86,7 +86,7 @@ add_subdirectory($root nvrhttpcurl)
 add_executable(consumer $root/examples/post_json.c)
 target_link_libraries(consumer PRIVATE nvrhttpcurl)
 EOF
-    cmake -S "$work" -B "$work/build" -G Ninja --log-level=WARNING >/dev/null
+    cmake -S "$work" -B "$work/build" -G Ninja >/dev/null
     cmake --build "$work/build" >"$work/out" || { cat "$work/out"; return 1; }
     test ! -e "$work/build/nvrhttpcurl/tests" || { echo "a subproject builds tests"; return 1; }
     cmake --install "$work/build" --prefix "$work/prefix" >/dev/null

@@ -314,14 +314,11 @@ bool Run(const TDemo &tDemo)
     return bDone;
 }
 
-} // namespace
-
-int main(int nArgc, char **ppchArgv)
+int ParseAndRun(int nArgc, char **ppchArgv)
 {
     CLI::App tApp{"Shows the send module at work: one post synchronously, one asynchronously, then many"};
     TDemo tDemo;
 
-    std::signal(SIGPIPE, SIG_IGN);
     tApp.set_version_flag("--version", std::string("nvrhttp_demo ") + NVRHTTP_VERSION);
     tApp.add_option("URL", tDemo.strUrl, "Send the first two posts there, and no others; without it, to an own server");
     tApp.add_option("JSON", tDemo.strJson, "The text of the first two posts");
@@ -336,8 +333,16 @@ int main(int nArgc, char **ppchArgv)
   nvrhttp_demo --count 20000
   nvrhttp_demo http://127.0.0.1:8080/ '{"a":1}')");
     CLI11_PARSE(tApp, nArgc, ppchArgv);
+    return Run(tDemo) ? 0 : 1;
+}
+
+} // namespace
+
+int main(int nArgc, char **ppchArgv)
+{
+    std::signal(SIGPIPE, SIG_IGN);
     try {
-        return Run(tDemo) ? 0 : 1;
+        return ParseAndRun(nArgc, ppchArgv);
     } catch (const std::exception &tError) {
         std::printf("The demo cannot go on: %s\n", tError.what());
         return 1;

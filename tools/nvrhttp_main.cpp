@@ -4,6 +4,8 @@
 #include "commands.h"
 
 #include <csignal>
+#include <cstdio>
+#include <exception>
 
 static const char *const s_szExamples = R"(Examples:
   nvrhttp serve                                    an echo server; prints its URL first
@@ -15,12 +17,8 @@ static const char *const s_szExamples = R"(Examples:
 
 Each command has its own --help.)";
 
-int main(int nArgc, char **ppchArgv)
+static int ParseAndRun(int nArgc, char **ppchArgv)
 {
-    // A peer that closes early, or a closed pipe behind the output, is an error to report,
-    // not a reason to die.
-    std::signal(SIGPIPE, SIG_IGN);
-
     CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
     int nStatus = 0;
 
@@ -34,4 +32,17 @@ int main(int nArgc, char **ppchArgv)
     AddDoctorCommand(tApp, nStatus);
     CLI11_PARSE(tApp, nArgc, ppchArgv);
     return nStatus;
+}
+
+int main(int nArgc, char **ppchArgv)
+{
+    // A peer that closes early, or a closed pipe behind the output, is an error to report,
+    // not a reason to die.
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return ParseAndRun(nArgc, ppchArgv);
+    } catch (const std::exception &tError) {
+        std::fprintf(stderr, "nvrhttp: %s\n", tError.what());
+        return 1;
+    }
 }
