@@ -26,7 +26,9 @@ using CClock = std::chrono::steady_clock;
 
 // The self-test's own time-out, and a second for what comes behind it.
 const std::chrono::seconds s_tLongestTest(6);
-const std::chrono::milliseconds s_tBetweenLooks(50);
+const std::chrono::milliseconds s_tBetweenLooks(200);
+// A worker that saw the log on the console a moment ago has printed its line by then.
+const std::chrono::milliseconds s_tStragglers(20);
 const int s_nLogTypeAtStart = 1;
 
 struct TSession {
@@ -75,6 +77,7 @@ std::string CatchListing(int nLogType)
     }
     if (dup2(fileno(ptCaught.get()), STDOUT_FILENO) >= 0) {
         ListOnConsole(nLogType);
+        std::this_thread::sleep_for(s_tStragglers);
         std::fflush(stdout);
         dup2(nStdout, STDOUT_FILENO);
     }
