@@ -470,6 +470,21 @@ TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsTakenAndLoggedTerminated)
     ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:16, pchRecvBuf:0123456789abcdef\n");
 }
 
+TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsNotReadForALineThatNobodyWants)
+{
+    Start();
+    AnswerWith({200, {"0123456789abcdef"}, CURLE_OK});
+    const std::unique_ptr<char[]> achExact(new char[16]);
+    tParam.pchRecvBuf = achExact.get();
+    g_bySendCurlLogType = 0;
+
+    const std::string strPrinted = CapturedDuring([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u); });
+
+    EXPECT_EQ(strPrinted, "");
+    EXPECT_EQ(fake::Transcript(), "");
+    EXPECT_EQ(std::string(achExact.get(), 16), "0123456789abcdef");
+}
+
 TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsPrintedTerminatedToo)
 {
     Start();

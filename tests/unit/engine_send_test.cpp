@@ -733,6 +733,16 @@ TEST_F(EngineSendTest, AsyncWithoutRecord)
     ExpectLine(ONE_NULL, LEVEL_ERROR, ASYNC, "[Error] @ One Param is NULL!\n");
 }
 
+TEST_F(EngineSendTest, NoPlaceIsTakenForANullRequest)
+{
+    Start();
+
+    EXPECT_FALSE(SendByCurlRegistCallback(nullptr, SendByCurlReqProgressNtf));
+
+    ExpectLine(ONE_NULL, LEVEL_ERROR, "SendByCurlRegistCallback", "[Error] @ One Param is NULL!\n");
+    EXPECT_EQ(SlotsTaken(), 0u);
+}
+
 TEST_F(EngineSendTest, AsyncWithoutUrl)
 {
     Start();
