@@ -76,7 +76,8 @@ typedef struct TNvrHttpCurlCltReqInner {
 
 /*
  * Bookkeeping of a request from its first asynchronous submission to its destruction. It
- * is in at most one list at a time, but after a carried-over completion, and belongs to whoever took it out of one.
+ * belongs to whoever took it out of a list, and is in at most one at a time; only a
+ * completion that matched no request of its own can put it into a second.
  */
 typedef struct TNvrHttpCurlCltAsyncNode {
     TNvrHttpCurlCltReqInner *ptReqIn; /* the search key in both lists */

@@ -115,19 +115,15 @@ gate_oldcurl() {
 # The main job, as a person runs it: with a server of its own, then with one beside it.
 gate_demo() {
     scripts/demo </dev/null
-    build release nvrhttp
-    local url pid
+    local url
     coproc serve { exec build/release/tools/nvrhttp serve; }
-    pid=$!
+    trap "kill $!" EXIT
     read -r url <&"${serve[0]}"
-    scripts/demo "$url" '{"a":1}' </dev/null || { kill "$pid"; return 1; }
+    scripts/demo "$url" '{"a":1}' </dev/null
     if scripts/demo "${url}status/404" '{"a":1}' </dev/null; then
         echo "the demo takes a 404 for an answer"
-        kill "$pid"
         return 1
     fi
-    kill "$pid"
-    wait "$pid"
 }
 
 all=(format headers readme oldcurl abi clang subproject demo tidy asan tsan)

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -306,6 +307,27 @@ class SendTest : public ::testing::Test
     }
 
     size_t nSemsLeft = 0; /* at most so many may outlive the module */
+};
+
+/* With a record to send, complete but for a notification. */
+class RecordTest : public SendTest
+{
+  protected:
+    void SetUp() override
+    {
+        SendTest::SetUp();
+        tParam.pchURL = "http://127.0.0.1:1/x";
+        tParam.pchSendBuf = "{\"a\":1}";
+        tParam.dwSendLen = 7;
+        tParam.dwConnTimeOutMS = 1111;
+        tParam.dwTimeoutMS = 2222;
+        tParam.dwMaxRecvLen = 16;
+        tParam.pchRecvBuf = achRecv;
+        memset(achRecv, '#', sizeof achRecv);
+    }
+
+    TSendByCurlParam tParam = {};
+    char achRecv[64];
 };
 
 } // namespace sendtest

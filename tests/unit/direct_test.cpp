@@ -54,22 +54,9 @@ Order Without(Order aeOrder, const Order &aeLeftOut)
     return aeOrder;
 }
 
-class DirectTest : public SendTest
+class DirectTest : public RecordTest
 {
   protected:
-    void SetUp() override
-    {
-        SendTest::SetUp();
-        tParam.pchURL = "http://127.0.0.1:1/x";
-        tParam.pchSendBuf = "{\"a\":1}";
-        tParam.dwSendLen = 7;
-        tParam.dwConnTimeOutMS = 1111;
-        tParam.dwTimeoutMS = 2222;
-        tParam.dwMaxRecvLen = 16;
-        tParam.pchRecvBuf = achRecv;
-        memset(achRecv, '#', sizeof achRecv);
-    }
-
     static std::string CapturedDuring(const std::function<void()> &pfWork)
     {
         testing::internal::CaptureStdout();
@@ -77,9 +64,6 @@ class DirectTest : public SendTest
         fflush(stdout);
         return testing::internal::GetCapturedStdout();
     }
-
-    TSendByCurlParam tParam = {};
-    char achRecv[64];
 };
 
 } // namespace

@@ -65,21 +65,13 @@ void ExpectNoHandleLeft()
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), hooks::Calls("curl_easy_init"));
 }
 
-class EngineSendTest : public SendTest
+class EngineSendTest : public RecordTest
 {
   protected:
     void SetUp() override
     {
-        SendTest::SetUp();
-        tParam.pchURL = "http://127.0.0.1:1/x";
-        tParam.pchSendBuf = "{\"a\":1}";
-        tParam.dwSendLen = 7;
-        tParam.dwConnTimeOutMS = 1111;
-        tParam.dwTimeoutMS = 2222;
-        tParam.dwMaxRecvLen = 16;
-        tParam.pchRecvBuf = achRecv;
+        RecordTest::SetUp();
         tParam.pfNtf = Collect;
-        memset(achRecv, '#', sizeof achRecv);
     }
 
     void TearDown() override
@@ -87,7 +79,7 @@ class EngineSendTest : public SendTest
         if (bCountingMemory) {
             g_hInitHandle->tMemCB = {malloc, realloc, free};
         }
-        SendTest::TearDown();
+        RecordTest::TearDown();
     }
 
     bool BufferUntouched() const
@@ -135,8 +127,6 @@ class EngineSendTest : public SendTest
         EXPECT_EQ(NotifiedSoFar().size(), 0u);
     }
 
-    TSendByCurlParam tParam = {};
-    char achRecv[64];
     bool bCountingMemory = false;
 };
 

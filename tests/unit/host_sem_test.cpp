@@ -43,6 +43,24 @@ class HostSem : public testing::Test
         EXPECT_NE(OspSemDelete(hSem), 0U);
     }
 
+    /* A thread that takes twice gets through once, and the second time only after a give. */
+    void ExpectOneTakeAndThenAWait()
+    {
+        std::atomic<int> nTaken{0};
+        std::thread tTaker([&] {
+            OspSemTake(hSem);
+            nTaken = 1;
+            OspSemTake(hSem);
+            nTaken = 2;
+        });
+        EXPECT_TRUE(Reaches(nTaken, 1));
+        LetOthersRun();
+        EXPECT_EQ(nTaken.load(), 1);
+        OspSemGive(hSem);
+        tTaker.join();
+        EXPECT_EQ(nTaken.load(), 2);
+    }
+
     HOspSem hSem = nullptr;
 };
 
@@ -70,37 +88,14 @@ TEST_F(HostSem, TakeWaitsForTheGive)
 
 TEST_F(HostSem, SecondTakeOfOneThreadWaitsForAGive)
 {
-    std::atomic<int> nTaken{0};
-    std::thread tTaker([&] {
-        OspSemTake(hSem);
-        nTaken = 1;
-        OspSemTake(hSem);
-        nTaken = 2;
-    });
-    ASSERT_TRUE(Reaches(nTaken, 1));
-    LetOthersRun();
-    EXPECT_EQ(nTaken.load(), 1);
-    OspSemGive(hSem);
-    tTaker.join();
-    EXPECT_EQ(nTaken.load(), 2);
+    ExpectOneTakeAndThenAWait();
 }
 
 TEST_F(HostSem, GivesAreNotCounted)
 {
     EXPECT_NE(OspSemGive(hSem), 0U);
     EXPECT_NE(OspSemGive(hSem), 0U);
-    std::atomic<int> nTaken{0};
-    std::thread tTaker([&] {
-        OspSemTake(hSem);
-        nTaken = 1;
-        OspSemTake(hSem);
-        nTaken = 2;
-    });
-    ASSERT_TRUE(Reaches(nTaken, 1));
-    LetOthersRun();
-    EXPECT_EQ(nTaken.load(), 1);
-    OspSemGive(hSem);
-    tTaker.join();
+    ExpectOneTakeAndThenAWait();
 }
 
 TEST_F(HostSem, AnotherThreadMayGive)
