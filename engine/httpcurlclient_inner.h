@@ -133,9 +133,12 @@ ENvrHttpCurlCltRet __NvrHttpCurlClt_CurlErrCode2Clt(CURLcode eCurlCode);
 
 /* Thread entry; pvTask is the task record. Returns after the task's bExit was set. */
 void _NvrHttpCurlCltWorkerRoutine(void *pvTask);
-/* Adds queued requests to the multi handle and performs if there were any; returns their number. */
+/* Adds queued requests to the multi handle and drives the transfers if there were any; returns their number. */
 uint32_t _NvrHttpCurlClt_CheckAddMultiHandle(TNvrHttpCurlCltTask *ptTask, CURLM *ptMulti);
-/* Performs and completes what has ended. One body; they differ in the line of a failed transfer. */
+/*
+ * Drive the transfers as far as they can go at once and complete what has ended. One body; they
+ * differ in the line of a failed transfer.
+ */
 void _NvrHttpCurlClt_CurlPerformAndReadInfo(CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask);
 void _NvrHttpCurlClt_CurlPerformAndReadInfoEx(CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask);
 }

@@ -7,9 +7,11 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -123,6 +125,10 @@ const char *const places = "    ssl_certificate certificate.pem;\n"
                            "    ssl_certificate_key key.pem;\n"
                            "    location /ready { return 200 ready; }\n"
                            "    location /echo { echo_read_request_body; echo_request_body; }\n"
+                           "    location /late { echo_sleep 0.3; echo -n ok; }\n"
+                           "    location /pieces { echo -n one; echo_flush; echo_sleep 0.1; echo -n two; echo_flush;\n"
+                           "                       echo_sleep 0.1; echo -n three; }\n"
+                           "    location /files/ { error_page 405 =200 $uri; }\n" /* a POST gets the file, too */
                            "    location /auth { auth_basic recorder; auth_basic_user_file passwords;\n"
                            "                     echo_read_request_body; echo_request_body; }\n"
                            "    location /status/404 { return 404 \"nothing here, says the server\"; }\n"
@@ -135,6 +141,7 @@ NginxServer::NginxServer() : folder(common::MakeFolder())
     const std::string program = NVRHTTP_NGINX;
     int plainSocket = -1;
     int tlsSocket = -1;
+    int http2Socket = -1;
     if (program.empty() || std::string(NVRHTTP_OPENSSL).empty()) {
         problem = "no nginx or no openssl was found when the build was configured";
         return;
@@ -150,15 +157,18 @@ NginxServer::NginxServer() : folder(common::MakeFolder())
     /* The sockets are ours and nginx inherits them, so no other process can get between. */
     plainSocket = common::BindLoopback(&plainPort);
     tlsSocket = common::BindLoopback(&tlsPort);
-    if (plainSocket < 0 || tlsSocket < 0 || listen(plainSocket, 511) != 0 || listen(tlsSocket, 511) != 0) {
+    http2Socket = common::BindLoopback(&http2Port);
+    const std::vector<int> sockets = {plainSocket, tlsSocket, http2Socket};
+    if (std::any_of(sockets.begin(), sockets.end(), [](int fd) { return fd < 0 || listen(fd, 511) != 0; })) {
         problem = "no free loopback ports";
     } else if (!WriteConfiguration(ModulesFolder(common::ReadWholeFile(folder + "/description")))) {
         problem = "the configuration could not be written";
-    } else if (!Launch(plainSocket, tlsSocket)) {
+    } else if (!Launch(sockets)) {
         problem = "nginx could not be started";
     }
-    close(plainSocket);
-    close(tlsSocket);
+    for (int fd : sockets) {
+        close(fd);
+    }
     if (problem.empty() && !Answers()) {
         problem = "nginx does not answer: " + common::ReadWholeFile(folder + "/nginx.out") + ErrorLog();
     }
@@ -183,17 +193,21 @@ bool NginxServer::WriteConfiguration(const std::string &modulesFolder)
 {
     const std::string plain = "    listen 127.0.0.1:" + std::to_string(plainPort) + ";\n";
     const std::string tls = "    listen 127.0.0.1:" + std::to_string(tlsPort) + " ssl;\n";
+    const std::string http2 = "    listen 127.0.0.1:" + std::to_string(http2Port) + " ssl http2;\n";
     const std::string load = "load_module " + modulesFolder + "/ngx_http_echo_module.so;\n";
-    return WriteFile(folder + "/nginx.conf",
-                     load + KeepUser() + commonSettings + "  server {\n" + plain + tls + places + "  }\n}\n") &&
+    return WriteFile(folder + "/nginx.conf", load + KeepUser() + commonSettings + "  root " + folder +
+                                                 ";\n  server {\n" + plain + tls + http2 + places + "  }\n}\n") &&
            WriteFile(folder + "/passwords", std::string(user) + ":{PLAIN}" + password + "\n");
 }
 
-bool NginxServer::Launch(int plainSocket, int tlsSocket)
+bool NginxServer::Launch(const std::vector<int> &sockets)
 {
-    const std::string inherited = "NGINX=" + std::to_string(plainSocket) + ";" + std::to_string(tlsSocket) + ";";
+    std::string inherited = "NGINX=";
+    for (int fd : sockets) {
+        inherited += std::to_string(fd) + ";";
+    }
     process = Start({NVRHTTP_NGINX, "-p", folder + "/", "-c", folder + "/nginx.conf", "-e", folder + "/error.log"},
-                    {inherited}, folder + "/nginx.out", {plainSocket, tlsSocket});
+                    {inherited}, folder + "/nginx.out", sockets);
     return process > 0;
 }
 
@@ -253,6 +267,22 @@ std::string NginxServer::Http(const std::string &path, const std::string &scheme
 std::string NginxServer::Https(const std::string &path, const std::string &scheme) const
 {
     return scheme + "://127.0.0.1:" + std::to_string(tlsPort) + path;
+}
+
+std::string NginxServer::Http2(const std::string &path) const
+{
+    return "https://127.0.0.1:" + std::to_string(http2Port) + path;
+}
+
+bool NginxServer::MakeFile(const std::string &name, size_t length) const
+{
+    mkdir((folder + "/files").c_str(), 0700);
+    return WriteFile(folder + "/files/" + name, common::Text(length));
+}
+
+bool NginxServer::MakeHugeFile(const std::string &name) const
+{
+    return MakeFile(name, 0) && truncate((folder + "/files/" + name).c_str(), int64_t{1} << 40) == 0;
 }
 
 std::string NginxServer::ErrorLog() const

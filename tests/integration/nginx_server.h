@@ -4,6 +4,9 @@
  *
  *   /echo        200 with the request's body
  *   /auth        the same behind Basic authentication, see user and password
+ *   /late        200 with 2 bytes after 0.3 s
+ *   /pieces      200 with 11 bytes in three pieces, 0.1 s apart
+ *   /files/NAME  what MakeFile made
  *   /status/404  404, likewise 500, with a text
  */
 #ifndef TESTS_INTEGRATION_NGINX_SERVER_H
@@ -13,6 +16,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "common.h"
 
@@ -36,13 +40,20 @@ class NginxServer
     /* The TLS port, whose certificate nobody has signed but its own key. */
     std::string Https(const std::string &path, const std::string &scheme = "https") const;
 
+    /* The TLS port that offers HTTP/2. */
+    std::string Http2(const std::string &path) const;
+    /* Makes the file behind /files/NAME. */
+    bool MakeFile(const std::string &name, size_t length) const;
+    /* 1 TB of zeros that take no space: an answer without end. */
+    bool MakeHugeFile(const std::string &name) const;
+
     /* The error log so far; handshakes that a client breaks off are in it. */
     std::string ErrorLog() const;
 
   private:
     bool MakeCertificate();
     bool WriteConfiguration(const std::string &modulesFolder);
-    bool Launch(int plainSocket, int tlsSocket);
+    bool Launch(const std::vector<int> &sockets);
     bool Answers() const;
     void Stop();
 
@@ -51,6 +62,7 @@ class NginxServer
     pid_t process = -1;
     uint16_t plainPort = 0;
     uint16_t tlsPort = 0;
+    uint16_t http2Port = 0;
 };
 
 /* Base of the cases that need one. */

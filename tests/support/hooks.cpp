@@ -31,6 +31,7 @@ CURLMcode __real_curl_multi_cleanup(CURLM *);
 CURLMcode __real_curl_multi_add_handle(CURLM *, CURL *);
 CURLMcode __real_curl_multi_remove_handle(CURLM *, CURL *);
 CURLMcode __real_curl_multi_perform(CURLM *, int *);
+CURLMcode __real_curl_multi_timeout(CURLM *, long *);
 CURLMcode __real_curl_multi_wait(CURLM *, curl_waitfd *, unsigned, int, int *);
 CURLMsg *__real_curl_multi_info_read(CURLM *, int *);
 CURLSH *__real_curl_share_init(void);
@@ -97,6 +98,7 @@ HOOK(multi_cleanup)
 HOOK(multi_add_handle)
 HOOK(multi_remove_handle)
 HOOK(multi_perform)
+HOOK(multi_timeout)
 HOOK(multi_wait)
 HOOK(multi_info_read)
 HOOK(share_init)
@@ -144,6 +146,7 @@ enum Call {
     CALL_MULTI_ADD_HANDLE,
     CALL_MULTI_REMOVE_HANDLE,
     CALL_MULTI_PERFORM,
+    CALL_MULTI_TIMEOUT,
     CALL_MULTI_WAIT,
     CALL_MULTI_INFO_READ,
     CALL_SHARE_INIT,
@@ -174,6 +177,7 @@ constexpr std::array<const char *, CALL_COUNT> g_aszCallNames{
     "curl_multi_add_handle",
     "curl_multi_remove_handle",
     "curl_multi_perform",
+    "curl_multi_timeout",
     "curl_multi_wait",
     "curl_multi_info_read",
     "curl_share_init",
@@ -349,6 +353,11 @@ CURLMcode multi_perform(CURLM *ptMulti, int *pnRunning)
     return __real_curl_multi_perform(ptMulti, pnRunning);
 }
 
+CURLMcode multi_timeout(CURLM *ptMulti, long *pnTimeoutMS)
+{
+    return __real_curl_multi_timeout(ptMulti, pnTimeoutMS);
+}
+
 CURLMcode multi_wait(CURLM *ptMulti, curl_waitfd *ptExtra, unsigned dwExtra, int nTimeoutMS, int *pnReady)
 {
     return __real_curl_multi_wait(ptMulti, ptExtra, dwExtra, nTimeoutMS, pnReady);
@@ -521,6 +530,13 @@ CURLMcode __wrap_curl_multi_perform(CURLM *ptMulti, int *pnRunning)
     Count(CALL_MULTI_PERFORM);
     return IsSet(hooks::multi_perform) ? hooks::multi_perform(ptMulti, pnRunning)
                                        : hooks::real::multi_perform(ptMulti, pnRunning);
+}
+
+CURLMcode __wrap_curl_multi_timeout(CURLM *ptMulti, long *pnTimeoutMS)
+{
+    Count(CALL_MULTI_TIMEOUT);
+    return IsSet(hooks::multi_timeout) ? hooks::multi_timeout(ptMulti, pnTimeoutMS)
+                                       : hooks::real::multi_timeout(ptMulti, pnTimeoutMS);
 }
 
 CURLMcode __wrap_curl_multi_wait(CURLM *ptMulti, curl_waitfd *ptExtra, unsigned dwExtra, int nTimeoutMS, int *pnReady)
