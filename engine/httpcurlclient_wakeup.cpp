@@ -3,10 +3,6 @@
  * descriptor serves both the submitter and the sleeping worker.
  */
 
-/* The standard strerror_r, which fills the buffer and returns an int. */
-#undef _GNU_SOURCE
-#define _POSIX_C_SOURCE 200809L
-
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
@@ -19,6 +15,20 @@
 #include "support/hcc_log.h"
 
 static const char s_szLoopback[] = "127.0.0.1";
+
+/*
+ * The text that strerror_r made. C libraries declare it in one of two forms: POSIX's returns a
+ * number and fills the buffer, GNU's returns the text and need not use the buffer.
+ */
+inline const char *ErrorText(int, const char *szBuffer)
+{
+    return szBuffer;
+}
+
+inline const char *ErrorText(const char *szText, const char *)
+{
+    return szText;
+}
 
 enum { WAKEUP_PORT_FIRST = 46990, WAKEUP_PORT_EXHAUSTED = 39999 };
 
@@ -34,8 +44,8 @@ int32_t _NvrHttpCurlCltSocket_CreateUdpSocket(const char *szIP, uint32_t nPort, 
     const int nSock = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (nSock < 0) {
         const int nErrno = errno;
-        strerror_r(nErrno, achError, sizeof(achError));
-        HCC_LOG(HCC_LEVEL_ERROR, "[Error] socket() failed, errno %d{%s}\n", nErrno, achError);
+        const char *szError = ErrorText(strerror_r(nErrno, achError, sizeof(achError)), achError);
+        HCC_LOG(HCC_LEVEL_ERROR, "[Error] socket() failed, errno %d{%s}\n", nErrno, szError);
         return -1;
     }
 
@@ -45,8 +55,8 @@ int32_t _NvrHttpCurlCltSocket_CreateUdpSocket(const char *szIP, uint32_t nPort, 
     tAddr.sin_addr.s_addr = inet_addr(szIP);
     if (bind(nSock, reinterpret_cast<const struct sockaddr *>(&tAddr), sizeof(tAddr)) != 0) {
         const int nErrno = errno;
-        strerror_r(nErrno, achError, sizeof(achError));
-        HCC_LOG(HCC_LEVEL_ERROR, "[Error] bind() failed, errno %d{%s}\n", nErrno, achError);
+        const char *szError = ErrorText(strerror_r(nErrno, achError, sizeof(achError)), achError);
+        HCC_LOG(HCC_LEVEL_ERROR, "[Error] bind() failed, errno %d{%s}\n", nErrno, szError);
         close(nSock);
         return -1;
     }
