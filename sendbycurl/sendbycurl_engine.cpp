@@ -89,22 +89,20 @@ static ESendByCurlRet StepResult(const char *szFunc, int nLine, ENvrHttpCurlCltR
         }                                                                                                              \
     } while (0)
 
-static ESendByCurlRet SetMethod(const char *szFunc, HNvrHttpCurlCltReq hReq, uint32_t eHeadType)
+static ENvrHttpCurlCltRet SetMethod(HNvrHttpCurlCltReq hReq, uint32_t eHeadType)
 {
     char szMethod[METHOD_BYTES] = "";
-    RETURN_IF_FAILED(szFunc, SendByCurlMethodTransToStr(eHeadType, szMethod, sizeof(szMethod)));
-    RETURN_IF_FAILED(szFunc, NvrHttpCurlCltSetReqMethod(hReq, szMethod));
-    return SENDBYCURL_OK;
+    SendByCurlMethodTransToStr(eHeadType, szMethod, sizeof(szMethod));
+    return NvrHttpCurlCltSetReqMethod(hReq, szMethod);
 }
 
-static ESendByCurlRet SetAuth(const char *szFunc, HNvrHttpCurlCltReq hReq, const TSendByCurlParam *ptParam)
+static ENvrHttpCurlCltRet SetAuth(HNvrHttpCurlCltReq hReq, const TSendByCurlParam *ptParam)
 {
     /* The record's array may be filled to its last byte; libcurl needs a terminator. */
     char szUserAndPassWd[sizeof(ptParam->achUserAndPassWd) + 1];
     snprintf(szUserAndPassWd, sizeof(szUserAndPassWd), "%.*s", static_cast<int>(sizeof(ptParam->achUserAndPassWd)),
              ptParam->achUserAndPassWd);
-    RETURN_IF_FAILED(szFunc, NvrHttpCurlCltSetAuthType(hReq, ptParam->bCurlAuth, szUserAndPassWd));
-    return SENDBYCURL_OK;
+    return NvrHttpCurlCltSetAuthType(hReq, ptParam->bCurlAuth, szUserAndPassWd);
 }
 
 static ESendByCurlRet Prepare(const char *szFunc, HNvrHttpCurlCltReq hReq, const TSendByCurlParam *ptParam,
@@ -112,12 +110,9 @@ static ESendByCurlRet Prepare(const char *szFunc, HNvrHttpCurlCltReq hReq, const
 {
     RETURN_IF_FAILED(szFunc, NvrHttpCurlCltSetReqUri(hReq, ptParam->pchURL));
     RETURN_IF_FAILED(szFunc, NvrHttpCurlCltSetReqHeader(hReq, "Content-Type", "application/json;charset=UTF-8"));
-    ESendByCurlRet eRet = SetMethod(szFunc, hReq, ptParam->eHeadType);
-    if (eRet == SENDBYCURL_OK && bWithAuth) {
-        eRet = SetAuth(szFunc, hReq, ptParam);
-    }
-    if (eRet != SENDBYCURL_OK) {
-        return eRet;
+    RETURN_IF_FAILED(szFunc, SetMethod(hReq, ptParam->eHeadType));
+    if (bWithAuth) {
+        RETURN_IF_FAILED(szFunc, SetAuth(hReq, ptParam));
     }
     RETURN_IF_FAILED(szFunc, NvrHttpCurlCltSetReqBody(hReq, ptParam->pchSendBuf, ptParam->dwSendLen));
     return SENDBYCURL_OK;
