@@ -60,13 +60,13 @@ static uint32_t SlotIndex(const TNvrHttpCurlCltInst *ptInst)
 static bool AllocateTasks(TNvrHttpCurlCltInst *ptInst, uint32_t dwThreadNum)
 {
     ptInst->dwTaskNum = 0;
-    const uint64_t qwBytes = static_cast<uint64_t>(dwThreadNum) * sizeof(TNvrHttpCurlCltTask);
-    ptInst->atTasks = static_cast<TNvrHttpCurlCltTask *>(ptInst->tMemCB.pfMalloc(qwBytes));
+    const uint32_t dwBytes = dwThreadNum * static_cast<uint32_t>(sizeof(TNvrHttpCurlCltTask));
+    ptInst->atTasks = static_cast<TNvrHttpCurlCltTask *>(ptInst->tMemCB.pfMalloc(dwBytes));
     if (ptInst->atTasks == nullptr) {
         HCC_LOG_AS(s_szInit, HCC_LEVEL_ERROR, "[Error] malloc failed, atTasks\n");
         return false;
     }
-    NVRHCCMemzero(ptInst->atTasks, static_cast<uint32_t>(qwBytes));
+    NVRHCCMemzero(ptInst->atTasks, dwBytes);
     return true;
 }
 

@@ -17,7 +17,8 @@ size_t _HttpCurlStackWriteCB(void *pvData, size_t size, size_t nmemb, void *pvMe
 
     /* Stored untested: after a failure the record holds no buffer but still its size. */
     const size_t nBytes = size * nmemb;
-    ptMem->pchData = static_cast<char *>(ptMem->pfRealloc(ptMem->pchData, ptMem->qwSize + 1 + nBytes));
+    const size_t nNewBytes = static_cast<size_t>(ptMem->qwSize) + 1 + nBytes;
+    ptMem->pchData = static_cast<char *>(ptMem->pfRealloc(ptMem->pchData, nNewBytes));
     if (ptMem->pchData == nullptr) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] [CurlStack]not enough memory (realloc returned NULL)\n");
         return 0;
@@ -106,7 +107,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBody(HNvrHttpCurlCltReq hReq, char *szBo
     }
 
     /* The terminator may be one byte past the stated size: that is the contract. */
-    memcpy(szBodyBuf, ptResp->pchData, ptResp->qwSize);
+    memcpy(szBodyBuf, ptResp->pchData, static_cast<size_t>(ptResp->qwSize));
     szBodyBuf[ptResp->qwSize] = '\0';
     *pdwBufSize = static_cast<uint32_t>(ptResp->qwSize);
     return NVRHTTPCURLCLT_OK;
