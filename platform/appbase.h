@@ -9,12 +9,9 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 typedef struct TAppNetAddr {
     uint32_t dwFamily;
@@ -46,11 +43,6 @@ uint16_t AppConvertHtons(uint16_t wHost);
  */
 uint32_t AppConvertStrtoNet(const char *szAddr, TAppNetAddr *ptAddr);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

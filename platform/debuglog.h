@@ -15,12 +15,9 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 #if defined(__GNUC__)
 #define DEBUGLOG_PRINTF(nFormat, nFirst) __attribute__((format(printf, nFormat, nFirst)))
@@ -57,11 +54,6 @@ uint32_t DebugLogSetToFileLevel(uint32_t dwModule, uint32_t dwLevel);
  */
 void DebugLogPrint(uint32_t dwModule, uint32_t dwLevel, const char *szFormat, ...) DEBUGLOG_PRINTF(3, 4);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

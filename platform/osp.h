@@ -11,12 +11,9 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 typedef struct TOspSem *HOspSem;
 typedef struct TOspTask *HOspTask;
@@ -77,11 +74,6 @@ uint32_t OspTaskWaitEnd(HOspTask hTask);
  */
 uint32_t OspRegCommand(const char *szName, PFOspCommand pfCommand, const char *szHelp);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

@@ -12,14 +12,10 @@
 
 #include <stdint.h>
 
+#include "nvrhttpcurl/decls.h"
 #include "nvrhttpcurl/memcb.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+NVRHTTPCURL_BEGIN_DECLS
 
 /* What the list operations return. */
 enum {
@@ -88,11 +84,6 @@ uint32_t NVRHCCListInsertAfter(TNVRHCCList *ptList, TNVRHCCListNode *ptAnchor, v
  */
 uint32_t NVRHCCListRemove(TNVRHCCList *ptList, TNVRHCCListNode *ptNode, void **ppData);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

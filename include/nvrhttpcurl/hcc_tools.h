@@ -7,12 +7,9 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 /*
  * The clock ticks that have elapsed since an arbitrary fixed point, or 0 if the system
@@ -42,11 +39,6 @@ uint32_t NVRHCCThreadSetName(const char *szName);
 /* Fills dwCount bytes of the block with zero and returns the block. */
 void *NVRHCCMemzero(void *pvBlock, uint32_t dwCount);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

@@ -31,14 +31,10 @@
 
 #include <stdint.h>
 
+#include "nvrhttpcurl/decls.h"
 #include "nvrhttpcurl/memcb.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+NVRHTTPCURL_BEGIN_DECLS
 
 /* What the operations return and what a completion callback is told. */
 typedef uint32_t ENvrHttpCurlCltRet;
@@ -293,11 +289,6 @@ void NvrHttpCurlCltReqDestroy(HNvrHttpCurlCltReq hReq);
  */
 ENvrHttpCurlCltRet NvrHttpCurlCltCheckUri(const char *szUri, uint32_t dwConnTimeOutSec);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

@@ -7,9 +7,9 @@
 
 #include <stddef.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 /*
  * The three callbacks belong together: all are given or none is. They are copied
@@ -35,8 +35,6 @@ typedef struct TNvrHttpCurlCltMemCB {
     void (*pfFree)(void *);
 } TNvrHttpCurlCltMemCB;
 
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

@@ -12,12 +12,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#if defined(__GNUC__)
-#pragma GCC visibility push(default)
-#endif
+#include "nvrhttpcurl/decls.h"
+
+NVRHTTPCURL_BEGIN_DECLS
 
 /* What the sends return and what a notification is told. */
 typedef uint32_t ESendByCurlRet;
@@ -250,11 +247,6 @@ uint32_t set_share_handle(void *easy);
  */
 void sendbycurltest(int32_t nMode, const char *pchUrl);
 
-#if defined(__GNUC__)
-#pragma GCC visibility pop
-#endif
-#ifdef __cplusplus
-}
-#endif
+NVRHTTPCURL_END_DECLS
 
 #endif

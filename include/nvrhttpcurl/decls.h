@@ -1,0 +1,30 @@
+/*
+ * What encloses the declarations of every public header and of every header of the platform:
+ * C linkage, and names that stay visible where the compiler hides all others.
+ *
+ * This header declares nothing and includes nothing, so every layer may include it.
+ */
+#ifndef NVRHTTPCURL_DECLS_H
+#define NVRHTTPCURL_DECLS_H
+
+#if defined(__GNUC__)
+#define NVRHTTPCURL_BEGIN_VISIBLE _Pragma("GCC visibility push(default)")
+#define NVRHTTPCURL_END_VISIBLE _Pragma("GCC visibility pop")
+#else
+#define NVRHTTPCURL_BEGIN_VISIBLE
+#define NVRHTTPCURL_END_VISIBLE
+#endif
+
+#ifdef __cplusplus
+#define NVRHTTPCURL_BEGIN_DECLS                                                                                        \
+    extern "C" {                                                                                                       \
+    NVRHTTPCURL_BEGIN_VISIBLE
+#define NVRHTTPCURL_END_DECLS                                                                                          \
+    NVRHTTPCURL_END_VISIBLE                                                                                            \
+    }
+#else
+#define NVRHTTPCURL_BEGIN_DECLS NVRHTTPCURL_BEGIN_VISIBLE
+#define NVRHTTPCURL_END_DECLS NVRHTTPCURL_END_VISIBLE
+#endif
+
+#endif
