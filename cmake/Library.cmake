@@ -1,5 +1,5 @@
-# The library: one set of objects, a shared library that exports just its API, and a static
-# one through which tests reach every function and bring a platform of their own.
+# The library's objects, and a static library through which tests reach every function and bring
+# a platform of their own. The shared library, which exports just the API, is made in abi/.
 
 set(NVRHTTPCURL_DEFAULT_SELFTEST_URL "https://192.168.0.200:3789/NVR/FCACheckTempNtf")
 set(NVRHTTPCURL_SELFTEST_URL
@@ -45,25 +45,3 @@ add_library(nvrhttpcurl_static STATIC $<TARGET_OBJECTS:nvrhttpcurl_objects>)
 set_target_properties(nvrhttpcurl_static PROPERTIES OUTPUT_NAME nvrhttpcurl LINKER_LANGUAGE CXX)
 target_include_directories(nvrhttpcurl_static PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
 target_link_libraries(nvrhttpcurl_static PUBLIC CURL::libcurl PkgConfig::CJSON)
-
-# Linked with the C driver and without undefined symbols: whatever would need the C++
-# runtime fails the build here instead of pulling it in.
-set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
-set(exports ${PROJECT_SOURCE_DIR}/abi/exports.map)
-add_library(nvrhttpcurl SHARED $<TARGET_OBJECTS:nvrhttpcurl_objects>)
-set_target_properties(
-  nvrhttpcurl
-  PROPERTIES LINKER_LANGUAGE C
-             VERSION ${PROJECT_VERSION}
-             SOVERSION ${PROJECT_VERSION_MAJOR}
-             LINK_DEPENDS ${exports})
-target_include_directories(
-  nvrhttpcurl PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_link_options(nvrhttpcurl PRIVATE LINKER:-z,defs LINKER:--version-script=${exports})
-# osp and appbase: the host's, or the device's own where the host platform is not built.
-target_link_libraries(nvrhttpcurl PRIVATE osp appbase CURL::libcurl PkgConfig::CJSON)
-
-install(
-  TARGETS nvrhttpcurl
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/nvrhttpcurl DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
