@@ -1,8 +1,8 @@
 /*
- * What encloses the declarations of every public header and of every header of the platform:
- * C linkage, and names that stay visible where the compiler hides all others.
+ * Enclose the declarations of each public header and of each platform header: C linkage, and
+ * names that stay visible in code that is compiled with hidden visibility.
  *
- * This header declares nothing and includes nothing, so every layer may include it.
+ * This header declares nothing and includes nothing, so that every layer may include it.
  */
 #ifndef NVRHTTPCURL_DECLS_H
 #define NVRHTTPCURL_DECLS_H

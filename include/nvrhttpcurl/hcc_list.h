@@ -1,11 +1,11 @@
 /*
  * A doubly linked list of opaque elements.
  *
- * The list owns its nodes and never its elements: an element is released by the
- * callback given to NVRHCCListCleanUp or by whoever gets it back from
- * NVRHCCListRemove. Nodes come from the memory callbacks given to NVRHCCListInit.
- * Every operation but the clean-up takes constant time. Nothing is logged and no
- * lock is taken: guard a shared list yourself. Walk it through ptHead and ptNext.
+ * The list owns its nodes but not its elements: the callback given to NVRHCCListCleanUp
+ * releases them, or the caller that gets one back from NVRHCCListRemove. Nodes come from
+ * the memory callbacks given to NVRHCCListInit. Every operation except the clean-up takes
+ * constant time. Nothing is logged and no lock is taken: a list that threads share needs a
+ * lock of the caller's. To walk the list, follow ptHead and ptNext.
  */
 #ifndef NVRHTTPCURL_HCC_LIST_H
 #define NVRHTTPCURL_HCC_LIST_H
@@ -40,24 +40,24 @@ typedef struct TNVRHCCList {
 } TNVRHCCList;
 
 /*
- * dwNumOfElem is written with relaxed atomic stores, so a reader that wants no more
- * than a momentary count may load it atomically while another thread changes the list.
+ * dwNumOfElem is written with relaxed atomic stores: a reader that only needs a momentary
+ * count may load it atomically while another thread changes the list.
  */
 
 /*
- * Makes an empty list. Nodes that the record still links are forgotten, not released.
+ * Makes an empty list. Nodes that the record still links are not released.
  *
  * ptMemCB: copied; null, or all three callbacks null, means malloc, realloc and free.
  * Returns 0; 2 if ptList is null or only some of the callbacks are set (the record is
- * then left untouched).
+ * then unchanged).
  */
 uint32_t NVRHCCListInit(TNVRHCCList *ptList, const TNvrHttpCurlCltMemCB *ptMemCB);
 
 /*
- * Removes every node, from the head on: first the node is released, then pfFreeData is
+ * Removes every node, starting at the head: first the node is released, then pfFreeData is
  * called with its element. The list is empty afterwards and can be used again.
  *
- * Does nothing at all, not even to the nodes, if ptList or pfFreeData is null.
+ * Does nothing, not even to the nodes, if ptList or pfFreeData is null.
  * pfFreeData must not touch the list. Cost: linear.
  */
 void NVRHCCListCleanUp(TNVRHCCList *ptList, void (*pfFreeData)(void *));
@@ -66,7 +66,7 @@ void NVRHCCListCleanUp(TNVRHCCList *ptList, void (*pfFreeData)(void *));
  * Inserts an element before (after) an anchor.
  *
  * ptAnchor: a node of this list; null means before the head (after the tail).
- * pvData:   the element, not null; the list keeps the pointer only.
+ * pvData:   the element, not null; the list only keeps the pointer.
  * ppNode:   receives the new node unless null.
  * Returns 0; 2 if ptList or pvData is null or an anchor is given for an empty list;
  * 3 if no node could be allocated.
@@ -77,8 +77,7 @@ uint32_t NVRHCCListInsertAfter(TNVRHCCList *ptList, TNVRHCCListNode *ptAnchor, v
 /*
  * Unlinks and releases a node.
  *
- * ptNode: a node of this list. That it is one is not checked: a node of another list
- *         corrupts both.
+ * ptNode: a node of this list. This is not checked: a node of another list corrupts both.
  * ppData: receives the element unless null; it is the caller's again.
  * Returns 0; 2 if ptList or ptNode is null or the list is empty.
  */
