@@ -2,7 +2,7 @@
  * The device's application base library: small text, delay and address helpers.
  *
  * Closed on the device, implemented by platform/host elsewhere. All calls are thread-safe
- * and keep nothing of what they are given.
+ * and keep no pointer that they receive.
  */
 #ifndef PLATFORM_APPBASE_H
 #define PLATFORM_APPBASE_H
@@ -20,8 +20,8 @@ typedef struct TAppNetAddr {
 } TAppNetAddr; /* 20 bytes */
 
 /*
- * The first place of szPart in szText, case-sensitive, or null; szText itself for an empty
- * szPart. Null if either is null.
+ * The first occurrence of szPart in szText, case-sensitive, or null; szText itself for an
+ * empty szPart. Null if either is null.
  */
 char *AppStrstr(const char *szText, const char *szPart);
 
@@ -38,7 +38,7 @@ uint16_t AppConvertHtons(uint16_t wHost);
  * Converts a dotted IPv4 text into an address record.
  *
  * ptAddr: zeroed by the caller; dwFamily and dwIPv4 are written on success only.
- * Returns 0 on SUCCESS, any other value is an error: a null pointer or a text that is no
+ * Returns 0 on SUCCESS; any other value is an error: a null pointer or a text that is not a
  * dotted IPv4 address.
  */
 uint32_t AppConvertStrtoNet(const char *szAddr, TAppNetAddr *ptAddr);

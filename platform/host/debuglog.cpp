@@ -1,11 +1,11 @@
 /*
  * The debug log over spdlog's sinks.
  *
- * The host has modules 0 to 255 and holds 4095 bytes in a line. What it starts with: no
- * level of a module is switched on, neither console nor file takes a line, a file's length
- * is 0x20000 bytes. The file is <folder>/<name>.log, the one before it <name>.1.log; the
- * folder is NVRHTTPCURL_LOG_DIR, else TMPDIR, else /tmp, and is made if it is missing. A
- * line of either sink opens with the prefix; in the file the time follows.
+ * The host has modules 0 to 255 and holds 4095 bytes in a line. At the start no level of a
+ * module is switched on, neither console nor file takes a line, and a file's length is
+ * 0x20000 bytes. The file is <folder>/<name>.log, the previous one <name>.1.log; the folder
+ * is NVRHTTPCURL_LOG_DIR, else TMPDIR, else /tmp, and is created if it is missing. A line
+ * begins with the prefix; in the file the time follows.
  */
 #include "platform/debuglog.h"
 
@@ -34,9 +34,9 @@ enum { MODULES = 256, LINE_SIZE = 4096, DEFAULT_FILE_LEN = 0x20000, OLDER_FILES 
 const char szConsolePattern[] = "%n%v";
 const char szFilePattern[] = "%n%Y-%m-%d %H:%M:%S.%e %v";
 
-/* Limits are the first level that is not let through; 64 bits hold the one after the last. */
+/* Limits are the first level that does not pass; 64 bits hold the one after the last. */
 struct TModule {
-    std::string strPrefix; /* with the blank that parts it from the text */
+    std::string strPrefix; /* including the blank before the text */
     std::string strName;   /* empty until the module is registered */
     uint64_t qwSwitchLimit = 0;
     uint64_t qwStdioLimit = 0;
@@ -44,31 +44,31 @@ struct TModule {
     uint32_t dwFileLen = DEFAULT_FILE_LEN;
     std::unique_ptr<spdlog::sinks::rotating_file_sink_st> ptFile; /* opened by the first line for it */
     bool bFileFailed = false;                                     /* no file until the module's file is set up again */
-    bool bFailureTold = false;
+    bool bFailureReported = false;
 };
 
-std::mutex s_tLock; /* guards all below but the atomics, and the sinks */
+std::mutex s_tLock; /* guards the sinks and all below except the atomics */
 
 /*
- * Made at a module's first mention and never destroyed: tasks may still log while the process
- * ends. For the same reason each line is flushed at once.
+ * Created by the first call that names the module and never destroyed: tasks may still log
+ * while the process ends. For the same reason each line is flushed at once.
  */
 TModule *s_aptModules[MODULES];
 spdlog::sinks::stdout_sink_st *s_ptConsole;
 
 /*
- * Per module, the first level that nobody wants: all that a line which nobody wants looks
- * at. It is a hint, read without order; the limits are looked at again under the lock.
+ * Per module, the first level that no sink takes: the only state that an unwanted line
+ * reads. It is a hint, read without ordering; the limits are checked again under the lock.
  */
 std::atomic<uint64_t> s_aqwWantedLimit[MODULES];
 
-/* A sink set to dwLevel takes it and all below; 0 is off altogether. */
+/* A sink set to dwLevel takes lines of dwLevel and below; 0 takes none. */
 uint64_t SinkLimit(uint32_t dwLevel)
 {
     return dwLevel == 0 ? 0 : static_cast<uint64_t>(dwLevel) + 1;
 }
 
-/* The module, made if it is new. The lock is held; throws if there is no memory. */
+/* The module, created if it is new. The lock is held; throws if there is no memory. */
 TModule &GetModule(uint32_t dwModule)
 {
     if (s_aptModules[dwModule] == nullptr) {
@@ -85,7 +85,7 @@ void UpdateWanted(uint32_t dwModule, const TModule &tModule)
     s_aqwWantedLimit[dwModule].store(qwWanted, std::memory_order_relaxed);
 }
 
-/* Changes a module's settings by pfChange under the lock. Nonzero is success. */
+/* Changes a module's settings with pfChange, under the lock. Nonzero is success. */
 template <typename TChange> uint32_t Change(uint32_t dwModule, TChange pfChange)
 {
     if (dwModule >= MODULES) {
@@ -102,7 +102,7 @@ template <typename TChange> uint32_t Change(uint32_t dwModule, TChange pfChange)
     }
 }
 
-/* The next line for the file opens it anew, also after a failure. */
+/* The next line for the file opens it again, also after a failure. */
 void CloseFile(TModule &tModule)
 {
     tModule.ptFile.reset();
@@ -123,7 +123,7 @@ std::string Folder()
 void OpenFile(TModule &tModule)
 {
     std::string strFile = tModule.strName + ".log";
-    std::replace(strFile.begin(), strFile.end(), '/', '_'); /* a name leads out of no folder */
+    std::replace(strFile.begin(), strFile.end(), '/', '_'); /* the file stays in the folder */
     auto ptFile = std::make_unique<spdlog::sinks::rotating_file_sink_st>(Folder() + "/" + strFile, tModule.dwFileLen,
                                                                          OLDER_FILES);
     ptFile->set_formatter(std::make_unique<spdlog::pattern_formatter>(szFilePattern));
@@ -145,13 +145,13 @@ void WriteToConsole(const TModule &tModule, spdlog::string_view_t strText)
     s_ptConsole->log(Message(tModule, strText));
 }
 
-/* A sink that has failed may be half open and is not used again. */
+/* A sink that failed may be half open and is not used again. */
 void GiveUpFile(TModule &tModule, const char *szReason)
 {
     tModule.ptFile.reset();
     tModule.bFileFailed = true;
-    if (!tModule.bFailureTold) {
-        tModule.bFailureTold = true;
+    if (!tModule.bFailureReported) {
+        tModule.bFailureReported = true;
         fprintf(stderr, "debug log: no file for %s: %s\n", tModule.strName.c_str(), szReason);
     }
 }
@@ -185,7 +185,7 @@ void WriteLine(uint32_t dwModule, uint32_t dwLevel, spdlog::string_view_t strTex
     }
 }
 
-/* What vsnprintf left in a buffer of LINE_SIZE, without the newline that the sinks add. */
+/* The result of vsnprintf in a buffer of LINE_SIZE, without the newline, which the sinks add. */
 spdlog::string_view_t LineText(const char *achLine, int nLen)
 {
     size_t uLen = std::min(static_cast<size_t>(nLen), static_cast<size_t>(LINE_SIZE - 1));
@@ -195,17 +195,17 @@ spdlog::string_view_t LineText(const char *achLine, int nLen)
     return spdlog::string_view_t(achLine, uLen);
 }
 
-/* Formats a line that somebody wants. A function of its own keeps the others' way short. */
+/* Formats a line that a sink takes. A function of its own: unwanted lines need no large stack frame. */
 __attribute__((noinline, format(printf, 3, 0))) void PrintWanted(uint32_t dwModule, uint32_t dwLevel,
                                                                  const char *szFormat, va_list tArgs)
 {
-    const int nErrno = errno; /* the caller may still want to tell it */
+    const int nErrno = errno; /* the caller may still need it */
     char achLine[LINE_SIZE];
     const int nLen = vsnprintf(achLine, sizeof(achLine), szFormat, tArgs);
-    if (nLen >= 0) { /* else a text that the locale cannot show */
+    if (nLen >= 0) { /* otherwise a text that the locale cannot convert */
         try {
             WriteLine(dwModule, dwLevel, LineText(achLine, nLen));
-        } catch (...) { /* no memory for the line: it is lost, the caller goes on */
+        } catch (...) { /* no memory: the line is lost, the caller goes on */
         }
     }
     errno = nErrno;

@@ -61,7 +61,7 @@ uint32_t OspSemGive(HOspSem hSem)
     }
     pthread_mutex_lock(&hSem->tLock);
     hSem->bAvailable = true;
-    /* Under the lock: whoever takes next may delete the semaphore as soon as it is unlocked. */
+    /* Under the lock: the next taker may delete the semaphore as soon as it is unlocked. */
     pthread_cond_signal(&hSem->tGiven);
     pthread_mutex_unlock(&hSem->tLock);
     return 1;

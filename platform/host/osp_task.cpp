@@ -11,7 +11,7 @@
 
 #include "platform/osp.h"
 
-/* The kernel keeps this much of a thread's name, with its terminator. */
+/* The kernel keeps this many bytes of a thread's name, including the terminator. */
 enum { NAME_SIZE = 16 };
 
 struct TOspTask {
@@ -25,10 +25,10 @@ struct TOspTask {
 };
 
 /*
- * Real-time round robin, if the process may. The device's 1 to 255 become the eight lowest
- * of the host's real-time priorities: above every ordinary thread, below the host's own
- * real-time work. 0 asks for nothing. The priority is this task's alone: threads that it
- * starts (a library's resolver, say) are ordinary ones again.
+ * Real-time round robin, if the process may set it. The device's 1 to 255 become the eight
+ * lowest of the host's real-time priorities: above every ordinary thread, below the host's own
+ * real-time work. 0 changes nothing. The priority is not inherited: threads that the task
+ * starts (a resolver's, for example) are ordinary ones.
  */
 static void TryPriority(uint8_t byPriority)
 {
@@ -55,7 +55,7 @@ static void *RunTask(void *pvTask)
     return nullptr;
 }
 
-/* The wanted size in whole pages; the host's minimum where that is more. */
+/* The wanted size, or the host's minimum if that is more, in whole pages. */
 static size_t StackSize(uint32_t dwWanted)
 {
     const size_t uPage = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -97,7 +97,7 @@ HOspTask OspTaskCreate(PFOspTaskEntry pfEntry, const char *szName, uint8_t byPri
         delete ptTask;
         return nullptr;
     }
-    /* The thread itself writes its identifier, before its entry runs; it is there for both sides. */
+    /* The thread writes its identifier before its entry runs: then both sides see it. */
     while (sem_wait(&ptTask->tStarted) != 0 && errno == EINTR) {
     }
     return ptTask;
@@ -105,7 +105,7 @@ HOspTask OspTaskCreate(PFOspTaskEntry pfEntry, const char *szName, uint8_t byPri
 
 uint32_t OspTaskWaitEnd(HOspTask hTask)
 {
-    /* A task that waits for itself is found out here: hosts need not tell it from pthread_join. */
+    /* A task that waits for itself fails here: pthread_join need not detect it. */
     if (hTask == nullptr || pthread_equal(hTask->tThread, pthread_self()) != 0 ||
         pthread_join(hTask->tThread, nullptr) != 0) {
         return 0;
