@@ -1,24 +1,24 @@
 /*
- * The URI check: one stand-alone POST that tells whether an endpoint can be reached. It
- * belongs to no instance and uses no memory callback.
+ * The URI check: one POST that shows whether an endpoint can be reached. It belongs to no
+ * instance and uses no memory callback.
  */
 #include "engine/httpcurlclient_inner.h"
 #include "engine/httpcurlclient_setopt.h"
 #include "platform/appbase.h"
 #include "support/hcc_log.h"
 
-/* The helpers below run on the check's behalf, and their lines say so. */
+/* The helpers below run for the check: their lines have its name. */
 static const char s_szCheckUri[] = "NvrHttpCurlCltCheckUri";
 
-/* The check is about reaching the server; without this its answer would go to standard output. */
+/* The check only needs to reach the server. Without this the answer goes to standard output. */
 static size_t DiscardAnswer(char *, size_t size, size_t nmemb, void *)
 {
     return size * nmemb;
 }
 
 /*
- * Refusals are only logged. No read function and no body is set, so libcurl takes the
- * POST's body from standard input: that of a service is empty.
+ * Refusals are only logged. Neither a read function nor a body is set, so libcurl reads the
+ * POST's body from standard input, which is empty for a service.
  */
 static void SetCheckOptions(CURL *ptEasy, const char *szUri, uint32_t dwConnTimeOutSec)
 {
@@ -29,7 +29,7 @@ static void SetCheckOptions(CURL *ptEasy, const char *szUri, uint32_t dwConnTime
         SET_OPTION_AS(s_szCheckUri, ptEasy, CURLOPT_SSL_VERIFYPEER, 0L);
         SET_OPTION_AS(s_szCheckUri, ptEasy, CURLOPT_SSL_VERIFYHOST, 0L);
         SET_OPTION_AS(s_szCheckUri, ptEasy, CURLOPT_CAINFO, static_cast<const char *>(nullptr));
-        /* The separator is an ideographic comma in GB2312, as the device's log viewers expect. */
+        /* The separator is an ideographic comma in GB2312: the device's log viewers expect it. */
         HCC_LOG_AS(s_szCheckUri, HCC_LEVEL_INFO,
                    " setopt CURLOPT_SSL_VERIFYPEER\xA1\xA2"
                    "CURLOPT_SSL_VERIFYHOST\n");

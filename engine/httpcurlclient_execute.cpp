@@ -1,19 +1,18 @@
 /*
  * Execution of requests and their withdrawal.
  *
- * Vocabulary. A request is unbound until its first asynchronous submission, which gives it
- * a node and binds it to the task with the fewest queued requests, for good. The node is
+ * A request is unbound until its first asynchronous submission, which gives it a node and
+ * binds it to the task with the fewest queued requests, for the rest of its life. The node is
  * queued or in flight in the task's tRunList, then finished in its tFinList; submitting the
  * request again moves it back. NvrHttpCurlCltReqDestroy takes it out of either list and
  * releases it.
  *
- * Who owns a node: the list that it is in, or the thread that has taken it out. A thread
- * that has queued a node must not touch it, nor its request, once it gives hRunLock back: the
- * worker may have completed it, and the callback's side destroyed it, before that call has
- * returned. The task outlives both.
+ * A node belongs to the list that it is in, or to the thread that has taken it out. A thread
+ * that has queued a node must not touch the node or its request after giving hRunLock back:
+ * by then the worker may have completed it, and the callback destroyed it. The task outlives
+ * both.
  *
- * Locks. hRunLock and hFinLock of a task are never held together. hAsyncReqNumLock is
- * taken alone or inside one of them. No lock is held while the worker is woken.
+ * For the locks see "Locks" in docs/architecture.md.
  */
 #include "engine/httpcurlclient_inner.h"
 #include "engine/httpcurlclient_setopt.h"
@@ -38,7 +37,7 @@ ENvrHttpCurlCltRet __NvrHttpCurlClt_CurlErrCode2Clt(CURLcode eCurlCode)
     }
 }
 
-/* Logs the time-outs in both of the forms that are read for, and sets them. */
+/* Logs the time-outs in two forms, since either is searched for, and sets them. */
 static void SetTimeouts(const char *szFunc, CURL *ptEasy, uint32_t dwTimeoutMS, uint32_t dwConnTimeOutMS)
 {
     HCC_LOG_AS(szFunc, HCC_LEVEL_INFO, " dwTimeoutMS %u, dwConnTimeOutMS %u\n", dwTimeoutMS, dwConnTimeOutMS);
@@ -47,7 +46,7 @@ static void SetTimeouts(const char *szFunc, CURL *ptEasy, uint32_t dwTimeoutMS, 
     SET_OPTION_AS(szFunc, ptEasy, CURLOPT_TIMEOUT_MS, static_cast<long>(dwTimeoutMS));
 }
 
-/* Synchronous: a failed transfer reports success too, callers judge by the readout. */
+/* Synchronous: a failed transfer returns success too; callers check the status code. */
 static ENvrHttpCurlCltRet _NvrHttpCurlCltProcSyncReq(TNvrHttpCurlCltReqInner *ptReqIn, uint32_t dwTimeoutMS,
                                                      uint32_t dwConnTimeOutMS)
 {
@@ -75,7 +74,7 @@ static ENvrHttpCurlCltRet _NvrHttpCurlCltProcSyncReq(TNvrHttpCurlCltReqInner *pt
     return NVRHTTPCURLCLT_OK;
 }
 
-/* The list node whose element belongs to the request, or null; *pptLast is the last one looked at. */
+/* The list node whose element belongs to the request, or null; *pptLast is the last node visited. */
 static TNVRHCCListNode *FindNode(const TNVRHCCList *ptList, const TNvrHttpCurlCltReqInner *ptReqIn,
                                  TNVRHCCListNode **pptLast)
 {
@@ -90,8 +89,8 @@ static TNVRHCCListNode *FindNode(const TNVRHCCList *ptList, const TNvrHttpCurlCl
 }
 
 /*
- * Puts a node at the head of a task's run list and wakes the task. On success neither the
- * node nor its request may be touched any more.
+ * Puts a node at the head of a task's run list and wakes the task. After success neither the
+ * node nor its request may be touched.
  */
 static uint32_t Enqueue(TNvrHttpCurlCltTask *ptTask, TNvrHttpCurlCltAsyncNode *ptNode)
 {
@@ -112,10 +111,10 @@ static ENvrHttpCurlCltRet DropUnqueued(TNvrHttpCurlCltAsyncNode *ptNode, uint32_
 }
 
 /*
- * Takes the request's node out of its task's finish list. Null where it is not there, which
- * is so while the request is still running. Deliberately, the element of the last list node
- * looked at is then released although the list goes on holding it: docs/contracts.md tells
- * callers never to submit a running request.
+ * Takes the request's node out of its task's finish list. Null if it is not there, that is,
+ * while the request is still running. Then the element of the last list node visited is
+ * deliberately released although the list still contains it: docs/contracts.md forbids callers
+ * to submit a running request.
  */
 static TNvrHttpCurlCltAsyncNode *TakeFinished(TNvrHttpCurlCltTask *ptTask, const TNvrHttpCurlCltReqInner *ptReqIn)
 {
@@ -153,7 +152,7 @@ static ENvrHttpCurlCltRet SubmitAgain(TNvrHttpCurlCltReqInner *ptReqIn, PFNvrHtt
     return dwRet == NVRHCC_LIST_OK ? static_cast<ENvrHttpCurlCltRet>(NVRHTTPCURLCLT_OK) : DropUnqueued(ptNode, dwRet);
 }
 
-/* The index of the task with the fewest queued requests, the first of equals. A stale count costs balance only. */
+/* The index of the task with the fewest queued requests, the first of equals. A stale count only costs balance. */
 static uint32_t LeastLoadedTask(const TNvrHttpCurlCltInst *ptInst)
 {
     uint32_t dwBest = 0;
@@ -256,7 +255,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dw
     }
 }
 
-/* Takes the request's node out of one of its task's lists and gives its place back; null if it is not there. */
+/* Takes the request's node out of one of its task's lists and lowers the count; null if it is not there. */
 static void *Withdraw(const TNvrHttpCurlCltReqInner *ptReqIn, HOspSem hLock, TNVRHCCList *ptList)
 {
     void *pvNode = nullptr;

@@ -1,9 +1,8 @@
 /*
- * The engine's records, globals and functions, shared by its rooms only.
+ * The engine's records, globals and functions, shared by its files only.
  *
- * Beside each field stands who may touch it:
- *   [init]     written before the worker thread or the instance's user can see it, then read only
- *   [worker]   the task's worker thread only, while it runs
+ * The mark of a field says who may touch it:
+ *   [init]     written before the worker thread or the instance's user can see it, then only read
  *   [run]      under the task's hRunLock
  *   [fin]      under the task's hFinLock
  *   [num]      under the instance's hAsyncReqNumLock
@@ -55,7 +54,7 @@ typedef struct TNvrHttpCurlCltInst {
     uint32_t dwAsyncReqMaxNum;    /* [init] */
 } TNvrHttpCurlCltInst;
 
-/* A byte buffer: a request's body, or the answer with a NUL behind it that qwSize does not count. */
+/* A byte buffer: a request's body, or the answer, followed by a NUL that qwSize does not count. */
 typedef struct TNvrHttpCurlCltMem {
     char *pchData; /* null for an empty body and after a failed realloc */
     uint64_t qwSize;
@@ -75,9 +74,9 @@ typedef struct TNvrHttpCurlCltReqInner {
 } TNvrHttpCurlCltReqInner;
 
 /*
- * Bookkeeping of a request from its first asynchronous submission to its destruction. It
- * belongs to whoever took it out of a list, and is in at most one at a time; only a
- * completion that matched no request of its own can put it into a second.
+ * Bookkeeping of a request from its first asynchronous submission to its destruction. It is
+ * in one list at a time, or belongs to the thread that took it out of a list. Only a
+ * completion that matches no request can put it into a second list.
  */
 typedef struct TNvrHttpCurlCltAsyncNode {
     TNvrHttpCurlCltReqInner *ptReqIn; /* the search key in both lists */
@@ -97,7 +96,7 @@ extern HOspSem g_sEasyInitLocker;
 
 /* Instances: httpcurlclient_instance.cpp */
 
-/* Releases all that a slot holds and frees the slot; serves failed Inits and Uninit. */
+/* Releases everything that a slot holds and frees the slot; for failed Inits and for Uninit. */
 void _NvrHttpCurlCltCleanup(TNvrHttpCurlCltInst *ptInst);
 /* Console commands; both return 0. */
 uint32_t _NvrHttpCurlCltShowVersion(void);
@@ -109,12 +108,12 @@ uint32_t NvrHttpCurlCltshow(void);
 int32_t _NvrHttpCurlCltSocket_CreateUdpSocket(const char *szIP, uint32_t nPort, int32_t *pnSock);
 /* Binds the highest free port; 0, 4 null pointer, 8 none free, 0xFFFFFFFF if *pbCreatSocket is 1 already. */
 uint32_t _NvrHttpCurlCltCreateUdpMonitor(const char *szIP, uint16_t *pwPort, int32_t *pnSock, uint32_t *pbCreatSocket);
-/* Wakes the worker whose socket this is. Any thread; a failure is logged only and costs at most one wait. */
+/* Wakes the worker that owns the socket. Any thread; a failure is only logged and costs at most one wait. */
 void _NvrHttpCurlClt_SocketNotify(int32_t nSock, uint16_t wPort);
 
 /* Requests: httpcurlclient_request.cpp */
 
-/* curl_easy_init under the engine's lock, which it creates where no instance has. Null if libcurl gave none. */
+/* curl_easy_init under the engine's lock, which it creates if no instance has. Null if libcurl returned none. */
 CURL *_NvrHttpCurlCltEasyInit(void);
 /* Releases a request record and all it owns; null does nothing. */
 void _FreeTNvrHttpCurlCltReqInner(TNvrHttpCurlCltReqInner *ptReqIn);
@@ -136,7 +135,7 @@ void _NvrHttpCurlCltWorkerRoutine(void *pvTask);
 /* Adds queued requests to the multi handle and drives the transfers if there were any; returns their number. */
 uint32_t _NvrHttpCurlClt_CheckAddMultiHandle(TNvrHttpCurlCltTask *ptTask, CURLM *ptMulti);
 /*
- * Drive the transfers as far as they can go at once and complete what has ended. One body; they
+ * Drive the transfers as far as they can go at once and complete those that have ended. The two
  * differ in the line of a failed transfer.
  */
 void _NvrHttpCurlClt_CurlPerformAndReadInfo(CURLM *ptMulti, TNvrHttpCurlCltTask *ptTask);

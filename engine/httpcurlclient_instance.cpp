@@ -1,8 +1,8 @@
 /*
  * Instances and their worker tasks: Init, Uninit and the two console commands.
  *
- * A slot's records are zero before Init touches them, so the one clean-up serves a slot in
- * any state of building as well as a usable one. A step of a task's set-up that fails just
+ * A slot's records are zero before Init touches them, so that one clean-up works for a slot
+ * that is half built and for one that is usable. A step of a task's set-up that fails just
  * returns; Init cleans up.
  */
 #include <stdio.h>
@@ -18,7 +18,7 @@ HOspSem g_sEasyInitLocker;
 
 enum { TASK_PRIORITY = 99, TASK_STACK_BYTES = 2 * 1024 * 1024, TASK_NAME_BYTES = 31 };
 
-/* The helpers below run on Init's behalf, and their lines say so. */
+/* The helpers below run for Init: their lines have its name. */
 static const char s_szInit[] = "NvrHttpCurlCltInit";
 
 static bool IsInitArgValid(const TNvrHttpCurlCltInitParam *ptInitParam, const TNvrHttpCurlCltMemCB *ptMemCB,
@@ -30,7 +30,7 @@ static bool IsInitArgValid(const TNvrHttpCurlCltInitParam *ptInitParam, const TN
            phResult != nullptr;
 }
 
-/* The one message that bears no function name and goes to the console whatever the switch says. */
+/* The only message without a function name; it goes to the console whatever the log switch is. */
 static void PrintInvalidInitArg(const TNvrHttpCurlCltInitParam *ptInitParam, const TNvrHttpCurlCltMemCB *ptMemCB,
                                 const HNvrHttpCurlCltInst *phResult)
 {
@@ -160,7 +160,7 @@ static ENvrHttpCurlCltRet SetUpLocks(TNvrHttpCurlCltInst *ptInst)
         HCC_LOG_AS(s_szInit, HCC_LEVEL_ERROR, "[Error] hAsyncReqNumLock create failed\n");
         return NVRHTTPCURLCLT_FAILED;
     }
-    /* Every instance brings a fresh lock, and the one before stays: somebody may hold it just now. */
+    /* Every instance creates a new lock; the old one is kept: a thread may hold it. */
     HOspSem hLocker = nullptr;
     if (OspSemBCreate(&hLocker) == 0) {
         HCC_LOG_AS(s_szInit, HCC_LEVEL_ERROR, "[Error] g_sEasyInitLocker create failed, dwII %u\n", ptInst->dwTaskNum);
@@ -179,7 +179,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltInit(const TNvrHttpCurlCltInitParam *ptInitPara
     }
     OspRegCommand("NvrHttpCurlCltver", reinterpret_cast<PFOspCommand>(_NvrHttpCurlCltShowVersion), "NvrHttpCurlCltver");
     OspRegCommand("NvrHttpCurlCltshow", reinterpret_cast<PFOspCommand>(NvrHttpCurlCltshow), "NvrHttpCurlCltshow");
-    /* Also reads the tick rate once, before threads want it. */
+    /* This also reads the tick rate once, before threads need it. */
     const uint32_t dwTickMS = NVRHCCTickToMS(1);
     HCC_LOG(HCC_LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n", dwTickMS);
 
@@ -225,7 +225,7 @@ static void DeleteSem(HOspSem *phSem)
     }
 }
 
-/* All are asked before the first is waited for: their waits then end together. */
+/* All are asked to stop before the first is waited for: then their waits end together. */
 static void StopWorkers(TNvrHttpCurlCltInst *ptInst)
 {
     for (uint32_t dwII = 0; dwII < ptInst->dwTaskNum; ++dwII) {
@@ -245,7 +245,7 @@ static void StopWorkers(TNvrHttpCurlCltInst *ptInst)
     }
 }
 
-/* Unlinks an element wherever it stands from the given list node on. */
+/* Unlinks an element wherever the list contains it, from the given node on. */
 static void Unlink(TNVRHCCList *ptList, TNVRHCCListNode *ptFrom, const void *pvData)
 {
     while (ptFrom != nullptr) {
@@ -266,7 +266,7 @@ static void FreeNodeAndRequest(void *pvNode)
 }
 
 /*
- * Releases every request of a list. The worker's carried-over completion can leave a node
+ * Releases every request of a list. A completion that matched no request can leave a node
  * linked twice, in ptOther or further down: it is released once.
  */
 static void ReleaseRequests(TNVRHCCList *ptList, TNVRHCCList *ptOther, CURLM *ptMulti)

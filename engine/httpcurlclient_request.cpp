@@ -1,7 +1,7 @@
 /*
  * Request objects: creation, settings, release. The setters are thin layers over
- * curl_easy_setopt; what they decide is which options are set, which refusals count, and
- * who owns the memory.
+ * curl_easy_setopt: they decide which options are set, which refusals count, and who owns
+ * the memory.
  */
 #include <stdio.h>
 #include <string.h>
@@ -14,10 +14,10 @@
 #include "support/hcc_log.h"
 #include "support/hcc_sem.h"
 
-/* The helpers below run on the body setter's behalf, and their lines say so. */
+/* The helpers below run for the body setter: their lines have its name. */
 static const char s_szSetReqBody[] = "NvrHttpCurlCltSetReqBody";
 
-/* A header line "name:value" with its terminator; a longer one is cut. */
+/* A header line "name:value" including the terminator; a longer one is cut. */
 enum { HEADER_LINE_BYTES = 128 };
 
 /* The easy handle of a request handle that may be null. */
@@ -52,7 +52,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltReqCreat(HNvrHttpCurlCltInst hInstance, HNvrHtt
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] invalid instance %p\n", HCCLogPtr(hInstance));
         return NVRHTTPCURLCLT_INVALID_ARG;
     }
-    /* A slot that is not in use has no callbacks; its flag needs no look. */
+    /* A slot that is not in use has no callbacks, so its flag need not be checked. */
     const TNvrHttpCurlCltMemCB *ptMemCB = &hInstance->tMemCB;
     if (ptMemCB->pfMalloc == nullptr || ptMemCB->pfRealloc == nullptr || ptMemCB->pfFree == nullptr ||
         phReq == nullptr) {
@@ -99,7 +99,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetReqUri(HNvrHttpCurlCltReq hReq, const char *
     if (AppStrstr(szUri, "https") != nullptr) {
         SET_OPTION(hReq->ptReq, CURLOPT_SSL_VERIFYPEER, 0L);
         SET_OPTION(hReq->ptReq, CURLOPT_SSL_VERIFYHOST, 0L);
-        /* From here on this option's outcome alone counts, the URL's no longer. */
+        /* From here on only this option's result counts, and no longer the URL's. */
         eDecisive = SET_OPTION(hReq->ptReq, CURLOPT_CAINFO, static_cast<const char *>(nullptr));
         HCC_LOG(HCC_LEVEL_INFO, " setopt CURLOPT_SSL_VERIFYPEER | CURLOPT_SSL_VERIFYHOST\n");
     }
@@ -110,7 +110,7 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetReqUri(HNvrHttpCurlCltReq hReq, const char *
     return NVRHTTPCURLCLT_OK;
 }
 
-/* The option that stands for a method, or CURLOPT_LASTENTRY. */
+/* The option for a method, or CURLOPT_LASTENTRY. */
 static CURLoption MethodOption(const char *szMethod)
 {
     if (strcasecmp(szMethod, "POST") == 0) {
@@ -170,8 +170,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetAuthType(HNvrHttpCurlCltReq hReq, uint32_t b
 }
 
 /*
- * Appends a line. The result is stored as it is: without memory for the line the request
- * forgets the lines so far. They are not released, since libcurl may have been given them.
+ * Appends a line. The result is stored unchecked: without memory for the line the request
+ * loses the lines so far. They are not released, since libcurl may already use them.
  */
 static void AppendHeaderLine(TNvrHttpCurlCltReqInner *ptReqIn, const char *szLine)
 {
@@ -191,12 +191,12 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetReqHeader(HNvrHttpCurlCltReq hReq, const cha
     snprintf(szLine, sizeof(szLine), "%s:%s", szName, szValue);
     HCC_LOG(HCC_LEVEL_INFO, " %s\n", szLine);
     AppendHeaderLine(hReq, szLine);
-    /* Keeps libcurl from asking "Expect: 100-continue"; once would do, every call does it. */
+    /* Keeps libcurl from sending "Expect: 100-continue". Once is enough, but every call adds it. */
     AppendHeaderLine(hReq, "Expect:");
     return NVRHTTPCURLCLT_OK;
 }
 
-/* Releases a buffer record and what it holds; null does nothing. */
+/* Releases a buffer record and its data; null does nothing. */
 static void FreeMem(TNvrHttpCurlCltMem *ptMem, void (*pfFree)(void *))
 {
     if (ptMem == nullptr) {
@@ -243,7 +243,7 @@ static bool FillResponse(TNvrHttpCurlCltMem *ptResp, const TNvrHttpCurlCltReqInn
     return true;
 }
 
-/* Every option is set whatever became of the one before: refusals are only logged. */
+/* Every option is set, whatever the result of the one before: refusals are only logged. */
 static void SetBodyOptions(const TNvrHttpCurlCltReqInner *ptReqIn, const TNvrHttpCurlCltMem *ptBody,
                            TNvrHttpCurlCltMem *ptResp)
 {

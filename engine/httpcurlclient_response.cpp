@@ -1,6 +1,6 @@
 /*
- * Response capture and readout. The buffer holds qwSize bytes and a NUL behind them, and
- * grows with the caller's realloc to the exact size of what has come.
+ * Response capture and readout. The buffer holds qwSize bytes followed by a NUL, and grows
+ * with the caller's realloc to exactly what has been received.
  */
 #include <string.h>
 
@@ -15,7 +15,7 @@ size_t _HttpCurlStackWriteCB(void *pvData, size_t size, size_t nmemb, void *pvMe
         return 0;
     }
 
-    /* Stored untested: after a failure the record holds no buffer but still its size. */
+    /* Stored unchecked: after a failure the record has no buffer but keeps its size. */
     const size_t nBytes = size * nmemb;
     const size_t nNewBytes = static_cast<size_t>(ptMem->qwSize) + 1 + nBytes;
     ptMem->pchData = static_cast<char *>(ptMem->pfRealloc(ptMem->pchData, nNewBytes));

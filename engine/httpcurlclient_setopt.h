@@ -1,6 +1,6 @@
 /*
  * Sets an option of an easy handle and logs a refusal under the name of the operation that
- * wants it. What a refusal means is for that operation to decide.
+ * sets it. That operation decides what a refusal means.
  */
 #ifndef ENGINE_HTTPCURLCLIENT_SETOPT_H
 #define ENGINE_HTTPCURLCLIENT_SETOPT_H

@@ -98,8 +98,8 @@ uint32_t _NvrHttpCurlCltCreateUdpMonitor(const char *szIP, uint16_t *pwPort, int
 }
 
 /*
- * A datagram that is lost, or dropped because the socket's buffer is full, costs a queued
- * request one wait of its worker and nothing else: hence no retry and no result.
+ * A datagram that is lost, or dropped because the socket's buffer is full, only delays a queued
+ * request by one wait of its worker: hence no retry and no result.
  */
 void _NvrHttpCurlClt_SocketNotify(int32_t nSock, uint16_t wPort)
 {

@@ -1,5 +1,5 @@
 /*
- * The direct send: one libcurl easy handle, made, used and released within the call on the
+ * The direct send: one libcurl easy handle, created, used and released within the call on the
  * caller's thread, without the engine; and the DNS cache that applications may share.
  */
 #include <stdio.h>
@@ -12,7 +12,7 @@
 #include "support/hcc_log.h"
 #include "support/hcc_sem.h"
 
-/* The helpers below run on these operations' behalf, and their lines say so. */
+/* The helpers below run for these operations: their lines have these names. */
 static const char s_szExt[] = "Qelvo_SyncSendStrByHttp_Ext";
 static const char s_szShare[] = "set_share_handle";
 
@@ -20,7 +20,7 @@ CURLSH *pShare_handle;
 
 enum { DNS_CACHE_SECONDS = 300 };
 
-/* 48 blanks: they align the continued lines of the one message that has such. */
+/* 48 blanks: they indent the continuation lines of the one message that has some. */
 #define BLANKS_48 "                                                "
 
 size_t Qelvo_Receive_Data(void *pBuf, size_t size, size_t nmemb, TSendByCurlParam *ptParam)
@@ -60,7 +60,7 @@ ESendByCurlRet CurlCodeToSendByCurlCode(CURLcode eCurlRet)
     return eRet;
 }
 
-/* Sets an option, or logs its refusal with the option's own mark and leaves the caller. */
+/* Sets an option; a refusal is logged with the option's mark and returns from the caller. */
 #define RETURN_IF_REFUSED(szMark, ptEasy, eOption, tValue)                                                             \
     do {                                                                                                               \
         const CURLcode eCurlRet = curl_easy_setopt(ptEasy, eOption, tValue);                                           \
@@ -72,8 +72,8 @@ ESendByCurlRet CurlCodeToSendByCurlCode(CURLcode eCurlRet)
     } while (0)
 
 /*
- * The body's length is not told to libcurl, which takes it up to its first zero byte; and no
- * method is set, so that without a body a GET leaves.
+ * The body's length is not set, so libcurl sends it up to its first zero byte; and no method
+ * is set, so that without a body a GET is sent.
  */
 static bool SetOptions(CURL *ptEasy, struct curl_slist *ptHeaders, TSendByCurlParam *ptParam)
 {
@@ -119,7 +119,7 @@ static void LogReceived(const TSendByCurlParam *ptParam)
     if (!HCCLogGoesTo(HCC_LOG_TO_BOTH)) {
         return;
     }
-    /* A buffer filled to its last byte has no terminator: what is logged then is a copy that has. */
+    /* A buffer that is full to its last byte has no terminator: then a terminated copy is logged. */
     char *pchCopy = nullptr;
     const char *szText = ptParam->pchRecvBuf;
     if (memchr(ptParam->pchRecvBuf, '\0', ptParam->dwMaxRecvLen) == nullptr) {
@@ -132,7 +132,7 @@ static void LogReceived(const TSendByCurlParam *ptParam)
 
 ESendByCurlRet Qelvo_SyncSendStrByHttp_Ext(TSendByCurlParam *ptParam)
 {
-    /* The start is for the log; without it this send works too. */
+    /* The start is only for the log; this send also works without it. */
     const ESendByCurlRet eInitRet = SendByCurlInit();
     if (eInitRet != SENDBYCURL_OK) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] SendByCurlInit is Failed! eSendCurlRet:%d\n", eInitRet);
@@ -198,7 +198,7 @@ ESendByCurlRet Qelvo_SyncSendStrByHttp(const char *pchURL, const char *pchSendBu
     return eRet;
 }
 
-/* The share handle, made on first use; null if libcurl gave none. */
+/* The share handle, created by its first use; null if libcurl returned none. */
 static CURLSH *ShareHandle()
 {
     if (pShare_handle != nullptr) {

@@ -1,11 +1,11 @@
 /*
  * JSON sends over the engine, synchronous and asynchronous.
  *
- * Both prepare a request in the same way, but for the authentication, which only the
- * synchronous send knows. An asynchronous send takes a slot of the callback table before
- * it submits, so that a completion that comes at once finds it; the completion callback
- * releases request and slot. A submission that the engine refuses destroys its request and
- * leaves its slot taken for good.
+ * Both prepare a request in the same way, except for the authentication, which only the
+ * synchronous send sets. An asynchronous send takes a slot of the callback table before it
+ * submits, so that a completion that comes at once finds it; the completion callback releases
+ * request and slot. If the engine refuses the submission, the request is destroyed and its
+ * slot stays taken.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -56,7 +56,7 @@ uint32_t SendByCurlMethodTransToStr(uint32_t eHeadType, char *dst, uint32_t size
     return SENDBYCURL_OK;
 }
 
-/* A null among what every send over the engine needs is logged and refused. */
+/* Checks what every send over the engine needs, and logs a missing pointer. */
 static bool IsSendable(const char *szFunc, const TSendByCurlParam *ptParam)
 {
     if (ptParam == nullptr || ptParam->pchURL == nullptr) {
@@ -70,7 +70,7 @@ static bool IsSendable(const char *szFunc, const TSendByCurlParam *ptParam)
     return true;
 }
 
-/* The module's result for an engine step of a send; a failed one is logged with its place. */
+/* The module's result for an engine step of a send; a failure is logged with the step's line. */
 static ESendByCurlRet StepResult(const char *szFunc, int nLine, ENvrHttpCurlCltRet eCltRet)
 {
     if (eCltRet == NVRHTTPCURLCLT_OK) {
@@ -80,7 +80,7 @@ static ESendByCurlRet StepResult(const char *szFunc, int nLine, ENvrHttpCurlCltR
     return HttpCurlCodeToSendByCurlCode(eCltRet);
 }
 
-/* Runs an engine step on behalf of the operation szFunc and leaves the caller if it failed. */
+/* Runs an engine step for the operation szFunc and returns from the caller if it failed. */
 #define RETURN_IF_FAILED(szFunc, eStep)                                                                                \
     do {                                                                                                               \
         const ESendByCurlRet eStepRet = StepResult(szFunc, __LINE__, eStep);                                           \
@@ -206,7 +206,7 @@ ESendByCurlRet Qelvo_ASyncSendStrByHttpCurl(TSendByCurlParam *ptParam)
     if (eRet != SENDBYCURL_OK) {
         NvrHttpCurlCltReqDestroy(hReq);
     }
-    /* An accepted request is the completion's: it may be gone already. */
+    /* An accepted request belongs to the completion callback and may be gone already. */
     return eRet;
 }
 
@@ -246,8 +246,8 @@ ESendByCurlRet Qelvo_SendStrByHttp(TSendByCurlParam *ptParam, uint32_t eSyncMode
 }
 
 /*
- * The first slot that holds the request, or null. The flag is not looked at: a slot left
- * behind by a refused submission matches too, if its request's address is used again.
+ * The first slot with the request, or null. The flag is not checked: the slot of a refused
+ * submission matches too, if its request's address is used again.
  */
 static TSendByCurlASyncCB *FindSlot(HNvrHttpCurlCltReq hReq, PFSendByCurlNtf *ppfNtf)
 {

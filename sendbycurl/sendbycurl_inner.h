@@ -1,6 +1,6 @@
 /*
- * The send module's globals and functions, shared by its rooms only. All globals are zero
- * at load and live until the process ends.
+ * The send module's globals and functions, shared by its files only. All globals are zero
+ * at load and are never released.
  */
 #ifndef SENDBYCURL_SENDBYCURL_INNER_H
 #define SENDBYCURL_SENDBYCURL_INNER_H
@@ -15,7 +15,7 @@
 
 extern "C" {
 
-/* A place in the table of asynchronous sends. */
+/* A slot of the table of asynchronous sends. */
 typedef struct TSendByCurlASyncCB {
     uint32_t bUseFlag;        /* 1 while taken */
     HNvrHttpCurlCltReq ptReq; /* the request whose completion is awaited */
@@ -27,7 +27,7 @@ enum { SENDBYCURL_ASYNC_SLOTS = 1024 };
 /* What the semaphores of g_pCurlSemSet are for. */
 enum {
     SENDBYCURL_SEM_INIT = 0,  /* serialises the start of the module */
-    SENDBYCURL_SEM_SPARE = 1, /* created with the others, taken by no path */
+    SENDBYCURL_SEM_SPARE = 1, /* created with the others, never taken */
     SENDBYCURL_SEM_SLOTS = 2, /* guards g_pfASnycCBParam */
     SENDBYCURL_SEM_COUNT = 3
 };
@@ -38,11 +38,11 @@ extern uint32_t g_bLibCurlGobleInit;
 extern HNvrHttpCurlCltInst g_hInitHandle; /* written once, before g_bInited; sends read it without a lock */
 extern HOspSem g_pCurlSemSet[SENDBYCURL_SEM_COUNT];
 extern TSendByCurlASyncCB g_pfASnycCBParam[SENDBYCURL_ASYNC_SLOTS];
-extern CURLSH *pShare_handle; /* made by the first set_share_handle, under its lock */
+extern CURLSH *pShare_handle; /* created by the first set_share_handle, under its lock */
 
 /*
- * The start-up semaphore, created unless it exists; race-free. Null if it cannot be had. While
- * others may still be creating it, only what this returns may be used, not the table's entry.
+ * The start-up semaphore, created if it does not exist, race-free. Null if it could not be
+ * created. Use what this returns, not the table's entry: another thread may be creating it.
  */
 HOspSem SendByCurlEnsureInitSem(void);
 

@@ -1,6 +1,6 @@
 /*
- * The self-test command: a fixed temperature-check notification, sent through the module
- * as an application would.
+ * The self-test command: a fixed temperature-check notification, sent through the module as
+ * an application sends.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,12 +11,12 @@
 #include "sendbycurl/sendbycurl_inner.h"
 #include "support/hcc_log.h"
 
-/* The helpers below run on the command's behalf, and their lines say so. */
+/* The helpers below run for the command: their lines have its name. */
 static const char s_szSelfTest[] = "sendbycurltest";
 
 /*
- * The answer is copied into the buffer without a bound in asynchronous mode; the size is
- * chosen far above any answer to the notification.
+ * In asynchronous mode the answer is copied into the buffer without a bound; its size is far
+ * above that of any answer to the notification.
  */
 enum { URL_BYTES = 64, RECV_BYTES = 0x100000, TIMEOUT_MS = 5000 };
 
@@ -56,7 +56,7 @@ static void Send(TSendByCurlParam *ptParam, uint32_t eSyncMode)
 
 void sendbycurltest(int32_t nMode, const char *pchUrl)
 {
-    /* One byte more than the capacity: an answer that fills it is terminated behind it. */
+    /* One byte more than the capacity, for the terminator of an answer that fills it. */
     char *pchRecvBuf = static_cast<char *>(calloc(1, RECV_BYTES + 1));
     if (pchRecvBuf == nullptr) {
         HCC_LOG(HCC_LEVEL_INFO, " malloc fail\n");
@@ -70,7 +70,7 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
     }
     const char *pchText = MakeText();
     if (pchText == nullptr) {
-        return; /* the buffer is deliberately left behind; NOLINT(clang-analyzer-unix.Malloc) */
+        return; /* the buffer is deliberately not released; NOLINT(clang-analyzer-unix.Malloc) */
     }
 
     const uint32_t eSyncMode = nMode == 1 ? SENDBYCURL_MODE_ASYNC : SENDBYCURL_MODE_SYNC;
@@ -79,7 +79,7 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
 
     TSendByCurlParam tParam = {};
     tParam.pchURL = pchTarget;
-    tParam.eHeadType = SENDBYCURL_METHOD_GET; /* libcurl makes a POST of it once it has the body */
+    tParam.eHeadType = SENDBYCURL_METHOD_GET; /* libcurl sends a POST, since it has a body */
     tParam.pchSendBuf = pchText;
     tParam.dwSendLen = dwTextLen;
     tParam.dwConnTimeOutMS = TIMEOUT_MS;
@@ -89,7 +89,7 @@ void sendbycurltest(int32_t nMode, const char *pchUrl)
     tParam.pfNtf = SendByCurlReqProgressNtf;
     Send(&tParam, eSyncMode);
 
-    /* In asynchronous mode the buffer is the notification's, or lost where none will come. */
+    /* In asynchronous mode the notification releases the buffer; if none comes, it is lost. */
     if (eSyncMode == SENDBYCURL_MODE_SYNC) {
         HCC_LOG(HCC_LEVEL_INFO, " --99--eSyncMode:%d achRecvBuf[%u]: %s\n", 0, tParam.dwRecvLen, pchRecvBuf);
         free(pchRecvBuf);

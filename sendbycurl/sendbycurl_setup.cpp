@@ -2,9 +2,9 @@
  * Start of the send module: its semaphores, its log, libcurl, one engine instance and three
  * console commands.
  *
- * The start is serialised by one of the semaphores that it creates; that one is therefore
- * made race-free by whoever comes first. What a failed start has set up stays and is not
- * repeated by the next try.
+ * The start is serialised by one of the semaphores that it creates: whichever thread comes
+ * first creates that one, race-free. What a failed start has set up is kept and not repeated
+ * by the next try.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -24,7 +24,7 @@ HNvrHttpCurlCltInst g_hInitHandle;
 HOspSem g_pCurlSemSet[SENDBYCURL_SEM_COUNT];
 TSendByCurlASyncCB g_pfASnycCBParam[SENDBYCURL_ASYNC_SLOTS];
 
-/* The helpers below run on the start's behalf, and their lines say so. */
+/* The helpers below run for the start: their lines have its name. */
 static const char s_szInit[] = "SendByCurlInit";
 
 enum { ENGINE_TASKS = 8, LOG_FILE_BYTES = 0x20000 };
@@ -76,7 +76,7 @@ static void RegisterCommands()
     OspRegCommand("sendbycurlsetlog", reinterpret_cast<PFOspCommand>(SendByCurlSetLogLevel), "sendbycurlsetlog");
 }
 
-/* Under the start-up semaphore. */
+/* Runs under the start-up semaphore. */
 static ESendByCurlRet StartOnce()
 {
     if (HCCLoadAcquire(&g_bInited) == 1) {

@@ -1,10 +1,10 @@
 /*
- * Fields that one thread changes while another reads them without a lock. The fields stay
- * plain; both sides go through these, so that each access is whole.
+ * Access to fields that one thread changes while another reads them without a lock. The
+ * fields are plain; both sides use these functions, so that each access is atomic.
  *
- * The relaxed pair orders nothing: for stop requests, counts for balancing and showing, the
- * log switch. The other pair is for what announces that a record is ready: whoever acquires
- * the announcement sees the record as it was when it was released.
+ * The relaxed pair orders nothing: it is for stop requests, the log switch, and counts that
+ * are only compared or shown. The other pair is for fields that announce a finished record: a
+ * thread that acquires the field sees the record as it was when the field was released.
  */
 #ifndef SUPPORT_HCC_ATOMIC_H
 #define SUPPORT_HCC_ATOMIC_H

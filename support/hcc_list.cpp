@@ -4,13 +4,13 @@
 
 #include "support/hcc_atomic.h"
 
-/* The count alone may be read without the list's lock. */
+/* Only the count may be read without the list's lock. */
 static void SetCount(TNVRHCCList *ptList, uint32_t dwCount)
 {
     HCCStoreRelaxed(&ptList->dwNumOfElem, dwCount);
 }
 
-/* Links a new node between two neighbours, either of which may be null at its end. */
+/* Links a new node between two neighbours; either is null at that end of the list. */
 static uint32_t InsertBetween(TNVRHCCList *ptList, TNVRHCCListNode *ptPrev, TNVRHCCListNode *ptNext, void *pvData,
                               TNVRHCCListNode **ppNode)
 {

@@ -1,11 +1,11 @@
 /*
- * The library's one way of saying something: where lines go, their levels and the macros.
+ * The library's log: where lines go, their levels, and the macros that write them.
  *
- * A format is written without its opening "%s[L:%d]" (emitting function, source line); the
- * macro joins the two literals, so that the whole format stands in the binary and reaches
- * the debug log as it is. The debug log has no va_list form, therefore a macro that
- * expands to both calls: arguments are evaluated once for each side that takes the line, and
- * not at all if none does. They must have no side effects.
+ * A format is written without the "%s[L:%d]" at its beginning (function, source line); the
+ * macro joins the two literals, so that the binary contains the whole format and the debug
+ * log receives it unchanged. The debug log has no va_list form, so the macro expands to both
+ * calls: arguments are evaluated once for each side that takes the line, and not at all if
+ * neither does. They must have no side effects.
  */
 #ifndef SUPPORT_HCC_LOG_H
 #define SUPPORT_HCC_LOG_H
@@ -23,11 +23,11 @@
 
 extern "C" {
 
-/* Who gets a line, as "sendbycurlsetlog" sets it. The values are a mask of the two sides. */
+/* Where lines go, as "sendbycurlsetlog" sets it: a mask of the two sides. */
 enum { HCC_LOG_TO_DEBUGLOG = 1, HCC_LOG_TO_CONSOLE = 2, HCC_LOG_TO_BOTH = 3 };
 extern uint8_t g_bySendCurlLogType;
 
-/* Whether the given side takes lines at present. */
+/* Whether the given side takes lines. */
 inline bool HCCLogGoesTo(uint8_t bySide)
 {
     return (HCCLoadRelaxed(&g_bySendCurlLogType) & bySide) != 0;
@@ -38,13 +38,13 @@ inline bool HCCLogGoesTo(uint8_t bySide)
 enum { HCC_LOG_MODULE = 123 };
 enum { HCC_LEVEL_TRACE = 1, HCC_LEVEL_ERROR = 2, HCC_LEVEL_SHOW = 3, HCC_LEVEL_INFO = 4 };
 
-/* A pointer to anything, functions included, as "%p" wants it. */
+/* A pointer to anything, including functions, for "%p". */
 template <typename T> inline const void *HCCLogPtr(T *ptAny)
 {
     return reinterpret_cast<const void *>(ptAny);
 }
 
-/* A line under the given function name and source line. */
+/* A line with the given function name and source line. */
 #define HCC_LOG_AT(eLevel, szFunc, nLine, szFormat, ...)                                                               \
     do {                                                                                                               \
         if (HCCLogGoesTo(HCC_LOG_TO_DEBUGLOG)) {                                                                       \
@@ -55,10 +55,10 @@ template <typename T> inline const void *HCCLogPtr(T *ptAny)
         }                                                                                                              \
     } while (0)
 
-/* A line of the operation that the code stands in. */
+/* A line of the function that contains it. */
 #define HCC_LOG(eLevel, szFormat, ...) HCC_LOG_AT(eLevel, __func__, __LINE__, szFormat, ##__VA_ARGS__)
 
-/* A line of another operation, on whose behalf the code runs. */
+/* A line of another function, for which the code runs. */
 #define HCC_LOG_AS(szFunc, eLevel, szFormat, ...) HCC_LOG_AT(eLevel, szFunc, __LINE__, szFormat, ##__VA_ARGS__)
 
 #endif

@@ -1,5 +1,5 @@
 /*
- * A semaphore that exists from its first use on.
+ * A semaphore that is created by its first use.
  */
 #ifndef SUPPORT_HCC_SEM_H
 #define SUPPORT_HCC_SEM_H
@@ -9,8 +9,8 @@
 extern "C" {
 
 /*
- * The semaphore stored at phSem, created there if none is yet. However many threads come
- * first at once, all get the same one, and the ones created in vain are deleted. Null if
+ * Returns the semaphore stored at phSem; creates and stores it first if there is none.
+ * Threads that call at the same time all get the same one; surplus ones are deleted. Null if
  * none could be created; the next call tries again.
  */
 HOspSem HCCSemEnsure(HOspSem *phSem);

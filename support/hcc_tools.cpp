@@ -27,7 +27,7 @@ uint32_t NVRHCCTickToMS(uint32_t dwTicks)
             return 0;
         }
     }
-    /* Whole seconds: callers rely on the division coming first. */
+    /* Whole seconds: callers rely on dividing first. */
     return dwTicks / static_cast<uint32_t>(nRate) * 1000U;
 }
 
