@@ -1,6 +1,6 @@
 /*
- * Prints size and field offsets of every public record: compared with abi/records.txt,
- * which holds what applications were compiled against on LP64.
+ * Prints size and field offsets of every public record, for comparison with abi/records.txt,
+ * the layout that applications are compiled with on LP64.
  */
 #include <stddef.h>
 #include <stdio.h>

@@ -2,9 +2,8 @@ find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(CURL REQUIRED)
 
-# A worker sleeps in curl_multi_wait. Before 7.66.0 libcurl's threaded resolver gives that
-# call no descriptor to wait on, so a request whose host name is being resolved would not be
-# driven on.
+# A worker sleeps in curl_multi_wait. Before 7.66.0 libcurl's threaded resolver gives that call
+# no descriptor to wait on, so the worker would not notice that a host name has been resolved.
 if(CURL_VERSION_STRING VERSION_LESS 7.66.0)
   message(
     FATAL_ERROR

@@ -4,7 +4,7 @@
 set(NVRHTTPCURL_DEFAULT_SELFTEST_URL "https://192.168.0.200:3789/NVR/FCACheckTempNtf")
 set(NVRHTTPCURL_SELFTEST_URL
     "${NVRHTTPCURL_DEFAULT_SELFTEST_URL}"
-    CACHE STRING "Endpoint of the sendbycurltest command when it is given none")
+    CACHE STRING "Endpoint of the sendbycurltest command without a URL")
 
 add_library(
   nvrhttpcurl_objects OBJECT
@@ -31,8 +31,8 @@ set_target_properties(
              CXX_VISIBILITY_PRESET hidden
              VISIBILITY_INLINES_HIDDEN ON
              POSITION_INDEPENDENT_CODE ON)
-# Without exceptions, RTTI and guarded statics nothing needs the C++ runtime. A definition
-# whose header was not included would silently lose its C linkage, hence the declarations.
+# Without exceptions, RTTI and guarded statics nothing needs the C++ runtime. The warning: without
+# its header a definition would silently get C++ linkage.
 target_compile_options(nvrhttpcurl_objects PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
                                                    -Wmissing-declarations)
 set_source_files_properties(

@@ -1,4 +1,4 @@
-/* Reads a resource over an engine instance of the program's own, without workers. */
+/* Reads a resource through an engine instance without workers. */
 #include <nvrhttpcurl/httpcurlclient.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -7,7 +7,7 @@ static int PrintAnswer(HNvrHttpCurlCltReq hReq)
 {
     int32_t nStatus = 0;
     uint32_t dwLen = 0;
-    /* The run itself reports success even for a failed transfer: the status tells. */
+    /* The run reports success even for a failed transfer: check the status. */
     if (NvrHttpCurlCltGetRespStatCode(hReq, &nStatus) != NVRHTTPCURLCLT_OK || nStatus == 0 ||
         NvrHttpCurlCltGetRespBodyLen(hReq, &dwLen) != NVRHTTPCURLCLT_OK) {
         fprintf(stderr, "no answer\n");

@@ -11,10 +11,10 @@ enum { ANSWER_BYTES = 0x10000, DEADLINE_S = 10 };
 static sem_t s_tNotified;
 static ESendByCurlRet s_eResult;
 
-/* On a worker thread: note what came and leave. */
+/* Runs on a worker thread: keeps the result and returns. */
 static uint32_t Notified(ESendByCurlRet eErrCode, void *pvContext)
 {
-    (void)pvContext; /* the answer buffer, which main knows */
+    (void)pvContext; /* the answer buffer, which main has */
     s_eResult = eErrCode;
     sem_post(&s_tNotified);
     return 0;
@@ -23,7 +23,7 @@ static uint32_t Notified(ESendByCurlRet eErrCode, void *pvContext)
 int main(int argc, char **argv)
 {
     const char *szJson = "{\"hello\":\"recorder\"}";
-    /* Zeroed and larger than any answer of this server: the copy has no bound and no terminator. */
+    /* Zeroed and larger than any answer: the copy has no bound and no terminator. */
     char *pchAnswer = calloc(1, ANSWER_BYTES);
     if (pchAnswer == NULL) {
         return 1;
@@ -47,13 +47,13 @@ int main(int argc, char **argv)
         return (int)eRet;
     }
 
-    /* A server that falls silent may keep the notification away: have a deadline of your own. */
+    /* If the server goes silent, the notification may not come: use a deadline of your own. */
     struct timespec tDeadline;
     clock_gettime(CLOCK_REALTIME, &tDeadline);
     tDeadline.tv_sec += DEADLINE_S;
     if (sem_timedwait(&s_tNotified, &tDeadline) != 0) {
         fprintf(stderr, "no notification within %d s\n", DEADLINE_S);
-        return 1; /* the buffer stays the library's */
+        return 1; /* the buffer still belongs to the library */
     }
     printf("result %u: %s\n", s_eResult, pchAnswer);
     free(pchAnswer);
