@@ -20,9 +20,8 @@
  * caller's buffer, into the finish list, callback. From the finish list on the node may be
  * submitted again or destroyed by any thread, so what the callback needs is read before.
  *
- * The multi handle and the easy handles in it belong to this thread. hRunLock is held
- * while handles are added and while an ended node is looked for, hFinLock while it is
- * appended; neither during a transfer, a wait, the copy or a callback.
+ * The multi handle and the easy handles in it belong to this thread. For the locks see "Locks"
+ * in docs/architecture.md.
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -42,7 +41,7 @@ enum { WAIT_MS = 50, REST_MS = 2, WAKEUP_BUFFER_BYTES = 256, MAX_PERFORMS = 1024
 /* What the loop keeps from pass to pass. */
 typedef struct TWorker {
     TNvrHttpCurlCltTask *ptTask;
-    CURLM *ptMulti; /* a copy: a recovery replaces it here, the task learns of it at the end */
+    CURLM *ptMulti; /* a copy: a recovery replaces it here, the task gets it at the end */
     struct curl_waitfd tWakeUp;
     int nNumFds; /* keeps the last successful wait's value when a wait fails */
 } TWorker;
@@ -50,16 +49,16 @@ typedef struct TWorker {
 /* What the completions of one call share. */
 typedef struct TCompletion {
     const char *szFunc; /* the entry point, for the log */
-    bool bNameError;    /* its line of a failed transfer tells libcurl's text */
+    bool bNameError;    /* its line of a failed transfer contains libcurl's text */
     CURLM *ptMulti;
     TNvrHttpCurlCltTask *ptTask;
     bool bFound;                      /* some message of this call matched; never lowered */
-    TNvrHttpCurlCltAsyncNode *ptNode; /* the node last looked at */
+    TNvrHttpCurlCltAsyncNode *ptNode; /* the node visited last */
 } TCompletion;
 
 /*
  * Looks for the node whose easy handle has ended and takes it out of the run list. If there
- * is none, the node last looked at stays the current one. An element of the list is never
+ * is none, the node visited last stays current. An element of the list is never
  * null.
  */
 static void TakeEnded(TCompletion *ptDone, const CURL *ptEasy)
@@ -86,7 +85,7 @@ static void CopyBody(const TNvrHttpCurlCltAsyncNode *ptNode)
 {
     const TNvrHttpCurlCltMem *ptResp = ptNode->ptReqIn->ptRespData;
     if (ptNode->pvUserBuf != nullptr && ptResp != nullptr && ptResp->pchData != nullptr) {
-        memcpy(ptNode->pvUserBuf, ptResp->pchData, ptResp->qwSize);
+        memcpy(ptNode->pvUserBuf, ptResp->pchData, static_cast<size_t>(ptResp->qwSize));
     }
 }
 
@@ -133,7 +132,7 @@ static void Complete(TCompletion *ptDone, CURL *ptEasy, CURLcode eResult)
     TakeEnded(ptDone, ptEasy);
     /*
      * Once a message of this call has matched, one that matches nothing completes the node
-     * last looked at. Such a message comes only of a request destroyed while it was running.
+     * visited last. Such a message comes only from a request destroyed while it was running.
      */
     if (ptDone->bFound) {
         FinishAndNotify(ptDone->ptTask, ptDone->ptNode, eProg, eCltErrCode);
@@ -247,7 +246,7 @@ uint32_t _NvrHttpCurlClt_CheckAddMultiHandle(TNvrHttpCurlCltTask *ptTask, CURLM 
 }
 
 /*
- * Replaces a multi handle that libcurl calls bad. Requests that were in the old one stay
+ * Replaces a multi handle that libcurl reports as bad. Requests that were in the old one stay
  * marked as added and never complete. The task keeps the old handle until the thread ends.
  */
 static void ReplaceMulti(TWorker *ptWorker, CURLMcode eCode)
@@ -256,14 +255,14 @@ static void ReplaceMulti(TWorker *ptWorker, CURLMcode eCode)
                "[Error] curl_multi_wait() return err{%d}, ptCurlMultiHandle{%p} is bad.\n", eCode,
                HCCLogPtr(ptWorker->ptMulti));
     curl_multi_cleanup(ptWorker->ptMulti);
-    ptWorker->ptMulti = curl_multi_init(); /* null is met by the next wait, which comes back here */
+    ptWorker->ptMulti = curl_multi_init(); /* a null makes the next wait fail and come back here */
     HCC_LOG_AS(s_szRoutine, HCC_LEVEL_INFO, " then curl_multi_init() again, ptCurCurlMultiHand{%p}\n",
                HCCLogPtr(ptWorker->ptMulti));
 }
 
 static void Wait(TWorker *ptWorker)
 {
-    /* A failed wait leaves the count of the pass before; no event of that pass may survive with it. */
+    /* A failed wait keeps the count of the pass before; its events must not be kept. */
     ptWorker->tWakeUp.revents = 0;
     const CURLMcode eCode = curl_multi_wait(ptWorker->ptMulti, &ptWorker->tWakeUp, 1, WAIT_MS, &ptWorker->nNumFds);
     if (eCode == CURLM_BAD_HANDLE) {
@@ -273,7 +272,7 @@ static void Wait(TWorker *ptWorker)
     }
 }
 
-/* Reads one wake-up datagram; what is in it does not matter. */
+/* Reads one wake-up datagram; its content does not matter. */
 static void DrainWakeUp(int32_t nSock)
 {
     char achBuf[WAKEUP_BUFFER_BYTES] = "";
@@ -336,6 +335,6 @@ void _NvrHttpCurlCltWorkerRoutine(void *pvTask)
     while (HCCLoadRelaxed(&ptTask->bExit) == 0) {
         RunPass(&tWorker);
     }
-    /* The handle to clean up is the one that the thread really has. */
+    /* Clean-up must release the handle that the thread uses now. */
     HCCStoreRelaxed(&ptTask->ptCurlMultiHandle, tWorker.ptMulti);
 }
