@@ -1,0 +1,57 @@
+/*
+ * Ports of 127.0.0.1: a free one, one that refuses, one that stays silent.
+ */
+#ifndef TESTS_SUPPORT_LOOPBACK_H
+#define TESTS_SUPPORT_LOOPBACK_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace test
+{
+
+/* Opens a TCP socket on a loopback port that was free; -1 with errno set. */
+int BindLoopback(uint16_t *port);
+
+/* Connects a TCP socket to a loopback port, which a non-blocking one only begins; -1 without a socket. */
+int ConnectLoopback(uint16_t port, bool blocking);
+
+std::string LoopbackUrl(uint16_t port, const std::string &path = "/", const std::string &scheme = "http");
+
+/* A port that refuses every connection and that nobody else can take meanwhile. */
+class ClosedPort
+{
+  public:
+    ClosedPort();
+    ~ClosedPort();
+    ClosedPort(const ClosedPort &) = delete;
+    ClosedPort &operator=(const ClosedPort &) = delete;
+    std::string Url(const std::string &path = "/", const std::string &scheme = "http") const;
+
+  private:
+    uint16_t port = 0; /* before fd, whose making sets it */
+    int fd;
+};
+
+/* A port that leaves every attempt to connect without an answer: its backlog is full. */
+class SilentAddress
+{
+  public:
+    SilentAddress();
+    ~SilentAddress();
+    SilentAddress(const SilentAddress &) = delete;
+    SilentAddress &operator=(const SilentAddress &) = delete;
+    std::string Url() const;
+
+  private:
+    bool FillBacklog();
+
+    uint16_t port = 0; /* before fd, whose making sets it */
+    int fd;
+    std::vector<int> fillers;
+};
+
+} // namespace test
+
+#endif
