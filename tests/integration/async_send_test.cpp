@@ -4,22 +4,25 @@
  */
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "nginx_server.h"
-#include "raw_server.h"
 #include "sends.h"
+#include "tests/support/loopback.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/wait.h"
 
 namespace
 {
 
-using sends::Batch;
-using sends::Param;
+using test::Batch;
+using test::Param;
 
-constexpr size_t places = 1024;
+constexpr size_t PLACES = 1024;
 
 std::string Record(size_t number)
 {
@@ -37,24 +40,18 @@ void ExpectOwnAnswers(const Batch &batch, size_t first, size_t end)
         EXPECT_TRUE(right || wrong > 5) << i << ": notified " << batch.Notifications(i) << " times, result "
                                         << batch.Result(i) << ", answer " << batch.Answer(i);
     }
-    EXPECT_EQ(0u, wrong);
+    EXPECT_EQ(wrong, 0U);
 }
 
-class AsyncSend : public NginxTest
+class AsyncSend : public test::WithSendModule<test::NginxTest>
 {
   protected:
-    void SetUp() override
-    {
-        NginxTest::SetUp();
-        ASSERT_EQ(SENDBYCURL_OK, Qelvo_SyncSendStrByHttp_Init());
-    }
-
     /* Sends once and waits for the notification. */
     void SendOne(const std::string &url)
     {
-        ASSERT_EQ(SENDBYCURL_OK, one.Send(0, url, Record(0)));
+        ASSERT_EQ(one.Send(0, url, Record(0)), SENDBYCURL_OK);
         ASSERT_TRUE(one.WaitFor(1));
-        EXPECT_EQ(1u, one.Notifications(0));
+        EXPECT_EQ(one.Notifications(0), 1U);
     }
 
     Batch one{1};
@@ -63,30 +60,32 @@ class AsyncSend : public NginxTest
 TEST_F(AsyncSend, IsNotifiedWithTheAnswerOverHttp)
 {
     SendOne(nginx.Http("/echo"));
-    EXPECT_EQ(SENDBYCURL_OK, one.Result(0));
-    EXPECT_EQ(Record(0), one.Answer(0));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
+    EXPECT_EQ(one.Answer(0), Record(0));
 }
 
 TEST_F(AsyncSend, IsNotifiedWithTheAnswerOverHttps)
 {
     SendOne(nginx.Https("/echo"));
-    EXPECT_EQ(SENDBYCURL_OK, one.Result(0));
-    EXPECT_EQ(Record(0), one.Answer(0));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
+    EXPECT_EQ(one.Answer(0), Record(0));
 }
 
 TEST_F(AsyncSend, VerifiesTheCertificateForASchemeInCapitals)
 {
+    EXPECT_EQ(test::SendAndWait(nginx.Https("/echo"), "{}").result, SENDBYCURL_OK);
+    ASSERT_TRUE(nginx.WaitForRequests(1));
     SendOne(nginx.Https("/echo", "HTTPS"));
-    EXPECT_EQ(SENDBYCURL_INVALID_PARAM, one.Result(0));
-    EXPECT_EQ("", one.Answer(0));
-    EXPECT_TRUE(common::WaitUntil([this] { return nginx.ErrorLog().find("unknown ca") != std::string::npos; }));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_INVALID_PARAM);
+    EXPECT_EQ(one.Answer(0), "");
+    EXPECT_EQ(nginx.RequestCount(), 1U);
 }
 
 TEST_F(AsyncSend, AnyHttpStatusIsAnAnswer)
 {
     SendOne(nginx.Http("/status/404"));
-    EXPECT_EQ(SENDBYCURL_OK, one.Result(0));
-    EXPECT_EQ("nothing here, says the server", one.Answer(0));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
+    EXPECT_EQ(one.Answer(0), "nothing here, says the server");
 }
 
 TEST_F(AsyncSend, NeverAuthenticates)
@@ -96,16 +95,16 @@ TEST_F(AsyncSend, NeverAuthenticates)
     TSendByCurlParam param = Param(url, body, nullptr, 0);
     param.bCurlAuth = 1;
     strcpy(param.achUserAndPassWd, "recorder:open-sesame");
-    ASSERT_EQ(SENDBYCURL_OK, one.Send(0, param));
+    ASSERT_EQ(one.Send(0, param), SENDBYCURL_OK);
     ASSERT_TRUE(one.WaitFor(1));
-    EXPECT_EQ(SENDBYCURL_OK, one.Result(0));
-    EXPECT_NE(std::string::npos, one.Answer(0).find("401 Authorization Required")) << one.Answer(0);
+    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
+    EXPECT_NE(one.Answer(0).find("401 Authorization Required"), std::string::npos) << one.Answer(0);
 }
 
 TEST_F(AsyncSend, PlainPortAskedForTlsIsNotifiedAs15)
 {
     SendOne(nginx.Http("/echo", "https"));
-    EXPECT_EQ(SENDBYCURL_TLS_FAILED, one.Result(0));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_TLS_FAILED);
 }
 
 TEST_F(AsyncSend, IsDoneWithTheRecordWhenItReturns)
@@ -113,49 +112,49 @@ TEST_F(AsyncSend, IsDoneWithTheRecordWhenItReturns)
     {
         std::string url = nginx.Http("/echo");
         std::string body = Record(0);
-        ASSERT_EQ(SENDBYCURL_OK, one.Send(0, url, body));
+        ASSERT_EQ(one.Send(0, url, body), SENDBYCURL_OK);
         std::fill(url.begin(), url.end(), '!');
         std::fill(body.begin(), body.end(), '!');
     }
     ASSERT_TRUE(one.WaitFor(1));
-    EXPECT_EQ(SENDBYCURL_OK, one.Result(0));
-    EXPECT_EQ(Record(0), one.Answer(0));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
+    EXPECT_EQ(one.Answer(0), Record(0));
 }
 
 TEST_F(AsyncSend, ThreeThousandInWavesAllComeBack)
 {
-    constexpr size_t wave = 1000;
-    constexpr size_t count = 3 * wave;
-    Batch batch(count);
+    constexpr size_t WAVE = 1000;
+    constexpr size_t COUNT = 3 * WAVE;
+    Batch batch(COUNT);
     const std::string url = nginx.Http("/echo");
-    ASSERT_TRUE(common::AllowDescriptors(wave + 200)) << "too few descriptors allowed";
-    for (size_t i = 0; i < count; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, batch.Send(i, url, Record(i))) << i;
-        if (i % wave == wave - 1) {
+    ASSERT_TRUE(test::AllowDescriptors(WAVE + 200)) << "too few descriptors allowed";
+    for (size_t i = 0; i < COUNT; ++i) {
+        ASSERT_EQ(batch.Send(i, url, Record(i)), SENDBYCURL_OK) << i;
+        if (i % WAVE == WAVE - 1) {
             ASSERT_TRUE(batch.WaitFor(i + 1)) << batch.Total();
         }
     }
-    EXPECT_EQ(count, batch.Total());
-    ExpectOwnAnswers(batch, 0, count);
+    EXPECT_EQ(batch.Total(), COUNT);
+    ExpectOwnAnswers(batch, 0, COUNT);
 }
 
 TEST_F(AsyncSend, SendsOfBothKindsFromManyThreadsAtOnce)
 {
-    constexpr size_t threadCount = 8;
-    constexpr size_t sendsEach = 40;
-    const common::ClosedPort closed;
-    Batch batch(threadCount * sendsEach);
-    std::vector<std::string> problems(threadCount);
+    constexpr size_t THREADS = 8;
+    constexpr size_t SENDS_EACH = 40;
+    const test::ClosedPort closed;
+    Batch batch(THREADS * SENDS_EACH);
+    std::vector<std::string> problems(THREADS);
     std::vector<std::thread> threads;
-    for (size_t t = 0; t < threadCount; ++t) {
+    for (size_t t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
-            for (size_t n = 0; n < sendsEach; ++n) {
-                const size_t i = t * sendsEach + n;
+            for (size_t n = 0; n < SENDS_EACH; ++n) {
+                const size_t i = t * SENDS_EACH + n;
                 const std::string url = n % 5 == 0 ? closed.Url() : nginx.Http("/echo");
                 if (batch.Send(i, url, Record(i)) != SENDBYCURL_OK) {
                     problems[t] += " refused " + std::to_string(i);
                 }
-                if (n % 8 == 0 && sends::SendAndWait(nginx.Http("/echo"), Record(i)).answer != Record(i)) {
+                if (n % 8 == 0 && test::SendAndWait(nginx.Http("/echo"), Record(i)).answer != Record(i)) {
                     problems[t] += " lost " + std::to_string(i);
                 }
             }
@@ -164,115 +163,107 @@ TEST_F(AsyncSend, SendsOfBothKindsFromManyThreadsAtOnce)
     for (std::thread &thread : threads) {
         thread.join();
     }
-    ASSERT_TRUE(batch.WaitFor(threadCount * sendsEach)) << batch.Total();
-    for (size_t t = 0; t < threadCount; ++t) {
-        EXPECT_EQ("", problems[t]);
+    ASSERT_TRUE(batch.WaitFor(THREADS * SENDS_EACH)) << batch.Total();
+    for (size_t t = 0; t < THREADS; ++t) {
+        EXPECT_EQ(problems[t], "");
     }
-    for (size_t i = 0; i < threadCount * sendsEach; ++i) {
-        const bool refused = i % sendsEach % 5 == 0;
-        EXPECT_EQ(1u, batch.Notifications(i)) << i;
-        EXPECT_EQ(refused ? ESendByCurlRet{SENDBYCURL_CONNECT_FAILED} : ESendByCurlRet{SENDBYCURL_OK}, batch.Result(i))
+    for (size_t i = 0; i < THREADS * SENDS_EACH; ++i) {
+        const bool refused = i % SENDS_EACH % 5 == 0;
+        EXPECT_EQ(batch.Notifications(i), 1U) << i;
+        EXPECT_EQ(batch.Result(i), refused ? ESendByCurlRet{SENDBYCURL_CONNECT_FAILED} : ESendByCurlRet{SENDBYCURL_OK})
             << i;
-        EXPECT_EQ(refused ? std::string() : Record(i), batch.Answer(i));
+        EXPECT_EQ(batch.Answer(i), refused ? std::string() : Record(i));
     }
 }
 
 /* --- servers that misbehave, or take their time ------------------------------------------ */
 
-class AsyncSendToRawServer : public common::IntegrationTest
+using AsyncSendToScriptedServer = test::WithSendModule<test::IntegrationTest>;
+
+TEST_F(AsyncSendToScriptedServer, ARefusedConnectionIsNotifiedAs14)
 {
-  protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(SENDBYCURL_OK, Qelvo_SyncSendStrByHttp_Init());
+    const test::ClosedPort closed;
+    Batch batch(1);
+    ASSERT_EQ(batch.Send(0, closed.Url(), Record(0)), SENDBYCURL_OK);
+    ASSERT_TRUE(batch.WaitFor(1));
+    EXPECT_EQ(batch.Result(0), SENDBYCURL_CONNECT_FAILED);
+}
+
+TEST_F(AsyncSendToScriptedServer, AHandshakeBrokenOffIsNotifiedAs15)
+{
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
+    Batch batch(1);
+    ASSERT_EQ(batch.Send(0, server.Url("/", "https"), Record(0)), SENDBYCURL_OK);
+    ASSERT_TRUE(batch.WaitFor(1));
+    EXPECT_EQ(batch.Result(0), SENDBYCURL_TLS_FAILED);
+}
+
+TEST_F(AsyncSendToScriptedServer, ATransferCutOffIsNotifiedAs1WithWhatCame)
+{
+    const test::ScriptedServer server(test::CuttingOff());
+    Batch batch(1);
+    ASSERT_EQ(batch.Send(0, server.Url(), Record(0)), SENDBYCURL_OK);
+    ASSERT_TRUE(batch.WaitFor(1));
+    EXPECT_EQ(batch.Result(0), SENDBYCURL_INVALID_PARAM);
+    EXPECT_EQ(batch.Answer(0), "part");
+}
+
+TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
+{
+    test::ScriptedServer server(test::EchoingOnRelease());
+    Batch batch(PLACES + 2);
+    ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
+    for (size_t i = 0; i < PLACES; ++i) {
+        ASSERT_EQ(batch.Send(i, server.Url(), Record(i)), SENDBYCURL_OK) << i;
     }
-};
-
-TEST_F(AsyncSendToRawServer, ARefusedConnectionIsNotifiedAs14)
-{
-    const common::ClosedPort closed;
-    Batch batch(1);
-    ASSERT_EQ(SENDBYCURL_OK, batch.Send(0, closed.Url(), Record(0)));
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(SENDBYCURL_CONNECT_FAILED, batch.Result(0));
-}
-
-TEST_F(AsyncSendToRawServer, AHandshakeBrokenOffIsNotifiedAs15)
-{
-    const raw::Server server({raw::When::FirstByte, {raw::Close()}});
-    Batch batch(1);
-    ASSERT_EQ(SENDBYCURL_OK, batch.Send(0, server.Url("/", "https"), Record(0)));
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(SENDBYCURL_TLS_FAILED, batch.Result(0));
-}
-
-TEST_F(AsyncSendToRawServer, ATransferCutOffIsNotifiedAs1WithWhatCame)
-{
-    const raw::Server server(
-        {raw::When::Request, {raw::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), raw::Close()}});
-    Batch batch(1);
-    ASSERT_EQ(SENDBYCURL_OK, batch.Send(0, server.Url(), Record(0)));
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(SENDBYCURL_INVALID_PARAM, batch.Result(0));
-    EXPECT_EQ("part", batch.Answer(0));
-}
-
-TEST_F(AsyncSendToRawServer, TheOneAfterAThousandAndTwentyFourIsRefused)
-{
-    raw::Server server(raw::EchoingOnRelease());
-    Batch batch(places + 2);
-    ASSERT_TRUE(common::AllowDescriptors(2 * places + 200)) << "too few descriptors allowed";
-    for (size_t i = 0; i < places; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, batch.Send(i, server.Url(), Record(i))) << i;
-    }
-    EXPECT_EQ(SENDBYCURL_NO_SLOT, batch.Send(places, server.Url(), Record(places)));
-    ASSERT_TRUE(server.WaitForRequests(places)) << server.RequestCount();
-    EXPECT_EQ(SENDBYCURL_NO_SLOT, batch.Send(places, server.Url(), Record(places)));
-    EXPECT_EQ(0u, batch.Total());
+    EXPECT_EQ(batch.Send(PLACES, server.Url(), Record(PLACES)), SENDBYCURL_NO_SLOT);
+    ASSERT_TRUE(server.WaitForRequests(PLACES)) << server.RequestCount();
+    EXPECT_EQ(batch.Send(PLACES, server.Url(), Record(PLACES)), SENDBYCURL_NO_SLOT);
+    EXPECT_EQ(batch.Total(), 0U);
 
     server.Release();
-    ASSERT_TRUE(batch.WaitFor(places)) << batch.Total();
+    ASSERT_TRUE(batch.WaitFor(PLACES)) << batch.Total();
 
-    /* The refusals cost nothing: there is room again as soon as the first place is given back. */
+    /* The refusals cost nothing: a send is accepted again as soon as the first place is given back. */
     ASSERT_TRUE(
-        common::WaitUntil([&] { return batch.Send(places + 1, server.Url(), Record(places + 1)) == SENDBYCURL_OK; }));
-    ASSERT_TRUE(batch.WaitFor(places + 1));
-    ExpectOwnAnswers(batch, 0, places);
-    ExpectOwnAnswers(batch, places + 1, places + 2);
-    EXPECT_EQ(0u, batch.Notifications(places));
-    EXPECT_EQ(places + 1, server.RequestCount());
+        test::WaitUntil([&] { return batch.Send(PLACES + 1, server.Url(), Record(PLACES + 1)) == SENDBYCURL_OK; }));
+    ASSERT_TRUE(batch.WaitFor(PLACES + 1));
+    ExpectOwnAnswers(batch, 0, PLACES);
+    ExpectOwnAnswers(batch, PLACES + 1, PLACES + 2);
+    EXPECT_EQ(batch.Notifications(PLACES), 0U);
+    EXPECT_EQ(server.RequestCount(), PLACES + 1);
 }
 
-TEST_F(AsyncSendToRawServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
+TEST_F(AsyncSendToScriptedServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
 {
-    raw::Server server(raw::EchoingOnRelease());
-    Batch batch(places);
-    ASSERT_TRUE(common::AllowDescriptors(2 * places + 200)) << "too few descriptors allowed";
+    test::ScriptedServer server(test::EchoingOnRelease());
+    Batch batch(PLACES);
+    ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < 1000; ++i) {
         batch.SetTimeout(0);
-        ASSERT_EQ(SENDBYCURL_INVALID_PARAM, batch.Send(i, server.Url(), Record(i))) << i;
+        ASSERT_EQ(batch.Send(i, server.Url(), Record(i)), SENDBYCURL_INVALID_PARAM) << i;
     }
     batch.SetTimeout(60000);
-    for (size_t i = 1000; i < places; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, batch.Send(i, server.Url(), Record(i))) << i;
+    for (size_t i = 1000; i < PLACES; ++i) {
+        ASSERT_EQ(batch.Send(i, server.Url(), Record(i)), SENDBYCURL_OK) << i;
     }
-    EXPECT_EQ(SENDBYCURL_NO_SLOT, batch.Send(0, server.Url(), Record(0)));
+    EXPECT_EQ(batch.Send(0, server.Url(), Record(0)), SENDBYCURL_NO_SLOT);
     server.Release();
-    ASSERT_TRUE(batch.WaitFor(places - 1000));
-    ExpectOwnAnswers(batch, 1000, places);
-    EXPECT_EQ(0u, batch.Notifications(0));
+    ASSERT_TRUE(batch.WaitFor(PLACES - 1000));
+    ExpectOwnAnswers(batch, 1000, PLACES);
+    EXPECT_EQ(batch.Notifications(0), 0U);
 }
 
-TEST_F(AsyncSendToRawServer, SendsWithoutANotificationGiveTheirPlacesBack)
+TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
 {
-    const raw::Server server(raw::Echoing());
+    const test::ScriptedServer server(test::Echoing());
     const std::string url = server.Url();
-    std::vector<std::vector<char>> answers(2 * places, std::vector<char>(64, '\0'));
+    std::vector<std::vector<char>> answers(2 * PLACES, std::vector<char>(64, '\0'));
     for (size_t i = 0; i < answers.size(); ++i) {
         const std::string body = Record(i);
         TSendByCurlParam param = Param(url, body, answers[i].data(), 64);
         /* Refused while every place is taken, never for good. */
-        ASSERT_TRUE(common::WaitUntil([&] {
+        ASSERT_TRUE(test::WaitUntil([&] {
             const ESendByCurlRet result = Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_ASYNC);
             EXPECT_TRUE(result == SENDBYCURL_OK || result == SENDBYCURL_NO_SLOT) << result;
             return result == SENDBYCURL_OK;
@@ -281,15 +272,15 @@ TEST_F(AsyncSendToRawServer, SendsWithoutANotificationGiveTheirPlacesBack)
     ASSERT_TRUE(server.WaitForRequests(answers.size()));
 
     /* All places are free again, and with them the buffers, once as many sends fit in as there are places. */
-    raw::Server holding(raw::EchoingOnRelease());
-    Batch batch(places);
-    for (size_t i = 0; i < places; ++i) {
-        ASSERT_TRUE(common::WaitUntil([&] { return batch.Send(i, holding.Url(), Record(i)) == SENDBYCURL_OK; })) << i;
+    test::ScriptedServer holding(test::EchoingOnRelease());
+    Batch batch(PLACES);
+    for (size_t i = 0; i < PLACES; ++i) {
+        ASSERT_TRUE(test::WaitUntil([&] { return batch.Send(i, holding.Url(), Record(i)) == SENDBYCURL_OK; })) << i;
     }
     holding.Release();
-    ASSERT_TRUE(batch.WaitFor(places));
+    ASSERT_TRUE(batch.WaitFor(PLACES));
     for (size_t i = 0; i < answers.size(); ++i) {
-        EXPECT_STREQ(Record(i).c_str(), answers[i].data());
+        EXPECT_STREQ(answers[i].data(), Record(i).c_str());
     }
 }
 
@@ -297,33 +288,33 @@ TEST_F(AsyncSendToRawServer, SendsWithoutANotificationGiveTheirPlacesBack)
  * The module's eight workers each get a request to a silent server. None of them reports
  * the time-out by itself; each does with the next request that it is given.
  */
-TEST_F(AsyncSendToRawServer, ATimeoutIsNotifiedWithTheWorkersNextActivity)
+TEST_F(AsyncSendToScriptedServer, ATimeoutIsNotifiedWithTheWorkersNextActivity)
 {
-    constexpr size_t workers = 8;
-    const raw::Server silent(raw::Silent());
-    raw::Server holding(raw::EchoingOnRelease());
-    Batch overdue(workers);
-    Batch next(2 * workers);
+    constexpr size_t WORKERS = 8;
+    const test::ScriptedServer silent(test::Silent());
+    test::ScriptedServer holding(test::EchoingOnRelease());
+    Batch overdue(WORKERS);
+    Batch next(2 * WORKERS);
     overdue.SetTimeout(1000);
-    for (size_t i = 0; i < workers; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, overdue.Send(i, silent.Url(), Record(i)));
+    for (size_t i = 0; i < WORKERS; ++i) {
+        ASSERT_EQ(overdue.Send(i, silent.Url(), Record(i)), SENDBYCURL_OK);
     }
-    ASSERT_TRUE(silent.WaitForRequests(workers));
+    ASSERT_TRUE(silent.WaitForRequests(WORKERS));
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    EXPECT_EQ(0u, overdue.Total());
+    EXPECT_EQ(overdue.Total(), 0U);
 
     /* The least busy worker gets the next one, so twice as many as workers reach them all. */
-    for (size_t i = 0; i < 2 * workers; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, next.Send(i, holding.Url(), Record(i)));
+    for (size_t i = 0; i < 2 * WORKERS; ++i) {
+        ASSERT_EQ(next.Send(i, holding.Url(), Record(i)), SENDBYCURL_OK);
     }
-    ASSERT_TRUE(overdue.WaitFor(workers)) << overdue.Total();
-    for (size_t i = 0; i < workers; ++i) {
-        EXPECT_EQ(1u, overdue.Notifications(i));
-        EXPECT_EQ(SENDBYCURL_TIMED_OUT, overdue.Result(i));
+    ASSERT_TRUE(overdue.WaitFor(WORKERS)) << overdue.Total();
+    for (size_t i = 0; i < WORKERS; ++i) {
+        EXPECT_EQ(overdue.Notifications(i), 1U);
+        EXPECT_EQ(overdue.Result(i), SENDBYCURL_TIMED_OUT);
     }
     holding.Release();
-    ASSERT_TRUE(next.WaitFor(2 * workers));
-    ExpectOwnAnswers(next, 0, 2 * workers);
+    ASSERT_TRUE(next.WaitFor(2 * WORKERS));
+    ExpectOwnAnswers(next, 0, 2 * WORKERS);
 }
 
 /* --- the notification sends on --------------------------------------------------------------- */
@@ -362,10 +353,10 @@ TEST_F(AsyncSend, ANotificationMaySendAgain)
     const std::string body = "{}";
     TSendByCurlParam param = Param(relay.url, body, relay.answer, sizeof(relay.answer));
     param.pfNtf = SendOn;
-    ASSERT_EQ(SENDBYCURL_OK, Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_ASYNC));
-    ASSERT_TRUE(common::WaitUntil([&] { return relay.over.load(); }));
-    EXPECT_EQ(0u, relay.failed.load());
-    EXPECT_EQ(0u, relay.left.load());
+    ASSERT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_ASYNC), SENDBYCURL_OK);
+    ASSERT_TRUE(test::WaitUntil([&] { return relay.over.load(); }));
+    EXPECT_EQ(relay.failed.load(), 0U);
+    EXPECT_EQ(relay.left.load(), 0U);
 }
 
 } // namespace

@@ -88,23 +88,29 @@ void ExpectAnswer(HNvrHttpCurlCltReq request, uint32_t length)
     uint32_t received = 0;
     EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(request, &received), NVRHTTPCURLCLT_OK);
     EXPECT_EQ(received, length);
-    EXPECT_EQ(runs::StatusOf(request), 200);
+    EXPECT_EQ(test::StatusOf(request), 200);
 }
 
-class Completion : public NginxTest
+class Completion : public test::NginxTest
 {
   protected:
+    Completion()
+    {
+        ended = 0;
+        failed = 0;
+    }
+
     /* Waits for so many ends; returns how many had to be helped along by other submissions. */
     size_t WaitForEnds(HNvrHttpCurlCltInst instance, size_t count)
     {
-        if (common::WaitUntil([count] { return ended.load() >= count; }, STALLED_AFTER)) {
+        if (test::WaitUntil([count] { return ended.load() >= count; }, STALLED_AFTER)) {
             return 0;
         }
         const size_t stalled = count - ended.load();
         std::vector<HNvrHttpCurlCltReq> helpers;
         for (unsigned tries = 0; ended.load() < count + helpers.size() && tries < 100; ++tries) {
             helpers.push_back(Submit(instance, nginx.Http("/ready")));
-            common::WaitUntil([&] { return ended.load() >= count + helpers.size(); }, std::chrono::milliseconds(200));
+            test::WaitUntil([&] { return ended.load() >= count + helpers.size(); }, std::chrono::milliseconds(200));
         }
         EXPECT_EQ(ended.load(), count + helpers.size()) << "not even help made them end";
         for (HNvrHttpCurlCltReq helper : helpers) {
@@ -142,8 +148,8 @@ TEST_P(SingleRequests, AreReportedOnAnIdleTask)
     const int count = wanted == nullptr ? 3 : atoi(wanted);
     const bool fresh = std::get<2>(GetParam());
     const Answer &answer = std::get<1>(GetParam());
-    ASSERT_TRUE(nginx.MakeFile(answer.name, answer.length));
-    std::unique_ptr<runs::Engine> engine = std::make_unique<runs::Engine>(1);
+    nginx.MakeFile(answer.name, answer.length);
+    std::unique_ptr<test::Engine> engine = std::make_unique<test::Engine>(1);
     if (!fresh) {
         RunOne(engine->Handle());
     }
@@ -151,7 +157,7 @@ TEST_P(SingleRequests, AreReportedOnAnIdleTask)
     for (int number = 0; number < count; ++number) {
         if (fresh) {
             engine.reset(); /* one slot, one connection at a time */
-            engine = std::make_unique<runs::Engine>(1);
+            engine = std::make_unique<test::Engine>(1);
         }
         stalled += RunOne(engine->Handle());
     }
@@ -174,8 +180,8 @@ class ManyAtOnce : public Completion, public testing::WithParamInterface<uint32_
 TEST_P(ManyAtOnce, AreAllReportedOverHttp2)
 {
     constexpr size_t COUNT = 200;
-    const std::string body = common::Text(20000);
-    runs::Engine engine(GetParam());
+    const std::string body = test::SampleText(20000);
+    test::Engine engine(GetParam());
     for (unsigned round = 0; round < 3; ++round) {
         ended = 0;
         std::vector<HNvrHttpCurlCltReq> requests;
@@ -195,16 +201,16 @@ TEST_P(ManyAtOnce, AreAllReportedOverHttp2)
 TEST_F(Completion, AnEndlessAnswerHoldsNobodyUp)
 {
     ASSERT_TRUE(nginx.MakeHugeFile("endless"));
-    runs::Engine engine(1);
+    test::Engine engine(1);
     HNvrHttpCurlCltReq endless = Submit(engine.Handle(), nginx.Http2("/files/endless"), "{}", 1000);
     for (size_t number = 1; number <= 3; ++number) {
         HNvrHttpCurlCltReq request = Submit(engine.Handle(), nginx.Http2("/ready"));
-        EXPECT_TRUE(common::WaitUntil([number] { return ended.load() >= number; }));
+        EXPECT_TRUE(test::WaitUntil([number] { return ended.load() >= number; }));
         ExpectAnswer(request, 5);
         NvrHttpCurlCltReqDestroy(request);
     }
     EXPECT_EQ(failed.load(), 0U);
-    EXPECT_TRUE(common::WaitUntil([] { return ended.load() == 4; }));
+    EXPECT_TRUE(test::WaitUntil([] { return ended.load() == 4; }));
     EXPECT_EQ(failed.load(), 1U);
     NvrHttpCurlCltReqDestroy(endless);
 }

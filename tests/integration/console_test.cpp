@@ -2,130 +2,23 @@
  * nvrhttp console, run as a program: its lines through a pipe and through a pseudo-terminal,
  * against nvrhttp serve.
  */
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
 #include <termios.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <initializer_list>
 #include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "integration_fixture.h"
+#include "nvrhttp_program.h"
+
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-/* How long a test waits for what has to come. It only costs time where something is lost. */
-constexpr std::chrono::seconds patience{60};
-
-const char *const self_test_text =
+const char *const SELF_TEST_TEXT =
     R"({"TaskId":1,"CheckTemp":"11","Operator":"qq","Remarks":"qq","TemperatureScale":1,"NVR MacAddress":"00-00-00-00-00-00"})";
-
-/* Reads what is there, waiting for something until the deadline; false at the end or the deadline. */
-bool ReadSome(int fd, std::string &text, Clock::time_point deadline)
-{
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd waiting{fd, POLLIN, 0};
-    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) <= 0) {
-        return false;
-    }
-    char part[4096];
-    ssize_t length = read(fd, part, sizeof(part));
-    if (length <= 0) {
-        return false;
-    }
-    text.append(part, static_cast<size_t>(length));
-    return true;
-}
-
-/* The exit status; -1 for a program that a signal ended or that had to be ended here. */
-int AwaitEnd(pid_t pid)
-{
-    const auto deadline = Clock::now() + patience;
-    int status = 0;
-    pid_t ended = 0;
-    while ((ended = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
-        usleep(10000);
-    }
-    if (ended == 0) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-[[noreturn]] void ExecProgram(const char *command, const char *option = nullptr)
-{
-    if (strcmp(command, "console") == 0) {
-        setenv("ASAN_OPTIONS", "detect_leaks=0", 1); /* each self-test keeps its text */
-    }
-    execl(NVRHTTP_PROGRAM, NVRHTTP_PROGRAM, command, option, static_cast<char *>(nullptr));
-    _exit(127);
-}
-
-/* A child with its standard input and output at our ends of two pipes. */
-struct PipedChild {
-    pid_t pid = -1;
-    int to = -1;
-    int from = -1;
-
-    explicit PipedChild(const char *command)
-    {
-        int input[2];
-        int output[2];
-        if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "no pipe";
-            return;
-        }
-        pid = fork();
-        if (pid == 0) {
-            dup2(input[0], STDIN_FILENO);
-            dup2(output[1], STDOUT_FILENO);
-            ExecProgram(command);
-        }
-        close(input[0]);
-        close(output[1]);
-        to = input[1];
-        from = output[0];
-    }
-
-    PipedChild(const PipedChild &) = delete;
-    PipedChild &operator=(const PipedChild &) = delete;
-
-    ~PipedChild()
-    {
-        CloseInput();
-        close(from);
-    }
-
-    void Write(const std::string &text) const
-    {
-        ASSERT_EQ(write(to, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    }
-
-    void CloseInput()
-    {
-        if (to >= 0) {
-            close(to);
-        }
-        to = -1;
-    }
-};
 
 /* Source lines, addresses and times differ from build to build and run to run. */
 std::string Normalized(std::string line)
@@ -184,7 +77,7 @@ std::vector<std::string> IdleEngineListing()
     return lines;
 }
 
-const std::vector<std::string> help_lines{
+const std::vector<std::string> HELP_LINES{
     "  NvrHttpCurlCltshow           list the engine's instances and workers",
     "  NvrHttpCurlCltver            show the engine's version",
     "  help                         list the commands",
@@ -195,162 +88,83 @@ const std::vector<std::string> help_lines{
     "wait",
 };
 
-class Console : public testing::Test
+test::Program ConsoleProgram()
+{
+    test::Program program = test::Nvrhttp({"console"});
+    program.environment = {"TERM=xterm", "ASAN_OPTIONS=detect_leaks=0"}; /* each self-test keeps its text */
+    return program;
+}
+
+class Console : public test::IntegrationTest
 {
   protected:
-    Console()
-    {
-        for (const char *name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy",
-                                 "NO_PROXY", "HTTP_PROXY"}) {
-            unsetenv(name);
-        }
-        char folder[] = "/tmp/console_test.XXXXXX";
-        if (mkdtemp(folder) != nullptr) {
-            log_folder = folder;
-        }
-        setenv("NVRHTTPCURL_LOG_DIR", log_folder.c_str(), 1);
-        signal(SIGPIPE, SIG_IGN);
-    }
-
-    ~Console() override
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(log_folder, ignored);
-    }
-
     /* All that the console prints for these lines, which need not end with "quit". */
     std::string Run(const std::string &input)
     {
-        PipedChild console("console");
-        const auto deadline = Clock::now() + patience;
-        std::string output;
+        test::ChildProcess console(ConsoleProgram());
         console.Write(input);
         console.CloseInput();
-        while (ReadSome(console.from, output, deadline)) {
-        }
-        exit_status = AwaitEnd(console.pid);
+        const std::string output = console.ReadToEnd();
+        exitStatus = console.Wait();
         return output;
     }
 
-    int exit_status = -1;
-    std::string log_folder;
+    int exitStatus = -1;
 };
 
 /* With nvrhttp serve beside it. */
 class ConsoleWithServer : public Console
 {
   protected:
-    ConsoleWithServer() : server("serve")
-    {
-        const auto deadline = Clock::now() + patience;
-        while (url.find('\n') == std::string::npos && ReadSome(server.from, url, deadline)) {
-        }
-        url.erase(url.find_last_not_of('\n') + 1);
-    }
-
-    ~ConsoleWithServer() override
-    {
-        kill(server.pid, SIGTERM);
-        EXPECT_EQ(AwaitEnd(server.pid), 0);
-    }
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(std::regex_match(url, std::regex(R"(http://127\.0\.0\.1:[0-9]+/)"))) << url;
-    }
-
-    std::string url;
-
-  private:
-    PipedChild server;
+    const test::ServeProcess server;
+    const std::string url = server.Url();
 };
 
 /* The console on a pseudo-terminal. */
 class ConsoleOnTerminal : public ConsoleWithServer
 {
   protected:
-    ConsoleOnTerminal()
+    ConsoleOnTerminal() : console(TerminalProgram())
     {
-        winsize size{};
-        size.ws_col = 200;
-        size.ws_row = 50;
-        setenv("TERM", "xterm", 1);
-        pid = forkpty(&terminal, nullptr, nullptr, &size);
-        if (pid == 0) {
-            ExecProgram("console");
-        }
-        Expect("nvrhttp> ");
+        console.ReadUntil("nvrhttp> ");
     }
 
-    /* Losing its terminal ends a console that is still there. */
-    ~ConsoleOnTerminal() override
+    static test::Program TerminalProgram()
     {
-        close(terminal);
-        if (pid > 0) {
-            AwaitEnd(pid);
-        }
+        test::Program program = ConsoleProgram();
+        program.onTerminal = true;
+        return program;
     }
 
     /*
      * The prompt may be there before the editor has taken over the terminal, which would still
      * interpret editing keys itself.
      */
-    void AwaitEditor()
-    {
-        const auto deadline = Clock::now() + patience;
-        termios mode{};
-        while (tcgetattr(terminal, &mode) == 0 && (mode.c_lflag & ICANON) != 0 && Clock::now() < deadline) {
-            usleep(1000);
-        }
-        ASSERT_EQ(mode.c_lflag & ICANON, 0U);
-    }
-
     void Type(const std::string &keys)
     {
-        AwaitEditor();
-        ASSERT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
-    }
-
-    /* Waits until the text comes, and forgets all up to its end. Returns what came before it. */
-    std::string Expect(const std::string &text)
-    {
-        const auto deadline = Clock::now() + patience;
-        size_t at = 0;
-        while ((at = pending.find(text)) == std::string::npos) {
-            if (!ReadSome(terminal, pending, deadline)) {
-                ADD_FAILURE() << "\"" << text << "\" did not come after:\n" << pending;
-                return "";
-            }
-        }
-        std::string before = pending.substr(0, at);
-        pending.erase(0, at + text.size());
-        return before;
+        ASSERT_TRUE(test::WaitUntil([this] {
+            termios mode{};
+            return tcgetattr(console.Terminal(), &mode) == 0 && (mode.c_lflag & ICANON) == 0;
+        }));
+        console.Write(keys);
     }
 
     /* Types a line and returns what the console prints until it prompts again. */
     std::string RunOnTerminal(const std::string &line)
     {
         Type(line + "\r");
-        Expect("\r\n");
-        return std::regex_replace(Expect("nvrhttp> "), std::regex("\r"), "");
+        console.ReadUntil("\r\n");
+        return std::regex_replace(console.ReadUntil("nvrhttp> "), std::regex("\r"), "");
     }
 
     int EndStatus()
     {
-        const auto deadline = Clock::now() + patience;
-        while (ReadSome(terminal, pending, deadline)) {
-        }
-        const int status = AwaitEnd(pid);
-        pid = -1;
-        return status;
+        console.ReadToEnd();
+        return console.Wait();
     }
 
-    pid_t pid = -1;
-    int terminal = -1;
-    std::string pending;
+    test::ChildProcess console;
 };
-
-} // namespace
 
 TEST_F(ConsoleWithServer, AllFiveCommandsThroughAPipe)
 {
@@ -359,12 +173,12 @@ TEST_F(ConsoleWithServer, AllFiveCommandsThroughAPipe)
 
     std::vector<std::string> expected{
         "SendByCurlSetLogLevel[L:#] Log level 2",
-        "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(self_test_text),
+        "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(SELF_TEST_TEXT),
         "Qelvo_SendStrByHttp[L:#] eSyncMode:0 [0:Sync 1:ASync]",
         "Qelvo_SyncSendStrByHttpCurl[L:#] In Qelvo_SyncSendStr ByHttpCurl",
         "Qelvo_SendStrByHttp[L:#] Qelvo_SyncSendStrByHttpCurl Success!",
         "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
-        "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(self_test_text),
+        "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(SELF_TEST_TEXT),
         "SendByCurlShow[L:#] ------------------------Show End------------------------",
     };
     for (const std::string &line : IdleEngineListing()) {
@@ -375,13 +189,13 @@ TEST_F(ConsoleWithServer, AllFiveCommandsThroughAPipe)
                        "SendByCurlShow", "NvrHttpCurlCltshow", "_NvrHttpCurlCltShowVersion"},
                       output),
               expected);
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, HelpListsEveryCommand)
 {
-    EXPECT_EQ(Lines(Run("help\n")), help_lines);
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(Lines(Run("help\n")), HELP_LINES);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, AnUnknownCommandGetsOneLineAndTheLoopGoesOn)
@@ -392,7 +206,7 @@ TEST_F(Console, AnUnknownCommandGetsOneLineAndTheLoopGoesOn)
                   "SENDBYCURLSHOW: no such command; \"help\" lists them",
                   "SendByCurlSetLogLevel[L:#] Log level 2",
               }));
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
@@ -445,10 +259,10 @@ TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
                   "nonsense: more than six arguments",
                   "SendByCurlSetLogLevel[L:#] Log level 2",
               }));
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
-TEST_F(Console, ALevelThatTheModuleRefusesIsTold)
+TEST_F(Console, ALevelThatTheModuleRefusesIsReported)
 {
     EXPECT_EQ(Lines(Run("sendbycurlsetlog 0\nsendbycurlsetlog 4\nsendbycurlsetlog 2\nsendbycurlsetlog 255\n")),
               (std::vector<std::string>{
@@ -462,14 +276,14 @@ TEST_F(Console, ALevelThatTheModuleRefusesIsTold)
 TEST_F(Console, TheListingsAreNotOnTheConsoleUntilTheLogIs)
 {
     EXPECT_EQ(Run("sendbycurlshow\nNvrHttpCurlCltshow\n"), "");
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, QuitLeavesTheRestUnread)
 {
     EXPECT_EQ(Lines(Run("sendbycurlsetlog 2\nquit\nsendbycurlsetlog 3\n")),
               (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, BlankLinesSayNothingAndTheLastLineNeedsNoNewline)
@@ -477,62 +291,59 @@ TEST_F(Console, BlankLinesSayNothingAndTheLastLineNeedsNoNewline)
     EXPECT_EQ(
         Lines(Run("\n  \t \n\r\nsendbycurlsetlog 2\r\n  sendbycurlsetlog 3")),
         (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2", "SendByCurlSetLogLevel[L:#] Log level 3"}));
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(Console, EachAnswerIsThereBeforeTheNextCommand)
 {
-    PipedChild console("console");
-    const auto deadline = Clock::now() + patience;
+    test::ChildProcess console(ConsoleProgram());
 
     for (int round = 0; round < 3; round++) {
-        std::string answer;
         console.Write("nonsense\n");
-        while (answer.find('\n') == std::string::npos && ReadSome(console.from, answer, deadline)) {
-        }
-        EXPECT_EQ(answer, "nonsense: no such command; \"help\" lists them\n");
+        EXPECT_EQ(console.ReadUntil("\n"), "nonsense: no such command; \"help\" lists them");
     }
     console.CloseInput();
-    EXPECT_EQ(AwaitEnd(console.pid), 0);
+    EXPECT_EQ(console.Wait(), 0);
 }
 
 TEST_F(ConsoleWithServer, LeavingWaitsForAnAsynchronousAnswer)
 {
-    const std::string output = Run("sendbycurlsetlog 2\nsendbycurltest 1 " + url + "delay/1000\nquit\n");
+    const std::string output = Run("sendbycurlsetlog 2\nsendbycurltest 1 " + server.Url("/delay/1000") + "\nquit\n");
 
     EXPECT_EQ(LinesOf({"sendbycurltest", "SendByCurlReqProgressNtf",
                        "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)"},
                       output),
               (std::vector<std::string>{
-                  "sendbycurltest[L:#] --99--eSyncMode:1 achSendBuf[118]: " + std::string(self_test_text),
+                  "sendbycurltest[L:#] --99--eSyncMode:1 achSendBuf[118]: " + std::string(SELF_TEST_TEXT),
                   "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
                   "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)",
                   "SendByCurlReqProgressNtf[L:#] eErrCode:0",
-                  "SendByCurlReqProgressNtf[L:#] pvContext:" + std::string(self_test_text),
+                  "SendByCurlReqProgressNtf[L:#] pvContext:" + std::string(SELF_TEST_TEXT),
                   "SendByCurlReqProgressNtf[L:#] End-------------------------------",
               }));
     EXPECT_EQ(output.find("SendByCurlShow"), std::string::npos) << output;
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(ConsoleWithServer, LeavingWaitsAlsoWhereTheLogIsNotOnTheConsole)
 {
-    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + url + "delay/1000\n")),
+    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + server.Url("/delay/1000") + "\n")),
               "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n");
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
-TEST_F(ConsoleWithServer, LeavingWaitsNoLongerThanTold)
+TEST_F(ConsoleWithServer, LeavingWaitsNoLongerThanAnnounced)
 {
-    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + url + "delay/60000\nquit\n")),
+    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + server.Url("/delay/60000") + "\nquit\n")),
               "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n"
               "no answer came\n");
-    EXPECT_EQ(exit_status, 0);
+    EXPECT_EQ(exitStatus, 0);
 }
 
 TEST_F(ConsoleWithServer, ShowListsAPostUntilItIsNotified)
 {
-    const std::string output = Run("sendbycurltest 1 " + url + "delay/3000\nsendbycurlsetlog 2\nsendbycurlshow\n");
+    const std::string output =
+        Run("sendbycurltest 1 " + server.Url("/delay/3000") + "\nsendbycurlsetlog 2\nsendbycurlshow\n");
 
     EXPECT_EQ(LinesOf({"SendByCurlShow"}, output),
               (std::vector<std::string>{
@@ -549,9 +360,9 @@ TEST_F(ConsoleOnTerminal, AllFiveCommandsHelpAndQuit)
               (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
     EXPECT_EQ(LinesOf({"sendbycurltest"}, RunOnTerminal("sendbycurltest 0 " + url)),
               (std::vector<std::string>{
-                  "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(self_test_text),
+                  "sendbycurltest[L:#] --99--eSyncMode:0 achSendBuf[118]: " + std::string(SELF_TEST_TEXT),
                   "sendbycurltest[L:#] Qelvo_SendStrByHttps suc",
-                  "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(self_test_text),
+                  "sendbycurltest[L:#] --99--eSyncMode:0 achRecvBuf[118]: " + std::string(SELF_TEST_TEXT),
               }));
     EXPECT_EQ(
         Lines(RunOnTerminal("sendbycurlshow")),
@@ -559,7 +370,7 @@ TEST_F(ConsoleOnTerminal, AllFiveCommandsHelpAndQuit)
     EXPECT_EQ(Lines(RunOnTerminal("NvrHttpCurlCltshow")), IdleEngineListing());
     EXPECT_EQ(Lines(RunOnTerminal("NvrHttpCurlCltver")),
               (std::vector<std::string>{"_NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}"}));
-    EXPECT_EQ(Lines(RunOnTerminal("help")), help_lines);
+    EXPECT_EQ(Lines(RunOnTerminal("help")), HELP_LINES);
     EXPECT_EQ(RunOnTerminal("nonsense"), "nonsense: no such command; \"help\" lists them\n");
     EXPECT_EQ(RunOnTerminal("sendbycurlsetlog"), "sendbycurlsetlog: LEVEL is missing; usage: sendbycurlsetlog LEVEL\n");
     Type("quit\r");
@@ -576,8 +387,8 @@ TEST_F(ConsoleOnTerminal, TabCompletesACommandInAnyCase)
 TEST_F(ConsoleOnTerminal, TabListsWhatTheWordMayBecome)
 {
     Type("sen\t\t");
-    Expect("sendbycurlsetlog\r\nsendbycurlshow\r\nsendbycurltest\r\n");
-    Expect("nvrhttp> ");
+    console.ReadUntil("sendbycurlsetlog\r\nsendbycurlshow\r\nsendbycurltest\r\n");
+    console.ReadUntil("nvrhttp> ");
     EXPECT_EQ(Lines(RunOnTerminal("setl\t2")), (std::vector<std::string>{"SendByCurlSetLogLevel[L:#] Log level 2"}));
 }
 
@@ -597,3 +408,5 @@ TEST_F(ConsoleOnTerminal, EndOfInputLeaves)
     Type("\004");
     EXPECT_EQ(EndStatus(), 0);
 }
+
+} // namespace

@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "nginx_server.h"
-#include "raw_server.h"
 #include "sends.h"
+#include "tests/support/loopback.h"
+#include "tests/support/scripted_server.h"
 
 namespace
 {
 
-/* A record with room for an answer that lives as long. */
+/* A record and all that it points to. */
 struct Direct {
     std::string url;
     std::string body;
@@ -24,7 +25,7 @@ struct Direct {
 
     Direct(const std::string &target, const std::string &text, uint32_t capacity = 4096)
         : url(target), body(text), answer(size_t{capacity} + 1, '#'),
-          param(sends::Param(url, body, answer.data(), capacity))
+          param(test::Param(url, body, answer.data(), capacity))
     {
     }
 
@@ -39,106 +40,102 @@ struct Direct {
     }
 };
 
-class DirectSend : public NginxTest
-{
-};
+using DirectSend = test::NginxTest;
 
-class DirectSendToRawServer : public common::IntegrationTest
-{
-};
+using DirectSendToScriptedServer = test::IntegrationTest;
 
 TEST_F(DirectSend, BringsTheAnswerAndStartsTheModule)
 {
     Direct direct(nginx.Http("/echo"), "{\"record\":1}");
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ("{\"record\":1}", direct.Received());
-    EXPECT_EQ(SENDBYCURL_OK, sends::SendAndWait(nginx.Http("/echo"), "{}").result);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.Received(), "{\"record\":1}");
+    EXPECT_EQ(test::SendAndWait(nginx.Http("/echo"), "{}").result, SENDBYCURL_OK);
 }
 
 TEST_F(DirectSend, ChecksTheCertificateOnlyWhereAskedTo)
 {
     Direct unchecked(nginx.Https("/echo"), "{\"record\":2}");
-    EXPECT_EQ(SENDBYCURL_OK, unchecked.Send());
-    EXPECT_EQ("{\"record\":2}", unchecked.Received());
+    EXPECT_EQ(unchecked.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(unchecked.Received(), "{\"record\":2}");
 
     Direct capitals(nginx.Https("/echo", "HTTPS"), "{\"record\":3}");
-    EXPECT_EQ(SENDBYCURL_OK, capitals.Send());
+    EXPECT_EQ(capitals.Send(), SENDBYCURL_OK);
 
-    EXPECT_EQ(std::string::npos, nginx.ErrorLog().find("unknown ca"));
+    ASSERT_TRUE(nginx.WaitForRequests(2));
     Direct checked(nginx.Https("/echo"), "{\"record\":4}");
     checked.param.bSSLserver = 1;
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, checked.Send());
-    EXPECT_EQ(0u, checked.param.dwRecvLen);
-    EXPECT_TRUE(common::WaitUntil([this] { return nginx.ErrorLog().find("unknown ca") != std::string::npos; }));
+    EXPECT_EQ(checked.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(checked.param.dwRecvLen, 0U);
+    EXPECT_EQ(nginx.RequestCount(), 2U);
 }
 
 TEST_F(DirectSend, AnyStatusIsAnAnswer)
 {
     Direct direct(nginx.Http("/status/404"), "{}");
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ("nothing here, says the server", direct.Received());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.Received(), "nothing here, says the server");
 }
 
 TEST_F(DirectSend, AnAnswerOfExactlyTheCapacityFitsWithoutTerminator)
 {
-    Direct direct(nginx.Http("/echo"), common::Text(100), 100);
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ(100u, direct.param.dwRecvLen);
-    EXPECT_EQ(direct.body, direct.Received());
-    EXPECT_EQ('#', direct.answer[100]);
+    Direct direct(nginx.Http("/echo"), test::SampleText(100), 100);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.param.dwRecvLen, 100U);
+    EXPECT_EQ(direct.Received(), direct.body);
+    EXPECT_EQ(direct.answer[100], '#');
 }
 
 TEST_F(DirectSend, AnAnswerOneByteLongerFails)
 {
-    Direct direct(nginx.Http("/echo"), common::Text(101), 100);
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, direct.Send());
-    EXPECT_LE(direct.param.dwRecvLen, 100u);
-    EXPECT_EQ('#', direct.answer[100]);
+    Direct direct(nginx.Http("/echo"), test::SampleText(101), 100);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_LE(direct.param.dwRecvLen, 100U);
+    EXPECT_EQ(direct.answer[100], '#');
 }
 
 TEST_F(DirectSend, CarriesTwoMegabytesThereAndBack)
 {
-    Direct direct(nginx.Http("/echo"), common::Text(2000000), 2000000);
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ(2000000u, direct.param.dwRecvLen);
+    Direct direct(nginx.Http("/echo"), test::SampleText(2000000), 2000000);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.param.dwRecvLen, 2000000U);
     EXPECT_TRUE(direct.body == direct.Received());
 }
 
 TEST_F(DirectSend, PlainPortAskedForTlsReturns5)
 {
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, Direct(nginx.Http("/echo", "https"), "{}").Send());
+    EXPECT_EQ(Direct(nginx.Http("/echo", "https"), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
 }
 
 TEST_F(DirectSend, NothingOfTheAnswerReachesStandardOutput)
 {
     Direct direct(nginx.Http("/echo"), "{\"secret\":1}");
     ESendByCurlRet result = SENDBYCURL_INVALID_PARAM;
-    const std::string output = common::StandardOutputOf([&] { result = direct.Send(); });
-    EXPECT_EQ(SENDBYCURL_OK, result);
-    EXPECT_EQ("{\"secret\":1}", direct.Received());
-    EXPECT_EQ(std::string::npos, output.find("secret")) << output;
+    const std::string output = test::StandardOutputOf([&] { result = direct.Send(); });
+    EXPECT_EQ(result, SENDBYCURL_OK);
+    EXPECT_EQ(direct.Received(), "{\"secret\":1}");
+    EXPECT_EQ(output.find("secret"), std::string::npos) << output;
 }
 
 TEST_F(DirectSend, TheSimpleFormBringsAnswerAndLength)
 {
     char answer[64] = "";
     uint32_t length = sizeof(answer);
-    EXPECT_EQ(SENDBYCURL_OK,
-              Qelvo_SyncSendStrByHttp(nginx.Https("/echo").c_str(), "{\"record\":5}", 12, 60000, answer, &length));
-    EXPECT_EQ(12u, length);
-    EXPECT_STREQ("{\"record\":5}", answer);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp(nginx.Https("/echo").c_str(), "{\"record\":5}", 12, 60000, answer, &length),
+              SENDBYCURL_OK);
+    EXPECT_EQ(length, 12U);
+    EXPECT_STREQ(answer, "{\"record\":5}");
 }
 
 TEST_F(DirectSend, TheSimpleFormWithoutALengthCollectsNothing)
 {
     char answer[64] = "before";
-    const std::string output = common::StandardOutputOf([&] {
-        EXPECT_EQ(SENDBYCURL_OK,
-                  Qelvo_SyncSendStrByHttp(nginx.Http("/echo").c_str(), "{\"record\":6}", 12, 60000, answer, nullptr));
+    const std::string output = test::StandardOutputOf([&] {
+        EXPECT_EQ(Qelvo_SyncSendStrByHttp(nginx.Http("/echo").c_str(), "{\"record\":6}", 12, 60000, answer, nullptr),
+                  SENDBYCURL_OK);
     });
-    EXPECT_STREQ("before", answer);
+    EXPECT_STREQ(answer, "before");
     /* libcurl's own way of handling an answer that nobody takes. */
-    EXPECT_NE(std::string::npos, output.find("{\"record\":6}")) << output;
+    EXPECT_NE(output.find("{\"record\":6}"), std::string::npos) << output;
 }
 
 TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
@@ -160,110 +157,108 @@ TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
         thread.join();
     }
     for (const std::string &problem : problems) {
-        EXPECT_EQ("", problem);
+        EXPECT_EQ(problem, "");
     }
 }
 
 /* --- what leaves ------------------------------------------------------------------------------ */
 
-TEST_F(DirectSendToRawServer, APostCarriesTheBodyUpToItsFirstZeroByte)
+TEST_F(DirectSendToScriptedServer, APostCarriesTheBodyUpToItsFirstZeroByte)
 {
-    const raw::Server server(raw::Echoing());
+    const test::ScriptedServer server(test::Echoing());
     Direct direct(server.Url("/place"), std::string("{\"a\":1}\0more", 12));
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    ASSERT_EQ(1u, server.RequestCount());
-    const raw::Request seen = server.Requests()[0];
-    EXPECT_EQ("POST /place HTTP/1.1", seen.Line());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    ASSERT_EQ(server.RequestCount(), 1U);
+    const test::Request seen = server.Requests()[0];
+    EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
     EXPECT_TRUE(seen.HasLine("Content-Type:application/json;charset=UTF-8")) << seen.head;
     EXPECT_TRUE(seen.HasLine("Content-Length: 7")) << seen.head;
-    EXPECT_EQ("{\"a\":1}", seen.body);
+    EXPECT_EQ(seen.body, "{\"a\":1}");
 }
 
-TEST_F(DirectSendToRawServer, TheOtherMethodsLeaveAsGetWithoutBody)
+TEST_F(DirectSendToScriptedServer, TheOtherMethodsLeaveAsGetWithoutBody)
 {
     for (const uint32_t method : {SENDBYCURL_METHOD_PUT, SENDBYCURL_METHOD_GET}) {
-        const raw::Server server({raw::When::Request, {raw::Send(raw::Reply(200, "here"))}});
+        const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "here"))}});
         Direct direct(server.Url("/place"), "{\"a\":1}");
         direct.param.eHeadType = method;
-        EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-        EXPECT_EQ("here", direct.Received());
-        ASSERT_EQ(1u, server.RequestCount());
-        EXPECT_EQ("GET /place HTTP/1.1", server.Requests()[0].Line());
+        EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+        EXPECT_EQ(direct.Received(), "here");
+        ASSERT_EQ(server.RequestCount(), 1U);
+        EXPECT_EQ(server.Requests()[0].Line(), "GET /place HTTP/1.1");
         EXPECT_FALSE(server.Requests()[0].HasHeader("Content-Length"));
-        EXPECT_EQ("", server.Requests()[0].body);
+        EXPECT_EQ(server.Requests()[0].body, "");
     }
 }
 
-TEST_F(DirectSendToRawServer, TheAnswerIsPutWhereTheLengthPoints)
+TEST_F(DirectSendToScriptedServer, TheAnswerIsPutWhereTheLengthPoints)
 {
-    const raw::Server server({raw::When::Request, {raw::Send(raw::Reply(200, "answer"))}});
+    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "answer"))}});
     Direct direct(server.Url(), "{}", 16);
     direct.param.dwRecvLen = 4;
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ(10u, direct.param.dwRecvLen);
-    EXPECT_EQ(std::string("\0\0\0\0answer", 10), direct.Received());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.param.dwRecvLen, 10U);
+    EXPECT_EQ(direct.Received(), std::string("\0\0\0\0answer", 10));
     /* And behind it the next time, until it is full. */
-    EXPECT_EQ(SENDBYCURL_OK, direct.Send());
-    EXPECT_EQ(16u, direct.param.dwRecvLen);
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, direct.Send());
-    EXPECT_EQ(16u, direct.param.dwRecvLen);
-    EXPECT_EQ('#', direct.answer[16]);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    EXPECT_EQ(direct.param.dwRecvLen, 16U);
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(direct.param.dwRecvLen, 16U);
+    EXPECT_EQ(direct.answer[16], '#');
 }
 
 /* --- how it fails ------------------------------------------------------------------------------- */
 
-TEST_F(DirectSendToRawServer, AnOverflowKeepsTheChunksThatFitted)
+TEST_F(DirectSendToScriptedServer, AnOverflowKeepsTheChunksThatFitted)
 {
-    const raw::Server server({raw::When::Request,
-                              {raw::Send("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n12345678"),
-                               raw::Pause(std::chrono::milliseconds(300)), raw::Send("9abc")}});
+    const test::ScriptedServer server({test::When::REQUEST,
+                                       {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n12345678"),
+                                        test::Pause(std::chrono::milliseconds(300)), test::Send("9abc")}});
     Direct direct(server.Url(), "{}", 10);
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, direct.Send());
-    EXPECT_EQ("12345678", direct.Received());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(direct.Received(), "12345678");
 }
 
-TEST_F(DirectSendToRawServer, ASilentServerReturns7)
+TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 {
-    const raw::Server server(raw::Silent());
+    const test::ScriptedServer server(test::Silent());
     Direct direct(server.Url(), "{}");
     direct.param.dwTimeoutMS = 300;
-    EXPECT_EQ(SENDBYCURL_TIMED_OUT, direct.Send());
-    EXPECT_EQ(1u, server.RequestCount());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TIMED_OUT);
+    EXPECT_EQ(server.RequestCount(), 1U);
 
     char answer[16] = "";
     uint32_t length = sizeof(answer);
-    EXPECT_EQ(SENDBYCURL_TIMED_OUT, Qelvo_SyncSendStrByHttp(server.Url().c_str(), "{}", 2, 300, answer, &length));
-    EXPECT_EQ(sizeof(answer), length);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp(server.Url().c_str(), "{}", 2, 300, answer, &length), SENDBYCURL_TIMED_OUT);
+    EXPECT_EQ(length, sizeof(answer));
 }
 
-TEST_F(DirectSendToRawServer, AnAddressThatDoesNotAnswerReturns7)
+TEST_F(DirectSendToScriptedServer, AnAddressThatDoesNotAnswerReturns7)
 {
-    const common::SilentAddress silent;
-    ASSERT_TRUE(silent.IsSilent());
+    const test::SilentAddress silent;
     Direct direct(silent.Url(), "{}");
     direct.param.dwConnTimeOutMS = 300;
-    EXPECT_EQ(SENDBYCURL_TIMED_OUT, direct.Send());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TIMED_OUT);
 }
 
-TEST_F(DirectSendToRawServer, ARefusedConnectionReturns5)
+TEST_F(DirectSendToScriptedServer, ARefusedConnectionReturns5)
 {
-    const common::ClosedPort closed;
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, Direct(closed.Url(), "{}").Send());
+    const test::ClosedPort closed;
+    EXPECT_EQ(Direct(closed.Url(), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
 }
 
-TEST_F(DirectSendToRawServer, AHandshakeBrokenOffReturns5)
+TEST_F(DirectSendToScriptedServer, AHandshakeBrokenOffReturns5)
 {
-    const raw::Server server({raw::When::FirstByte, {raw::Close()}});
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, Direct(server.Url("/", "https"), "{}").Send());
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
+    EXPECT_EQ(Direct(server.Url("/", "https"), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
 }
 
-TEST_F(DirectSendToRawServer, ATransferCutOffReturns5WithWhatCame)
+TEST_F(DirectSendToScriptedServer, ATransferCutOffReturns5WithWhatCame)
 {
-    const raw::Server server(
-        {raw::When::Request, {raw::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), raw::Close()}});
+    const test::ScriptedServer server(test::CuttingOff());
     Direct direct(server.Url(), "{}");
-    EXPECT_EQ(SENDBYCURL_TRANSFER_FAILED, direct.Send());
-    EXPECT_EQ("part", direct.Received());
+    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(direct.Received(), "part");
 }
 
 } // namespace

@@ -1,10 +1,12 @@
 #include "engine_runs.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 
-#include "common.h"
+#include "tests/support/wait.h"
 
-namespace runs
+namespace test
 {
 
 namespace
@@ -111,7 +113,7 @@ std::string AnswerOf(HNvrHttpCurlCltReq request)
 int32_t StatusOf(HNvrHttpCurlCltReq request)
 {
     int32_t status = -1;
-    EXPECT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltGetRespStatCode(request, &status));
+    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(request, &status), NVRHTTPCURLCLT_OK);
     return status;
 }
 
@@ -122,7 +124,7 @@ ENvrHttpCurlCltRet Submission::Submit(uint32_t timeout)
 
 bool Submission::WaitForCallbacks(uint32_t count) const
 {
-    return common::WaitUntil([this, count] { return returned.load() >= count; });
+    return WaitUntil([this, count] { return returned.load() >= count; });
 }
 
 uint32_t OnEnd(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg, ENvrHttpCurlCltRet eResult, void *pvUserBuf)
@@ -148,4 +150,4 @@ size_t CallbacksOf(const std::vector<Submission> &all)
     return count;
 }
 
-} // namespace runs
+} // namespace test

@@ -1,5 +1,5 @@
 /*
- * Engine instances and requests with books on what they hold and what they were told.
+ * Engine instances and requests, with a record of what they hold and report.
  */
 #ifndef TESTS_INTEGRATION_ENGINE_RUNS_H
 #define TESTS_INTEGRATION_ENGINE_RUNS_H
@@ -12,7 +12,7 @@
 
 #include "nvrhttpcurl/httpcurlclient.h"
 
-namespace runs
+namespace test
 {
 
 /* Memory callbacks over malloc, and the blocks obtained through them and not released. */
@@ -57,7 +57,7 @@ struct Submission {
     std::atomic<uint32_t> returned; /* callbacks that are over */
     ENvrHttpCurlCltReqProgress progress;
     ENvrHttpCurlCltRet result;
-    HNvrHttpCurlCltReq seen;                      /* what the last callback was told */
+    HNvrHttpCurlCltReq seen;                      /* the request that the last callback named */
     std::function<void(Submission &)> inCallback; /* runs inside each callback */
 
     ENvrHttpCurlCltRet Submit(uint32_t timeout = 60000);
@@ -68,6 +68,6 @@ uint32_t OnEnd(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg, ENvrHt
 
 size_t CallbacksOf(const std::vector<Submission> &all);
 
-} // namespace runs
+} // namespace test
 
 #endif

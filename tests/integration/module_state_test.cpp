@@ -7,24 +7,21 @@
 #include <vector>
 
 #include "engine/httpcurlclient_inner.h"
-#include "raw_server.h"
 #include "sendbycurl/sendbycurl_inner.h"
 #include "sends.h"
 #include "support/hcc_atomic.h"
+#include "tests/support/loopback.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/wait.h"
 
 namespace
 {
 
-using sends::Batch;
+using test::Batch;
 
-class ModuleState : public common::IntegrationTest
+class ModuleState : public test::WithSendModule<test::IntegrationTest>
 {
   protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(SENDBYCURL_OK, Qelvo_SyncSendStrByHttp_Init());
-    }
-
     /* Places taken, counted under their lock. */
     size_t PlacesTaken() const
     {
@@ -55,27 +52,27 @@ class ModuleState : public common::IntegrationTest
 
 TEST_F(ModuleState, SendsAreSpreadEvenlyAndLeaveNothingBehind)
 {
-    constexpr size_t count = SENDBYCURL_ASYNC_SLOTS;
-    raw::Server server(raw::EchoingOnRelease());
-    Batch batch(count);
-    ASSERT_TRUE(common::AllowDescriptors(2 * count + 200)) << "too few descriptors allowed";
-    for (size_t i = 0; i < count; ++i) {
-        ASSERT_EQ(SENDBYCURL_OK, batch.Send(i, server.Url(), "{}"));
+    constexpr size_t COUNT = SENDBYCURL_ASYNC_SLOTS;
+    test::ScriptedServer server(test::EchoingOnRelease());
+    Batch batch(COUNT);
+    ASSERT_TRUE(test::AllowDescriptors(2 * COUNT + 200)) << "too few descriptors allowed";
+    for (size_t i = 0; i < COUNT; ++i) {
+        ASSERT_EQ(batch.Send(i, server.Url(), "{}"), SENDBYCURL_OK);
     }
-    EXPECT_EQ(count, PlacesTaken());
-    EXPECT_EQ(count, EngineRequests());
-    ASSERT_EQ(8u, g_hInitHandle->dwTaskNum);
+    EXPECT_EQ(PlacesTaken(), COUNT);
+    EXPECT_EQ(EngineRequests(), COUNT);
+    ASSERT_EQ(g_hInitHandle->dwTaskNum, 8U);
     for (uint32_t task = 0; task < 8; ++task) {
-        EXPECT_EQ(count / 8, Running(task)) << task;
+        EXPECT_EQ(Running(task), COUNT / 8) << task;
     }
 
     server.Release();
-    ASSERT_TRUE(batch.WaitFor(count));
-    EXPECT_TRUE(common::WaitUntil([this] { return PlacesTaken() == 0; })) << PlacesTaken();
-    EXPECT_EQ(0u, EngineRequests());
+    ASSERT_TRUE(batch.WaitFor(COUNT));
+    EXPECT_TRUE(test::WaitUntil([this] { return PlacesTaken() == 0; })) << PlacesTaken();
+    EXPECT_EQ(EngineRequests(), 0U);
     for (uint32_t task = 0; task < 8; ++task) {
-        EXPECT_EQ(0u, Running(task)) << task;
-        EXPECT_EQ(0u, Finished(task)) << task;
+        EXPECT_EQ(Running(task), 0U) << task;
+        EXPECT_EQ(Finished(task), 0U) << task;
     }
 }
 
@@ -83,28 +80,28 @@ TEST_F(ModuleState, ARefusedSubmissionLeavesItsPlaceTakenAndNothingInTheEngine)
 {
     Batch batch(1);
     batch.SetTimeout(0);
-    ASSERT_EQ(SENDBYCURL_INVALID_PARAM, batch.Send(0, "http://127.0.0.1/", "{}"));
-    EXPECT_EQ(1u, PlacesTaken());
-    EXPECT_EQ(1u, g_pfASnycCBParam[0].bUseFlag);
-    EXPECT_EQ(0u, EngineRequests());
+    ASSERT_EQ(batch.Send(0, "http://127.0.0.1/", "{}"), SENDBYCURL_INVALID_PARAM);
+    EXPECT_EQ(PlacesTaken(), 1U);
+    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
+    EXPECT_EQ(EngineRequests(), 0U);
 }
 
 TEST_F(ModuleState, AFailedTransferGivesItsPlaceBack)
 {
-    const common::ClosedPort closed;
+    const test::ClosedPort closed;
     Batch batch(1);
-    ASSERT_EQ(SENDBYCURL_OK, batch.Send(0, closed.Url(), "{}"));
+    ASSERT_EQ(batch.Send(0, closed.Url(), "{}"), SENDBYCURL_OK);
     ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_TRUE(common::WaitUntil([this] { return PlacesTaken() == 0; }));
-    EXPECT_EQ(0u, EngineRequests());
+    EXPECT_TRUE(test::WaitUntil([this] { return PlacesTaken() == 0; }));
+    EXPECT_EQ(EngineRequests(), 0U);
 }
 
 TEST_F(ModuleState, SynchronousSendsTakeNoPlace)
 {
-    const raw::Server server(raw::Echoing());
-    EXPECT_EQ(SENDBYCURL_OK, sends::SendAndWait(server.Url(), "{}").result);
-    EXPECT_EQ(0u, PlacesTaken());
-    EXPECT_EQ(0u, EngineRequests());
+    const test::ScriptedServer server(test::Echoing());
+    EXPECT_EQ(test::SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
+    EXPECT_EQ(PlacesTaken(), 0U);
+    EXPECT_EQ(EngineRequests(), 0U);
 }
 
 } // namespace

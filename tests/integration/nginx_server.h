@@ -12,19 +12,22 @@
 #ifndef TESTS_INTEGRATION_NGINX_SERVER_H
 #define TESTS_INTEGRATION_NGINX_SERVER_H
 
-#include <sys/types.h>
-
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "common.h"
+#include "integration_fixture.h"
+#include "tests/support/child_process.h"
+
+namespace test
+{
 
 class NginxServer
 {
   public:
-    static constexpr const char *user = "recorder";
-    static constexpr const char *password = "open-sesame";
+    static constexpr const char *USER = "recorder";
+    static constexpr const char *PASSWORD = "open-sesame";
 
     NginxServer();
     ~NginxServer();
@@ -43,34 +46,40 @@ class NginxServer
     /* The TLS port that offers HTTP/2. */
     std::string Http2(const std::string &path) const;
     /* Makes the file behind /files/NAME. */
-    bool MakeFile(const std::string &name, size_t length) const;
+    void MakeFile(const std::string &name, size_t length) const;
     /* 1 TB of zeros that take no space: an answer without end. */
     bool MakeHugeFile(const std::string &name) const;
 
-    /* The error log so far; handshakes that a client breaks off are in it. */
-    std::string ErrorLog() const;
+    /* Requests that it has answered. */
+    size_t RequestCount() const;
+    bool WaitForRequests(size_t count) const;
 
   private:
     bool MakeCertificate();
-    bool WriteConfiguration(const std::string &modulesFolder);
-    bool Launch(const std::vector<int> &sockets);
+    void WriteConfiguration(const std::string &modulesFolder) const;
+    void Launch(const std::vector<int> &sockets);
     bool Answers() const;
-    void Stop();
 
-    std::string folder;
+    const TemporaryFolder folder;
     std::string problem;
-    pid_t process = -1;
+    std::optional<ChildProcess> process;
     uint16_t plainPort = 0;
     uint16_t tlsPort = 0;
     uint16_t http2Port = 0;
 };
 
 /* Base of the cases that need one. */
-class NginxTest : public common::IntegrationTest
+class NginxTest : public IntegrationTest
 {
   protected:
-    void SetUp() override;
-    NginxServer nginx;
+    void SetUp() override
+    {
+        ASSERT_TRUE(nginx.IsRunning()) << nginx.Problem();
+    }
+
+    const NginxServer nginx;
 };
+
+} // namespace test
 
 #endif

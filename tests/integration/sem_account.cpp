@@ -1,6 +1,6 @@
 /*
- * Books on the semaphores of the engine, for programs that use the engine alone. Each Init replaces
- * the engine-wide lock and keeps the one before; any other that is there in the end was leaked.
+ * Counts the semaphores of the engine, for programs that use the engine alone. Each Init replaces
+ * the engine-wide lock and keeps the old one; any other that is left at the end was leaked.
  */
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace
 std::mutex semsLock;
 std::set<HOspSem> sems;
 
-/* The function of that name which this program's own stands in front of. */
+/* The function that this program's own of the same name hides. */
 template <typename Function> Function *Next(const char *name)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -29,7 +29,7 @@ class SemAccount : public testing::Environment
     void TearDown() override
     {
         std::lock_guard<std::mutex> guard(semsLock);
-        EXPECT_EQ(sems.size(), runs::Inits());
+        EXPECT_EQ(sems.size(), test::Inits());
         for (const HOspSem sem : sems) {
             Next<decltype(OspSemDelete)>("OspSemDelete")(sem);
         }

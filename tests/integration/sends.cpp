@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "common.h"
+#include "tests/support/wait.h"
 
-namespace sends
+namespace test
 {
 
 TSendByCurlParam Param(const std::string &url, const std::string &body, char *answer, uint32_t capacity)
@@ -73,7 +73,7 @@ size_t Batch::Total() const
 
 bool Batch::WaitFor(size_t count) const
 {
-    return common::WaitUntil([this, count] { return total.load() >= count; });
+    return WaitUntil([this, count] { return total.load() >= count; });
 }
 
 uint32_t Batch::Notifications(size_t index) const
@@ -92,4 +92,4 @@ std::string Batch::Answer(size_t index) const
     return std::string(entry.answer, strnlen(entry.answer, sizeof(entry.answer)));
 }
 
-} // namespace sends
+} // namespace test

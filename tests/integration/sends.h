@@ -1,5 +1,5 @@
 /*
- * Sends through the send module, with books on what each was told.
+ * Sends through the send module, with a record of what each reported.
  */
 #ifndef TESTS_INTEGRATION_SENDS_H
 #define TESTS_INTEGRATION_SENDS_H
@@ -9,9 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "integration_fixture.h"
 #include "nvrhttpcurl/sendbycurl.h"
 
-namespace sends
+namespace test
 {
 
 /*
@@ -22,6 +23,17 @@ TSendByCurlParam Param(const std::string &url, const std::string &body, char *an
 TSendByCurlParam Param(std::string &&url, const std::string &body, char *answer, uint32_t capacity) = delete;
 TSendByCurlParam Param(const std::string &url, std::string &&body, char *answer, uint32_t capacity) = delete;
 TSendByCurlParam Param(std::string &&url, std::string &&body, char *answer, uint32_t capacity) = delete;
+
+/* A fixture whose cases find the module started. */
+template <typename Fixture> class WithSendModule : public Fixture
+{
+  protected:
+    void SetUp() override
+    {
+        Fixture::SetUp();
+        ASSERT_EQ(Qelvo_SyncSendStrByHttp_Init(), SENDBYCURL_OK);
+    }
+};
 
 /* A synchronous send with all that comes back. */
 struct Outcome {
@@ -69,6 +81,6 @@ class Batch
     uint32_t timeout = 60000;
 };
 
-} // namespace sends
+} // namespace test
 
 #endif

@@ -7,27 +7,27 @@
 #include <vector>
 
 #include "engine_runs.h"
-#include "raw_server.h"
 #include "sends.h"
+#include "tests/support/scripted_server.h"
 
 namespace
 {
 
-using runs::AnswerOf;
-using runs::Engine;
+using test::AnswerOf;
+using test::Engine;
 
-class Wire : public common::IntegrationTest
+class Wire : public test::IntegrationTest
 {
   protected:
-    Wire() : engine(0, 0), server(raw::Echoing())
+    Wire() : engine(0, 0), server(test::Echoing())
     {
     }
 
     void SetUp() override
     {
-        ASSERT_EQ(NVRHTTPCURLCLT_OK, engine.Result());
-        ASSERT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltReqCreat(engine.Handle(), &request));
-        ASSERT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltSetReqUri(request, server.Url("/place").c_str()));
+        ASSERT_EQ(engine.Result(), NVRHTTPCURLCLT_OK);
+        ASSERT_EQ(NvrHttpCurlCltReqCreat(engine.Handle(), &request), NVRHTTPCURLCLT_OK);
+        ASSERT_EQ(NvrHttpCurlCltSetReqUri(request, server.Url("/place").c_str()), NVRHTTPCURLCLT_OK);
     }
 
     void TearDown() override
@@ -37,32 +37,32 @@ class Wire : public common::IntegrationTest
 
     void Header(const std::string &name, const std::string &value)
     {
-        ASSERT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltSetReqHeader(request, name.c_str(), value.c_str()));
+        ASSERT_EQ(NvrHttpCurlCltSetReqHeader(request, name.c_str(), value.c_str()), NVRHTTPCURLCLT_OK);
     }
 
     void Method(const char *method)
     {
-        ASSERT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltSetReqMethod(request, method));
+        ASSERT_EQ(NvrHttpCurlCltSetReqMethod(request, method), NVRHTTPCURLCLT_OK);
     }
 
     void Body(const std::string &body)
     {
-        ASSERT_EQ(NVRHTTPCURLCLT_OK,
-                  NvrHttpCurlCltSetReqBody(request, body.data(), static_cast<uint32_t>(body.size())));
+        ASSERT_EQ(NvrHttpCurlCltSetReqBody(request, body.data(), static_cast<uint32_t>(body.size())),
+                  NVRHTTPCURLCLT_OK);
     }
 
     /* Runs the request and returns it as the server saw it. */
-    raw::Request Seen()
+    test::Request Seen()
     {
-        EXPECT_EQ(NVRHTTPCURLCLT_OK,
-                  NvrHttpCurlCltProcessReq(request, 60000, 60000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr));
-        const std::vector<raw::Request> requests = server.Requests();
-        EXPECT_EQ(1u, requests.size());
-        return requests.empty() ? raw::Request{} : requests[0];
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(request, 60000, 60000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr),
+                  NVRHTTPCURLCLT_OK);
+        const std::vector<test::Request> requests = server.Requests();
+        EXPECT_EQ(requests.size(), 1U);
+        return requests.empty() ? test::Request{} : requests[0];
     }
 
     Engine engine;
-    raw::Server server;
+    test::ScriptedServer server;
     HNvrHttpCurlCltReq request = nullptr;
 };
 
@@ -75,12 +75,12 @@ TEST_P(WireMethod, SetBeforeTheBodyLeavesAsPostWithTheBody)
     Header("X-Test", "1");
     Method(GetParam());
     Body("{\"a\":1}");
-    const raw::Request seen = Seen();
-    EXPECT_EQ("POST /place HTTP/1.1", seen.Line());
+    const test::Request seen = Seen();
+    EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
     EXPECT_TRUE(seen.HasLine("Content-Length: 7")) << seen.head;
     EXPECT_FALSE(seen.chunked);
-    EXPECT_EQ("{\"a\":1}", seen.body);
-    EXPECT_EQ("{\"a\":1}", AnswerOf(request));
+    EXPECT_EQ(seen.body, "{\"a\":1}");
+    EXPECT_EQ(AnswerOf(request), "{\"a\":1}");
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryMethod, WireMethod, testing::Values("POST", "GET", "PUT", "put"));
@@ -89,7 +89,7 @@ TEST_F(Wire, ABodyWithoutAMethodLeavesAsPost)
 {
     Header("X-Test", "1");
     Body("{}");
-    EXPECT_EQ("POST /place HTTP/1.1", Seen().Line());
+    EXPECT_EQ(Seen().Line(), "POST /place HTTP/1.1");
 }
 
 TEST_F(Wire, GetSetAfterTheBodyLeavesAsGetWithoutIt)
@@ -98,25 +98,25 @@ TEST_F(Wire, GetSetAfterTheBodyLeavesAsGetWithoutIt)
     Method("POST");
     Body("{\"a\":1}");
     Method("GET");
-    const raw::Request seen = Seen();
-    EXPECT_EQ("GET /place HTTP/1.1", seen.Line());
+    const test::Request seen = Seen();
+    EXPECT_EQ(seen.Line(), "GET /place HTTP/1.1");
     EXPECT_FALSE(seen.HasHeader("Content-Length")) << seen.head;
     EXPECT_FALSE(seen.chunked);
-    EXPECT_EQ("", seen.body);
+    EXPECT_EQ(seen.body, "");
     EXPECT_TRUE(seen.HasLine("X-Test:1")) << seen.head;
-    EXPECT_EQ(200, runs::StatusOf(request));
+    EXPECT_EQ(test::StatusOf(request), 200);
 }
 
 TEST_F(Wire, PutSetAfterTheBodyTakesStandardInput)
 {
-    common::FeedStandardInput("from standard input");
+    test::FeedStandardInput("from standard input");
     Header("X-Test", "1");
     Body("{\"a\":1}");
     Method("PUT");
-    const raw::Request seen = Seen();
-    EXPECT_EQ("PUT /place HTTP/1.1", seen.Line());
+    const test::Request seen = Seen();
+    EXPECT_EQ(seen.Line(), "PUT /place HTTP/1.1");
     EXPECT_TRUE(seen.chunked) << seen.head;
-    EXPECT_EQ("from standard input", seen.body);
+    EXPECT_EQ(seen.body, "from standard input");
 }
 
 TEST_F(Wire, HeaderLinesLeaveAsTheyWereSetAndExpectIsNotAmongThem)
@@ -124,7 +124,7 @@ TEST_F(Wire, HeaderLinesLeaveAsTheyWereSetAndExpectIsNotAmongThem)
     Header("Content-Type", "application/json;charset=UTF-8");
     Header("X-Second", "two words");
     Body("{}");
-    const raw::Request seen = Seen();
+    const test::Request seen = Seen();
     EXPECT_TRUE(seen.HasLine("Content-Type:application/json;charset=UTF-8")) << seen.head;
     EXPECT_TRUE(seen.HasLine("X-Second:two words")) << seen.head;
     EXPECT_FALSE(seen.HasHeader("Expect")) << seen.head;
@@ -132,7 +132,7 @@ TEST_F(Wire, HeaderLinesLeaveAsTheyWereSetAndExpectIsNotAmongThem)
 
 TEST_F(Wire, AHeaderLineOf127CharactersIsWhole)
 {
-    const std::string value = common::Text(127 - 7);
+    const std::string value = test::SampleText(127 - 7);
     Header("X-Long", value);
     Body("{}");
     EXPECT_TRUE(Seen().HasLine("X-Long:" + value));
@@ -140,19 +140,19 @@ TEST_F(Wire, AHeaderLineOf127CharactersIsWhole)
 
 TEST_F(Wire, ALongerHeaderLineIsCutAt127)
 {
-    const std::string value = common::Text(400);
+    const std::string value = test::SampleText(400);
     Header("X-Long", value);
     Body("{}");
-    const raw::Request seen = Seen();
+    const test::Request seen = Seen();
     EXPECT_TRUE(seen.HasLine("X-Long:" + value.substr(0, 127 - 7))) << seen.head;
 }
 
 TEST_F(Wire, TwoMegabytesWithAHeaderLineLeaveWithoutExpect)
 {
-    const std::string body = common::Text(2000000);
+    const std::string body = test::SampleText(2000000);
     Header("X-Test", "1");
     Body(body);
-    const raw::Request seen = Seen();
+    const test::Request seen = Seen();
     EXPECT_FALSE(seen.HasHeader("Expect")) << seen.head;
     EXPECT_TRUE(seen.HasLine("Content-Length: 2000000"));
     EXPECT_TRUE(body == seen.body);
@@ -160,25 +160,25 @@ TEST_F(Wire, TwoMegabytesWithAHeaderLineLeaveWithoutExpect)
 
 TEST_F(Wire, OverAMegabyteWithoutAHeaderLineLeavesWithExpect)
 {
-    const std::string body = common::Text(1100000);
+    const std::string body = test::SampleText(1100000);
     Body(body);
-    const raw::Request seen = Seen();
+    const test::Request seen = Seen();
     EXPECT_TRUE(seen.HasLine("Expect: 100-continue")) << seen.head;
     EXPECT_TRUE(body == seen.body);
 }
 
 TEST_F(Wire, LessWithoutAHeaderLineLeavesWithoutExpect)
 {
-    Body(common::Text(1000000));
+    Body(test::SampleText(1000000));
     EXPECT_FALSE(Seen().HasHeader("Expect"));
 }
 
 TEST_F(Wire, WithoutAHeaderLineTheAnswerBeginsWithItsStatusLine)
 {
     Body("{\"a\":1}");
-    const raw::Request seen = Seen();
+    const test::Request seen = Seen();
     EXPECT_TRUE(seen.HasLine("Content-Type: application/x-www-form-urlencoded")) << seen.head;
-    EXPECT_EQ("HTTP/1.1 200 Reply\r\nContent-Length: 7\r\n\r\n{\"a\":1}", AnswerOf(request));
+    EXPECT_EQ(AnswerOf(request), "HTTP/1.1 200 Reply\r\nContent-Length: 7\r\n\r\n{\"a\":1}");
 }
 
 TEST_F(Wire, ABodyMayHoldZeroBytes)
@@ -186,55 +186,50 @@ TEST_F(Wire, ABodyMayHoldZeroBytes)
     const std::string body("one\0two\0", 8);
     Header("X-Test", "1");
     Body(body);
-    EXPECT_EQ(body, Seen().body);
-    EXPECT_EQ(body, AnswerOf(request));
+    EXPECT_EQ(Seen().body, body);
+    EXPECT_EQ(AnswerOf(request), body);
 }
 
 TEST_F(Wire, AnEmptyBodyLeavesAsPostOfLength0)
 {
     Header("X-Test", "1");
-    ASSERT_EQ(NVRHTTPCURLCLT_OK, NvrHttpCurlCltSetReqBody(request, nullptr, 0));
-    const raw::Request seen = Seen();
-    EXPECT_EQ("POST /place HTTP/1.1", seen.Line());
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(request, nullptr, 0), NVRHTTPCURLCLT_OK);
+    const test::Request seen = Seen();
+    EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
     EXPECT_TRUE(seen.HasLine("Content-Length: 0")) << seen.head;
-    EXPECT_EQ("", AnswerOf(request));
+    EXPECT_EQ(AnswerOf(request), "");
 }
 
 /* --- the send module ----------------------------------------------------------------------- */
 
-class ModuleWire : public common::IntegrationTest, public testing::WithParamInterface<uint32_t>
+class ModuleWire : public test::WithSendModule<test::IntegrationTest>, public testing::WithParamInterface<uint32_t>
 {
-  protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(SENDBYCURL_OK, Qelvo_SyncSendStrByHttp_Init());
-    }
 };
 
 TEST_P(ModuleWire, EverySendLeavesAsPostOfJson)
 {
-    const raw::Server server(raw::Echoing());
+    const test::ScriptedServer server(test::Echoing());
     const std::string url = server.Url("/place");
     const std::string body = "{\"name\":\"\xE8\xAE\xB0\"}";
     char answer[128] = "";
-    TSendByCurlParam param = sends::Param(url, body, answer, sizeof(answer) - 1);
+    TSendByCurlParam param = test::Param(url, body, answer, sizeof(answer) - 1);
     param.eHeadType = GetParam();
-    ASSERT_EQ(SENDBYCURL_OK, Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC));
-    sends::Batch batch(1);
-    ASSERT_EQ(SENDBYCURL_OK, batch.Send(0, param));
+    ASSERT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_OK);
+    test::Batch batch(1);
+    ASSERT_EQ(batch.Send(0, param), SENDBYCURL_OK);
     ASSERT_TRUE(batch.WaitFor(1));
 
-    ASSERT_EQ(2u, server.RequestCount());
-    for (const raw::Request &seen : server.Requests()) {
-        EXPECT_EQ("POST /place HTTP/1.1", seen.Line());
+    ASSERT_EQ(server.RequestCount(), 2U);
+    for (const test::Request &seen : server.Requests()) {
+        EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
         EXPECT_TRUE(seen.HasLine("Content-Type:application/json;charset=UTF-8")) << seen.head;
         EXPECT_TRUE(seen.HasLine("Content-Length: 14")) << seen.head;
         EXPECT_FALSE(seen.HasHeader("Expect")) << seen.head;
         EXPECT_FALSE(seen.HasHeader("Authorization")) << seen.head;
-        EXPECT_EQ(body, seen.body);
+        EXPECT_EQ(seen.body, body);
     }
-    EXPECT_EQ(body, std::string(answer));
-    EXPECT_EQ(body, batch.Answer(0));
+    EXPECT_EQ(std::string(answer), body);
+    EXPECT_EQ(batch.Answer(0), body);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryHeadType, ModuleWire,
@@ -242,28 +237,27 @@ INSTANTIATE_TEST_SUITE_P(EveryHeadType, ModuleWire,
 
 TEST_F(ModuleWire, TwoMegabytesLeaveWithoutExpect)
 {
-    const raw::Server server(raw::Echoing());
-    const std::string body = common::Text(2000000);
-    const sends::Outcome outcome = sends::SendAndWait(server.Url(), body, 2000000);
-    EXPECT_EQ(SENDBYCURL_OK, outcome.result);
+    const test::ScriptedServer server(test::Echoing());
+    const std::string body = test::SampleText(2000000);
+    const test::Outcome outcome = test::SendAndWait(server.Url(), body, 2000000);
+    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
     EXPECT_TRUE(body == outcome.answer);
-    ASSERT_EQ(1u, server.RequestCount());
+    ASSERT_EQ(server.RequestCount(), 1U);
     EXPECT_FALSE(server.Requests()[0].HasHeader("Expect"));
 }
 
 TEST_F(ModuleWire, CredentialsLeaveOnlyOnceTheServerAsksForThem)
 {
-    const raw::Server server(
-        {raw::When::Request,
-         {raw::Send("HTTP/1.1 401 Who\r\nWWW-Authenticate: Basic realm=\"r\"\r\nContent-Length: 5\r\n\r\nwho? ")}});
+    const test::ScriptedServer server(
+        {test::When::REQUEST, {test::Send(test::Reply(401, "who? ", "WWW-Authenticate: Basic realm=\"r\"\r\n"))}});
     const std::string url = server.Url();
     char answer[64] = "";
     const std::string body = "{}";
-    TSendByCurlParam param = sends::Param(url, body, answer, sizeof(answer) - 1);
+    TSendByCurlParam param = test::Param(url, body, answer, sizeof(answer) - 1);
     param.bCurlAuth = 1;
     snprintf(param.achUserAndPassWd, sizeof(param.achUserAndPassWd), "%s", "user:secret");
-    EXPECT_EQ(SENDBYCURL_HTTP_STATUS, Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC));
-    ASSERT_EQ(2u, server.RequestCount());
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_HTTP_STATUS);
+    ASSERT_EQ(server.RequestCount(), 2U);
     EXPECT_FALSE(server.Requests()[0].HasHeader("Authorization"));
     EXPECT_TRUE(server.Requests()[1].HasLine("Authorization: Basic dXNlcjpzZWNyZXQ=")) << server.Requests()[1].head;
 }

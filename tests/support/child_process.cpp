@@ -212,7 +212,7 @@ int ChildProcess::Wait(std::chrono::milliseconds limit)
     return AwaitEnd(std::exchange(pid, -1), limit);
 }
 
-Finished Run(const Program &program, const std::string &input)
+Finished RunProgram(const Program &program, const std::string &input)
 {
     const MemoryFile in(input);
     const MemoryFile out;

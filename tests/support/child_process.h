@@ -21,12 +21,12 @@ enum { STATUS_REFUSED = 99, STATUS_NOT_RUN = 98 };
 
 /* What is started, and how. */
 struct Program {
-    std::vector<std::string> command;     /* path and arguments */
-    std::vector<std::string> environment; /* NAME=value, in front of what this process has */
-    std::function<bool()> inChild;        /* runs before the program */
-    int output = -1;                      /* standard output; -1: what the test reads from */
-    int errors = -1;                      /* standard error; -1: the test's own, or the terminal */
-    bool onTerminal = false;              /* a terminal of its own, 200 by 50 characters, in place of pipes */
+    std::vector<std::string> command{};     /* path and arguments */
+    std::vector<std::string> environment{}; /* NAME=value, in front of what this process has */
+    std::function<bool()> inChild{};        /* runs before the program */
+    int output = -1;                        /* standard output; -1: what the test reads from */
+    int errors = -1;                        /* standard error; -1: the test's own, or the terminal */
+    bool onTerminal = false;                /* a terminal of its own, 200 by 50 characters, in place of pipes */
 };
 
 /* A program that runs; it is killed where it still does at the end, of this object or of the test. */
@@ -70,7 +70,7 @@ struct Finished {
 };
 
 /* Runs a program to its end, with this text as its standard input. */
-Finished Run(const Program &program, const std::string &input = "");
+Finished RunProgram(const Program &program, const std::string &input = "");
 
 } // namespace test
 

@@ -3,18 +3,17 @@
  * was sent. One thread serves all connections; every connection has its own place in the
  * script.
  */
-#ifndef TESTS_INTEGRATION_RAW_SERVER_H
-#define TESTS_INTEGRATION_RAW_SERVER_H
+#ifndef TESTS_SUPPORT_SCRIPTED_SERVER_H
+#define TESTS_SUPPORT_SCRIPTED_SERVER_H
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "common.h"
-
-namespace raw
+namespace test
 {
 
 /* A complete HTTP request as it came. */
@@ -33,24 +32,28 @@ struct Request {
 
 /* What starts the script. */
 enum class When {
-    Connected, /* the connection, once */
-    FirstByte, /* the first bytes, HTTP or not, once */
-    Headers,   /* the headers of each request */
-    Request    /* each complete request */
+    CONNECTED,  /* the connection, once */
+    FIRST_BYTE, /* the first bytes, HTTP or not, once */
+    HEADERS,    /* the headers of each request */
+    REQUEST     /* each complete request */
 };
 
+using Answerer = std::function<std::string(const Request &)>;
+
 struct Step {
-    enum class Kind { Send, Echo, Pause, Hold, Await, Close, Reset };
+    enum class Kind { SEND, PAUSE, HOLD, AWAIT, CLOSE, RESET };
     Kind kind;
-    std::string bytes;
+    Answerer answerer;
     std::chrono::milliseconds time{0};
 };
 
 Step Send(const std::string &bytes);
+/* What the function makes of the request; it runs in the server's thread. */
+Step Answer(const Answerer &answerer);
 /* 200 with the request's own body. */
 Step Echo();
 Step Pause(std::chrono::milliseconds time);
-/* Waits for Server::Release. */
+/* Waits for ScriptedServer::Release. */
 Step Hold();
 /* Waits until the request is complete. */
 Step Await();
@@ -58,8 +61,8 @@ Step Await();
 Step Close();
 Step Reset();
 
-/* Status line, Content-Length, empty line, body. */
-std::string Reply(int status, const std::string &body);
+/* Status line, Content-Length, more header lines, each with its line end, empty line, body. */
+std::string Reply(int status, const std::string &body, const std::string &headers = "");
 
 struct Script {
     When when;
@@ -70,23 +73,24 @@ struct Script {
 Script Echoing();
 /* Reads everything and says nothing. */
 Script Silent();
-/* As Echoing, but only after Server::Release. */
+/* As Echoing, but only after ScriptedServer::Release. */
 Script EchoingOnRelease();
+/* Announces 100 bytes and closes after "part". */
+Script CuttingOff();
 
-class Server
+class ScriptedServer
 {
   public:
-    explicit Server(const Script &script);
-    ~Server();
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
+    explicit ScriptedServer(const Script &script);
+    ~ScriptedServer();
+    ScriptedServer(const ScriptedServer &) = delete;
+    ScriptedServer &operator=(const ScriptedServer &) = delete;
 
     std::string Url(const std::string &path = "/", const std::string &scheme = "http") const;
 
-    /* Lets everyone pass who stands at a Hold, now and later. */
+    /* Lets every connection pass its Hold, now and later. */
     void Release();
 
-    size_t Connections() const;
     /* Connections that neither side has closed. */
     size_t OpenConnections() const;
     std::vector<Request> Requests() const;
@@ -104,6 +108,6 @@ class Server
     std::unique_ptr<State> state;
 };
 
-} // namespace raw
+} // namespace test
 
 #endif

@@ -1,6 +1,7 @@
-#include "raw_server.h"
+#include "tests/support/scripted_server.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/eventfd.h>
@@ -11,10 +12,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
-namespace raw
+#include "tests/support/loopback.h"
+#include "tests/support/wait.h"
+
+namespace test
 {
 
 namespace
@@ -37,7 +42,8 @@ struct Connection {
     size_t record; /* index of its bytes */
 };
 
-std::string HeaderValue(const std::string &head, const std::string &name)
+/* The value of the first header of this name, in any case of letters. */
+std::optional<std::string> FindHeader(const std::string &head, const std::string &name)
 {
     std::istringstream lines(head);
     std::string line;
@@ -49,7 +55,7 @@ std::string HeaderValue(const std::string &head, const std::string &name)
             return begin == std::string::npos || begin > end ? std::string() : line.substr(begin, end - begin + 1);
         }
     }
-    return std::string();
+    return std::nullopt;
 }
 
 /* Joins the chunks behind the head. Returns the length up to the end of the last one, 0 if it is not there yet. */
@@ -84,14 +90,15 @@ void Parse(Connection &connection)
         }
         connection.headEnd = end + 4;
         connection.request.head = connection.in.substr(0, end);
-        connection.request.chunked = HeaderValue(connection.request.head, "Transfer-Encoding") == "chunked";
+        connection.request.chunked = FindHeader(connection.request.head, "Transfer-Encoding") == "chunked";
     }
     if (connection.request.chunked) {
         connection.length = JoinChunks(connection.in, connection.headEnd, &connection.request.body);
         connection.complete = connection.length != 0;
         return;
     }
-    const size_t bodyLength = strtoul(HeaderValue(connection.request.head, "Content-Length").c_str(), nullptr, 10);
+    const size_t bodyLength =
+        strtoul(FindHeader(connection.request.head, "Content-Length").value_or("0").c_str(), nullptr, 10);
     if (connection.in.size() >= connection.headEnd + bodyLength) {
         connection.request.body = connection.in.substr(connection.headEnd, bodyLength);
         connection.length = connection.headEnd + bodyLength;
@@ -124,74 +131,76 @@ bool Request::HasLine(const std::string &line) const
 
 bool Request::HasHeader(const std::string &name) const
 {
-    std::istringstream lines(head);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.size() > name.size() && line[name.size()] == ':' &&
-            strncasecmp(line.c_str(), name.c_str(), name.size()) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return FindHeader(head, name).has_value();
 }
 
 Step Send(const std::string &bytes)
 {
-    return {Step::Kind::Send, bytes, {}};
+    return Answer([bytes](const Request &) { return bytes; });
+}
+
+Step Answer(const Answerer &answerer)
+{
+    return {Step::Kind::SEND, answerer, {}};
 }
 
 Step Echo()
 {
-    return {Step::Kind::Echo, {}, {}};
+    return Answer([](const Request &request) { return Reply(200, request.body); });
 }
 
 Step Pause(std::chrono::milliseconds time)
 {
-    return {Step::Kind::Pause, {}, time};
+    return {Step::Kind::PAUSE, {}, time};
 }
 
 Step Hold()
 {
-    return {Step::Kind::Hold, {}, {}};
+    return {Step::Kind::HOLD, {}, {}};
 }
 
 Step Await()
 {
-    return {Step::Kind::Await, {}, {}};
+    return {Step::Kind::AWAIT, {}, {}};
 }
 
 Step Close()
 {
-    return {Step::Kind::Close, {}, {}};
+    return {Step::Kind::CLOSE, {}, {}};
 }
 
 Step Reset()
 {
-    return {Step::Kind::Reset, {}, {}};
+    return {Step::Kind::RESET, {}, {}};
 }
 
-std::string Reply(int status, const std::string &body)
+std::string Reply(int status, const std::string &body, const std::string &headers)
 {
-    return "HTTP/1.1 " + std::to_string(status) + " Reply\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
+    return "HTTP/1.1 " + std::to_string(status) + " Reply\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
+           headers + "\r\n" + body;
 }
 
 Script Echoing()
 {
-    return {When::Request, {Echo()}};
+    return {When::REQUEST, {Echo()}};
 }
 
 Script Silent()
 {
-    return {When::Request, {}};
+    return {When::REQUEST, {}};
 }
 
 Script EchoingOnRelease()
 {
-    return {When::Request, {Hold(), Echo()}};
+    return {When::REQUEST, {Hold(), Echo()}};
 }
 
-struct Server::State {
+Script CuttingOff()
+{
+    return {When::REQUEST, {Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), Close()}};
+}
+
+struct ScriptedServer::State {
     Script script;
     int listener = -1;
     int wakeup = -1;
@@ -221,7 +230,7 @@ struct Server::State {
     void Wake() const;
 };
 
-void Server::State::Wake() const
+void ScriptedServer::State::Wake() const
 {
     const uint64_t one = 1;
     if (write(wakeup, &one, sizeof(one)) < 0) {
@@ -229,7 +238,7 @@ void Server::State::Wake() const
     }
 }
 
-void Server::State::Accept()
+void ScriptedServer::State::Accept()
 {
     for (;;) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -248,8 +257,8 @@ void Server::State::Accept()
     }
 }
 
-/* Enters what has come into the books. */
-void Server::State::Note(Connection &connection)
+/* Records what has come. */
+void ScriptedServer::State::Note(Connection &connection)
 {
     const bool hadHead = connection.headEnd != 0;
     if (connection.complete) {
@@ -264,7 +273,7 @@ void Server::State::Note(Connection &connection)
 }
 
 /* False at the end of the connection. */
-bool Server::State::Read(Connection &connection)
+bool ScriptedServer::State::Read(Connection &connection)
 {
     char buffer[65536];
     for (;;) {
@@ -284,7 +293,7 @@ bool Server::State::Read(Connection &connection)
     }
 }
 
-bool Server::State::Flush(Connection &connection)
+bool ScriptedServer::State::Flush(Connection &connection)
 {
     while (!connection.out.empty()) {
         const ssize_t sent = send(connection.fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
@@ -296,57 +305,54 @@ bool Server::State::Flush(Connection &connection)
     return true;
 }
 
-bool Server::State::MayStart(const Connection &connection) const
+bool ScriptedServer::State::MayStart(const Connection &connection) const
 {
     switch (script.when) {
-    case When::Connected:
+    case When::CONNECTED:
         return true;
-    case When::FirstByte:
+    case When::FIRST_BYTE:
         return !connection.in.empty();
-    case When::Headers:
+    case When::HEADERS:
         return connection.headEnd != 0;
-    case When::Request:
+    case When::REQUEST:
         break;
     }
     return connection.complete;
 }
 
 /* False where the step ends the connection. *advance tells whether the step is over. */
-bool Server::State::PlayStep(Connection &connection, const Step &step, bool *advance)
+bool ScriptedServer::State::PlayStep(Connection &connection, const Step &step, bool *advance)
 {
     const linger atOnce{1, 0};
     *advance = true;
     switch (step.kind) {
-    case Step::Kind::Send:
-        connection.out += step.bytes;
+    case Step::Kind::SEND:
+        connection.out += step.answerer(connection.request);
         return true;
-    case Step::Kind::Echo:
-        connection.out += Reply(200, connection.request.body);
-        return true;
-    case Step::Kind::Pause:
+    case Step::Kind::PAUSE:
         if (connection.resume == Clock::time_point{}) {
             connection.resume = Clock::now() + step.time;
         }
         *advance = Clock::now() >= connection.resume;
         connection.resume = *advance ? Clock::time_point{} : connection.resume;
         return true;
-    case Step::Kind::Hold:
+    case Step::Kind::HOLD:
         *advance = released.load();
         return true;
-    case Step::Kind::Await:
+    case Step::Kind::AWAIT:
         *advance = connection.complete;
         return true;
-    case Step::Kind::Reset:
+    case Step::Kind::RESET:
         setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
         return false;
-    case Step::Kind::Close:
+    case Step::Kind::CLOSE:
         break;
     }
     return false;
 }
 
 /* Goes on in the script until something has to be waited for. False: close. */
-bool Server::State::Play(Connection &connection)
+bool ScriptedServer::State::Play(Connection &connection)
 {
     for (;;) {
         if (!connection.playing) {
@@ -369,7 +375,7 @@ bool Server::State::Play(Connection &connection)
         }
         connection.playing = false;
         connection.played = true;
-        const bool once = script.when == When::Connected || script.when == When::FirstByte;
+        const bool once = script.when == When::CONNECTED || script.when == When::FIRST_BYTE;
         if (once || !connection.complete) {
             return true;
         }
@@ -379,7 +385,7 @@ bool Server::State::Play(Connection &connection)
 }
 
 /* False when the connection is over. */
-bool Server::State::Serve(Connection &connection, short events)
+bool ScriptedServer::State::Serve(Connection &connection, short events)
 {
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !Read(connection)) {
         return false;
@@ -390,7 +396,7 @@ bool Server::State::Serve(Connection &connection, short events)
     return !connection.out.empty() || Play(connection);
 }
 
-int Server::State::WaitTime() const
+int ScriptedServer::State::WaitTime() const
 {
     Clock::time_point next = Clock::time_point::max();
     for (const Connection &connection : connections) {
@@ -405,7 +411,7 @@ int Server::State::WaitTime() const
     return left < 0 ? 0 : static_cast<int>(left) + 1;
 }
 
-void Server::State::Run()
+void ScriptedServer::State::Run()
 {
     std::vector<pollfd> waiting;
     while (!stop.load()) {
@@ -434,7 +440,7 @@ void Server::State::Run()
         connections = std::move(living);
         const size_t known = connections.size();
         Accept();
-        if (connections.size() > known && script.when == When::Connected) {
+        if (connections.size() > known && script.when == When::CONNECTED) {
             Wake();
         }
     }
@@ -443,10 +449,10 @@ void Server::State::Run()
     }
 }
 
-Server::Server(const Script &script) : state(std::make_unique<State>())
+ScriptedServer::ScriptedServer(const Script &script) : state(std::make_unique<State>())
 {
     state->script = script;
-    state->listener = common::BindLoopback(&state->port);
+    state->listener = BindLoopback(&state->port);
     state->wakeup = eventfd(0, EFD_CLOEXEC);
     if (state->listener < 0 || state->wakeup < 0 || listen(state->listener, 4096) != 0 ||
         fcntl(state->listener, F_SETFL, O_NONBLOCK) != 0) {
@@ -456,7 +462,7 @@ Server::Server(const Script &script) : state(std::make_unique<State>())
     state->thread = std::thread([this] { state->Run(); });
 }
 
-Server::~Server()
+ScriptedServer::~ScriptedServer()
 {
     if (state->thread.joinable()) {
         state->stop.store(true);
@@ -467,64 +473,58 @@ Server::~Server()
     close(state->wakeup);
 }
 
-std::string Server::Url(const std::string &path, const std::string &scheme) const
+std::string ScriptedServer::Url(const std::string &path, const std::string &scheme) const
 {
-    return scheme + "://127.0.0.1:" + std::to_string(state->port) + path;
+    return LoopbackUrl(state->port, path, scheme);
 }
 
-void Server::Release()
+void ScriptedServer::Release()
 {
     state->released.store(true);
     state->Wake();
 }
 
-size_t Server::Connections() const
-{
-    std::lock_guard<std::mutex> guard(state->lock);
-    return state->received.size();
-}
-
-size_t Server::OpenConnections() const
+size_t ScriptedServer::OpenConnections() const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return state->open;
 }
 
-std::vector<Request> Server::Requests() const
+std::vector<Request> ScriptedServer::Requests() const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return state->requests;
 }
 
-size_t Server::RequestCount() const
+size_t ScriptedServer::RequestCount() const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return state->requests.size();
 }
 
-std::string Server::Received(size_t connection) const
+std::string ScriptedServer::Received(size_t connection) const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return connection < state->received.size() ? state->received[connection] : std::string();
 }
 
-size_t Server::ReceivedLength(size_t connection) const
+size_t ScriptedServer::ReceivedLength(size_t connection) const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return connection < state->received.size() ? state->received[connection].size() : 0;
 }
 
-bool Server::WaitForRequests(size_t count) const
+bool ScriptedServer::WaitForRequests(size_t count) const
 {
-    return common::WaitUntil([this, count] { return RequestCount() >= count; });
+    return WaitUntil([this, count] { return RequestCount() >= count; });
 }
 
-bool Server::WaitForHeads(size_t count) const
+bool ScriptedServer::WaitForHeads(size_t count) const
 {
-    return common::WaitUntil([this, count] {
+    return WaitUntil([this, count] {
         std::lock_guard<std::mutex> guard(state->lock);
         return state->heads >= count;
     });
 }
 
-} // namespace raw
+} // namespace test
