@@ -1,0 +1,195 @@
+/*
+ * The demo, run as a program: with the echo server of its own and with servers that it is given.
+ */
+#include <string>
+#include <vector>
+
+#include "integration_fixture.h"
+#include "nvrhttp_program.h"
+#include "tests/support/loopback.h"
+#include "tests/support/scripted_server.h"
+
+namespace
+{
+
+using test::Finished;
+using test::Has;
+using test::RunProgram;
+
+const std::string ALL_ANSWERED = "\nAll posts were answered.\n";
+const std::string NOT_ALL_ANSWERED = "\nSomething was lost, failed or wrong: see above.\n";
+
+test::Program DemoProgram(const std::vector<std::string> &arguments)
+{
+    test::Program program;
+    program.command = {NVRHTTP_DEMO_PROGRAM};
+    program.command.insert(program.command.end(), arguments.begin(), arguments.end());
+    return program;
+}
+
+/* The parts are in the text, one after the other. */
+void ExpectInOrder(const std::string &text, const std::vector<std::string> &parts)
+{
+    size_t at = 0;
+    for (const std::string &part : parts) {
+        const size_t found = text.find(part, at);
+        ASSERT_NE(found, std::string::npos) << part << " in\n" << text;
+        at = found + part.size();
+    }
+}
+
+using Demo = test::IntegrationTest;
+
+TEST_F(Demo, EveryPostToItsOwnServerIsAnswered)
+{
+    const Finished run = RunProgram(DemoProgram({"--count", "40"}));
+    EXPECT_EQ(run.status, 0) << run.output << run.errors;
+    ExpectInOrder(run.output, {"An echo server runs at http://127.0.0.1:",
+                               "The send module runs (nvrhttpcurl " NVRHTTP_VERSION " over libcurl ",
+                               "== One JSON text, synchronously\n",
+                               "   result  0 after ",
+                               ", the same as sent\n",
+                               "== One JSON text, asynchronously\n",
+                               "   accepted, waiting for the notification\n",
+                               ", the same as sent\n",
+                               "== 40 posts, asynchronously, up to 200 at once\n",
+                               "   sent 40/40, notified 40, in flight 0\n",
+                               "   sent 40, notified 40, failed 0, in ",
+                               "== The console's listings, while the server holds back a few answers\n",
+                               "> sendbycurlsetlog 2\n",
+                               "> sendbycurlshow\n",
+                               "[3] bUseFlag:1",
+                               "Show End",
+                               "> NvrHttpCurlCltshow\n",
+                               "dwAsyncReqNum 4",
+                               "> sendbycurlsetlog 1\n",
+                               "   of these 4 posts notified 4, failed 0\n",
+                               ALL_ANSWERED});
+    EXPECT_FALSE(Has(run.output, "\r")) << run.output;
+}
+
+TEST_F(Demo, MorePostsThanMayBeUnderWayAreAllAnswered)
+{
+    const Finished run = RunProgram(DemoProgram({"--count", "500", "--deadline", "60"}));
+    EXPECT_EQ(run.status, 0) << run.output << run.errors;
+    ExpectInOrder(run.output, {"   sent 500, notified 500, failed 0, in ", ALL_ANSWERED});
+}
+
+TEST_F(Demo, ProgressIsRewrittenOnATerminal)
+{
+    test::Program program = DemoProgram({"--count", "3"});
+    program.onTerminal = true;
+    test::ChildProcess demo(program);
+    const std::string output = demo.ReadToEnd();
+    EXPECT_EQ(demo.Wait(), 0) << output;
+    EXPECT_TRUE(Has(output, "\r\033[K   sent 3/3, notified 3, in flight 0\r\n")) << output;
+}
+
+TEST_F(Demo, AProxyOfTheEnvironmentDoesNotSeeWhatGoesToItsOwnServer)
+{
+    const test::ClosedPort proxy;
+    test::Program program = DemoProgram({"--count", "1"});
+    program.environment = {"http_proxy=" + proxy.Url()};
+    const Finished run = RunProgram(program);
+    EXPECT_EQ(run.status, 0) << run.output << run.errors;
+}
+
+TEST_F(Demo, AServerThatIsGivenGetsTwoPostsAndNoOthers)
+{
+    const test::ScriptedServer server(test::Echoing());
+    const Finished run = RunProgram(DemoProgram({server.Url("/place"), "{\"a\":1}"}));
+    EXPECT_EQ(run.status, 0) << run.output << run.errors;
+    ExpectInOrder(run.output, {"Server: " + server.Url("/place") + "\n", "   sent    {\"a\":1}\n",
+                               "   answer  {\"a\":1}\n", "   result  0 after ", ", 7 bytes\n", "   sent    {\"a\":1}\n",
+                               "   answer  {\"a\":1}\n", ", 7 bytes\n", ALL_ANSWERED});
+    ASSERT_EQ(server.RequestCount(), 2U);
+    for (const test::Request &seen : server.Requests()) {
+        EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
+        EXPECT_EQ(seen.body, "{\"a\":1}");
+    }
+}
+
+TEST_F(Demo, ALongAnswerIsShownCut)
+{
+    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, std::string(2001, 'x')))}});
+    const Finished run = RunProgram(DemoProgram({server.Url()}));
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(Has(run.output, "   answer  " + std::string(2000, 'x') + " ...\n")) << run.output;
+}
+
+TEST_F(Demo, OnlyTheSynchronousPostJudgesTheStatus)
+{
+    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(404, "nothing here"))}});
+    const Finished run = RunProgram(DemoProgram({server.Url()}));
+    EXPECT_EQ(run.status, 1) << run.output;
+    ExpectInOrder(run.output,
+                  {"== One JSON text, synchronously\n", "   FAILED  result 10: ", "== One JSON text, asynchronously\n",
+                   "   answer  nothing here\n", "   result  0 after ", NOT_ALL_ANSWERED});
+}
+
+TEST_F(Demo, ARefusedConnectionFailsBothPosts)
+{
+    const test::ClosedPort closed;
+    const Finished run = RunProgram(DemoProgram({closed.Url()}));
+    EXPECT_EQ(run.status, 1) << run.output;
+    ExpectInOrder(run.output, {"   FAILED  result 10: ", "   FAILED  result 14: ", NOT_ALL_ANSWERED});
+}
+
+TEST_F(Demo, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
+{
+    const std::string body((1U << 20) + 1, 'x');
+    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, body))}});
+    const Finished run = RunProgram(DemoProgram({server.Url()}));
+    EXPECT_EQ(run.status, 1) << run.output;
+    ExpectInOrder(run.output, {"   FAILED  result 11: the answer is longer than 1 MiB\n",
+                               "The asynchronous post is left out: its answer would be copied without a bound.\n",
+                               NOT_ALL_ANSWERED});
+    EXPECT_EQ(server.RequestCount(), 1U);
+}
+
+TEST_F(Demo, WithoutPortsItSaysWhatIsMissing)
+{
+    const test::ScriptedServer server(test::Echoing());
+    test::Program own = DemoProgram({});
+    test::Program given = DemoProgram({server.Url()});
+    own.inChild = test::RefuseAllPorts;
+    given.inChild = test::RefuseAllPorts;
+    const Finished ownRun = RunProgram(own);
+    if (ownRun.status == test::STATUS_REFUSED) {
+        GTEST_SKIP() << "the system does not let a process refuse itself a call";
+    }
+    EXPECT_EQ(ownRun.status, 1);
+    EXPECT_EQ(ownRun.output, "The demo cannot go on: no free port on 127.0.0.1\n");
+    const Finished givenRun = RunProgram(given);
+    EXPECT_EQ(givenRun.status, 1);
+    ExpectInOrder(givenRun.output, {"The send module did not start, result 1: ", NOT_ALL_ANSWERED});
+    EXPECT_EQ(server.RequestCount(), 0U);
+}
+
+TEST_F(Demo, BadArgumentsSendNothing)
+{
+    const test::ScriptedServer server(test::Echoing());
+    const std::vector<std::vector<std::string>> bad = {
+        {server.Url(), "--count", "0"},    {server.Url(), "--count", "1000001"}, {server.Url(), "--deadline", "0"},
+        {server.Url(), "--deadline", "x"}, {server.Url(), "{}", "third"},        {server.Url(), "--unknown"},
+    };
+    for (const auto &arguments : bad) {
+        const Finished run = RunProgram(DemoProgram(arguments));
+        EXPECT_GT(run.status, 100) << arguments.back();
+        EXPECT_EQ(run.output, "") << arguments.back();
+        EXPECT_FALSE(run.errors.empty()) << arguments.back();
+    }
+    EXPECT_EQ(server.RequestCount(), 0U);
+}
+
+TEST_F(Demo, HelpAndVersionSendNothing)
+{
+    const Finished help = RunProgram(DemoProgram({"--help"}));
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(Has(test::Folded(help.output), "Examples: nvrhttp_demo")) << help.output;
+    const Finished version = RunProgram(DemoProgram({"--version"}));
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.output, "nvrhttp_demo " NVRHTTP_VERSION "\n");
+}
+
+} // namespace

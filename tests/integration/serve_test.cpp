@@ -1,0 +1,272 @@
+/*
+ * nvrhttp serve: every path of the echo server, over HTTP and TLS, and the end of the program.
+ */
+#include <curl/curl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "integration_fixture.h"
+#include "nvrhttp_program.h"
+#include "tests/support/loopback.h"
+
+namespace
+{
+
+using test::Finished;
+using test::Has;
+using test::Nvrhttp;
+using test::RunProgram;
+using test::ServeProcess;
+using Clock = std::chrono::steady_clock;
+
+const std::string OUT_OF_RANGE = "{\"error\":\"number out of range\"}";
+
+struct Answer {
+    CURLcode result = CURLE_OK;
+    long status = 0;
+    std::string type;
+    std::string body;
+};
+
+size_t Append(char *data, size_t size, size_t count, void *body)
+{
+    static_cast<std::string *>(body)->append(data, size * count);
+    return size * count;
+}
+
+/* A client that keeps its connections as far as the server does. */
+class Client
+{
+  public:
+    Client() : easy(curl_easy_init())
+    {
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Append);
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L); /* the certificate is for this address all the same */
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(1000 * test::PATIENCE.count()));
+    }
+
+    ~Client()
+    {
+        curl_easy_cleanup(easy);
+    }
+
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    Answer Ask(const std::string &method, const std::string &url, const std::string &body = "",
+               const std::vector<std::string> &headerLines = {})
+    {
+        Answer answer;
+        curl_slist *headers = nullptr;
+        char *type = nullptr;
+        for (const std::string &line : headerLines) {
+            headers = curl_slist_append(headers, line.c_str());
+        }
+        curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
+        if (method == "GET") {
+            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        }
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer.body);
+        answer.result = curl_easy_perform(easy);
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &answer.status);
+        curl_easy_getinfo(easy, CURLINFO_CONTENT_TYPE, &type);
+        answer.type = type != nullptr ? type : "";
+        curl_slist_free_all(headers);
+        return answer;
+    }
+
+    /* Connections that the last request had to make. */
+    long NewConnections() const
+    {
+        long count = 0;
+        curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &count);
+        return count;
+    }
+
+    CURL *Handle() const
+    {
+        return easy;
+    }
+
+  private:
+    CURL *easy;
+};
+
+class Serve : public test::IntegrationTest
+{
+  protected:
+    const ServeProcess server;
+    Client client;
+};
+
+using ServeOverTls = test::IntegrationTest;
+using ServeProgram = test::IntegrationTest;
+
+TEST_F(Serve, APostIsAnsweredWithItsBodyByteForByte)
+{
+    /* Longer than what the server takes of a form. */
+    for (const std::string &body :
+         {std::string("{\"a\":1}"), std::string(), std::string("one\0two\r\n\x80\xFF", 11), test::SampleText(100000)}) {
+        const Answer answer = client.Ask("POST", server.Url("/any/path?query"), body);
+        EXPECT_EQ(answer.status, 200);
+        EXPECT_EQ(answer.type, "application/json");
+        EXPECT_TRUE(answer.body == body) << answer.body.size();
+    }
+}
+
+TEST_F(Serve, GetAndPutAreDescribed)
+{
+    const Answer get = client.Ask("GET", server.Url("/a%20b?c=d"), "", {"X-Test: say \"hi\""});
+    EXPECT_EQ(get.status, 200);
+    EXPECT_EQ(get.type, "application/json");
+    EXPECT_EQ(get.body.rfind("{\"method\":\"GET\",\"target\":\"/a%20b?c=d\",\"headers\":[\"", 0), 0U) << get.body;
+    EXPECT_TRUE(Has(get.body, "\"X-Test: say \\\"hi\\\"\"")) << get.body;
+    EXPECT_TRUE(Has(get.body, "],\"body\":\"\"}")) << get.body;
+
+    const Answer put = client.Ask("PUT", server.Url(), "a\\b\n\x1F\xC3\xBC", {"Content-Type: text/plain"});
+    EXPECT_EQ(put.status, 200);
+    EXPECT_TRUE(Has(put.body, "{\"method\":\"PUT\",\"target\":\"/\",")) << put.body;
+    EXPECT_TRUE(Has(put.body, "\"Content-Type: text/plain\"")) << put.body;
+    EXPECT_TRUE(Has(put.body, "],\"body\":\"a\\\\b\\u000a\\u001f\xC3\xBC\"}")) << put.body;
+    EXPECT_FALSE(Has(put.body, "REMOTE_") || Has(put.body, "LOCAL_")) << put.body;
+}
+
+TEST_F(Serve, AStatusIsGivenOnDemandWithTheSameAnswer)
+{
+    for (const int status : {200, 201, 404, 500, 599}) {
+        const std::string url = server.Url("/status/" + std::to_string(status));
+        const Answer post = client.Ask("POST", url, "[1]");
+        EXPECT_EQ(post.status, status);
+        EXPECT_EQ(post.body, "[1]");
+        EXPECT_EQ(client.Ask("GET", url).status, status);
+        const Answer put = client.Ask("PUT", url, "[2]");
+        EXPECT_EQ(put.status, status);
+        EXPECT_TRUE(Has(put.body, "\"body\":\"[2]\"")) << put.body;
+    }
+}
+
+TEST_F(Serve, AnAnswerHasTheSizeThatIsAskedFor)
+{
+    EXPECT_EQ(client.Ask("POST", server.Url("/size/0"), "{}").body, "");
+    EXPECT_EQ(client.Ask("GET", server.Url("/size/1")).body, "0");
+    EXPECT_EQ(client.Ask("PUT", server.Url("/size/2"), "{}").body, "\"\"");
+    EXPECT_EQ(client.Ask("GET", server.Url("/size/5")).body, "\"xxx\"");
+    EXPECT_EQ(client.Ask("GET", server.Url("/size/16777216")).body.size(), 16777216U);
+}
+
+TEST_F(Serve, AnAnswerIsDelayedOnDemand)
+{
+    for (const char *method : {"POST", "GET", "PUT"}) {
+        const auto start = Clock::now();
+        const Answer answer = client.Ask(method, server.Url("/delay/300"), "{}");
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(300)) << method;
+        EXPECT_EQ(answer.status, 200) << method;
+        EXPECT_TRUE(Has(answer.body, "{")) << answer.body;
+    }
+    EXPECT_EQ(client.Ask("POST", server.Url("/delay/0"), "[3]").body, "[3]");
+}
+
+TEST_F(Serve, ANumberOutOfRangeIsRefused)
+{
+    for (const char *path : {"/status/199", "/status/600", "/status/", "/status/x", "/status/404x", "/status/-404",
+                             "/status/99999999999", "/delay/60001", "/delay/", "/size/16777217", "/size/1k"}) {
+        for (const char *method : {"POST", "GET", "PUT"}) {
+            const Answer answer = client.Ask(method, server.Url(path), "{}");
+            EXPECT_EQ(answer.status, 400) << method << ' ' << path;
+            EXPECT_EQ(answer.body, OUT_OF_RANGE) << method << ' ' << path;
+        }
+    }
+}
+
+TEST_F(Serve, AMultipartFormIsRefused)
+{
+    const std::vector<std::string> type = {"Content-Type: multipart/form-data; boundary=b"};
+    const std::string form = "--b\r\nContent-Disposition: form-data; name=\"n\"\r\n\r\nvalue\r\n--b--\r\n";
+    EXPECT_EQ(client.Ask("POST", server.Url(), form, type).status, 415);
+    EXPECT_EQ(client.Ask("PUT", server.Url(), form, type).status, 415);
+}
+
+TEST_F(Serve, ABodyOfMoreThanSixtyFourMegabytesIsRefused)
+{
+    EXPECT_EQ(client.Ask("POST", server.Url(), std::string((64U << 20) + 1, 'x')).status, 413);
+    EXPECT_EQ(client.Ask("POST", server.Url(), "still there").body, "still there");
+}
+
+TEST_F(Serve, EveryConnectionCarriesOneRequest)
+{
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(client.Ask("POST", server.Url(), "{}").status, 200);
+        EXPECT_EQ(client.NewConnections(), 1);
+    }
+}
+
+TEST_F(ServeOverTls, EchoesWithACertificateForItsAddressThatNobodySigned)
+{
+    const ServeProcess server({"--tls"});
+    Client client;
+    ASSERT_EQ(server.Url().rfind("https://127.0.0.1:", 0), 0U);
+    const Answer answer = client.Ask("POST", server.Url(), "{\"a\":1}");
+    EXPECT_EQ(answer.result, CURLE_OK) << curl_easy_strerror(answer.result);
+    EXPECT_EQ(answer.body, "{\"a\":1}");
+    EXPECT_EQ(client.Ask("GET", server.Url("/status/404")).status, 404);
+
+    curl_easy_setopt(client.Handle(), CURLOPT_SSL_VERIFYPEER, 1L);
+    EXPECT_EQ(client.Ask("POST", server.Url(), "{}").result, CURLE_PEER_FAILED_VERIFICATION);
+}
+
+TEST_F(ServeProgram, APortMayBeChosenUnlessItIsTaken)
+{
+    uint16_t port = 0;
+    const int taken = test::BindLoopback(&port);
+    ASSERT_GE(taken, 0);
+    ASSERT_EQ(listen(taken, 1), 0);
+    const std::vector<std::string> options = {"--port", std::to_string(port)};
+
+    const Finished refused = RunProgram(Nvrhttp({"serve", options[0], options[1]}));
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output, "");
+    EXPECT_EQ(refused.errors, "nvrhttp serve: port " + options[1] + " of 127.0.0.1 cannot be taken\n");
+
+    close(taken);
+    const ServeProcess server(options);
+    EXPECT_EQ(server.Url(), test::LoopbackUrl(port));
+    EXPECT_EQ(Client().Ask("POST", server.Url(), "[4]").body, "[4]");
+}
+
+TEST_F(ServeProgram, BadArgumentsAreRefused)
+{
+    for (const std::vector<std::string> &options :
+         std::vector<std::vector<std::string>>{{"--port", "65536"}, {"--port", "x"}, {"--unknown"}, {"surplus"}}) {
+        test::Program program = Nvrhttp({"serve"});
+        program.command.insert(program.command.end(), options.begin(), options.end());
+        const Finished run = RunProgram(program);
+        EXPECT_GT(run.status, 100) << options.back();
+        EXPECT_EQ(run.output, "") << options.back();
+    }
+}
+
+TEST_F(ServeProgram, AnInterruptEndsItAndWhatItDelays)
+{
+    test::ChildProcess server(Nvrhttp({"serve"}));
+    const std::string url = server.ReadUntil("\n");
+    Answer answer;
+    std::thread asking([&] { answer = Client().Ask("POST", url + "delay/60000", "[6]"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    server.Signal(SIGINT);
+    EXPECT_EQ(server.Wait(std::chrono::seconds(20)), 0);
+    asking.join();
+    EXPECT_EQ(answer.body, "[6]");
+}
+
+} // namespace
