@@ -1,153 +1,46 @@
 /*
- * What the engine's unit tests share: starting instances and requests over the fake platform,
- * and stating which log lines an operation wrote.
+ * What the engine's unit tests share: instances and requests over the fake platform, a
+ * completion callback that keeps notes, the lists of a task.
  */
 #ifndef TESTS_SUPPORT_ENGINE_FIXTURE_H
 #define TESTS_SUPPORT_ENGINE_FIXTURE_H
 
-#include <dirent.h>
-#include <fcntl.h>
-
-#include <chrono>
-#include <cstdarg>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include "engine/httpcurlclient_inner.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/hooks.h"
+#include "tests/support/log_lines.h"
+#include "tests/support/request_fixture.h"
+#include "tests/support/wait.h"
 
-namespace engine
+namespace test
 {
 
-enum { LEVEL_TRACE = 1, LEVEL_ERROR = 2, LEVEL_SHOW = 3, LEVEL_INFO = 4 };
-
-/* What opens the format of every line. */
-constexpr const char *PREFIX = "%s[L:%d]";
-
-/* --- text -------------------------------------------------------------------------------- */
-
-__attribute__((format(printf, 1, 2))) inline std::string Text(const char *format, ...)
-{
-    char buffer[2048];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(buffer, sizeof(buffer), format, args);
-    va_end(args);
-    return buffer;
-}
-
-template <typename T> const void *Ptr(T *any)
-{
-    return reinterpret_cast<const void *>(any);
-}
-
-/* A line's text behind "function[L:number]". */
-inline std::string Tail(const fake::LogLine &line)
-{
-    const size_t open = line.strText.find("[L:");
-    const size_t close = open == std::string::npos ? open : line.strText.find(']', open);
-    return close == std::string::npos ? std::string() : line.strText.substr(close + 1);
-}
-
-/* The source line number that a line gives; 0 if it gives none. */
-inline long SourceLine(const fake::LogLine &line)
-{
-    const size_t open = line.strText.find("[L:");
-    return open == std::string::npos ? 0 : strtol(line.strText.c_str() + open + 3, nullptr, 10);
-}
-
-/* --- expected lines ------------------------------------------------------------------------ */
-
-struct Line {
-    std::string func;
-    uint32_t level;
-    std::string format; /* behind the prefix */
-    std::string tail;   /* the same, filled in */
-};
-
-inline testing::AssertionResult Matches(const fake::LogLine &got, const Line &want)
-{
-    if (got.dwModule == 123 && got.dwLevel == want.level && got.strFunc == want.func &&
-        got.strFormat == PREFIX + want.format && Tail(got) == want.tail && SourceLine(got) > 0) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "got  module " << got.dwModule << ", level " << got.dwLevel << ", func "
-                                       << got.strFunc << ", format " << got.strFormat << "     text " << got.strText
-                                       << "want level " << want.level << ", func " << want.func << ", tail "
-                                       << want.tail;
-}
-
-/* Everything that has been logged is exactly this. */
-inline void ExpectLines(const std::vector<Line> &want)
-{
-    const std::vector<fake::LogLine> got = fake::Lines();
-    ASSERT_EQ(got.size(), want.size()) << fake::Transcript();
-    for (size_t i = 0; i < want.size(); ++i) {
-        EXPECT_TRUE(Matches(got[i], want[i])) << "line " << i;
-    }
-}
-
-/* Exactly one line with this format, among whatever others, and it reads like this. */
-inline void ExpectLine(const Line &want)
-{
-    const std::vector<fake::LogLine> got = fake::LinesOf(PREFIX + want.format);
-    ASSERT_EQ(got.size(), 1U) << want.format << fake::Transcript();
-    EXPECT_TRUE(Matches(got[0], want));
-}
-
-/* The lines of one level, in order. */
-inline std::vector<fake::LogLine> LinesOfLevel(uint32_t level)
-{
-    std::vector<fake::LogLine> found;
-    for (const fake::LogLine &line : fake::Lines()) {
-        if (line.dwLevel == level) {
-            found.push_back(line);
-        }
-    }
-    return found;
-}
-
-/* What holds for every line: module, prefix, and the error tag on level 2 and nowhere else. */
-inline void ExpectConventions()
-{
-    for (const fake::LogLine &line : fake::Lines()) {
-        EXPECT_EQ(line.dwModule, 123U) << line.strText;
-        EXPECT_EQ(line.strFormat.rfind(PREFIX, 0), 0U) << line.strFormat;
-        const bool tagged = line.strFormat.rfind(std::string(PREFIX) + "[Error] ", 0) == 0;
-        EXPECT_EQ(tagged, line.dwLevel == LEVEL_ERROR) << line.strText;
-        EXPECT_EQ(line.strFormat.back(), '\n') << line.strFormat;
-        EXPECT_FALSE(line.strFunc.empty()) << line.strText;
-        EXPECT_GT(SourceLine(line), 0) << line.strText;
-    }
-}
-
-/* --- instances and requests ---------------------------------------------------------------- */
+/* --- instances ----------------------------------------------------------------------------- */
 
 inline TNvrHttpCurlCltInst *Slot(unsigned index)
 {
     return &g_tNvrHttpCurlCltCont[index];
 }
 
-inline ENvrHttpCurlCltRet Start(uint32_t tasks, HNvrHttpCurlCltInst *result, uint32_t maxAsync = 8)
+inline ENvrHttpCurlCltRet TryStart(uint32_t tasks, HNvrHttpCurlCltInst *result, uint32_t maxAsync = 8,
+                                   const TNvrHttpCurlCltMemCB &memory = fake::MemCB())
 {
     const TNvrHttpCurlCltInitParam param = {tasks, maxAsync};
-    const TNvrHttpCurlCltMemCB memory = fake::MemCB();
     return NvrHttpCurlCltInit(&param, &memory, result);
 }
 
-inline HNvrHttpCurlCltInst MustStart(uint32_t tasks, uint32_t maxAsync = 8)
+inline HNvrHttpCurlCltInst MustStart(uint32_t tasks, uint32_t maxAsync = 8,
+                                     const TNvrHttpCurlCltMemCB &memory = fake::MemCB())
 {
     HNvrHttpCurlCltInst instance = nullptr;
-    EXPECT_EQ(Start(tasks, &instance, maxAsync), 0U) << fake::Transcript();
+    EXPECT_EQ(TryStart(tasks, &instance, maxAsync, memory), 0U) << fake::Transcript();
     return instance;
 }
 
@@ -166,89 +59,172 @@ inline testing::AssertionResult IsFree(const TNvrHttpCurlCltInst *slot)
                                        << Ptr(slot->tMemCB.pfRealloc) << Ptr(slot->tMemCB.pfFree);
 }
 
-/* A request with everything set that an asynchronous send sets. */
-inline HNvrHttpCurlCltReq MustPrepare(HNvrHttpCurlCltInst instance)
+/* --- requests and their completion ----------------------------------------------------------- */
+
+struct Completion {
+    HNvrHttpCurlCltReq req;
+    uint32_t progress;
+    uint32_t result;
+    void *buf;
+};
+
+inline std::vector<Completion> completions;
+/* Runs inside the callback, after the note was taken. */
+inline std::function<void(const Completion &)> onCompletion;
+
+inline uint32_t Notify(HNvrHttpCurlCltReq req, ENvrHttpCurlCltReqProgress progress, ENvrHttpCurlCltRet result,
+                       void *buf)
 {
-    HNvrHttpCurlCltReq request = nullptr;
-    EXPECT_EQ(NvrHttpCurlCltReqCreat(instance, &request), 0U);
-    EXPECT_EQ(NvrHttpCurlCltSetReqUri(request, "http://127.0.0.1:9/x"), 0U);
-    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(request, "Content-Type", "application/json"), 0U);
-    EXPECT_EQ(NvrHttpCurlCltSetReqMethod(request, "POST"), 0U);
-    EXPECT_EQ(NvrHttpCurlCltSetReqBody(request, "{}", 2), 0U);
-    return request;
+    const Completion completion = {req, progress, result, buf};
+    completions.push_back(completion);
+    if (onCompletion) {
+        onCompletion(completion);
+    }
+    return 77; /* nobody looks at it */
+}
+
+/* A request with everything set that an asynchronous send sets. */
+inline HNvrHttpCurlCltReq MustPrepare(HNvrHttpCurlCltInst instance, const std::string &url = "http://127.0.0.1:9/x",
+                                      const std::string &body = "{}")
+{
+    HNvrHttpCurlCltReq req = nullptr;
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(instance, &req), 0U) << fake::Transcript();
+    EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, url.c_str()), 0U);
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "Content-Type", "text/plain"), 0U);
+    EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, "POST"), 0U);
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, body.data(), static_cast<uint32_t>(body.size())), 0U);
+    return req;
+}
+
+inline uint32_t Submit(HNvrHttpCurlCltReq req, void *buf = nullptr)
+{
+    return NvrHttpCurlCltProcessReq(req, 5000, 4000, NVRHTTPCURLCLT_MODE_ASYNC, Notify, buf);
 }
 
 /* A prepared request in the run list of one of the instance's tasks. */
-inline HNvrHttpCurlCltReq MustQueue(HNvrHttpCurlCltInst instance, PFNvrHttpCurlCltNtf notify, void *context = nullptr)
+inline HNvrHttpCurlCltReq MustQueue(HNvrHttpCurlCltInst instance)
 {
-    HNvrHttpCurlCltReq request = MustPrepare(instance);
-    EXPECT_EQ(NvrHttpCurlCltProcessReq(request, 1000, 1000, NVRHTTPCURLCLT_MODE_ASYNC, notify, context), 0U)
-        << fake::Transcript();
-    return request;
+    HNvrHttpCurlCltReq req = MustPrepare(instance);
+    EXPECT_EQ(Submit(req), 0U) << fake::Transcript();
+    return req;
 }
 
-/* Moves the node at the head of the run list to the finish list, as a worker does at the end. */
-inline void FinishHead(TNvrHttpCurlCltTask *task)
+/* --- the lists of a task ------------------------------------------------------------------------ */
+
+inline std::vector<TNvrHttpCurlCltAsyncNode *> Nodes(const TNVRHCCList &list)
 {
-    void *node = nullptr;
-    ASSERT_EQ(NVRHCCListRemove(&task->tRunList, task->tRunList.ptHead, &node), 0U);
-    ASSERT_EQ(NVRHCCListInsertAfter(&task->tFinList, nullptr, node, nullptr), 0U);
+    std::vector<TNvrHttpCurlCltAsyncNode *> nodes;
+    for (const TNVRHCCListNode *node = list.ptHead; node != nullptr; node = node->ptNext) {
+        nodes.push_back(static_cast<TNvrHttpCurlCltAsyncNode *>(node->pvData));
+    }
+    return nodes;
 }
 
-/* --- the process --------------------------------------------------------------------------- */
-
-inline std::set<int> OpenDescriptors()
+inline TNVRHCCListNode *FindListNode(const TNVRHCCList &list, const TNvrHttpCurlCltReqInner *req)
 {
-    std::set<int> open;
-    DIR *dir = opendir("/proc/self/fd");
-    while (const dirent *entry = readdir(dir)) {
-        const int fd = atoi(entry->d_name);
-        if (entry->d_name[0] != '.' && fd != dirfd(dir)) {
-            open.insert(fd);
+    for (TNVRHCCListNode *node = list.ptHead; node != nullptr; node = node->ptNext) {
+        const auto *element = static_cast<TNvrHttpCurlCltAsyncNode *>(node->pvData);
+        if (element != nullptr && element->ptReqIn == req) {
+            return node;
         }
     }
-    closedir(dir);
-    return open;
+    return nullptr;
 }
 
-inline bool IsOpen(int fd)
+/* Moves a request's node from the run list to the end of the finish list, as its worker does. */
+inline TNvrHttpCurlCltAsyncNode *Finish(TNvrHttpCurlCltTask &task, const TNvrHttpCurlCltReqInner *req)
 {
-    return fcntl(fd, F_GETFD) != -1;
+    void *data = nullptr;
+    EXPECT_EQ(NVRHCCListRemove(&task.tRunList, FindListNode(task.tRunList, req), &data), 0U);
+    auto *node = static_cast<TNvrHttpCurlCltAsyncNode *>(data);
+    node->bInMulti = 1;
+    EXPECT_EQ(NVRHCCListInsertAfter(&task.tFinList, nullptr, node, nullptr), 0U);
+    return node;
 }
 
-/* Looks again and again until the condition holds; false if it does not within 30 seconds. */
-inline bool Eventually(const std::function<bool()> &condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+/* --- the fixture ------------------------------------------------------------------------------- */
 
-/* --- the fixture ----------------------------------------------------------------------------- */
-
-/* Tasks start no thread unless a case says so; whatever was logged keeps to the conventions. */
+/*
+ * Tasks start no thread unless a case says so, so that their lists can be looked into. At the
+ * end nothing is left, and whatever was logged keeps to the conventions.
+ */
 class EngineTest : public testing::Test
 {
   protected:
-    void SetUp() override
+    EngineTest()
     {
+        ClearProxies();
+        curl_global_init(CURL_GLOBAL_ALL);
         fake::RunTasks(false);
     }
 
     void TearDown() override
     {
+        Stop();
+        EXPECT_EQ(fake::BlocksAlive(), 0U);
+        EXPECT_EQ(fake::HeldByThisThread(), 0U);
+        EXPECT_EQ(fake::Violations(), std::vector<std::string>());
         ExpectConventions();
-        for (const std::string &violation : fake::Violations()) {
-            ADD_FAILURE() << violation;
+    }
+
+    void Start(uint32_t tasks, uint32_t maxAsync)
+    {
+        inst = MustStart(tasks, maxAsync);
+        blocksOfInstance = fake::BlocksAlive();
+        Forget();
+    }
+
+    void Stop()
+    {
+        if (inst != nullptr) {
+            NvrHttpCurlCltUninit(inst);
+            inst = nullptr;
         }
     }
+
+    /* Drops what was recorded on the way to the situation that a case is about. */
+    static void Forget()
+    {
+        fake::ClearLines();
+        hooks::ClearOptions();
+    }
+
+    HNvrHttpCurlCltReq Create()
+    {
+        HNvrHttpCurlCltReq req = nullptr;
+        EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U) << fake::Transcript();
+        Forget();
+        return req;
+    }
+
+    HNvrHttpCurlCltReq CreatePrepared(const std::string &url, const std::string &body)
+    {
+        HNvrHttpCurlCltReq req = MustPrepare(inst, url, body);
+        Forget();
+        return req;
+    }
+
+    /* A request in its task's run list. */
+    HNvrHttpCurlCltReq CreateQueued(void *buf = nullptr)
+    {
+        HNvrHttpCurlCltReq req = Create();
+        EXPECT_EQ(Submit(req, buf), 0U) << fake::Transcript();
+        Forget();
+        return req;
+    }
+
+    /* A request whose node the worker would have put into the finish list. */
+    HNvrHttpCurlCltReq CreateFinished()
+    {
+        HNvrHttpCurlCltReq req = CreateQueued();
+        Finish(inst->atTasks[req->dwTaskIndex - 1], req);
+        return req;
+    }
+
+    TNvrHttpCurlCltInst *inst = nullptr;
+    size_t blocksOfInstance = 0;
 };
 
-} // namespace engine
+} // namespace test
 
 #endif

@@ -3,8 +3,7 @@
  * library asks of it, fails on order, and notes every wrong use.
  *
  * Each test case runs in a process of its own, so nothing needs resetting between cases.
- * "nth" always counts from 1, from the call of the Fail function on; with bLasting every
- * later call fails too; nth 0 takes a pending failure back. All functions are thread-safe.
+ * "nth" and "lasting" are those of FailNth. All functions are thread-safe.
  */
 #ifndef TESTS_SUPPORT_FAKE_PLATFORM_H
 #define TESTS_SUPPORT_FAKE_PLATFORM_H
@@ -19,88 +18,89 @@
 namespace fake
 {
 
-/* --- debug log: every DebugLogPrint is recorded, whatever its level ------------------- */
+/* --- debug log (fake_log.cpp): every DebugLogPrint is recorded, whatever its level ------ */
 
 struct LogLine {
-    uint32_t dwModule;
-    uint32_t dwLevel;
-    std::string strFormat; /* as the library passed it */
-    std::string strText;   /* formatted */
-    std::string strFunc;   /* the text before "[L:", empty if there is none */
+    uint32_t module;
+    uint32_t level;
+    std::string format; /* as the library passed it */
+    std::string text;   /* formatted */
+    std::string func;   /* the text before "[L:", empty if there is none */
 };
 
 std::vector<LogLine> Lines();
 void ClearLines();
-/* Lines whose format is exactly this. */
-std::vector<LogLine> LinesOf(const std::string &strFormat);
-size_t CountOf(const std::string &strFormat);
 /* Lines whose text contains this. */
-size_t CountTexts(const std::string &strPart);
+size_t CountTexts(const std::string &part);
 /* All lines joined, for failure messages. */
 std::string Transcript();
 
 /*
- * "DebugLogSetToFileLevel(123,2)" and so on, in order, DebugLogPrint left out. Texts stand
- * as they are, without quotes; calls that failed are there too.
+ * "DebugLogSetToFileLevel(123,2)" and so on, in order, DebugLogPrint left out. Texts are
+ * without quotes; calls that failed are there too.
  */
 std::vector<std::string> DebugLogCalls();
-void FailDebugLogRegist(bool bFail);
+void FailDebugLogRegist(bool fail);
 
-/* --- semaphores: real binary semaphores ------------------------------------------------ */
+/* --- semaphores (fake_sem.cpp): real binary semaphores ------------------------------------ */
 
-void FailSemCreate(unsigned nth, bool bLasting = false);
+void FailSemCreate(unsigned nth, bool lasting = false);
+/* The failed take returns 0 at once; takes of a zero handle do not count. */
+void FailSemTake(unsigned nth, bool lasting = false);
 /* Successful creations. */
 size_t SemsCreated();
 size_t SemsAlive();
-bool SemIsTaken(HOspSem hSem);
+bool SemIsTaken(HOspSem sem);
 /* Threads that wait in OspSemTake at this moment. */
-size_t SemWaiters(HOspSem hSem);
+size_t SemWaiters(HOspSem sem);
 /* Takes made on a zero handle; they return 0 and are no violation. */
 size_t NullTakes();
 /* Takes of semaphores by the calling thread that it has not given back or deleted. */
 size_t HeldByThisThread();
 
-/* --- tasks ------------------------------------------------------------------------------- */
+/* --- tasks (fake_task.cpp) ------------------------------------------------------------------ */
 
 struct TaskInfo {
-    std::string strName;
-    uint8_t byPriority;
-    uint32_t dwStackSize;
-    uint16_t wFlags;
-    PFOspTaskEntry pfEntry;
-    void *pvArg;
-    HOspTask hTask;
-    bool bWaited; /* OspTaskWaitEnd was called; it may still be waiting */
+    std::string name;
+    uint8_t priority;
+    uint32_t stackSize;
+    uint16_t flags;
+    PFOspTaskEntry entry;
+    void *arg;
+    HOspTask task;
+    bool waited; /* OspTaskWaitEnd was called; it may still be waiting */
 };
 
 /* false: OspTaskCreate starts no thread, OspTaskWaitEnd returns at once. Default true. */
-void RunTasks(bool bRun);
-void FailTaskCreate(unsigned nth, bool bLasting = false);
+void RunTasks(bool run);
+void FailTaskCreate(unsigned nth, bool lasting = false);
 /* OspTaskWaitEnd returns 0 (but joins all the same). */
-void FailTaskWait(bool bFail);
+void FailTaskWait(bool fail);
 std::vector<TaskInfo> Tasks();
+/* Those of them that were waited for. */
+size_t TasksWaited();
 
-/* --- console commands, in order of registration; repeated ones stand repeatedly -------- */
+/* --- console commands (fake_base.cpp), in order of registration, repeated ones too -------- */
 
 struct CommandInfo {
-    std::string strName;
-    std::string strHelp;
-    PFOspCommand pfCommand;
+    std::string name;
+    std::string help;
+    PFOspCommand command;
 };
 std::vector<CommandInfo> Commands();
 
-/* --- base helpers ---------------------------------------------------------------------- */
+/* --- base helpers (fake_base.cpp) ---------------------------------------------------------- */
 
 /* Arguments of AppDelay so far, 0 included. It really sleeps. */
 std::vector<uint32_t> Delays();
 /* Result of AppConvertStrtoNet from now on; 0 converts. */
-void SetStrtoNetResult(uint32_t dwResult);
+void SetStrtoNetResult(uint32_t result);
 
-/* --- memory callbacks over malloc, counting ---------------------------------------------- */
+/* --- memory callbacks over malloc, counting (fake_memory.cpp) ------------------------------ */
 
 TNvrHttpCurlCltMemCB MemCB();
-void FailMalloc(unsigned nth, bool bLasting = false);
-void FailRealloc(unsigned nth, bool bLasting = false);
+void FailMalloc(unsigned nth, bool lasting = false);
+void FailRealloc(unsigned nth, bool lasting = false);
 /* Calls, failed ones included. */
 size_t Mallocs();
 size_t Reallocs();
@@ -110,14 +110,13 @@ size_t BlocksAlive();
 /* Blocks that a failed realloc left behind are the caller's loss; this releases them. */
 void FreeLostBlocks();
 
-/* --- wrong use ----------------------------------------------------------------------------- */
+/* --- wrong use (fake_base.cpp) --------------------------------------------------------------- */
 
 /*
  * A semaphore used after its deletion, deleted twice, deleted while waited for or created
  * over one still in place; a task waited for twice; a foreign or null block freed or
  * reallocated; a request for no bytes. The wrong call itself does nothing and fails, except
- * that the creation, the deletion and the malloc take place. A case that expects none says
- * EXPECT_TRUE(fake::Violations().empty()).
+ * that the creation, the deletion and the malloc take place.
  */
 std::vector<std::string> Violations();
 

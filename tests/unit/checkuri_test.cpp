@@ -4,9 +4,10 @@
  */
 #include <cstdio>
 
+#include "support/hcc_log.h"
 #include "tests/support/send_fixture.h"
 
-using namespace sendtest;
+using namespace test;
 
 namespace
 {
@@ -15,13 +16,10 @@ const char CHECK[] = "NvrHttpCurlCltCheckUri";
 const char URL[] = "http://127.0.0.1:1/x";
 const char URL_TLS[] = "https://127.0.0.1:1/x";
 
-const std::string NO_HANDLE = "%s[L:%d][Error] curl_easy_init fail.\n";
-const std::string REFUSED = "%s[L:%d][Error] curl_easy_setopt fault! {ErrorCode:%d} {ErrorStr:%s}\n";
-const std::string VERIFY_OFF = "%s[L:%d] setopt CURLOPT_SSL_VERIFYPEER\xA1\xA2"
-                               "CURLOPT_SSL_VERIFYHOST\n";
-const std::string RETURNED = "%s[L:%d] curl_easy_perform return {%d}\n";
-
-using Order = std::vector<CURLoption>;
+const char NO_HANDLE[] = "[Error] curl_easy_init fail.\n";
+const char VERIFY_OFF[] = " setopt CURLOPT_SSL_VERIFYPEER\xA1\xA2"
+                          "CURLOPT_SSL_VERIFYHOST\n";
+const char RETURNED[] = " curl_easy_perform return {%d}\n";
 
 const Order PLAIN_ORDER = {
     CURLOPT_HEADER,  CURLOPT_POST,     CURLOPT_URL,           CURLOPT_CONNECTTIMEOUT,
@@ -32,9 +30,9 @@ const Order TLS_ORDER = {
     CURLOPT_CAINFO, CURLOPT_CONNECTTIMEOUT, CURLOPT_VERBOSE, CURLOPT_NOSIGNAL,       CURLOPT_WRITEFUNCTION,
 };
 
-void EndTransfersWith(CURLcode eCode)
+void EndTransfersWith(CURLcode code)
 {
-    hooks::easy_perform = [eCode](CURL *) { return eCode; };
+    hooks::easy_perform = [code](CURL *) { return code; };
 }
 
 class CheckUriTest : public SendTest
@@ -54,14 +52,13 @@ class CheckUriTest : public SendTest
 
 TEST_F(CheckUriTest, EveryLibcurlCodeHasItsResult)
 {
-    for (int nCode = 0; nCode < static_cast<int>(CURL_LAST); ++nCode) {
-        SCOPED_TRACE(nCode);
-        const uint32_t dwExpected = nCode == 0 ? 0 : nCode == 35 ? 12 : nCode == 28 ? 10 : 1;
+    for (int code = 0; code < static_cast<int>(CURL_LAST); ++code) {
+        SCOPED_TRACE(code);
+        const uint32_t expected = code == 0 ? 0 : code == 35 ? 12 : code == 28 ? 10 : 1;
         fake::ClearLines();
-        EndTransfersWith(static_cast<CURLcode>(nCode));
-        EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), dwExpected);
-        EXPECT_EQ(fake::Lines().size(), 1u);
-        ExpectLine(RETURNED, LEVEL_INFO, CHECK, " curl_easy_perform return {" + std::to_string(nCode) + "}\n");
+        EndTransfersWith(static_cast<CURLcode>(code));
+        EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), expected);
+        ExpectLines({Info(CHECK, RETURNED, code)});
     }
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), hooks::Calls("curl_easy_init"));
 }
@@ -71,34 +68,33 @@ TEST_F(CheckUriTest, RefusedConnectionIsAGeneralFailure)
 {
     EndTransfersWith(CURLE_COULDNT_CONNECT);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 1u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 1U);
 }
 
 TEST_F(CheckUriTest, WithoutEasyHandle)
 {
     hooks::easy_init = [] { return nullptr; };
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 1u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 1U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NO_HANDLE, LEVEL_ERROR, CHECK, "[Error] curl_easy_init fail.\n");
+    ExpectLines({Error(CHECK, NO_HANDLE)});
     EXPECT_EQ(hooks::OptionOrder(), Order());
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0U);
     EXPECT_FALSE(fake::SemIsTaken(g_sEasyInitLocker));
 }
 
 TEST_F(CheckUriTest, NullUriIsRefusedWithOneLine)
 {
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(nullptr, 3), 1u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(nullptr, 3), 1U);
 
-    const std::vector<fake::LogLine> atLines = fake::Lines();
-    ASSERT_EQ(atLines.size(), 1u);
-    EXPECT_EQ(atLines[0].dwLevel, static_cast<uint32_t>(LEVEL_ERROR));
-    EXPECT_EQ(atLines[0].strFunc, CHECK);
-    EXPECT_NE(atLines[0].strText.find("][Error] invalid arg, "), std::string::npos) << atLines[0].strText;
-    EXPECT_NE(atLines[0].strText.find("(nil)"), std::string::npos) << atLines[0].strText;
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    const Lines log = Log();
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_EQ(log[0].level, static_cast<uint32_t>(HCC_LEVEL_ERROR));
+    EXPECT_EQ(log[0].func, CHECK);
+    EXPECT_EQ(log[0].text.find("[Error] invalid arg, "), 0U) << log[0].text;
+    EXPECT_NE(log[0].text.find("(nil)"), std::string::npos) << log[0].text;
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 /* --- options ----------------------------------------------------------------------------------- */
@@ -107,40 +103,37 @@ TEST_F(CheckUriTest, OptionsOverPlainHttp)
 {
     EndTransfersWith(CURLE_OK);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), PLAIN_ORDER);
-    EXPECT_EQ(ValueOf(CURLOPT_HEADER), 1u);
-    EXPECT_EQ(ValueOf(CURLOPT_POST), 1u);
+    EXPECT_EQ(ValueOf(CURLOPT_HEADER), 1U);
+    EXPECT_EQ(ValueOf(CURLOPT_POST), 1U);
     EXPECT_EQ(TextOf(CURLOPT_URL), URL);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 3u);
-    EXPECT_EQ(ValueOf(CURLOPT_VERBOSE), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_NOSIGNAL), 1u);
-    EXPECT_EQ(fake::CountOf(VERIFY_OFF), 0u);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 3U);
+    EXPECT_EQ(ValueOf(CURLOPT_VERBOSE), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_NOSIGNAL), 1U);
+    EXPECT_EQ(CountOf(VERIFY_OFF), 0U);
 }
 
 TEST_F(CheckUriTest, OptionsOverHttps)
 {
     EndTransfersWith(CURLE_OK);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL_TLS, 0), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL_TLS, 0), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), TLS_ORDER);
-    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYPEER), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYHOST), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_CAINFO), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 0u);
-    ExpectLine(VERIFY_OFF, LEVEL_INFO, CHECK,
-               " setopt CURLOPT_SSL_VERIFYPEER\xA1\xA2"
-               "CURLOPT_SSL_VERIFYHOST\n");
-    EXPECT_LT(PlaceOf(VERIFY_OFF), PlaceOf(RETURNED));
+    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYPEER), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYHOST), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_CAINFO), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 0U);
+    ExpectLines({Info(CHECK, VERIFY_OFF), Info(CHECK, RETURNED, 0)});
 }
 
 TEST_F(CheckUriTest, SmallHttpsAnywhereTurnsVerificationOff)
 {
     EndTransfersWith(CURLE_OK);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri("http://127.0.0.1:1/about-https", 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri("http://127.0.0.1:1/about-https", 3), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), TLS_ORDER);
 }
@@ -149,7 +142,7 @@ TEST_F(CheckUriTest, HttpsInCapitalsKeepsVerificationOn)
 {
     EndTransfersWith(CURLE_OK);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri("HTTPS://127.0.0.1:1/", 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri("HTTPS://127.0.0.1:1/", 3), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), PLAIN_ORDER);
 }
@@ -159,25 +152,23 @@ TEST_F(CheckUriTest, LongConnectTimeoutIsPassedOnWhole)
     EndTransfersWith(CURLE_OK);
     hooks::easy_setopt = [](CURL *, CURLoption, void *) { return CURLE_OK; };
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 0xFFFFFFFFu), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 0xFFFFFFFFU), 0U);
 
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 0xFFFFFFFFu);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT), 0xFFFFFFFFU);
 }
 
 TEST_F(CheckUriTest, RefusedOptionsAreOnlyLogged)
 {
     EndTransfersWith(CURLE_OK);
-    for (const CURLoption eOption : TLS_ORDER) {
-        SCOPED_TRACE(eOption);
+    for (const CURLoption option : TLS_ORDER) {
+        SCOPED_TRACE(option);
         fake::ClearLines();
         hooks::ClearOptions();
-        hooks::RefuseOption(eOption, CURLE_UNKNOWN_OPTION);
-        EXPECT_EQ(NvrHttpCurlCltCheckUri(URL_TLS, 3), 0u);
-        hooks::RefuseOption(eOption, CURLE_OK);
-        ExpectLine(REFUSED, LEVEL_ERROR, CHECK,
-                   "[Error] curl_easy_setopt fault! {ErrorCode:48} {ErrorStr:" +
-                       std::string(curl_easy_strerror(CURLE_UNKNOWN_OPTION)) + "}\n");
-        EXPECT_EQ(fake::CountOf(VERIFY_OFF), 1u);
+        hooks::RefuseOption(option, CURLE_UNKNOWN_OPTION);
+        EXPECT_EQ(NvrHttpCurlCltCheckUri(URL_TLS, 3), 0U);
+        hooks::RefuseOption(option, CURLE_OK);
+        ExpectLine(SetoptFault(CHECK, CURLE_UNKNOWN_OPTION));
+        EXPECT_EQ(CountOf(VERIFY_OFF), 1U);
         EXPECT_EQ(hooks::OptionOrder(), TLS_ORDER);
     }
 }
@@ -186,173 +177,169 @@ TEST_F(CheckUriTest, RefusedOptionsAreOnlyLogged)
 
 TEST_F(CheckUriTest, AnswerIsDiscarded)
 {
-    size_t nTaken = 0;
+    size_t taken = 0;
     hooks::easy_perform = [&](CURL *) {
-        char achData[] = "HTTP/1.1 200 OK\r\n";
-        nTaken = reinterpret_cast<curl_write_callback>(ValueOf(CURLOPT_WRITEFUNCTION))(achData, 3, 4, nullptr);
+        char data[] = "HTTP/1.1 200 OK\r\n";
+        taken = reinterpret_cast<curl_write_callback>(ValueOf(CURLOPT_WRITEFUNCTION))(data, 3, 4, nullptr);
         return CURLE_OK;
     };
 
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = NvrHttpCurlCltCheckUri(URL, 3);
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = NvrHttpCurlCltCheckUri(URL, 3); });
 
-    EXPECT_EQ(dwResult, 0u);
-    EXPECT_EQ(nTaken, 12u);
-    EXPECT_EQ(strPrinted, "");
+    EXPECT_EQ(result, 0U);
+    EXPECT_EQ(taken, 12U);
+    EXPECT_EQ(printed, "");
 }
 
 /* --- the handle and its lock ------------------------------------------------------------------------ */
 
 TEST_F(CheckUriTest, HandleIsReleasedAfterTheTransfer)
 {
-    size_t nDuring = 9;
+    size_t during = 9;
     hooks::easy_perform = [&](CURL *) {
-        nDuring = hooks::Calls("curl_easy_cleanup");
+        during = hooks::Calls("curl_easy_cleanup");
         return CURLE_OPERATION_TIMEDOUT;
     };
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 10u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 10U);
 
-    EXPECT_EQ(nDuring, 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1u);
+    EXPECT_EQ(during, 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
 }
 
 TEST_F(CheckUriTest, LockIsCreatedOnFirstUseAndHeldForTheHandleOnly)
 {
-    bool bDuringInit = false;
-    bool bDuringTransfer = true;
+    bool duringInit = false;
+    bool duringTransfer = true;
     hooks::easy_init = [&] {
-        bDuringInit = fake::SemIsTaken(g_sEasyInitLocker);
+        duringInit = fake::SemIsTaken(g_sEasyInitLocker);
         return hooks::real::easy_init();
     };
     hooks::easy_perform = [&](CURL *) {
-        bDuringTransfer = fake::SemIsTaken(g_sEasyInitLocker);
+        duringTransfer = fake::SemIsTaken(g_sEasyInitLocker);
         return CURLE_OK;
     };
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
 
     EXPECT_NE(g_sEasyInitLocker, nullptr);
-    EXPECT_TRUE(bDuringInit);
-    EXPECT_FALSE(bDuringTransfer);
-    EXPECT_EQ(fake::NullTakes(), 0u);
+    EXPECT_TRUE(duringInit);
+    EXPECT_FALSE(duringTransfer);
+    EXPECT_EQ(fake::NullTakes(), 0U);
 }
 
 TEST_F(CheckUriTest, LockThatExistsIsUsedAndKept)
 {
     EndTransfersWith(CURLE_OK);
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
-    const HOspSem hFirst = g_sEasyInitLocker;
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
+    const HOspSem first = g_sEasyInitLocker;
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
 
-    EXPECT_EQ(g_sEasyInitLocker, hFirst);
-    EXPECT_EQ(fake::SemsCreated(), 1u);
+    EXPECT_EQ(g_sEasyInitLocker, first);
+    EXPECT_EQ(fake::SemsCreated(), 1U);
 }
 
 TEST_F(CheckUriTest, LockOfAnInstanceIsTheOneTaken)
 {
     Start();
-    const HOspSem hOfInstance = g_sEasyInitLocker;
-    bool bTaken = false;
+    const HOspSem ofInstance = g_sEasyInitLocker;
+    bool taken = false;
     hooks::easy_init = [&] {
-        bTaken = fake::SemIsTaken(hOfInstance);
+        taken = fake::SemIsTaken(ofInstance);
         return hooks::real::easy_init();
     };
     EndTransfersWith(CURLE_OK);
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
 
-    EXPECT_TRUE(bTaken);
-    EXPECT_EQ(g_sEasyInitLocker, hOfInstance);
+    EXPECT_TRUE(taken);
+    EXPECT_EQ(g_sEasyInitLocker, ofInstance);
 }
 
 TEST_F(CheckUriTest, InitReplacesTheLockOfAnEarlierCheck)
 {
     EndTransfersWith(CURLE_OK);
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
-    const HOspSem hFirst = g_sEasyInitLocker;
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
+    const HOspSem first = g_sEasyInitLocker;
 
     Start();
 
-    EXPECT_NE(g_sEasyInitLocker, hFirst);
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
-    OspSemDelete(hFirst); /* as far as the library goes it is never deleted */
+    EXPECT_NE(g_sEasyInitLocker, first);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
+    OspSemDelete(first); /* as far as the library goes it is never deleted */
 }
 
 /* What was taken is given, also when an Init comes in between. */
 TEST_F(CheckUriTest, LockTakenIsTheLockGiven)
 {
     EndTransfersWith(CURLE_OK);
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
-    const HOspSem hFirst = g_sEasyInitLocker;
-    HOspSem hSecond = nullptr;
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
+    const HOspSem first = g_sEasyInitLocker;
+    HOspSem second = nullptr;
     hooks::easy_init = [&] {
-        if (hSecond == nullptr) {
-            EXPECT_NE(OspSemBCreate(&hSecond), 0u);
-            g_sEasyInitLocker = hSecond;
+        if (second == nullptr) {
+            EXPECT_NE(OspSemBCreate(&second), 0U);
+            g_sEasyInitLocker = second;
         }
         return hooks::real::easy_init();
     };
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(URL, 3), 0U);
 
-    EXPECT_FALSE(fake::SemIsTaken(hFirst));
-    EXPECT_FALSE(fake::SemIsTaken(hSecond));
-    OspSemDelete(hFirst);
+    EXPECT_FALSE(fake::SemIsTaken(first));
+    EXPECT_FALSE(fake::SemIsTaken(second));
+    OspSemDelete(first);
 }
 
 TEST_F(CheckUriTest, RacingFirstChecksShareOneLock)
 {
-    std::atomic<int> nInside{0};
-    std::atomic<int> nTogether{0};
+    std::atomic<int> inside{0};
+    std::atomic<int> together{0};
     hooks::easy_init = [&] {
-        nTogether += nInside++ > 0 ? 1 : 0;
+        together += inside++ > 0 ? 1 : 0;
         std::this_thread::yield();
-        --nInside;
+        --inside;
         return hooks::real::easy_init();
     };
     EndTransfersWith(CURLE_OK);
 
-    for (int nRound = 0; nRound < 60; ++nRound) {
-        std::atomic<uint32_t> dwWrong{0};
-        Race(6, [&](unsigned) { dwWrong += NvrHttpCurlCltCheckUri(URL, 3); });
-        ASSERT_EQ(dwWrong, 0u);
-        ASSERT_EQ(fake::SemsAlive(), 1u);
+    for (int round = 0; round < 60; ++round) {
+        std::atomic<uint32_t> wrong{0};
+        Race(6, [&](unsigned) { wrong += NvrHttpCurlCltCheckUri(URL, 3); });
+        ASSERT_EQ(wrong, 0U);
+        ASSERT_EQ(fake::SemsAlive(), 1U);
         OspSemDelete(g_sEasyInitLocker);
         g_sEasyInitLocker = nullptr;
     }
-    EXPECT_EQ(nTogether, 0);
+    EXPECT_EQ(together, 0);
 }
 
 /* --- end to end ------------------------------------------------------------------------------------ */
 
 TEST_F(CheckUriTest, RealServerThatAnswersWithAnErrorIsReachable)
 {
-    for (const char *szStatus : {"404 Not Found", "500 Internal Server Error", "200 OK"}) {
-        SCOPED_TRACE(szStatus);
-        fixture::LoopbackServer tServer("HTTP/1.1 " + std::string(szStatus) +
-                                        "\r\nContent-Length: 4\r\nConnection: close\r\n\r\nbody");
+    for (const char *status : {"404 Not Found", "500 Internal Server Error", "200 OK"}) {
+        SCOPED_TRACE(status);
+        LoopbackServer server("HTTP/1.1 " + std::string(status) +
+                              "\r\nContent-Length: 4\r\nConnection: close\r\n\r\nbody");
 
-        testing::internal::CaptureStdout();
-        const uint32_t dwResult = NvrHttpCurlCltCheckUri(tServer.Url().c_str(), 20);
-        fflush(stdout);
-        const std::string strPrinted = testing::internal::GetCapturedStdout();
+        uint32_t result = 99;
+        const std::string printed = Printed([&] { result = NvrHttpCurlCltCheckUri(server.Url().c_str(), 20); });
 
-        EXPECT_EQ(dwResult, 0u);
-        EXPECT_EQ(strPrinted, "");
-        ASSERT_EQ(tServer.Requests().size(), 1u);
-        EXPECT_EQ(tServer.Requests()[0].compare(0, 5, "POST "), 0) << tServer.Requests()[0];
+        EXPECT_EQ(result, 0U);
+        EXPECT_EQ(printed, "");
+        ASSERT_EQ(server.Requests().size(), 1U);
+        EXPECT_EQ(server.Requests()[0].compare(0, 5, "POST "), 0) << server.Requests()[0];
     }
 }
 
 TEST_F(CheckUriTest, RealPortThatRefuses)
 {
-    const fixture::ClosedPort tPort;
+    const ClosedPort port;
 
-    EXPECT_EQ(NvrHttpCurlCltCheckUri(tPort.Url().c_str(), 20), 1u);
+    EXPECT_EQ(NvrHttpCurlCltCheckUri(port.Url().c_str(), 20), 1U);
 
-    ExpectLine(RETURNED, LEVEL_INFO, CHECK, " curl_easy_perform return {7}\n");
+    ExpectLine(Info(CHECK, RETURNED, 7));
 }

@@ -10,7 +10,7 @@
 #include "support/hcc_log.h"
 #include "tests/support/send_fixture.h"
 
-using namespace sendtest;
+using namespace test;
 
 namespace
 {
@@ -20,25 +20,24 @@ const char SIMPLE[] = "Qelvo_SyncSendStrByHttp";
 const char RECEIVE[] = "Qelvo_Receive_Data";
 const char SHARE[] = "set_share_handle";
 
-const std::string BLANKS(48, ' ');
-const std::string SENDING = "%s[L:%d] pchURL %s, pchSendBuf %s, dwSendLen %u,\n \t" + BLANKS +
-                            "\t dwMaxTimeMs %u-%u, dwMaxRecvLen %u\n \t" + BLANKS + "\t HeadType:%u,bSSLserver:%u\n";
-const std::string NO_HANDLE = "%s[L:%d][Error] curl_easy_init fail\n";
-const std::string NO_LIST = "%s[L:%d][Error] curl_slist_append() fail\n";
-const std::string PERFORM_FAILED = "%s[L:%d] curl_easy_perform() failed, eCurlRet %d, %s\n";
-const std::string CURL_CONVERTED = "%s[L:%d] Transfer CURLcode[%d] to ESendByCurlRet[%d]\n";
-const std::string RECEIVED = "%s[L:%d] RecvLen:%u, pchRecvBuf:%s\n";
-const std::string RECEIVED_NOWHERE = "%s[L:%d] RecvLen:%u  \n";
-const std::string NO_BUFFER = "%s[L:%d][Error] RecvBuf is null\n";
-const std::string CHUNK = "%s[L:%d] UsrBuflen:%u, dwCurDataLen %u, dwMaxRecvLen %u\n";
-const std::string OVERFLOWN = "%s[L:%d][Error] pchRecvBuf overflow! MaxBuf:%u  [%u-%u]\n";
-const std::string COUNT = "%s[L:%d] receive_data CountLen:%u [CurLen:%d]\n";
-const std::string NO_SHARE = "%s[L:%d][Error] curl_share_init fail\n";
-const std::string SHARE_REFUSED = "%s[L:%d][Error] curl_share_setopt() failed, eCurlRet %d, %s\n";
-const std::string SHARE_11 = "%s[L:%d][Error] --11--curl_easy_setopt() failed, eCurlRet %d, %s\n";
-const std::string SHARE_22 = "%s[L:%d][Error] --22--curl_easy_setopt() failed, eCurlRet %d, %s\n";
-
-using Order = std::vector<CURLoption>;
+/* A literal of 48 blanks. */
+#define BLANKS "                                                "
+const char SENDING[] = " pchURL %s, pchSendBuf %s, dwSendLen %u,\n \t" BLANKS
+                       "\t dwMaxTimeMs %u-%u, dwMaxRecvLen %u\n \t" BLANKS "\t HeadType:%u,bSSLserver:%u\n";
+const char NO_HANDLE[] = "[Error] curl_easy_init fail\n";
+const char NO_LIST[] = "[Error] curl_slist_append() fail\n";
+const char PERFORM_FAILED[] = " curl_easy_perform() failed, eCurlRet %d, %s\n";
+const char CURL_CONVERTED[] = " Transfer CURLcode[%d] to ESendByCurlRet[%d]\n";
+const char RECEIVED[] = " RecvLen:%u, pchRecvBuf:%s\n";
+const char RECEIVED_NOWHERE[] = " RecvLen:%u  \n";
+const char NO_BUFFER[] = "[Error] RecvBuf is null\n";
+const char CHUNK[] = " UsrBuflen:%u, dwCurDataLen %u, dwMaxRecvLen %u\n";
+const char OVERFLOWN[] = "[Error] pchRecvBuf overflow! MaxBuf:%u  [%u-%u]\n";
+const char COUNT[] = " receive_data CountLen:%u [CurLen:%d]\n";
+const char NO_SHARE[] = "[Error] curl_share_init fail\n";
+const char SHARE_REFUSED[] = "[Error] curl_share_setopt() failed, eCurlRet %d, %s\n";
+const char SHARE_11[] = "[Error] --11--curl_easy_setopt() failed, eCurlRet %d, %s\n";
+const char SHARE_22[] = "[Error] --22--curl_easy_setopt() failed, eCurlRet %d, %s\n";
 
 /* A POST with all that is optional. */
 const Order FULL_ORDER = {
@@ -46,23 +45,32 @@ const Order FULL_ORDER = {
     CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST,    CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA,
 };
 
-Order Without(Order aeOrder, const Order &aeLeftOut)
+Order Without(Order order, const Order &leftOut)
 {
-    for (const CURLoption eOption : aeLeftOut) {
-        aeOrder.erase(std::find(aeOrder.begin(), aeOrder.end(), eOption));
+    for (const CURLoption option : leftOut) {
+        order.erase(std::find(order.begin(), order.end(), option));
     }
-    return aeOrder;
+    return order;
+}
+
+Line Received(uint32_t length, const char *text)
+{
+    return Info(EXT, RECEIVED, length, text);
+}
+
+Line CurlConverted(int curl, unsigned send)
+{
+    return Info("CurlCodeToSendByCurlCode", CURL_CONVERTED, curl, send);
 }
 
 class DirectTest : public RecordTest
 {
   protected:
-    static std::string CapturedDuring(const std::function<void()> &pfWork)
+    /* The line that announces the record. */
+    Line Sending() const
     {
-        testing::internal::CaptureStdout();
-        pfWork();
-        fflush(stdout);
-        return testing::internal::GetCapturedStdout();
+        return Info(EXT, SENDING, param.pchURL, param.pchSendBuf, param.dwSendLen, param.dwConnTimeOutMS,
+                    param.dwTimeoutMS, param.dwMaxRecvLen, param.eHeadType, param.bSSLserver);
     }
 };
 
@@ -74,57 +82,54 @@ TEST_F(DirectTest, StartsTheModule)
 {
     AnswerWith({200, {}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(g_bInited, 1u);
-    EXPECT_EQ(fake::CountOf(INIT_FAILED), 0u);
-    EXPECT_EQ(fake::NullTakes(), 0u);
+    EXPECT_EQ(g_bInited, 1U);
+    EXPECT_EQ(CountOf(INIT_FAILED), 0U);
+    EXPECT_EQ(fake::NullTakes(), 0U);
 }
 
 TEST_F(DirectTest, GoesOnWhereTheModuleCannotStart)
 {
     AnswerWith({200, {"hello"}, CURLE_OK});
     fake::FailDebugLogRegist(true);
-    int nPrinted = 0;
+    int ok = 0;
 
-    const std::string strPrinted =
-        CapturedDuring([&] { nPrinted += Qelvo_SyncSendStrByHttp_Ext(&tParam) == 0 ? 1 : 0; });
+    const std::string printed = Printed([&] { ok += Qelvo_SyncSendStrByHttp_Ext(&param) == 0 ? 1 : 0; });
 
-    EXPECT_EQ(nPrinted, 1);
-    ExpectLine(INIT_FAILED, LEVEL_ERROR, EXT, "[Error] SendByCurlInit is Failed! eSendCurlRet:1\n");
-    EXPECT_STREQ(achRecv, "hello");
-    EXPECT_EQ(g_bInited, 0u);
+    EXPECT_EQ(ok, 1);
+    ExpectLine(InitFailed(EXT, 1));
+    EXPECT_STREQ(received, "hello");
+    EXPECT_EQ(g_bInited, 0U);
 }
 
 TEST_F(DirectTest, NullRecordIsRefusedAfterTheStart)
 {
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(nullptr), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(nullptr), 1U);
 
-    ExpectLine(ONE_NULL, LEVEL_ERROR, EXT, "[Error] @ One Param is NULL!\n");
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{ONE_NULL}));
-    EXPECT_EQ(g_bInited, 1u);
+    ExpectLinesOf(EXT, {OneNull(EXT)});
+    EXPECT_EQ(g_bInited, 1U);
 }
 
 TEST_F(DirectTest, NullUrlIsRefused)
 {
-    tParam.pchURL = nullptr;
+    param.pchURL = nullptr;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 1U);
 
-    ExpectLine(TWO_NULL, LEVEL_ERROR, EXT, "[Error] @ Two Param is NULL!\n");
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{TWO_NULL}));
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
-    EXPECT_EQ(achRecv[0], '#');
+    ExpectLinesOf(EXT, {TwoNull(EXT)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
+    EXPECT_EQ(received[0], '#');
 }
 
 TEST_F(DirectTest, NullBodyIsRefused)
 {
-    tParam.pchSendBuf = nullptr;
+    param.pchSendBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 1U);
 
-    ExpectLine(TWO_NULL, LEVEL_ERROR, EXT, "[Error] @ Two Param is NULL!\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLine(TwoNull(EXT));
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 /* --- the announcement ----------------------------------------------------------------------------- */
@@ -132,27 +137,25 @@ TEST_F(DirectTest, NullBodyIsRefused)
 TEST_F(DirectTest, AnnouncementIsExact)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.bSSLserver = 3;
+    param.bSSLserver = 3;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    ExpectLine(SENDING, LEVEL_INFO, EXT,
-               " pchURL http://127.0.0.1:1/x, pchSendBuf {\"a\":1}, dwSendLen 7,\n \t" + BLANKS +
-                   "\t dwMaxTimeMs 1111-2222, dwMaxRecvLen 16\n \t" + BLANKS + "\t HeadType:0,bSSLserver:3\n");
+    ExpectLine(Info(EXT, SENDING, "http://127.0.0.1:1/x", "{\"a\":1}", 7U, 1111U, 2222U, 16U, 0U, 3U));
 }
 
 TEST_F(DirectTest, AnnouncementComesBeforeTheHandle)
 {
     Start();
-    size_t nLines = 0;
+    size_t lines = 0;
     hooks::easy_init = [&] {
-        nLines = fake::CountOf(SENDING);
+        lines = CountOf(SENDING);
         return nullptr;
     };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 2u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 2U);
 
-    EXPECT_EQ(nLines, 1u);
+    EXPECT_EQ(lines, 1U);
 }
 
 /* --- the buffer ------------------------------------------------------------------------------------ */
@@ -161,32 +164,32 @@ TEST_F(DirectTest, BufferIsZeroedToItsCapacityAndNotBeyond)
 {
     hooks::easy_perform = [](CURL *) { return CURLE_COULDNT_CONNECT; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    EXPECT_EQ(std::string(achRecv, 20), std::string(16, '\0') + "####");
+    EXPECT_EQ(std::string(received, 20), std::string(16, '\0') + "####");
 }
 
 TEST_F(DirectTest, BufferIsZeroedBeforeTheHandleIsHad)
 {
     hooks::easy_init = [] { return nullptr; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 2u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 2U);
 
-    EXPECT_EQ(std::string(achRecv, 17), std::string(16, '\0') + "#");
+    EXPECT_EQ(std::string(received, 17), std::string(16, '\0') + "#");
 }
 
 /* The one byte there is no text, and reading beyond it is the address sanitizer's to find. */
 TEST_F(DirectTest, BufferWithoutCapacityIsNeitherWrittenNorRead)
 {
     AnswerWith({200, {"x"}, CURLE_OK});
-    const std::unique_ptr<char[]> achOne(new char[1]{'#'});
-    tParam.pchRecvBuf = achOne.get();
-    tParam.dwMaxRecvLen = 0;
+    const std::unique_ptr<char[]> one(new char[1]{'#'});
+    param.pchRecvBuf = one.get();
+    param.dwMaxRecvLen = 0;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(achOne[0], '#');
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:0, pchRecvBuf:\n");
+    EXPECT_EQ(one[0], '#');
+    ExpectLine(Received(0, ""));
 }
 
 /* --- handle and header list ------------------------------------------------------------------------- */
@@ -195,40 +198,37 @@ TEST_F(DirectTest, WithoutEasyHandleItIsTwo)
 {
     hooks::easy_init = [] { return nullptr; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 2u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 2U);
 
-    ExpectLine(NO_HANDLE, LEVEL_ERROR, EXT, "[Error] curl_easy_init fail\n");
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{SENDING, NO_HANDLE}));
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0u);
-    EXPECT_EQ(hooks::Calls("curl_slist_append"), 0u);
+    ExpectLinesOf(EXT, {Sending(), Error(EXT, NO_HANDLE)});
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_slist_append"), 0U);
 }
 
 TEST_F(DirectTest, WithoutHeaderListItIsThreeAndTheHandleIsReleased)
 {
     hooks::slist_append = [](curl_slist *, const char *) { return nullptr; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 3u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 3U);
 
-    ExpectLine(NO_LIST, LEVEL_ERROR, EXT, "[Error] curl_slist_append() fail\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:0, pchRecvBuf:\n");
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{SENDING, NO_LIST, RECEIVED}));
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1u);
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
+    ExpectLinesOf(EXT, {Sending(), Error(EXT, NO_LIST), Received(0, "")});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
     EXPECT_EQ(hooks::OptionOrder(), Order());
 }
 
 TEST_F(DirectTest, HeaderListIsOneLineWithoutABlank)
 {
-    std::vector<std::string> astrHeader;
+    Texts header;
     hooks::easy_perform = [&](CURL *) {
-        astrHeader = HeaderLines(ValueOf(CURLOPT_HTTPHEADER));
+        header = HeaderLines();
         return CURLE_OK;
     };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(astrHeader, (std::vector<std::string>{"Content-Type:application/json;charset=UTF-8"}));
+    EXPECT_EQ(header, (Texts{"Content-Type:application/json;charset=UTF-8"}));
 }
 
 /* --- options ------------------------------------------------------------------------------------------ */
@@ -237,27 +237,27 @@ TEST_F(DirectTest, OptionsInOrderWithTheirValues)
 {
     AnswerWith({200, {}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), FULL_ORDER);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111u);
-    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222u);
-    EXPECT_EQ(ValueOf(CURLOPT_POSTFIELDS), reinterpret_cast<uintptr_t>(tParam.pchSendBuf));
-    EXPECT_EQ(TextOf(CURLOPT_URL), tParam.pchURL);
-    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYPEER), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYHOST), 0u);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111U);
+    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222U);
+    EXPECT_EQ(ValueOf(CURLOPT_POSTFIELDS), reinterpret_cast<uintptr_t>(param.pchSendBuf));
+    EXPECT_EQ(TextOf(CURLOPT_URL), param.pchURL);
+    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYPEER), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_SSL_VERIFYHOST), 0U);
     EXPECT_EQ(ValueOf(CURLOPT_WRITEFUNCTION), reinterpret_cast<uintptr_t>(Qelvo_Receive_Data));
-    EXPECT_EQ(ValueOf(CURLOPT_WRITEDATA), reinterpret_cast<uintptr_t>(&tParam));
+    EXPECT_EQ(ValueOf(CURLOPT_WRITEDATA), reinterpret_cast<uintptr_t>(&param));
 }
 
 TEST_F(DirectTest, OnlyHeadTypeZeroSetsABodyAndNoneSetsAMethod)
 {
     AnswerWith({200, {}, CURLE_OK});
-    for (const uint32_t eHeadType : {1u, 2u, 3u, 0xFFFFFFFFu}) {
-        SCOPED_TRACE(eHeadType);
+    for (const uint32_t headType : {1U, 2U, 3U, 0xFFFFFFFFU}) {
+        SCOPED_TRACE(headType);
         hooks::ClearOptions();
-        tParam.eHeadType = eHeadType;
-        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+        param.eHeadType = headType;
+        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
         EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_POSTFIELDS}));
     }
 }
@@ -265,9 +265,9 @@ TEST_F(DirectTest, OnlyHeadTypeZeroSetsABodyAndNoneSetsAMethod)
 TEST_F(DirectTest, CheckedServerKeepsLibcurlsVerification)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.bSSLserver = 1;
+    param.bSSLserver = 1;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST}));
 }
@@ -275,9 +275,9 @@ TEST_F(DirectTest, CheckedServerKeepsLibcurlsVerification)
 TEST_F(DirectTest, WithoutBufferNoWriteCallbackIsSet)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.pchRecvBuf = nullptr;
+    param.pchRecvBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA}));
 }
@@ -285,9 +285,9 @@ TEST_F(DirectTest, WithoutBufferNoWriteCallbackIsSet)
 TEST_F(DirectTest, WithoutCapacityNoWriteCallbackIsSet)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.dwMaxRecvLen = 0;
+    param.dwMaxRecvLen = 0;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA}));
 }
@@ -295,63 +295,61 @@ TEST_F(DirectTest, WithoutCapacityNoWriteCallbackIsSet)
 TEST_F(DirectTest, AuthenticationAndNotificationAreIgnored)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.bCurlAuth = 1;
-    strcpy(tParam.achUserAndPassWd, "u:p");
-    tParam.pfNtf = Collect;
+    param.bCurlAuth = 1;
+    strcpy(param.achUserAndPassWd, "u:p");
+    param.pfNtf = Collect;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), FULL_ORDER);
-    EXPECT_EQ(NotifiedSoFar().size(), 0u);
+    EXPECT_EQ(NotifiedSoFar().size(), 0U);
 }
 
 /* --- a refusal at each option --------------------------------------------------------------------------- */
 
 struct Refusal {
-    CURLoption eOption;
-    const char *szMark; /* the message up to "failed" */
+    CURLoption option;
+    const char *mark; /* the message up to "failed" */
 };
 
-static void PrintTo(const Refusal &tRefusal, std::ostream *ptStream)
+static void PrintTo(const Refusal &refusal, std::ostream *out)
 {
-    *ptStream << tRefusal.szMark;
+    *out << refusal.mark;
 }
 
-class DirectRefusalTest : public DirectTest, public ::testing::WithParamInterface<Refusal>
+class DirectRefusalTest : public DirectTest, public testing::WithParamInterface<Refusal>
 {
 };
 
 TEST_P(DirectRefusalTest, IsFourAndReleasesEverything)
 {
-    const std::string strFormat = "%s[L:%d]" + std::string(GetParam().szMark) + "failed, eCurlRet %d, %s\n";
-    hooks::RefuseOption(GetParam().eOption, CURLE_UNKNOWN_OPTION);
-    Order aeExpected(FULL_ORDER.begin(), std::find(FULL_ORDER.begin(), FULL_ORDER.end(), GetParam().eOption) + 1);
+    const std::string format = GetParam().mark + std::string("failed, eCurlRet %d, %s\n");
+    hooks::RefuseOption(GetParam().option, CURLE_UNKNOWN_OPTION);
+    Order expected(FULL_ORDER.begin(), std::find(FULL_ORDER.begin(), FULL_ORDER.end(), GetParam().option) + 1);
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 4u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 4U);
 
-    ExpectLine(strFormat, LEVEL_ERROR, EXT,
-               std::string(GetParam().szMark) + "failed, eCurlRet 48, " + curl_easy_strerror(CURLE_UNKNOWN_OPTION) +
-                   "\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:0, pchRecvBuf:\n");
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{SENDING, strFormat, RECEIVED}));
-    EXPECT_EQ(hooks::OptionOrder(), aeExpected);
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1u);
-    EXPECT_EQ(fake::CountOf(CURL_CONVERTED), 0u);
+    const std::string failed =
+        GetParam().mark + std::string("failed, eCurlRet 48, ") + curl_easy_strerror(CURLE_UNKNOWN_OPTION) + "\n";
+    ExpectLinesOf(EXT, {Sending(), {HCC_LEVEL_ERROR, EXT, format, failed}, Received(0, "")});
+    EXPECT_EQ(hooks::OptionOrder(), expected);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
+    EXPECT_EQ(CountOf(CURL_CONVERTED), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Options, DirectRefusalTest,
-    ::testing::Values(Refusal{CURLOPT_HTTPHEADER, "[Error] --1--curl_easy_setopt() "},
-                      Refusal{CURLOPT_CONNECTTIMEOUT_MS, "[Error] --2--curl_easy_setopt() "},
-                      Refusal{CURLOPT_TIMEOUT_MS, "[Error] --2_1--curl_easy_setopt() "},
-                      Refusal{CURLOPT_POSTFIELDS, "[Error] --3--curl_easy_setopt() "},
-                      Refusal{CURLOPT_URL, "[Error] --4--curl_easy_setopt() "},
-                      Refusal{CURLOPT_SSL_VERIFYPEER, "[Error]  curl_easy_setopt() CURLOPT_SSL_VERIFYPEER "},
-                      Refusal{CURLOPT_SSL_VERIFYHOST, "[Error] curl_easy_setopt() CURLOPT_SSL_VERIFYHOST "},
-                      Refusal{CURLOPT_WRITEFUNCTION, "[Error] --5--curl_easy_setopt() "},
-                      Refusal{CURLOPT_WRITEDATA, "[Error] --5_1--curl_easy_setopt() "}),
-    [](const ::testing::TestParamInfo<Refusal> &tInfo) { return "Option" + std::to_string(tInfo.param.eOption); });
+    testing::Values(Refusal{CURLOPT_HTTPHEADER, "[Error] --1--curl_easy_setopt() "},
+                    Refusal{CURLOPT_CONNECTTIMEOUT_MS, "[Error] --2--curl_easy_setopt() "},
+                    Refusal{CURLOPT_TIMEOUT_MS, "[Error] --2_1--curl_easy_setopt() "},
+                    Refusal{CURLOPT_POSTFIELDS, "[Error] --3--curl_easy_setopt() "},
+                    Refusal{CURLOPT_URL, "[Error] --4--curl_easy_setopt() "},
+                    Refusal{CURLOPT_SSL_VERIFYPEER, "[Error]  curl_easy_setopt() CURLOPT_SSL_VERIFYPEER "},
+                    Refusal{CURLOPT_SSL_VERIFYHOST, "[Error] curl_easy_setopt() CURLOPT_SSL_VERIFYHOST "},
+                    Refusal{CURLOPT_WRITEFUNCTION, "[Error] --5--curl_easy_setopt() "},
+                    Refusal{CURLOPT_WRITEDATA, "[Error] --5_1--curl_easy_setopt() "}),
+    [](const testing::TestParamInfo<Refusal> &test) { return "Option" + std::to_string(test.param.option); });
 
 /* --- the transfer ------------------------------------------------------------------------------------------ */
 
@@ -360,47 +358,41 @@ TEST_F(DirectTest, SuccessSaysWhatWasReceived)
     Start();
     AnswerWith({200, {"hel", "lo"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{SENDING, RECEIVED}));
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:5, pchRecvBuf:hello\n");
-    EXPECT_EQ(fake::CountOf(CURL_CONVERTED), 0u);
-    EXPECT_EQ(tParam.dwRecvLen, 5u);
-    EXPECT_STREQ(achRecv, "hello");
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1u);
+    ExpectLinesOf(EXT, {Sending(), Received(5, "hello")});
+    EXPECT_EQ(CountOf(CURL_CONVERTED), 0U);
+    EXPECT_EQ(param.dwRecvLen, 5U);
+    EXPECT_STREQ(received, "hello");
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
 }
 
 TEST_F(DirectTest, HttpStatusIsNotLookedAt)
 {
     AnswerWith({500, {"no"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_STREQ(achRecv, "no");
+    EXPECT_STREQ(received, "no");
 }
 
 TEST_F(DirectTest, LibcurlsCodesAreConverted)
 {
     const struct {
-        CURLcode eCurl;
-        unsigned nSend;
-    } atCases[] = {{CURLE_FTP_ACCEPT_TIMEOUT, 8},      {CURLE_OPERATION_TIMEDOUT, 7},   {CURLE_COULDNT_CONNECT, 5},
-                   {CURLE_SSL_CONNECT_ERROR, 5},       {CURLE_COULDNT_RESOLVE_HOST, 5}, {CURLE_UNSUPPORTED_PROTOCOL, 5},
-                   {CURLE_PEER_FAILED_VERIFICATION, 5}};
+        CURLcode curl;
+        unsigned send;
+    } cases[] = {{CURLE_FTP_ACCEPT_TIMEOUT, 8},      {CURLE_OPERATION_TIMEDOUT, 7},   {CURLE_COULDNT_CONNECT, 5},
+                 {CURLE_SSL_CONNECT_ERROR, 5},       {CURLE_COULDNT_RESOLVE_HOST, 5}, {CURLE_UNSUPPORTED_PROTOCOL, 5},
+                 {CURLE_PEER_FAILED_VERIFICATION, 5}};
     EXPECT_EQ(static_cast<int>(CURLE_FTP_ACCEPT_TIMEOUT), 12);
-    for (const auto &tCase : atCases) {
-        SCOPED_TRACE(tCase.eCurl);
-        AnswerWith({0, {}, tCase.eCurl});
+    for (const auto &each : cases) {
+        SCOPED_TRACE(each.curl);
+        AnswerWith({0, {}, each.curl});
         fake::ClearLines();
-        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), tCase.nSend);
-        const std::string strCode = std::to_string(static_cast<int>(tCase.eCurl));
-        ExpectLine(PERFORM_FAILED, LEVEL_INFO, EXT,
-                   " curl_easy_perform() failed, eCurlRet " + strCode + ", " + curl_easy_strerror(tCase.eCurl) + "\n");
-        ExpectLine(CURL_CONVERTED, LEVEL_INFO, "CurlCodeToSendByCurlCode",
-                   " Transfer CURLcode[" + strCode + "] to ESendByCurlRet[" + std::to_string(tCase.nSend) + "]\n");
-        EXPECT_LT(PlaceOf(PERFORM_FAILED), PlaceOf(CURL_CONVERTED));
-        EXPECT_LT(PlaceOf(CURL_CONVERTED), PlaceOf(RECEIVED));
-        EXPECT_EQ(FormatsOf(EXT), (std::vector<std::string>{SENDING, PERFORM_FAILED, RECEIVED}));
+        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), each.send);
+        const Line failed = Info(EXT, PERFORM_FAILED, each.curl, curl_easy_strerror(each.curl));
+        ExpectInOrder({failed, CurlConverted(each.curl, each.send), Received(0, "")});
+        ExpectLinesOf(EXT, {Sending(), failed, Received(0, "")});
     }
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), hooks::Calls("curl_easy_init"));
 }
@@ -408,78 +400,78 @@ TEST_F(DirectTest, LibcurlsCodesAreConverted)
 TEST_F(DirectTest, WithoutBufferTheOutcomeLineHasTwoBlanks)
 {
     AnswerWith({200, {}, CURLE_OK});
-    tParam.pchRecvBuf = nullptr;
-    tParam.dwRecvLen = 9;
+    param.pchRecvBuf = nullptr;
+    param.dwRecvLen = 9;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    ExpectLine(RECEIVED_NOWHERE, LEVEL_INFO, EXT, " RecvLen:9  \n");
-    EXPECT_EQ(fake::CountOf(RECEIVED), 0u);
+    ExpectLine(Info(EXT, RECEIVED_NOWHERE, 9U));
+    EXPECT_EQ(CountOf(RECEIVED), 0U);
 }
 
 TEST_F(DirectTest, OutcomeIsLoggedBeforeTheHandleIsReleased)
 {
     AnswerWith({200, {}, CURLE_OK});
-    size_t nLines = 0;
-    hooks::easy_cleanup = [&](CURL *ptEasy) {
-        nLines = fake::CountOf(RECEIVED);
-        hooks::real::easy_cleanup(ptEasy);
+    size_t lines = 0;
+    hooks::easy_cleanup = [&](CURL *easy) {
+        lines = CountOf(RECEIVED);
+        hooks::real::easy_cleanup(easy);
     };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(nLines, 1u);
+    EXPECT_EQ(lines, 1U);
 }
 
 TEST_F(DirectTest, PartialAnswerIsKeptAndItsLengthTold)
 {
     AnswerWith({200, {"half"}, CURLE_PARTIAL_FILE});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 4u);
-    EXPECT_STREQ(achRecv, "half");
+    EXPECT_EQ(param.dwRecvLen, 4U);
+    EXPECT_STREQ(received, "half");
 }
 
 TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsTakenAndLoggedTerminated)
 {
     AnswerWith({200, {"0123456789", "abcdef"}, CURLE_OK});
-    const std::unique_ptr<char[]> achExact(new char[16]);
-    tParam.pchRecvBuf = achExact.get();
+    const std::unique_ptr<char[]> exact(new char[16]);
+    param.pchRecvBuf = exact.get();
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 16u);
-    EXPECT_EQ(std::string(achExact.get(), 16), "0123456789abcdef");
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:16, pchRecvBuf:0123456789abcdef\n");
+    EXPECT_EQ(param.dwRecvLen, 16U);
+    EXPECT_EQ(std::string(exact.get(), 16), "0123456789abcdef");
+    ExpectLine(Received(16, "0123456789abcdef"));
 }
 
 TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsNotReadForALineThatNobodyWants)
 {
     Start();
     AnswerWith({200, {"0123456789abcdef"}, CURLE_OK});
-    const std::unique_ptr<char[]> achExact(new char[16]);
-    tParam.pchRecvBuf = achExact.get();
+    const std::unique_ptr<char[]> exact(new char[16]);
+    param.pchRecvBuf = exact.get();
     g_bySendCurlLogType = 0;
 
-    const std::string strPrinted = CapturedDuring([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u); });
+    const std::string printed = Printed([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
 
-    EXPECT_EQ(strPrinted, "");
+    EXPECT_EQ(printed, "");
     EXPECT_EQ(fake::Transcript(), "");
-    EXPECT_EQ(std::string(achExact.get(), 16), "0123456789abcdef");
+    EXPECT_EQ(std::string(exact.get(), 16), "0123456789abcdef");
 }
 
 TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsPrintedTerminatedToo)
 {
     Start();
     AnswerWith({200, {"0123456789abcdef"}, CURLE_OK});
-    const std::unique_ptr<char[]> achExact(new char[16]);
-    tParam.pchRecvBuf = achExact.get();
+    const std::unique_ptr<char[]> exact(new char[16]);
+    param.pchRecvBuf = exact.get();
     g_bySendCurlLogType = 2;
 
-    const std::string strPrinted = CapturedDuring([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u); });
+    const std::string printed = Printed([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
 
-    EXPECT_NE(strPrinted.find("] RecvLen:16, pchRecvBuf:0123456789abcdef\n"), std::string::npos) << strPrinted;
+    EXPECT_NE(printed.find("] RecvLen:16, pchRecvBuf:0123456789abcdef\n"), std::string::npos) << printed;
     EXPECT_EQ(fake::Transcript(), "");
 }
 
@@ -487,139 +479,132 @@ TEST_F(DirectTest, AnswerWithAZeroByteIsLoggedUpToIt)
 {
     AnswerWith({200, {std::string("ab\0cd", 5)}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(std::string(achRecv, 6), std::string("ab\0cd\0", 6));
-    ExpectLine(RECEIVED, LEVEL_INFO, EXT, " RecvLen:5, pchRecvBuf:ab\n");
+    EXPECT_EQ(std::string(received, 6), std::string("ab\0cd\0", 6));
+    ExpectLine(Received(5, "ab"));
 }
 
 TEST_F(DirectTest, AnswerOneByteLongerFailsAfterTheOverflowMessage)
 {
     AnswerWith({200, {"0123456789", "abcdefg"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    ExpectLine(OVERFLOWN, LEVEL_ERROR, RECEIVE, "[Error] pchRecvBuf overflow! MaxBuf:16  [10-7]\n");
-    EXPECT_LT(PlaceOf(OVERFLOWN), PlaceOf(PERFORM_FAILED));
-    ExpectLine(CURL_CONVERTED, LEVEL_INFO, "CurlCodeToSendByCurlCode", " Transfer CURLcode[23] to ESendByCurlRet[5]\n");
-    EXPECT_EQ(tParam.dwRecvLen, 10u);
-    EXPECT_EQ(std::string(achRecv, 17), "0123456789" + std::string(6, '\0') + "#");
+    ExpectInOrder({Error(RECEIVE, OVERFLOWN, 16U, 10U, 7U),
+                   Info(EXT, PERFORM_FAILED, 23, curl_easy_strerror(CURLE_WRITE_ERROR)), CurlConverted(23, 5)});
+    EXPECT_EQ(param.dwRecvLen, 10U);
+    EXPECT_EQ(std::string(received, 17), "0123456789" + std::string(6, '\0') + "#");
 }
 
 /* It is the write position, and the send does not reset it. */
 TEST_F(DirectTest, ReceiveLengthGivenIsWhereTheAnswerGoes)
 {
     AnswerWith({200, {"abc"}, CURLE_OK});
-    tParam.dwRecvLen = 13;
+    param.dwRecvLen = 13;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 16u);
-    EXPECT_EQ(std::string(achRecv, 17), std::string(13, '\0') + "abc#");
+    EXPECT_EQ(param.dwRecvLen, 16U);
+    EXPECT_EQ(std::string(received, 17), std::string(13, '\0') + "abc#");
 }
 
 TEST_F(DirectTest, ReceiveLengthGivenCountsAgainstTheCapacity)
 {
     AnswerWith({200, {"abcd"}, CURLE_OK});
-    tParam.dwRecvLen = 13;
+    param.dwRecvLen = 13;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    ExpectLine(OVERFLOWN, LEVEL_ERROR, RECEIVE, "[Error] pchRecvBuf overflow! MaxBuf:16  [13-4]\n");
-    EXPECT_EQ(tParam.dwRecvLen, 13u);
+    ExpectLine(Error(RECEIVE, OVERFLOWN, 16U, 13U, 4U));
+    EXPECT_EQ(param.dwRecvLen, 13U);
 }
 
 /* --- the write callback ---------------------------------------------------------------------------------- */
 
 TEST_F(DirectTest, ReceiveWithoutDataRecordOrLengthSaysSoOnStandardOutput)
 {
-    char achData[] = "data";
-    size_t anTaken[4] = {9, 9, 9, 9};
+    char data[] = "data";
+    size_t taken[4] = {9, 9, 9, 9};
 
-    const std::string strPrinted = CapturedDuring([&] {
-        anTaken[0] = Qelvo_Receive_Data(nullptr, 1, 4, &tParam);
-        anTaken[1] = Qelvo_Receive_Data(achData, 1, 4, nullptr);
-        anTaken[2] = Qelvo_Receive_Data(achData, 0, 4, &tParam);
-        anTaken[3] = Qelvo_Receive_Data(achData, 1, 0, &tParam);
+    const std::string printed = Printed([&] {
+        taken[0] = Qelvo_Receive_Data(nullptr, 1, 4, &param);
+        taken[1] = Qelvo_Receive_Data(data, 1, 4, nullptr);
+        taken[2] = Qelvo_Receive_Data(data, 0, 4, &param);
+        taken[3] = Qelvo_Receive_Data(data, 1, 0, &param);
     });
 
-    EXPECT_EQ(strPrinted, "pBuf is null\npBuf is null\npBuf is null\npBuf is null\n");
-    for (const size_t nTaken : anTaken) {
-        EXPECT_EQ(nTaken, 0u);
+    EXPECT_EQ(printed, "pBuf is null\npBuf is null\npBuf is null\npBuf is null\n");
+    for (const size_t each : taken) {
+        EXPECT_EQ(each, 0U);
     }
     EXPECT_EQ(fake::Transcript(), "");
-    EXPECT_EQ(tParam.dwRecvLen, 0u);
+    EXPECT_EQ(param.dwRecvLen, 0U);
 }
 
 TEST_F(DirectTest, ReceiveWithoutBuffer)
 {
-    char achData[] = "data";
-    tParam.pchRecvBuf = nullptr;
+    char data[] = "data";
+    param.pchRecvBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 1, 4, &tParam), 0u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 1, 4, &param), 0U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NO_BUFFER, LEVEL_ERROR, RECEIVE, "[Error] RecvBuf is null\n");
+    ExpectLines({Error(RECEIVE, NO_BUFFER)});
 }
 
 TEST_F(DirectTest, ReceiveWithoutCapacity)
 {
-    char achData[] = "data";
-    tParam.dwMaxRecvLen = 0;
+    char data[] = "data";
+    param.dwMaxRecvLen = 0;
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 1, 4, &tParam), 0u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 1, 4, &param), 0U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NO_BUFFER, LEVEL_ERROR, RECEIVE, "[Error] RecvBuf is null\n");
-    EXPECT_EQ(achRecv[0], '#');
+    ExpectLines({Error(RECEIVE, NO_BUFFER)});
+    EXPECT_EQ(received[0], '#');
 }
 
 TEST_F(DirectTest, ReceiveAppendsAndCounts)
 {
-    char achData[] = "abcdef";
-    tParam.dwRecvLen = 2;
+    char data[] = "abcdef";
+    param.dwRecvLen = 2;
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 2, 3, &tParam), 6u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 2, 3, &param), 6U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 8u);
-    EXPECT_EQ(std::string(achRecv, 10), "##abcdef##");
-    EXPECT_EQ(FormatsOf(RECEIVE), (std::vector<std::string>{CHUNK, COUNT}));
-    ExpectLine(CHUNK, LEVEL_INFO, RECEIVE, " UsrBuflen:2, dwCurDataLen 6, dwMaxRecvLen 16\n");
-    ExpectLine(COUNT, LEVEL_INFO, RECEIVE, " receive_data CountLen:8 [CurLen:6]\n");
+    EXPECT_EQ(param.dwRecvLen, 8U);
+    EXPECT_EQ(std::string(received, 10), "##abcdef##");
+    ExpectLinesOf(RECEIVE, {Info(RECEIVE, CHUNK, 2U, 6U, 16U), Info(RECEIVE, COUNT, 8U, 6)});
 }
 
 TEST_F(DirectTest, ReceiveFillsTheBufferToItsLastByte)
 {
-    char achData[] = "0123456789abcdef";
+    char data[] = "0123456789abcdef";
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 1, 16, &tParam), 16u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 1, 16, &param), 16U);
 
-    EXPECT_EQ(std::string(achRecv, 17), "0123456789abcdef#");
+    EXPECT_EQ(std::string(received, 17), "0123456789abcdef#");
 }
 
 TEST_F(DirectTest, ReceiveKeepsNothingOfAChunkThatDoesNotFit)
 {
-    char achData[] = "0123456789abcdefg";
+    char data[] = "0123456789abcdefg";
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 1, 17, &tParam), 0u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 1, 17, &param), 0U);
 
-    EXPECT_EQ(FormatsOf(RECEIVE), (std::vector<std::string>{CHUNK, OVERFLOWN}));
-    ExpectLine(CHUNK, LEVEL_INFO, RECEIVE, " UsrBuflen:0, dwCurDataLen 17, dwMaxRecvLen 16\n");
-    ExpectLine(OVERFLOWN, LEVEL_ERROR, RECEIVE, "[Error] pchRecvBuf overflow! MaxBuf:16  [0-17]\n");
-    EXPECT_EQ(tParam.dwRecvLen, 0u);
-    EXPECT_EQ(std::string(achRecv, sizeof achRecv), std::string(sizeof achRecv, '#'));
+    ExpectLinesOf(RECEIVE, {Info(RECEIVE, CHUNK, 0U, 17U, 16U), Error(RECEIVE, OVERFLOWN, 16U, 0U, 17U)});
+    EXPECT_EQ(param.dwRecvLen, 0U);
+    EXPECT_EQ(std::string(received, sizeof received), std::string(sizeof received, '#'));
 }
 
 /* 0xFFFFFFFC + 8 is 4 in 32 bits, which would fit. */
 TEST_F(DirectTest, ReceiveIsNotDeceivedByAPositionNearTheEndOfItsType)
 {
-    char achData[] = "12345678";
-    tParam.dwRecvLen = 0xFFFFFFFCu;
+    char data[] = "12345678";
+    param.dwRecvLen = 0xFFFFFFFCU;
 
-    EXPECT_EQ(Qelvo_Receive_Data(achData, 1, 8, &tParam), 0u);
+    EXPECT_EQ(Qelvo_Receive_Data(data, 1, 8, &param), 0U);
 
-    ExpectLine(OVERFLOWN, LEVEL_ERROR, RECEIVE, "[Error] pchRecvBuf overflow! MaxBuf:16  [4294967292-8]\n");
-    EXPECT_EQ(tParam.dwRecvLen, 0xFFFFFFFCu);
+    ExpectLine(Error(RECEIVE, OVERFLOWN, 16U, 4294967292U, 8U));
+    EXPECT_EQ(param.dwRecvLen, 0xFFFFFFFCU);
 }
 
 /* --- the simple form --------------------------------------------------------------------------------------- */
@@ -637,91 +622,91 @@ TSendByCurlParam RecordGivenToLibcurl()
 
 TEST_F(DirectTest, SimpleFormWithoutUrlOrBody)
 {
-    uint32_t dwLength = 16;
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp(nullptr, "{}", 2, 1000, achRecv, &dwLength), 1u);
-    ExpectLine(TWO_NULL, LEVEL_ERROR, SIMPLE, "[Error] @ Two Param is NULL!\n");
+    uint32_t length = 16;
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp(nullptr, "{}", 2, 1000, received, &length), 1U);
+    ExpectLine(TwoNull(SIMPLE));
 
     fake::ClearLines();
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", nullptr, 2, 1000, achRecv, &dwLength), 1u);
-    ExpectLine(TWO_NULL, LEVEL_ERROR, SIMPLE, "[Error] @ Two Param is NULL!\n");
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", nullptr, 2, 1000, received, &length), 1U);
+    ExpectLine(TwoNull(SIMPLE));
 
-    EXPECT_EQ(fake::Lines().size(), 1u); /* not even the start was made */
-    EXPECT_EQ(g_bInited, 0u);
-    EXPECT_EQ(dwLength, 16u);
+    EXPECT_EQ(fake::Lines().size(), 1U); /* not even the start was made */
+    EXPECT_EQ(g_bInited, 0U);
+    EXPECT_EQ(length, 16U);
 }
 
 TEST_F(DirectTest, SimpleFormFillsTheRecord)
 {
-    TSendByCurlParam tSeen = {};
+    TSendByCurlParam seen = {};
     hooks::easy_perform = [&](CURL *) {
-        tSeen = RecordGivenToLibcurl();
+        seen = RecordGivenToLibcurl();
         return CURLE_OK;
     };
-    uint32_t dwLength = 16;
-    const char *szUrl = "http://127.0.0.1:1/y";
-    const char *szBody = "{\"b\":2}";
+    uint32_t length = 16;
+    const char *url = "http://127.0.0.1:1/y";
+    const char *body = "{\"b\":2}";
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp(szUrl, szBody, 5, 4321, achRecv, &dwLength), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp(url, body, 5, 4321, received, &length), 0U);
 
-    EXPECT_EQ(tSeen.pchURL, szUrl);
-    EXPECT_EQ(tSeen.eHeadType, 0u);
-    EXPECT_EQ(tSeen.pchSendBuf, szBody);
-    EXPECT_EQ(tSeen.dwSendLen, 5u);
-    EXPECT_EQ(tSeen.dwConnTimeOutMS, 4321u);
-    EXPECT_EQ(tSeen.dwTimeoutMS, 4321u);
-    EXPECT_EQ(tSeen.dwMaxRecvLen, 16u);
-    EXPECT_EQ(tSeen.bSSLserver, 0u);
-    EXPECT_EQ(tSeen.pchRecvBuf, achRecv);
-    EXPECT_EQ(tSeen.dwRecvLen, 0u);
-    EXPECT_EQ(tSeen.pfNtf, nullptr);
-    EXPECT_EQ(tSeen.bCurlAuth, 0u);
-    EXPECT_EQ(std::string(tSeen.achUserAndPassWd, sizeof tSeen.achUserAndPassWd),
-              std::string(sizeof tSeen.achUserAndPassWd, '\0'));
+    EXPECT_EQ(seen.pchURL, url);
+    EXPECT_EQ(seen.eHeadType, 0U);
+    EXPECT_EQ(seen.pchSendBuf, body);
+    EXPECT_EQ(seen.dwSendLen, 5U);
+    EXPECT_EQ(seen.dwConnTimeOutMS, 4321U);
+    EXPECT_EQ(seen.dwTimeoutMS, 4321U);
+    EXPECT_EQ(seen.dwMaxRecvLen, 16U);
+    EXPECT_EQ(seen.bSSLserver, 0U);
+    EXPECT_EQ(seen.pchRecvBuf, received);
+    EXPECT_EQ(seen.dwRecvLen, 0U);
+    EXPECT_EQ(seen.pfNtf, nullptr);
+    EXPECT_EQ(seen.bCurlAuth, 0U);
+    EXPECT_EQ(std::string(seen.achUserAndPassWd, sizeof seen.achUserAndPassWd),
+              std::string(sizeof seen.achUserAndPassWd, '\0'));
     EXPECT_EQ(hooks::OptionOrder(), FULL_ORDER);
 }
 
 TEST_F(DirectTest, SimpleFormTellsTheLengthReceived)
 {
     AnswerWith({200, {"hello"}, CURLE_OK});
-    uint32_t dwLength = 16;
+    uint32_t length = 16;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, achRecv, &dwLength), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, received, &length), 0U);
 
-    EXPECT_EQ(dwLength, 5u);
-    EXPECT_STREQ(achRecv, "hello");
+    EXPECT_EQ(length, 5U);
+    EXPECT_STREQ(received, "hello");
 }
 
 TEST_F(DirectTest, SimpleFormKeepsTheLengthAfterAFailure)
 {
     AnswerWith({200, {"half"}, CURLE_PARTIAL_FILE});
-    uint32_t dwLength = 16;
+    uint32_t length = 16;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, achRecv, &dwLength), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, received, &length), 5U);
 
-    EXPECT_EQ(dwLength, 16u);
+    EXPECT_EQ(length, 16U);
 }
 
 TEST_F(DirectTest, SimpleFormWithBufferButNoLengthDoesNotCollect)
 {
     AnswerWith({200, {"hello"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, achRecv, nullptr), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, received, nullptr), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA}));
-    EXPECT_EQ(std::string(achRecv, sizeof achRecv), std::string(sizeof achRecv, '#'));
-    ExpectLine(RECEIVED_NOWHERE, LEVEL_INFO, EXT, " RecvLen:0  \n");
-    EXPECT_EQ(fake::CountTexts("dwMaxRecvLen 0\n"), 1u);
+    EXPECT_EQ(std::string(received, sizeof received), std::string(sizeof received, '#'));
+    ExpectLine(Info(EXT, RECEIVED_NOWHERE, 0U));
+    EXPECT_EQ(fake::CountTexts("dwMaxRecvLen 0\n"), 1U);
 }
 
 TEST_F(DirectTest, SimpleFormWithLengthButNoBufferStoresZero)
 {
     AnswerWith({200, {"hello"}, CURLE_OK});
-    uint32_t dwLength = 16;
+    uint32_t length = 16;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, nullptr, &dwLength), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp("http://127.0.0.1:1/", "{}", 2, 1000, nullptr, &length), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), Without(FULL_ORDER, {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA}));
-    EXPECT_EQ(dwLength, 0u);
+    EXPECT_EQ(length, 0U);
 }
 
 /* --- the shared DNS cache ------------------------------------------------------------------------------------ */
@@ -730,9 +715,9 @@ namespace
 {
 
 struct Shared {
-    CURLSH *ptShare;
-    CURLSHoption eOption;
-    uintptr_t uValue;
+    CURLSH *share;
+    CURLSHoption option;
+    uintptr_t value;
 };
 
 class ShareTest : public DirectTest
@@ -741,66 +726,66 @@ class ShareTest : public DirectTest
     void SetUp() override
     {
         DirectTest::SetUp();
-        nSemsLeft = 1; /* the guard of the creation, if it is a semaphore, lives as long as the process */
-        hooks::share_setopt = [this](CURLSH *ptShare, CURLSHoption eOption, void *pvValue) {
-            std::lock_guard<std::mutex> tGuard(tLock);
-            atShared.push_back({ptShare, eOption, reinterpret_cast<uintptr_t>(pvValue)});
-            return eRefusal == CURLSHE_OK ? hooks::real::share_setopt(ptShare, eOption, pvValue) : eRefusal;
+        semsLeft = 1; /* the guard of the creation, if it is a semaphore, lives as long as the process */
+        hooks::share_setopt = [this](CURLSH *share, CURLSHoption option, void *value) {
+            std::lock_guard<std::mutex> guard(lock);
+            shared.push_back({share, option, reinterpret_cast<uintptr_t>(value)});
+            return refusal == CURLSHE_OK ? hooks::real::share_setopt(share, option, value) : refusal;
         };
-        ptEasy = hooks::real::easy_init();
+        easy = hooks::real::easy_init();
     }
 
     void TearDown() override
     {
-        hooks::real::easy_cleanup(ptEasy);
+        hooks::real::easy_cleanup(easy);
         hooks::share_setopt = nullptr;
         DirectTest::TearDown();
     }
 
-    std::mutex tLock;
-    std::vector<Shared> atShared;
-    CURLSHcode eRefusal = CURLSHE_OK;
-    CURL *ptEasy = nullptr;
+    std::mutex lock;
+    std::vector<Shared> shared;
+    CURLSHcode refusal = CURLSHE_OK;
+    CURL *easy = nullptr;
 };
 
 } // namespace
 
 TEST_F(ShareTest, FirstUseCreatesTheShareAndAttachesTheHandle)
 {
-    EXPECT_EQ(set_share_handle(ptEasy), 0u);
+    EXPECT_EQ(set_share_handle(easy), 0U);
 
-    EXPECT_EQ(hooks::Calls("curl_share_init"), 1u);
-    ASSERT_EQ(atShared.size(), 1u);
-    EXPECT_NE(atShared[0].ptShare, nullptr);
-    EXPECT_EQ(atShared[0].eOption, CURLSHOPT_SHARE);
-    EXPECT_EQ(atShared[0].uValue, static_cast<uintptr_t>(CURL_LOCK_DATA_DNS));
+    EXPECT_EQ(hooks::Calls("curl_share_init"), 1U);
+    ASSERT_EQ(shared.size(), 1U);
+    EXPECT_NE(shared[0].share, nullptr);
+    EXPECT_EQ(shared[0].option, CURLSHOPT_SHARE);
+    EXPECT_EQ(shared[0].value, static_cast<uintptr_t>(CURL_LOCK_DATA_DNS));
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_SHARE, CURLOPT_DNS_CACHE_TIMEOUT}));
-    EXPECT_EQ(ValueOf(CURLOPT_SHARE), reinterpret_cast<uintptr_t>(atShared[0].ptShare));
-    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300u);
+    EXPECT_EQ(ValueOf(CURLOPT_SHARE), reinterpret_cast<uintptr_t>(shared[0].share));
+    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300U);
     EXPECT_EQ(fake::Transcript(), "");
 }
 
 TEST_F(ShareTest, LaterUsesAttachTheSameShareAndSetItUpNoMore)
 {
-    EXPECT_EQ(set_share_handle(ptEasy), 0u);
-    CURL *ptOther = hooks::real::easy_init();
+    EXPECT_EQ(set_share_handle(easy), 0U);
+    CURL *other = hooks::real::easy_init();
 
-    EXPECT_EQ(set_share_handle(ptOther), 0u);
+    EXPECT_EQ(set_share_handle(other), 0U);
 
-    EXPECT_EQ(hooks::Calls("curl_share_init"), 1u);
-    EXPECT_EQ(atShared.size(), 1u);
-    const std::vector<hooks::Option> atAttached = hooks::OptionsOf(CURLOPT_SHARE);
-    ASSERT_EQ(atAttached.size(), 2u);
-    EXPECT_EQ(atAttached[0].uValue, atAttached[1].uValue);
-    EXPECT_EQ(atAttached[1].ptEasy, ptOther);
-    hooks::real::easy_cleanup(ptOther);
+    EXPECT_EQ(hooks::Calls("curl_share_init"), 1U);
+    EXPECT_EQ(shared.size(), 1U);
+    const std::vector<hooks::Option> attached = hooks::OptionsOf(CURLOPT_SHARE);
+    ASSERT_EQ(attached.size(), 2U);
+    EXPECT_EQ(attached[0].value, attached[1].value);
+    EXPECT_EQ(attached[1].easy, other);
+    hooks::real::easy_cleanup(other);
 }
 
 TEST_F(ShareTest, ResultIsThatOfTheCacheTimeout)
 {
     hooks::RefuseOption(CURLOPT_DNS_CACHE_TIMEOUT, CURLE_BAD_FUNCTION_ARGUMENT);
 
-    EXPECT_EQ(set_share_handle(ptEasy), static_cast<uint32_t>(CURLE_BAD_FUNCTION_ARGUMENT));
+    EXPECT_EQ(set_share_handle(easy), static_cast<uint32_t>(CURLE_BAD_FUNCTION_ARGUMENT));
 
     EXPECT_EQ(fake::Transcript(), "");
 }
@@ -809,94 +794,90 @@ TEST_F(ShareTest, WithoutShareHandleItLogsAndGoesOn)
 {
     hooks::share_init = [] { return nullptr; };
 
-    set_share_handle(ptEasy);
+    set_share_handle(easy);
 
-    ExpectLine(NO_SHARE, LEVEL_ERROR, SHARE, "[Error] curl_share_init fail\n");
+    ExpectLine(Error(SHARE, NO_SHARE));
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_SHARE, CURLOPT_DNS_CACHE_TIMEOUT}));
-    EXPECT_EQ(ValueOf(CURLOPT_SHARE), 0u);
-    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300u);
+    EXPECT_EQ(ValueOf(CURLOPT_SHARE), 0U);
+    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300U);
 }
 
 TEST_F(ShareTest, AfterAFailedCreationTheNextUseTriesAgain)
 {
     hooks::share_init = [] { return nullptr; };
-    set_share_handle(ptEasy);
+    set_share_handle(easy);
     hooks::share_init = nullptr;
 
-    EXPECT_EQ(set_share_handle(ptEasy), 0u);
+    EXPECT_EQ(set_share_handle(easy), 0U);
 
-    EXPECT_NE(ValueOf(CURLOPT_SHARE), 0u);
+    EXPECT_NE(ValueOf(CURLOPT_SHARE), 0U);
 }
 
 TEST_F(ShareTest, RefusedDnsSharingIsLoggedAndAttachedAllTheSame)
 {
-    eRefusal = CURLSHE_BAD_OPTION;
+    refusal = CURLSHE_BAD_OPTION;
 
-    EXPECT_EQ(set_share_handle(ptEasy), 0u);
+    EXPECT_EQ(set_share_handle(easy), 0U);
 
-    ExpectLine(SHARE_REFUSED, LEVEL_ERROR, SHARE,
-               "[Error] curl_share_setopt() failed, eCurlRet 1, " + std::string(curl_share_strerror(eRefusal)) + "\n");
-    EXPECT_NE(ValueOf(CURLOPT_SHARE), 0u);
+    ExpectLine(Error(SHARE, SHARE_REFUSED, 1, curl_share_strerror(refusal)));
+    EXPECT_NE(ValueOf(CURLOPT_SHARE), 0U);
 }
 
 TEST_F(ShareTest, RefusedAttachmentIsLoggedTwiceWithTheFirstCode)
 {
     hooks::RefuseOption(CURLOPT_SHARE, CURLE_UNKNOWN_OPTION);
     hooks::RefuseOption(CURLOPT_DNS_CACHE_TIMEOUT, CURLE_BAD_FUNCTION_ARGUMENT);
-    const std::string strTail =
-        "curl_easy_setopt() failed, eCurlRet 48, " + std::string(curl_easy_strerror(CURLE_UNKNOWN_OPTION)) + "\n";
+    set_share_handle(easy);
 
-    set_share_handle(ptEasy);
-
-    EXPECT_EQ(FormatsOf(SHARE), (std::vector<std::string>{SHARE_11, SHARE_22}));
-    ExpectLine(SHARE_11, LEVEL_ERROR, SHARE, "[Error] --11--" + strTail);
-    ExpectLine(SHARE_22, LEVEL_ERROR, SHARE, "[Error] --22--" + strTail);
+    ExpectLinesOf(SHARE, {Error(SHARE, SHARE_11, 48, curl_easy_strerror(CURLE_UNKNOWN_OPTION)),
+                          Error(SHARE, SHARE_22, 48, curl_easy_strerror(CURLE_UNKNOWN_OPTION))});
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_SHARE, CURLOPT_DNS_CACHE_TIMEOUT}));
-    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300u);
+    EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300U);
 }
 
 TEST_F(ShareTest, RefusedAttachmentIsLoggedTwiceAlsoWhereTheTimeoutIsAccepted)
 {
     hooks::RefuseOption(CURLOPT_SHARE, CURLE_UNKNOWN_OPTION);
-    size_t nLinesBetween = 9;
-    hooks::easy_setopt = [&](CURL *ptHandle, CURLoption eOption, void *pvValue) {
-        nLinesBetween = fake::Lines().size();
-        return hooks::real::easy_setopt(ptHandle, eOption, pvValue);
+    size_t linesBetween = 9;
+    hooks::easy_setopt = [&](CURL *handle, CURLoption option, void *value) {
+        linesBetween = fake::Lines().size();
+        return hooks::real::easy_setopt(handle, option, value);
     };
 
-    set_share_handle(ptEasy);
+    set_share_handle(easy);
 
-    EXPECT_EQ(nLinesBetween, 1u); /* one line before the time-out is set, one after */
-    EXPECT_EQ(FormatsOf(SHARE), (std::vector<std::string>{SHARE_11, SHARE_22}));
+    EXPECT_EQ(linesBetween, 1U); /* one line before the time-out is set, one after */
+    const char *reason = curl_easy_strerror(CURLE_UNKNOWN_OPTION);
+    ExpectLinesOf(SHARE, {Error(SHARE, SHARE_11, 48, reason), Error(SHARE, SHARE_22, 48, reason)});
 }
 
 /* The creation takes a while, so that an unguarded second one would come in. */
 TEST_F(ShareTest, RacingFirstUsesShareOneHandle)
 {
     hooks::share_init = [] {
-        for (int nII = 0; nII < 2000; ++nII) {
+        for (int i = 0; i < 2000; ++i) {
             std::this_thread::yield();
         }
         return hooks::real::share_init();
     };
-    CURL *aptEasy[6];
-    for (CURL *&ptOne : aptEasy) {
-        ptOne = hooks::real::easy_init();
+    CURL *handles[6];
+    for (CURL *&one : handles) {
+        one = hooks::real::easy_init();
     }
-    std::atomic<uint32_t> dwWrong{0};
+    std::atomic<uint32_t> wrong{0};
 
-    Race(6, [&](unsigned nThread) { dwWrong += set_share_handle(aptEasy[nThread]); });
+    Race(6, [&](unsigned index) { wrong += set_share_handle(handles[index]); });
 
-    EXPECT_EQ(dwWrong, 0u);
-    EXPECT_EQ(hooks::Calls("curl_share_init"), 1u);
-    EXPECT_EQ(atShared.size(), 1u);
-    const std::vector<hooks::Option> atAttached = hooks::OptionsOf(CURLOPT_SHARE);
-    EXPECT_EQ(atAttached.size(), 6u);
-    for (const hooks::Option &tOption : atAttached) {
-        EXPECT_EQ(tOption.uValue, reinterpret_cast<uintptr_t>(atShared[0].ptShare));
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_EQ(hooks::Calls("curl_share_init"), 1U);
+    EXPECT_EQ(shared.size(), 1U);
+    const std::vector<hooks::Option> attached = hooks::OptionsOf(CURLOPT_SHARE);
+    EXPECT_EQ(attached.size(), 6U);
+    for (const hooks::Option &option : attached) {
+        EXPECT_EQ(option.value, reinterpret_cast<uintptr_t>(shared[0].share));
     }
-    for (CURL *ptOne : aptEasy) {
-        hooks::real::easy_cleanup(ptOne);
+    for (CURL *one : handles) {
+        hooks::real::easy_cleanup(one);
     }
 }
 
@@ -904,102 +885,102 @@ TEST_F(ShareTest, RacingFirstUsesShareOneHandle)
 
 TEST_F(DirectTest, RealPostEndsAtTheFirstZeroByte)
 {
-    fixture::LoopbackServer tServer(fixture::Reply("pong"));
-    const std::string strUrl = tServer.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.pchSendBuf = "ab\0cd";
-    tParam.dwSendLen = 5;
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    LoopbackServer server(Reply("pong"));
+    const std::string url = server.Url();
+    param.pchURL = url.c_str();
+    param.pchSendBuf = "ab\0cd";
+    param.dwSendLen = 5;
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u) << fake::Transcript();
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U) << fake::Transcript();
 
-    EXPECT_STREQ(achRecv, "pong");
-    ASSERT_EQ(tServer.Requests().size(), 1u);
-    const std::string strRequest = tServer.Requests()[0];
-    EXPECT_EQ(strRequest.compare(0, 5, "POST "), 0) << strRequest;
-    EXPECT_NE(strRequest.find("\r\nContent-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << strRequest;
-    EXPECT_NE(strRequest.find("\r\nContent-Length: 2\r\n"), std::string::npos) << strRequest;
-    EXPECT_EQ(strRequest.substr(strRequest.size() - 6), "\r\n\r\nab");
+    EXPECT_STREQ(received, "pong");
+    ASSERT_EQ(server.Requests().size(), 1U);
+    const std::string request = server.Requests()[0];
+    EXPECT_EQ(request.compare(0, 5, "POST "), 0) << request;
+    EXPECT_NE(request.find("\r\nContent-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << request;
+    EXPECT_NE(request.find("\r\nContent-Length: 2\r\n"), std::string::npos) << request;
+    EXPECT_EQ(request.substr(request.size() - 6), "\r\n\r\nab");
 }
 
 TEST_F(DirectTest, RealSendOfAnotherHeadTypeIsAGetWithoutBody)
 {
-    fixture::LoopbackServer tServer(fixture::Reply("pong"));
-    const std::string strUrl = tServer.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
-    for (const uint32_t eHeadType : {1u, 2u}) {
-        tParam.eHeadType = eHeadType;
-        tParam.dwRecvLen = 0;
-        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    LoopbackServer server(Reply("pong"));
+    const std::string url = server.Url();
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
+    for (const uint32_t headType : {1U, 2U}) {
+        param.eHeadType = headType;
+        param.dwRecvLen = 0;
+        EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
     }
 
-    ASSERT_EQ(tServer.Requests().size(), 2u);
-    for (const std::string &strRequest : tServer.Requests()) {
-        EXPECT_EQ(strRequest.compare(0, 4, "GET "), 0) << strRequest;
-        EXPECT_EQ(strRequest.substr(strRequest.size() - 4), "\r\n\r\n");
-        EXPECT_EQ(strRequest.find("Content-Length"), std::string::npos);
+    ASSERT_EQ(server.Requests().size(), 2U);
+    for (const std::string &request : server.Requests()) {
+        EXPECT_EQ(request.compare(0, 4, "GET "), 0) << request;
+        EXPECT_EQ(request.substr(request.size() - 4), "\r\n\r\n");
+        EXPECT_EQ(request.find("Content-Length"), std::string::npos);
     }
 }
 
 TEST_F(DirectTest, RealAnswerOfExactlyTheCapacity)
 {
-    const fixture::LoopbackServer tServer(fixture::Reply("0123456789abcdef"));
-    const std::string strUrl = tServer.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    const LoopbackServer server(Reply("0123456789abcdef"));
+    const std::string url = server.Url();
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
 
-    EXPECT_EQ(std::string(achRecv, 17), "0123456789abcdef#");
+    EXPECT_EQ(std::string(received, 17), "0123456789abcdef#");
 }
 
 TEST_F(DirectTest, RealAnswerOneByteLonger)
 {
-    const fixture::LoopbackServer tServer(fixture::Reply("0123456789abcdefg"));
-    const std::string strUrl = tServer.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    const LoopbackServer server(Reply("0123456789abcdefg"));
+    const std::string url = server.Url();
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    EXPECT_EQ(fake::CountOf(OVERFLOWN), 1u);
-    EXPECT_EQ(achRecv[16], '#');
+    EXPECT_EQ(CountOf(OVERFLOWN), 1U);
+    EXPECT_EQ(received[16], '#');
 }
 
 TEST_F(DirectTest, RealAnswerWithoutBufferGoesToStandardOutput)
 {
-    const fixture::LoopbackServer tServer(fixture::Reply("pong"));
-    const std::string strUrl = tServer.Url();
-    uint32_t eResult = 99;
+    const LoopbackServer server(Reply("pong"));
+    const std::string url = server.Url();
+    uint32_t result = 99;
 
-    const std::string strPrinted =
-        CapturedDuring([&] { eResult = Qelvo_SyncSendStrByHttp(strUrl.c_str(), "{}", 2, 20000, achRecv, nullptr); });
+    const std::string printed =
+        Printed([&] { result = Qelvo_SyncSendStrByHttp(url.c_str(), "{}", 2, 20000, received, nullptr); });
 
-    EXPECT_EQ(eResult, 0u);
-    EXPECT_EQ(strPrinted, "pong");
-    EXPECT_EQ(achRecv[0], '#');
+    EXPECT_EQ(result, 0U);
+    EXPECT_EQ(printed, "pong");
+    EXPECT_EQ(received[0], '#');
 }
 
 TEST_F(DirectTest, RealSendToARefusingPort)
 {
-    const fixture::ClosedPort tPort;
-    const std::string strUrl = tPort.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    const ClosedPort port;
+    const std::string url = port.Url();
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 5u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 5U);
 
-    ExpectLine(CURL_CONVERTED, LEVEL_INFO, "CurlCodeToSendByCurlCode", " Transfer CURLcode[7] to ESendByCurlRet[5]\n");
+    ExpectLine(CurlConverted(7, 5));
 }
 
 TEST_F(DirectTest, RealSendToASilentServerTimesOut)
 {
-    const fixture::LoopbackServer tServer("");
-    const std::string strUrl = tServer.Url();
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = 20000;
-    tParam.dwTimeoutMS = 300;
+    const LoopbackServer server("");
+    const std::string url = server.Url();
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = 20000;
+    param.dwTimeoutMS = 300;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&tParam), 7u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 7U);
 }

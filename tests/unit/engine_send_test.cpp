@@ -9,7 +9,7 @@
 
 #include "tests/support/send_fixture.h"
 
-using namespace sendtest;
+using namespace test;
 
 namespace
 {
@@ -19,24 +19,19 @@ const char ASYNC[] = "Qelvo_ASyncSendStrByHttpCurl";
 const char DISPATCH[] = "Qelvo_SendStrByHttp";
 const char COMPLETION[] = "SendByCurlReqHttpCurlProgressNtf";
 
-const std::string MODE = "%s[L:%d] eSyncMode:%d [0:Sync 1:ASync]\n";
-const std::string BAD_MODE = "%s[L:%d][Error] InValided Param! eSyncMode:%d\n";
-const std::string SYNC_SUCCESS = "%s[L:%d] Qelvo_SyncSendStrByHttpCurl Success!\n";
-const std::string SYNC_FAILED = "%s[L:%d][Error] Qelvo_SyncSendStrByHttpCurl Failed! eSendCurlRet:%d\n";
-const std::string ASYNC_SUCCESS = "%s[L:%d] Qelvo_ASyncSendStrByHttpCurl Success!\n";
-const std::string ASYNC_FAILED = "%s[L:%d][Error] Qelvo_ASyncSendStrByHttpCurl Failed! eSendCurlRet:%d\n";
-const std::string IN_SYNC = "%s[L:%d] In Qelvo_SyncSendStr ByHttpCurl\n";
-const std::string STATUS = "%s[L:%d] nHttpStatusCode:%d\n";
-const std::string COMPLETED_BADLY = "%s[L:%d] SendByCurlReqHttpCurlProgressNtf which is Failed! "
-                                    "eProg:%d[0:Error 1:Finish] eHttpCurlErrCode:%d\n";
-const std::string NTF_CODE = "%s[L:%d] eErrCode:%d\n";
-const std::string NTF_CONTEXT = "%s[L:%d] pvContext:%s\n";
-const std::string NTF_END = "%s[L:%d] End-------------------------------\n";
-
-using Order = std::vector<CURLoption>;
-
-/* CURLOPT_PUT, whose name newer headers warn about. */
-const CURLoption OPTION_PUT = static_cast<CURLoption>(54);
+const char MODE[] = " eSyncMode:%d [0:Sync 1:ASync]\n";
+const char BAD_MODE[] = "[Error] InValided Param! eSyncMode:%d\n";
+const char SYNC_SUCCESS[] = " Qelvo_SyncSendStrByHttpCurl Success!\n";
+const char SYNC_FAILED[] = "[Error] Qelvo_SyncSendStrByHttpCurl Failed! eSendCurlRet:%d\n";
+const char ASYNC_SUCCESS[] = " Qelvo_ASyncSendStrByHttpCurl Success!\n";
+const char ASYNC_FAILED[] = "[Error] Qelvo_ASyncSendStrByHttpCurl Failed! eSendCurlRet:%d\n";
+const char IN_SYNC[] = " In Qelvo_SyncSendStr ByHttpCurl\n";
+const char STATUS[] = " nHttpStatusCode:%d\n";
+const char COMPLETED_BADLY[] = " SendByCurlReqHttpCurlProgressNtf which is Failed! "
+                               "eProg:%d[0:Error 1:Finish] eHttpCurlErrCode:%d\n";
+const char NTF_CODE[] = " eErrCode:%d\n";
+const char NTF_CONTEXT[] = " pvContext:%s\n";
+const char NTF_END[] = " End-------------------------------\n";
 
 /* What a synchronous send of a POST over plain HTTP sets. */
 const Order POST_ORDER = {
@@ -45,18 +40,18 @@ const Order POST_ORDER = {
     CURLOPT_TIMEOUT_MS,
 };
 
-bool IsEmpty(const TSendByCurlASyncCB &tSlot)
+bool IsEmpty(const TSendByCurlASyncCB &slot)
 {
-    return tSlot.bUseFlag == 0 && tSlot.ptReq == nullptr && tSlot.pfNtf == nullptr;
+    return slot.bUseFlag == 0 && slot.ptReq == nullptr && slot.pfNtf == nullptr;
 }
 
 size_t SlotsTaken()
 {
-    size_t nTaken = 0;
-    for (const TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        nTaken += tSlot.bUseFlag != 0 ? 1 : 0;
+    size_t taken = 0;
+    for (const TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        taken += slot.bUseFlag != 0 ? 1 : 0;
     }
-    return nTaken;
+    return taken;
 }
 
 /* Whatever was created has been released again. */
@@ -71,12 +66,12 @@ class EngineSendTest : public RecordTest
     void SetUp() override
     {
         RecordTest::SetUp();
-        tParam.pfNtf = Collect;
+        param.pfNtf = Collect;
     }
 
     void TearDown() override
     {
-        if (bCountingMemory) {
+        if (countingMemory) {
             g_hInitHandle->tMemCB = {malloc, realloc, free};
         }
         RecordTest::TearDown();
@@ -84,50 +79,42 @@ class EngineSendTest : public RecordTest
 
     bool BufferUntouched() const
     {
-        return std::string(achRecv, sizeof achRecv) == std::string(sizeof achRecv, '#');
+        return std::string(received, sizeof received) == std::string(sizeof received, '#');
     }
 
     /* The started instance's requests get counted memory, which can be made to run out. */
     void CountMemory()
     {
         g_hInitHandle->tMemCB = fake::MemCB();
-        bCountingMemory = true;
+        countingMemory = true;
     }
 
     /* Submits and gives the request that now waits in slot 0. */
     HNvrHttpCurlCltReq Submitted()
     {
-        EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+        EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
         EXPECT_NE(g_pfASnycCBParam[0].ptReq, nullptr);
         fake::ClearLines();
         return g_pfASnycCBParam[0].ptReq;
     }
 
     /* A synchronous send that failed in an engine step, and was converted, and left nothing. */
-    void ExpectSyncStepFailed(unsigned nEngine, unsigned nSend)
+    void ExpectSyncStepFailed(unsigned engine, unsigned send)
     {
-        ExpectLine(STEP_FAILED, LEVEL_INFO, SYNC, " @ is Failed!\n");
-        ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-                   " Transfer NvrHttpCurlCltRet[" + std::to_string(nEngine) + "] to ESendByCurlRet[" +
-                       std::to_string(nSend) + "]\n");
-        EXPECT_LT(PlaceOf(STEP_FAILED), PlaceOf(CONVERTED));
+        ExpectInOrder({StepFailed(SYNC), Converted(engine, send)});
         ExpectNoHandleLeft();
-        EXPECT_EQ(hooks::Calls("curl_easy_init"), 1u);
+        EXPECT_EQ(hooks::Calls("curl_easy_init"), 1U);
         EXPECT_TRUE(BufferUntouched());
     }
 
-    void ExpectAsyncStepFailed(unsigned nEngine, unsigned nSend)
+    void ExpectAsyncStepFailed(unsigned engine, unsigned send)
     {
-        ExpectLine(STEP_FAILED, LEVEL_INFO, ASYNC, " @ is Failed!\n");
-        ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-                   " Transfer NvrHttpCurlCltRet[" + std::to_string(nEngine) + "] to ESendByCurlRet[" +
-                       std::to_string(nSend) + "]\n");
-        EXPECT_LT(PlaceOf(STEP_FAILED), PlaceOf(CONVERTED));
+        ExpectInOrder({StepFailed(ASYNC), Converted(engine, send)});
         ExpectNoHandleLeft();
-        EXPECT_EQ(NotifiedSoFar().size(), 0u);
+        EXPECT_EQ(NotifiedSoFar().size(), 0U);
     }
 
-    bool bCountingMemory = false;
+    bool countingMemory = false;
 };
 
 } // namespace
@@ -136,53 +123,52 @@ class EngineSendTest : public RecordTest
 
 TEST_F(EngineSendTest, NullRecordIsRefusedBeforeAnythingElse)
 {
-    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(ONE_NULL, LEVEL_ERROR, DISPATCH, "[Error] @ One Param is NULL!\n");
+    ExpectLines({OneNull(DISPATCH)});
 }
 
 TEST_F(EngineSendTest, DispatcherCreatesTheStartSemaphoreAndNoOther)
 {
-    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1u);
-    const HOspSem hFirst = g_pCurlSemSet[SENDBYCURL_SEM_INIT];
-    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1U);
+    const HOspSem first = g_pCurlSemSet[SENDBYCURL_SEM_INIT];
+    EXPECT_EQ(Qelvo_SendStrByHttp(nullptr, 0), 1U);
 
-    EXPECT_NE(hFirst, nullptr);
-    EXPECT_EQ(g_pCurlSemSet[SENDBYCURL_SEM_INIT], hFirst);
+    EXPECT_NE(first, nullptr);
+    EXPECT_EQ(g_pCurlSemSet[SENDBYCURL_SEM_INIT], first);
     EXPECT_EQ(g_pCurlSemSet[SENDBYCURL_SEM_SPARE], nullptr);
     EXPECT_EQ(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS], nullptr);
-    EXPECT_EQ(fake::SemsCreated(), 1u);
+    EXPECT_EQ(fake::SemsCreated(), 1U);
 }
 
 TEST_F(EngineSendTest, DispatcherDoesNotStartTheModule)
 {
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 1U);
 
-    EXPECT_EQ(g_bInited, 0u);
-    EXPECT_EQ(fake::Tasks().size(), 0u);
+    EXPECT_EQ(g_bInited, 0U);
+    EXPECT_EQ(fake::Tasks().size(), 0U);
 }
 
 TEST_F(EngineSendTest, UnknownModeIsRefusedAndCreatesNoRequest)
 {
     Start();
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 2), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 2), 1U);
 
-    EXPECT_EQ(fake::Lines().size(), 2u);
-    ExpectLine(MODE, LEVEL_INFO, DISPATCH, " eSyncMode:2 [0:Sync 1:ASync]\n");
-    ExpectLine(BAD_MODE, LEVEL_ERROR, DISPATCH, "[Error] InValided Param! eSyncMode:2\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
-    EXPECT_EQ(tParam.dwRecvLen, tParam.dwMaxRecvLen);
+    EXPECT_EQ(fake::Lines().size(), 2U);
+    ExpectLine(Info(DISPATCH, MODE, 2));
+    ExpectLine(Error(DISPATCH, BAD_MODE, 2));
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
+    EXPECT_EQ(param.dwRecvLen, param.dwMaxRecvLen);
 }
 
 TEST_F(EngineSendTest, HugeModeIsRefusedToo)
 {
     Start();
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0xFFFFFFFFu), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0xFFFFFFFFU), 1U);
 
-    ExpectLine(BAD_MODE, LEVEL_ERROR, DISPATCH, "[Error] InValided Param! eSyncMode:-1\n");
+    ExpectLine(Error(DISPATCH, BAD_MODE, -1));
 }
 
 TEST_F(EngineSendTest, ModeZeroSendsSynchronously)
@@ -190,15 +176,12 @@ TEST_F(EngineSendTest, ModeZeroSendsSynchronously)
     Start();
     AnswerWith({200, {"hello"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
-    EXPECT_EQ(FormatsOf(DISPATCH), (std::vector<std::string>{MODE, SYNC_SUCCESS}));
-    ExpectLine(MODE, LEVEL_INFO, DISPATCH, " eSyncMode:0 [0:Sync 1:ASync]\n");
-    ExpectLine(SYNC_SUCCESS, LEVEL_INFO, DISPATCH, " Qelvo_SyncSendStrByHttpCurl Success!\n");
-    EXPECT_LT(PlaceOf(MODE), PlaceOf(IN_SYNC));
-    EXPECT_LT(PlaceOf(IN_SYNC), PlaceOf(SYNC_SUCCESS));
-    EXPECT_EQ(tParam.dwRecvLen, 5u);
-    EXPECT_STREQ(achRecv, "hello");
+    ExpectLinesOf(DISPATCH, {Info(DISPATCH, MODE, 0), Info(DISPATCH, SYNC_SUCCESS)});
+    ExpectInOrder({Info(DISPATCH, MODE, 0), Info(SYNC, IN_SYNC), Info(DISPATCH, SYNC_SUCCESS)});
+    EXPECT_EQ(param.dwRecvLen, 5U);
+    EXPECT_STREQ(received, "hello");
 }
 
 TEST_F(EngineSendTest, ModeZeroReportsTheSendsFailure)
@@ -206,159 +189,150 @@ TEST_F(EngineSendTest, ModeZeroReportsTheSendsFailure)
     Start();
     AnswerWith({500, {"no"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
 
-    EXPECT_EQ(FormatsOf(DISPATCH), (std::vector<std::string>{MODE, SYNC_FAILED}));
-    ExpectLine(SYNC_FAILED, LEVEL_ERROR, DISPATCH, "[Error] Qelvo_SyncSendStrByHttpCurl Failed! eSendCurlRet:10\n");
+    ExpectLinesOf(DISPATCH, {Info(DISPATCH, MODE, 0), Error(DISPATCH, SYNC_FAILED, 10)});
 }
 
 TEST_F(EngineSendTest, ModeOneSendsAsynchronously)
 {
     Start();
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
 
-    EXPECT_EQ(FormatsOf(DISPATCH), (std::vector<std::string>{MODE, ASYNC_SUCCESS}));
-    ExpectLine(MODE, LEVEL_INFO, DISPATCH, " eSyncMode:1 [0:Sync 1:ASync]\n");
-    ExpectLine(ASYNC_SUCCESS, LEVEL_INFO, DISPATCH, " Qelvo_ASyncSendStrByHttpCurl Success!\n");
-    EXPECT_EQ(SlotsTaken(), 1u);
-    EXPECT_EQ(tParam.dwRecvLen, tParam.dwMaxRecvLen);
+    ExpectLinesOf(DISPATCH, {Info(DISPATCH, MODE, 1), Info(DISPATCH, ASYNC_SUCCESS)});
+    EXPECT_EQ(SlotsTaken(), 1U);
+    EXPECT_EQ(param.dwRecvLen, param.dwMaxRecvLen);
 }
 
 TEST_F(EngineSendTest, ModeOneReportsTheSendsFailure)
 {
     Start();
-    tParam.pchURL = nullptr;
+    param.pchURL = nullptr;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 1U);
 
-    EXPECT_EQ(FormatsOf(DISPATCH), (std::vector<std::string>{MODE, ASYNC_FAILED}));
-    ExpectLine(ASYNC_FAILED, LEVEL_ERROR, DISPATCH, "[Error] Qelvo_ASyncSendStrByHttpCurl Failed! eSendCurlRet:1\n");
+    ExpectLinesOf(DISPATCH, {Info(DISPATCH, MODE, 1), Error(DISPATCH, ASYNC_FAILED, 1)});
 }
 
 TEST_F(EngineSendTest, CapacityIsTheReceiveLengthDuringTheSend)
 {
     Start();
-    tParam.dwRecvLen = 3;
-    uint32_t dwSeen = 0;
+    param.dwRecvLen = 3;
+    uint32_t seen = 0;
     hooks::easy_perform = [&](CURL *) {
-        dwSeen = tParam.dwRecvLen;
+        seen = param.dwRecvLen;
         return CURLE_COULDNT_CONNECT;
     };
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
 
-    EXPECT_EQ(dwSeen, 16u);
+    EXPECT_EQ(seen, 16U);
 }
 
 TEST_F(EngineSendTest, TheSynchronousSendItselfKeepsTheReceiveLengthGiven)
 {
     Start();
     AnswerWith({200, {"12345"}, CURLE_OK});
-    tParam.dwRecvLen = 4;
+    param.dwRecvLen = 4;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 11u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 11U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 5u);
+    EXPECT_EQ(param.dwRecvLen, 5U);
 }
 
 /* --- the synchronous send ------------------------------------------------------------------------ */
 
 TEST_F(EngineSendTest, SyncWithoutRecord)
 {
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(nullptr), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(nullptr), 1U);
 
-    EXPECT_EQ(FormatsOf(SYNC), (std::vector<std::string>{IN_SYNC, ONE_NULL}));
-    EXPECT_EQ(fake::Lines().size(), 2u);
-    ExpectLine(IN_SYNC, LEVEL_INFO, SYNC, " In Qelvo_SyncSendStr ByHttpCurl\n");
-    ExpectLine(ONE_NULL, LEVEL_ERROR, SYNC, "[Error] @ One Param is NULL!\n");
+    ExpectLinesOf(SYNC, {Info(SYNC, IN_SYNC), OneNull(SYNC)});
+    EXPECT_EQ(fake::Lines().size(), 2U);
 }
 
 TEST_F(EngineSendTest, SyncWithoutUrl)
 {
     Start();
-    tParam.pchURL = nullptr;
-    tParam.pchSendBuf = nullptr; /* the URL is looked at first */
+    param.pchURL = nullptr;
+    param.pchSendBuf = nullptr; /* the URL is looked at first */
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(SYNC), (std::vector<std::string>{IN_SYNC, ONE_NULL}));
-    ExpectLine(ONE_NULL, LEVEL_ERROR, SYNC, "[Error] @ One Param is NULL!\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLinesOf(SYNC, {Info(SYNC, IN_SYNC), OneNull(SYNC)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncWithoutBody)
 {
     Start();
-    tParam.pchSendBuf = nullptr;
+    param.pchSendBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(SYNC), (std::vector<std::string>{IN_SYNC, TWO_NULL}));
-    ExpectLine(TWO_NULL, LEVEL_ERROR, SYNC, "[Error] @ Two Param is NULL!\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLinesOf(SYNC, {Info(SYNC, IN_SYNC), TwoNull(SYNC)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncWithoutBuffer)
 {
     Start();
-    tParam.pchRecvBuf = nullptr;
+    param.pchRecvBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(SYNC), (std::vector<std::string>{IN_SYNC, TWO_NULL}));
-    ExpectLine(TWO_NULL, LEVEL_ERROR, SYNC, "[Error] @ Two Param is NULL!\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLinesOf(SYNC, {Info(SYNC, IN_SYNC), TwoNull(SYNC)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncSetsItsOptionsInOrder)
 {
     Start();
-    std::vector<std::string> astrHeader;
-    std::string strBody;
+    Texts header;
+    std::string body;
     hooks::easy_perform = [&](CURL *) {
-        astrHeader = HeaderLines(ValueOf(CURLOPT_HTTPHEADER));
-        strBody.assign(reinterpret_cast<const char *>(ValueOf(CURLOPT_POSTFIELDS)), tParam.dwSendLen);
+        header = HeaderLines();
+        body.assign(reinterpret_cast<const char *>(ValueOf(CURLOPT_POSTFIELDS)), param.dwSendLen);
         return CURLE_COULDNT_CONNECT;
     };
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
 
     EXPECT_EQ(hooks::OptionOrder(), POST_ORDER);
-    EXPECT_EQ(TextOf(CURLOPT_URL), tParam.pchURL);
-    EXPECT_EQ(ValueOf(CURLOPT_POST), 1u);
-    EXPECT_EQ(astrHeader, (std::vector<std::string>{"Content-Type:application/json;charset=UTF-8", "Expect:"}));
-    EXPECT_EQ(strBody, "{\"a\":1}");
-    EXPECT_EQ(ValueOf(CURLOPT_POSTFIELDSIZE), 7u);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111u);
-    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222u);
+    EXPECT_EQ(TextOf(CURLOPT_URL), param.pchURL);
+    EXPECT_EQ(ValueOf(CURLOPT_POST), 1U);
+    EXPECT_EQ(header, (Texts{"Content-Type:application/json;charset=UTF-8", "Expect:"}));
+    EXPECT_EQ(body, "{\"a\":1}");
+    EXPECT_EQ(ValueOf(CURLOPT_POSTFIELDSIZE), 7U);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111U);
+    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222U);
 }
 
 TEST_F(EngineSendTest, SyncOverHttpsTurnsVerificationOff)
 {
     Start();
     AnswerWith({0, {}, CURLE_COULDNT_CONNECT});
-    tParam.pchURL = "https://127.0.0.1:1/x";
-    Order aeExpected = POST_ORDER;
-    aeExpected.insert(aeExpected.begin() + 1, {CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST, CURLOPT_CAINFO});
+    param.pchURL = "https://127.0.0.1:1/x";
+    Order expected = POST_ORDER;
+    expected.insert(expected.begin() + 1, {CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST, CURLOPT_CAINFO});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
 
-    EXPECT_EQ(hooks::OptionOrder(), aeExpected);
+    EXPECT_EQ(hooks::OptionOrder(), expected);
 }
 
 TEST_F(EngineSendTest, SyncAuthenticatesBetweenMethodAndBody)
 {
     Start();
     AnswerWith({200, {}, CURLE_OK});
-    tParam.bCurlAuth = 1;
-    strcpy(tParam.achUserAndPassWd, "user:secret");
-    Order aeExpected = POST_ORDER;
-    aeExpected.insert(aeExpected.begin() + 2, {CURLOPT_USERPWD, CURLOPT_HTTPAUTH});
+    param.bCurlAuth = 1;
+    strcpy(param.achUserAndPassWd, "user:secret");
+    Order expected = POST_ORDER;
+    expected.insert(expected.begin() + 2, {CURLOPT_USERPWD, CURLOPT_HTTPAUTH});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
-    EXPECT_EQ(hooks::OptionOrder(), aeExpected);
+    EXPECT_EQ(hooks::OptionOrder(), expected);
     EXPECT_EQ(TextOf(CURLOPT_USERPWD), "user:secret");
 }
 
@@ -367,32 +341,32 @@ TEST_F(EngineSendTest, SyncReadsUserAndPasswordFilledToTheLastByteAndNotBeyond)
 {
     Start();
     AnswerWith({200, {}, CURLE_OK});
-    const std::unique_ptr<TSendByCurlParam, decltype(&free)> ptFull(
+    const std::unique_ptr<TSendByCurlParam, decltype(&free)> filled(
         static_cast<TSendByCurlParam *>(malloc(sizeof(TSendByCurlParam))), &free);
-    memset(static_cast<void *>(ptFull.get()), 'X', sizeof(TSendByCurlParam));
-    ptFull->pchURL = tParam.pchURL;
-    ptFull->eHeadType = 0;
-    ptFull->pchSendBuf = tParam.pchSendBuf;
-    ptFull->dwSendLen = tParam.dwSendLen;
-    ptFull->dwConnTimeOutMS = ptFull->dwTimeoutMS = 1000;
-    ptFull->dwMaxRecvLen = tParam.dwMaxRecvLen;
-    ptFull->pchRecvBuf = achRecv;
-    ptFull->bCurlAuth = 1;
-    const std::string strFull = "user:" + std::string(sizeof ptFull->achUserAndPassWd - 5, 'p');
-    memcpy(ptFull->achUserAndPassWd, strFull.data(), strFull.size());
+    memset(static_cast<void *>(filled.get()), 'X', sizeof(TSendByCurlParam));
+    filled->pchURL = param.pchURL;
+    filled->eHeadType = 0;
+    filled->pchSendBuf = param.pchSendBuf;
+    filled->dwSendLen = param.dwSendLen;
+    filled->dwConnTimeOutMS = filled->dwTimeoutMS = 1000;
+    filled->dwMaxRecvLen = param.dwMaxRecvLen;
+    filled->pchRecvBuf = received;
+    filled->bCurlAuth = 1;
+    const std::string full = "user:" + std::string(sizeof filled->achUserAndPassWd - 5, 'p');
+    memcpy(filled->achUserAndPassWd, full.data(), full.size());
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(ptFull.get(), 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(filled.get(), 0), 0U);
 
-    EXPECT_EQ(TextOf(CURLOPT_USERPWD), strFull);
+    EXPECT_EQ(TextOf(CURLOPT_USERPWD), full);
 }
 
 TEST_F(EngineSendTest, SyncWithoutAuthenticationSetsNone)
 {
     Start();
     AnswerWith({200, {}, CURLE_OK});
-    memset(tParam.achUserAndPassWd, 'p', sizeof tParam.achUserAndPassWd);
+    memset(param.achUserAndPassWd, 'p', sizeof param.achUserAndPassWd);
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), POST_ORDER);
 }
@@ -402,19 +376,22 @@ TEST_F(EngineSendTest, EachHeadTypeHasItsMethodOption)
     Start();
     AnswerWith({200, {}, CURLE_OK});
     const struct {
-        uint32_t eHeadType;
-        CURLoption eOption;
-    } atCases[] = {
-        {0, CURLOPT_POST}, {1, OPTION_PUT}, {2, CURLOPT_HTTPGET}, {3, CURLOPT_POST}, {0xFFFFFFFFu, CURLOPT_POST}};
-    for (const auto &tCase : atCases) {
-        SCOPED_TRACE(tCase.eHeadType);
+        uint32_t headType;
+        CURLoption option;
+    } cases[] = {{0, CURLOPT_POST},
+                 {1, hooks::OPTION_PUT},
+                 {2, CURLOPT_HTTPGET},
+                 {3, CURLOPT_POST},
+                 {0xFFFFFFFFU, CURLOPT_POST}};
+    for (const auto &each : cases) {
+        SCOPED_TRACE(each.headType);
         hooks::ClearOptions();
-        tParam.eHeadType = tCase.eHeadType;
-        EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
-        ASSERT_GT(hooks::OptionOrder().size(), 1u);
-        EXPECT_EQ(hooks::OptionOrder()[1], tCase.eOption);
-        EXPECT_EQ(ValueOf(tCase.eOption), 1u);
-        EXPECT_EQ(hooks::OptionsOf(CURLOPT_CUSTOMREQUEST).size(), 0u);
+        param.eHeadType = each.headType;
+        EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
+        ASSERT_GT(hooks::OptionOrder().size(), 1U);
+        EXPECT_EQ(hooks::OptionOrder()[1], each.option);
+        EXPECT_EQ(ValueOf(each.option), 1U);
+        EXPECT_EQ(hooks::OptionsOf(CURLOPT_CUSTOMREQUEST).size(), 0U);
     }
 }
 
@@ -423,12 +400,12 @@ TEST_F(EngineSendTest, SyncAnsweredByAnotherStatusKeepsCapacityAndBuffer)
     Start();
     AnswerWith({404, {"missing"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
 
-    ExpectLine(STATUS, LEVEL_INFO, SYNC, " nHttpStatusCode:404\n");
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
-    EXPECT_EQ(fake::CountOf(STEP_FAILED), 0u);
-    EXPECT_EQ(tParam.dwRecvLen, tParam.dwMaxRecvLen);
+    ExpectLine(Info(SYNC, STATUS, 404));
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(CountOf(STEP_FAILED), 0U);
+    EXPECT_EQ(param.dwRecvLen, param.dwMaxRecvLen);
     EXPECT_TRUE(BufferUntouched());
     ExpectNoHandleLeft();
 }
@@ -436,9 +413,9 @@ TEST_F(EngineSendTest, SyncAnsweredByAnotherStatusKeepsCapacityAndBuffer)
 TEST_F(EngineSendTest, SyncTakesNoOtherSuccessStatusThan200)
 {
     Start();
-    for (const long nStatus : {100L, 199L, 201L, 204L, 301L, 500L}) {
-        AnswerWith({nStatus, {"x"}, CURLE_OK});
-        EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u) << nStatus;
+    for (const long status : {100L, 199L, 201L, 204L, 301L, 500L}) {
+        AnswerWith({status, {"x"}, CURLE_OK});
+        EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U) << status;
     }
     EXPECT_TRUE(BufferUntouched());
 }
@@ -446,14 +423,14 @@ TEST_F(EngineSendTest, SyncTakesNoOtherSuccessStatusThan200)
 TEST_F(EngineSendTest, SyncTransferThatFailsWithoutAnswerIsAStatusFailure)
 {
     Start();
-    for (const CURLcode eCode : {CURLE_COULDNT_CONNECT, CURLE_OPERATION_TIMEDOUT, CURLE_SSL_CONNECT_ERROR,
-                                 CURLE_COULDNT_RESOLVE_HOST, CURLE_GOT_NOTHING}) {
-        SCOPED_TRACE(eCode);
+    for (const CURLcode code : {CURLE_COULDNT_CONNECT, CURLE_OPERATION_TIMEDOUT, CURLE_SSL_CONNECT_ERROR,
+                                CURLE_COULDNT_RESOLVE_HOST, CURLE_GOT_NOTHING}) {
+        SCOPED_TRACE(code);
         fake::ClearLines();
-        AnswerWith({0, {}, eCode});
-        EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 10u);
-        ExpectLine(STATUS, LEVEL_INFO, SYNC, " nHttpStatusCode:0\n");
-        EXPECT_EQ(tParam.dwRecvLen, tParam.dwMaxRecvLen);
+        AnswerWith({0, {}, code});
+        EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 10U);
+        ExpectLine(Info(SYNC, STATUS, 0));
+        EXPECT_EQ(param.dwRecvLen, param.dwMaxRecvLen);
     }
     EXPECT_TRUE(BufferUntouched());
     ExpectNoHandleLeft();
@@ -464,10 +441,10 @@ TEST_F(EngineSendTest, SyncTransferCutOffAfterItsStatusGivesWhatCame)
     Start();
     AnswerWith({200, {"half", " an"}, CURLE_PARTIAL_FILE});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
-    EXPECT_STREQ(achRecv, "half an");
-    EXPECT_EQ(tParam.dwRecvLen, 7u);
+    EXPECT_STREQ(received, "half an");
+    EXPECT_EQ(param.dwRecvLen, 7U);
 }
 
 TEST_F(EngineSendTest, SyncAnswerOfExactlyTheCapacityIsTaken)
@@ -475,10 +452,10 @@ TEST_F(EngineSendTest, SyncAnswerOfExactlyTheCapacityIsTaken)
     Start();
     AnswerWith({200, {"0123456789", "abcdef"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 16u);
-    EXPECT_EQ(std::string(achRecv, 18), std::string("0123456789abcdef\0#", 18));
+    EXPECT_EQ(param.dwRecvLen, 16U);
+    EXPECT_EQ(std::string(received, 18), std::string("0123456789abcdef\0#", 18));
     ExpectNoHandleLeft();
 }
 
@@ -487,9 +464,9 @@ TEST_F(EngineSendTest, SyncAnswerOneByteLongerIsRefusedAndItsLengthTold)
     Start();
     AnswerWith({200, {"0123456789", "abcdefg"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 11u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 11U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 17u);
+    EXPECT_EQ(param.dwRecvLen, 17U);
     ExpectSyncStepFailed(7, 11);
 }
 
@@ -498,19 +475,19 @@ TEST_F(EngineSendTest, SyncEmptyAnswerIsATerminator)
     Start();
     AnswerWith({200, {}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 
-    EXPECT_EQ(tParam.dwRecvLen, 0u);
-    EXPECT_EQ(std::string(achRecv, 2), std::string("\0#", 2));
+    EXPECT_EQ(param.dwRecvLen, 0U);
+    EXPECT_EQ(std::string(received, 2), std::string("\0#", 2));
 }
 
 TEST_F(EngineSendTest, SyncWithoutCapacityIsABadArgumentOfTheReadout)
 {
     Start();
     AnswerWith({200, {"x"}, CURLE_OK});
-    tParam.dwMaxRecvLen = 0;
+    param.dwMaxRecvLen = 0;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 1U);
 
     ExpectSyncStepFailed(4, 1);
 }
@@ -520,22 +497,18 @@ TEST_F(EngineSendTest, SyncSuccessSaysNothingMoreInItsOwnName)
     Start();
     AnswerWith({200, {"hello"}, CURLE_OK});
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&(tParam.dwRecvLen = 16, tParam)), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&(param.dwRecvLen = 16, param)), 0U);
 
-    EXPECT_EQ(FormatsOf(SYNC), (std::vector<std::string>{IN_SYNC}));
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
+    ExpectLinesOf(SYNC, {Info(SYNC, IN_SYNC)});
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
     ExpectNoHandleLeft();
 }
 
 TEST_F(EngineSendTest, SyncBeforeTheStartIsTheConvertedRefusal)
 {
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
-
-    ExpectLine(CREATE_FAILED, LEVEL_ERROR, SYNC, "[Error] @ is Failed!\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[4] to ESendByCurlRet[1]\n");
-    EXPECT_LT(PlaceOf(CREATE_FAILED), PlaceOf(CONVERTED));
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
+    ExpectInOrder({CreateFailed(SYNC), Converted(4, 1)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncWithoutEasyHandle)
@@ -543,11 +516,10 @@ TEST_F(EngineSendTest, SyncWithoutEasyHandle)
     Start();
     hooks::easy_init = [] { return nullptr; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
-    ExpectLine(CREATE_FAILED, LEVEL_ERROR, SYNC, "[Error] @ is Failed!\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[1] to ESendByCurlRet[1]\n");
+    ExpectLine(CreateFailed(SYNC));
+    ExpectLine(Converted(1, 1));
 }
 
 TEST_F(EngineSendTest, SyncWithoutMemoryForTheRequest)
@@ -556,29 +528,28 @@ TEST_F(EngineSendTest, SyncWithoutMemoryForTheRequest)
     CountMemory();
     fake::FailMalloc(1);
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 9u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 9U);
 
-    ExpectLine(CREATE_FAILED, LEVEL_ERROR, SYNC, "[Error] @ is Failed!\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[5] to ESendByCurlRet[9]\n");
-    EXPECT_EQ(fake::BlocksAlive(), 0u);
+    ExpectLine(CreateFailed(SYNC));
+    ExpectLine(Converted(5, 9));
+    EXPECT_EQ(fake::BlocksAlive(), 0U);
 }
 
 TEST_F(EngineSendTest, SyncWithoutMemoryForAnyPartOfTheBody)
 {
     Start();
     CountMemory();
-    for (unsigned nNth = 2; nNth <= 5; ++nNth) { /* the first is the request's */
-        SCOPED_TRACE(nNth);
+    for (unsigned nth = 2; nth <= 5; ++nth) { /* the first is the request's */
+        SCOPED_TRACE(nth);
         fake::ClearLines();
         hooks::ClearOptions();
-        fake::FailMalloc(nNth);
-        EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 9u);
-        ExpectLine(STEP_FAILED, LEVEL_INFO, SYNC, " @ is Failed!\n");
-        EXPECT_EQ(fake::BlocksAlive(), 0u);
+        fake::FailMalloc(nth);
+        EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 9U);
+        ExpectLine(StepFailed(SYNC));
+        EXPECT_EQ(fake::BlocksAlive(), 0U);
         EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_URL, CURLOPT_POST}));
     }
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
     ExpectNoHandleLeft();
 }
 
@@ -587,11 +558,11 @@ TEST_F(EngineSendTest, SyncStopsAtARefusedUrl)
     Start();
     hooks::RefuseOption(CURLOPT_URL, CURLE_OUT_OF_MEMORY);
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(1, 1);
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_URL}));
-    EXPECT_EQ(hooks::Calls("curl_slist_append"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_slist_append"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncStopsAtARefusedMethod)
@@ -599,7 +570,7 @@ TEST_F(EngineSendTest, SyncStopsAtARefusedMethod)
     Start();
     hooks::RefuseOption(CURLOPT_POST, CURLE_UNKNOWN_OPTION);
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(1, 1);
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_URL, CURLOPT_POST}));
@@ -609,10 +580,10 @@ TEST_F(EngineSendTest, SyncStopsAtRefusedAuthentication)
 {
     Start();
     hooks::RefuseOption(CURLOPT_HTTPAUTH, CURLE_NOT_BUILT_IN);
-    tParam.bCurlAuth = 1;
-    strcpy(tParam.achUserAndPassWd, "u:p");
+    param.bCurlAuth = 1;
+    strcpy(param.achUserAndPassWd, "u:p");
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(1, 1);
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_URL, CURLOPT_POST, CURLOPT_USERPWD, CURLOPT_HTTPAUTH}));
@@ -621,23 +592,23 @@ TEST_F(EngineSendTest, SyncStopsAtRefusedAuthentication)
 TEST_F(EngineSendTest, SyncStopsAtATimeoutOfZero)
 {
     Start();
-    tParam.dwTimeoutMS = 0;
+    param.dwTimeoutMS = 0;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(4, 1);
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncStopsAtAConnectTimeoutOfZero)
 {
     Start();
-    tParam.dwConnTimeOutMS = 0;
+    param.dwConnTimeOutMS = 0;
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(4, 1);
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
 }
 
 TEST_F(EngineSendTest, SyncStopsWhereTheStatusCannotBeRead)
@@ -646,10 +617,10 @@ TEST_F(EngineSendTest, SyncStopsWhereTheStatusCannotBeRead)
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
     hooks::easy_getinfo = [](CURL *, CURLINFO, void *) { return CURLE_BAD_FUNCTION_ARGUMENT; };
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttpCurl(&param), 1U);
 
     ExpectSyncStepFailed(1, 1);
-    EXPECT_EQ(fake::CountOf(STATUS), 0u);
+    EXPECT_EQ(CountOf(STATUS), 0U);
 }
 
 TEST_F(EngineSendTest, SyncReportsAnAnswerLostForWantOfMemory)
@@ -659,11 +630,11 @@ TEST_F(EngineSendTest, SyncReportsAnAnswerLostForWantOfMemory)
     AnswerWith({200, {"lost"}, CURLE_OK});
     fake::FailRealloc(1);
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 1U);
 
     ExpectSyncStepFailed(1, 1);
     fake::FreeLostBlocks();
-    EXPECT_EQ(fake::BlocksAlive(), 0u);
+    EXPECT_EQ(fake::BlocksAlive(), 0U);
 }
 
 TEST_F(EngineSendTest, SyncGoesOnAfterARefusedBodyOption)
@@ -672,44 +643,44 @@ TEST_F(EngineSendTest, SyncGoesOnAfterARefusedBodyOption)
     AnswerWith({200, {}, CURLE_OK});
     hooks::RefuseOption(CURLOPT_POSTFIELDSIZE, CURLE_UNKNOWN_OPTION);
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U);
 }
 
 TEST_F(EngineSendTest, SyncSendsFromManyThreadsKeepTheirAnswersApart)
 {
     Start();
-    hooks::easy_perform = [](CURL *ptEasy) {
-        std::string strUrl;
-        for (const hooks::Option &tOption : hooks::OptionsOf(CURLOPT_URL)) {
-            if (tOption.ptEasy == ptEasy) {
-                strUrl = tOption.strText;
+    hooks::easy_perform = [](CURL *easy) {
+        std::string url;
+        for (const hooks::Option &option : hooks::OptionsOf(CURLOPT_URL)) {
+            if (option.easy == easy) {
+                url = option.text;
             }
         }
-        return Deliver(ptEasy, {200, {strUrl.substr(strUrl.size() - 4)}, CURLE_OK});
+        return Deliver(easy, {200, {url.substr(url.size() - 4)}, CURLE_OK});
     };
-    hooks::easy_getinfo = [](CURL *, CURLINFO, void *pvValue) {
-        *static_cast<long *>(pvValue) = 200;
+    hooks::easy_getinfo = [](CURL *, CURLINFO, void *value) {
+        *static_cast<long *>(value) = 200;
         return CURLE_OK;
     };
-    std::atomic<int> nWrong{0};
+    std::atomic<int> wrong{0};
 
-    Race(4, [&](unsigned nThread) {
-        for (unsigned nII = 0; nII < 20; ++nII) {
-            char achAnswer[8] = "";
-            const std::string strTag = std::to_string(1000 + nThread * 100 + nII);
-            const std::string strUrl = "http://127.0.0.1:1/" + strTag;
-            TSendByCurlParam tMine = {};
-            tMine.pchURL = strUrl.c_str();
-            tMine.pchSendBuf = "{}";
-            tMine.dwSendLen = 2;
-            tMine.dwConnTimeOutMS = tMine.dwTimeoutMS = 1000;
-            tMine.dwMaxRecvLen = sizeof achAnswer - 1;
-            tMine.pchRecvBuf = achAnswer;
-            nWrong += Qelvo_SendStrByHttp(&tMine, 0) == 0 && strTag == achAnswer ? 0 : 1;
+    Race(4, [&](unsigned index) {
+        for (unsigned i = 0; i < 20; ++i) {
+            char answer[8] = "";
+            const std::string tag = std::to_string(1000 + index * 100 + i);
+            const std::string url = "http://127.0.0.1:1/" + tag;
+            TSendByCurlParam mine = {};
+            mine.pchURL = url.c_str();
+            mine.pchSendBuf = "{}";
+            mine.dwSendLen = 2;
+            mine.dwConnTimeOutMS = mine.dwTimeoutMS = 1000;
+            mine.dwMaxRecvLen = sizeof answer - 1;
+            mine.pchRecvBuf = answer;
+            wrong += Qelvo_SendStrByHttp(&mine, 0) == 0 && tag == answer ? 0 : 1;
         }
     });
 
-    EXPECT_EQ(nWrong, 0);
+    EXPECT_EQ(wrong, 0);
     ExpectNoHandleLeft();
 }
 
@@ -717,10 +688,9 @@ TEST_F(EngineSendTest, SyncSendsFromManyThreadsKeepTheirAnswersApart)
 
 TEST_F(EngineSendTest, AsyncWithoutRecord)
 {
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(nullptr), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(nullptr), 1U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(ONE_NULL, LEVEL_ERROR, ASYNC, "[Error] @ One Param is NULL!\n");
+    ExpectLines({OneNull(ASYNC)});
 }
 
 TEST_F(EngineSendTest, NoPlaceIsTakenForANullRequest)
@@ -729,218 +699,215 @@ TEST_F(EngineSendTest, NoPlaceIsTakenForANullRequest)
 
     EXPECT_FALSE(SendByCurlRegistCallback(nullptr, SendByCurlReqProgressNtf));
 
-    ExpectLine(ONE_NULL, LEVEL_ERROR, "SendByCurlRegistCallback", "[Error] @ One Param is NULL!\n");
-    EXPECT_EQ(SlotsTaken(), 0u);
+    ExpectLine(OneNull("SendByCurlRegistCallback"));
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncWithoutUrl)
 {
     Start();
-    tParam.pchURL = nullptr;
-    tParam.pchSendBuf = nullptr;
+    param.pchURL = nullptr;
+    param.pchSendBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(ASYNC), (std::vector<std::string>{ONE_NULL}));
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLinesOf(ASYNC, {OneNull(ASYNC)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncWithoutBody)
 {
     Start();
-    tParam.pchSendBuf = nullptr;
+    param.pchSendBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(ASYNC), (std::vector<std::string>{TWO_NULL}));
-    ExpectLine(TWO_NULL, LEVEL_ERROR, ASYNC, "[Error] @ Two Param is NULL!\n");
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLinesOf(ASYNC, {TwoNull(ASYNC)});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncWithoutBuffer)
 {
     Start();
-    tParam.pchRecvBuf = nullptr;
+    param.pchRecvBuf = nullptr;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
-    EXPECT_EQ(FormatsOf(ASYNC), (std::vector<std::string>{TWO_NULL}));
-    EXPECT_EQ(SlotsTaken(), 0u);
+    ExpectLinesOf(ASYNC, {TwoNull(ASYNC)});
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncTakesTheFirstSlotAndQueuesTheRequest)
 {
     Start();
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1u);
+    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     ASSERT_NE(g_pfASnycCBParam[0].ptReq, nullptr);
     EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, Collect);
-    EXPECT_EQ(SlotsTaken(), 1u);
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1u);
-    const auto *ptNode =
-        static_cast<const TNvrHttpCurlCltAsyncNode *>(g_hInitHandle->atTasks[0].tRunList.ptHead->pvData);
-    EXPECT_EQ(ptNode->ptReqIn, g_pfASnycCBParam[0].ptReq);
-    EXPECT_EQ(ptNode->pfNtf, SendByCurlReqHttpCurlProgressNtf);
-    EXPECT_EQ(ptNode->pvUserBuf, achRecv);
-    EXPECT_EQ(FormatsOf(ASYNC), std::vector<std::string>());
-    EXPECT_EQ(fake::CountOf(IN_SYNC), 0u);
+    EXPECT_EQ(SlotsTaken(), 1U);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1U);
+    const auto *node = static_cast<const TNvrHttpCurlCltAsyncNode *>(g_hInitHandle->atTasks[0].tRunList.ptHead->pvData);
+    EXPECT_EQ(node->ptReqIn, g_pfASnycCBParam[0].ptReq);
+    EXPECT_EQ(node->pfNtf, SendByCurlReqHttpCurlProgressNtf);
+    EXPECT_EQ(node->pvUserBuf, received);
+    ExpectLinesOf(ASYNC, {});
+    EXPECT_EQ(CountOf(IN_SYNC), 0U);
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
 }
 
 TEST_F(EngineSendTest, AsyncNeverAuthenticates)
 {
     Start();
-    tParam.bCurlAuth = 1;
-    strcpy(tParam.achUserAndPassWd, "user:secret");
+    param.bCurlAuth = 1;
+    strcpy(param.achUserAndPassWd, "user:secret");
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
     EXPECT_EQ(hooks::OptionOrder(), POST_ORDER);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111u);
-    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222u);
-    EXPECT_EQ(HeaderLines(ValueOf(CURLOPT_HTTPHEADER)),
-              (std::vector<std::string>{"Content-Type:application/json;charset=UTF-8", "Expect:"}));
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111U);
+    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222U);
+    EXPECT_EQ(HeaderLines(), (Texts{"Content-Type:application/json;charset=UTF-8", "Expect:"}));
 }
 
 TEST_F(EngineSendTest, AsyncSlotIsRegisteredBeforeTheSubmission)
 {
     Start();
-    TSendByCurlASyncCB tSeen = {};
-    hooks::easy_setopt = [&](CURL *ptEasy, CURLoption eOption, void *pvValue) {
-        if (eOption == CURLOPT_CONNECTTIMEOUT_MS) { /* set by the submission, before it queues */
-            tSeen = g_pfASnycCBParam[0];
+    TSendByCurlASyncCB seen = {};
+    hooks::easy_setopt = [&](CURL *easy, CURLoption option, void *value) {
+        if (option == CURLOPT_CONNECTTIMEOUT_MS) { /* set by the submission, before it queues */
+            seen = g_pfASnycCBParam[0];
         }
-        return hooks::real::easy_setopt(ptEasy, eOption, pvValue);
+        return hooks::real::easy_setopt(easy, option, value);
     };
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(tSeen.bUseFlag, 1u);
-    EXPECT_NE(tSeen.ptReq, nullptr);
-    EXPECT_EQ(tSeen.ptReq, g_pfASnycCBParam[0].ptReq);
-    EXPECT_EQ(tSeen.pfNtf, Collect);
+    EXPECT_EQ(seen.bUseFlag, 1U);
+    EXPECT_NE(seen.ptReq, nullptr);
+    EXPECT_EQ(seen.ptReq, g_pfASnycCBParam[0].ptReq);
+    EXPECT_EQ(seen.pfNtf, Collect);
 }
 
 TEST_F(EngineSendTest, AsyncSlotIsRegisteredAfterThePreparation)
 {
     Start();
-    uint32_t bTaken = 7;
-    hooks::easy_setopt = [&](CURL *ptEasy, CURLoption eOption, void *pvValue) {
-        if (eOption == CURLOPT_NOSIGNAL) { /* the last one of the preparation */
-            bTaken = g_pfASnycCBParam[0].bUseFlag;
+    uint32_t taken = 7;
+    hooks::easy_setopt = [&](CURL *easy, CURLoption option, void *value) {
+        if (option == CURLOPT_NOSIGNAL) { /* the last one of the preparation */
+            taken = g_pfASnycCBParam[0].bUseFlag;
         }
-        return hooks::real::easy_setopt(ptEasy, eOption, pvValue);
+        return hooks::real::easy_setopt(easy, option, value);
     };
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(bTaken, 0u);
+    EXPECT_EQ(taken, 0U);
 }
 
 TEST_F(EngineSendTest, AsyncTakesTheLowestFreeSlot)
 {
     Start();
-    for (const size_t nTaken : {0u, 1u, 3u}) {
-        g_pfASnycCBParam[nTaken].bUseFlag = 1;
+    for (const size_t taken : {0U, 1U, 3U}) {
+        g_pfASnycCBParam[taken].bUseFlag = 1;
     }
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(g_pfASnycCBParam[2].bUseFlag, 1u);
+    EXPECT_EQ(g_pfASnycCBParam[2].bUseFlag, 1U);
     EXPECT_NE(g_pfASnycCBParam[2].ptReq, nullptr);
-    EXPECT_EQ(SlotsTaken(), 4u);
-    for (const size_t nTaken : {0u, 1u, 3u, 4u}) {
-        EXPECT_EQ(g_pfASnycCBParam[nTaken].ptReq, nullptr);
+    EXPECT_EQ(SlotsTaken(), 4U);
+    for (const size_t taken : {0U, 1U, 3U, 4U}) {
+        EXPECT_EQ(g_pfASnycCBParam[taken].ptReq, nullptr);
     }
 }
 
 TEST_F(EngineSendTest, AsyncTakesTheLastSlot)
 {
     Start();
-    for (TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        tSlot.bUseFlag = &tSlot == &g_pfASnycCBParam[1023] ? 0 : 1;
+    for (TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        slot.bUseFlag = &slot == &g_pfASnycCBParam[1023] ? 0 : 1;
     }
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(g_pfASnycCBParam[1023].bUseFlag, 1u);
+    EXPECT_EQ(g_pfASnycCBParam[1023].bUseFlag, 1U);
     EXPECT_NE(g_pfASnycCBParam[1023].ptReq, nullptr);
 }
 
 TEST_F(EngineSendTest, AsyncWithAllSlotsTakenReleasesItsRequest)
 {
     Start();
-    for (TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        tSlot = {1, nullptr, nullptr};
+    for (TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        slot = {1, nullptr, nullptr};
     }
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 4u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 4U);
 
-    ExpectLine(STEP_FAILED, LEVEL_INFO, ASYNC, " @ is Failed!\n");
-    ExpectLine(ASYNC_FAILED, LEVEL_ERROR, DISPATCH, "[Error] Qelvo_ASyncSendStrByHttpCurl Failed! eSendCurlRet:4\n");
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1u);
+    ExpectLine(StepFailed(ASYNC));
+    ExpectLine(Error(DISPATCH, ASYNC_FAILED, 4));
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1U);
     ExpectNoHandleLeft();
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0u);
-    for (const TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        EXPECT_EQ(tSlot.ptReq, nullptr);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0U);
+    for (const TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        EXPECT_EQ(slot.ptReq, nullptr);
     }
 }
 
 TEST_F(EngineSendTest, AsyncSendBeyond1024OutstandingOnesIsRefusedAndLeavesNoRequest)
 {
     Start();
-    std::set<HNvrHttpCurlCltReq> ahReqs;
-    for (size_t nII = 0; nII < 1024; ++nII) {
-        ASSERT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u) << nII;
-        ahReqs.insert(g_pfASnycCBParam[nII].ptReq);
+    std::set<HNvrHttpCurlCltReq> reqs;
+    for (size_t i = 0; i < 1024; ++i) {
+        ASSERT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U) << i;
+        reqs.insert(g_pfASnycCBParam[i].ptReq);
     }
-    EXPECT_EQ(ahReqs.size(), 1024u);
+    EXPECT_EQ(reqs.size(), 1024U);
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 4u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 4U);
 
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1025u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1u);
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1024u);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 1025U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1024U);
 
-    SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[500].ptReq, 1, 0, achRecv);
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
-    EXPECT_EQ(g_pfASnycCBParam[500].bUseFlag, 1u);
+    SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[500].ptReq, 1, 0, received);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
+    EXPECT_EQ(g_pfASnycCBParam[500].bUseFlag, 1U);
 }
 
 TEST_F(EngineSendTest, AsyncRefusedSubmissionLeavesItsSlotMarkedAndShown)
 {
     Start();
-    tParam.dwTimeoutMS = 0;
+    param.dwTimeoutMS = 0;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 1u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 1U);
 
     ExpectAsyncStepFailed(4, 1);
-    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1u);
+    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     EXPECT_NE(g_pfASnycCBParam[0].ptReq, nullptr); /* stale by now */
     EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, Collect);
 
     SendByCurlShow();
-    ExpectLine("%s[L:%d] [%d] bUseFlag:%d, g_pfNtf:%p, ptReq:%p\n", LEVEL_INFO, "SendByCurlShow",
-               " [0] bUseFlag:1, g_pfNtf:" + Ptr(Collect) + ", ptReq:" + Ptr(g_pfASnycCBParam[0].ptReq) + "\n");
+    ExpectLine(Info("SendByCurlShow", " [%d] bUseFlag:%d, g_pfNtf:%p, ptReq:%p\n", 0, 1, Ptr(Collect),
+                    Ptr(g_pfASnycCBParam[0].ptReq)));
 }
 
 TEST_F(EngineSendTest, AsyncEachRefusedSubmissionCostsASlot)
 {
     Start();
-    tParam.dwConnTimeOutMS = 0;
-    for (uint32_t dwII = 0; dwII < 3; ++dwII) {
-        EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    param.dwConnTimeOutMS = 0;
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
     }
-    tParam.dwConnTimeOutMS = 1000;
+    param.dwConnTimeOutMS = 1000;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 0u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
 
-    EXPECT_EQ(SlotsTaken(), 4u);
-    EXPECT_EQ(g_pfASnycCBParam[3].bUseFlag, 1u);
+    EXPECT_EQ(SlotsTaken(), 4U);
+    EXPECT_EQ(g_pfASnycCBParam[3].bUseFlag, 1U);
 }
 
 TEST_F(EngineSendTest, AsyncBeyondTheEnginesLimitIsTheLimitResult)
@@ -948,11 +915,11 @@ TEST_F(EngineSendTest, AsyncBeyondTheEnginesLimitIsTheLimitResult)
     Start();
     g_hInitHandle->dwAsyncReqNum = 1024;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 12u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 12U);
 
     g_hInitHandle->dwAsyncReqNum = 0;
     ExpectAsyncStepFailed(8, 12);
-    EXPECT_EQ(SlotsTaken(), 1u);
+    EXPECT_EQ(SlotsTaken(), 1U);
 }
 
 TEST_F(EngineSendTest, AsyncWithoutMemoryForTheSubmission)
@@ -961,20 +928,20 @@ TEST_F(EngineSendTest, AsyncWithoutMemoryForTheSubmission)
     CountMemory();
     fake::FailMalloc(6); /* the request and its body take five */
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 9u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 9U);
 
     ExpectAsyncStepFailed(5, 9);
-    EXPECT_EQ(SlotsTaken(), 1u);
-    EXPECT_EQ(fake::BlocksAlive(), 0u);
+    EXPECT_EQ(SlotsTaken(), 1U);
+    EXPECT_EQ(fake::BlocksAlive(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncBeforeTheStartIsOneWithoutConversion)
 {
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
-    ExpectLine(CREATE_FAILED, LEVEL_ERROR, ASYNC, "[Error] @ is Failed!\n");
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
-    EXPECT_EQ(SlotsTaken(), 0u);
+    ExpectLine(CreateFailed(ASYNC));
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncCreationFailureIsOneWhateverTheEngineSays)
@@ -983,11 +950,11 @@ TEST_F(EngineSendTest, AsyncCreationFailureIsOneWhateverTheEngineSays)
     CountMemory();
     fake::FailMalloc(1);
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
-    ExpectLine(CREATE_FAILED, LEVEL_ERROR, ASYNC, "[Error] @ is Failed!\n");
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
-    EXPECT_EQ(SlotsTaken(), 0u);
+    ExpectLine(CreateFailed(ASYNC));
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncStopsAtARefusedUrlWithoutASlot)
@@ -995,23 +962,23 @@ TEST_F(EngineSendTest, AsyncStopsAtARefusedUrlWithoutASlot)
     Start();
     hooks::RefuseOption(CURLOPT_URL, CURLE_OUT_OF_MEMORY);
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
     ExpectAsyncStepFailed(1, 1);
     EXPECT_EQ(hooks::OptionOrder(), (Order{CURLOPT_URL}));
-    EXPECT_EQ(SlotsTaken(), 0u);
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncStopsAtARefusedMethodWithoutASlot)
 {
     Start();
     hooks::RefuseOption(CURLOPT_HTTPGET, CURLE_UNKNOWN_OPTION);
-    tParam.eHeadType = 2;
+    param.eHeadType = 2;
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 1u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
 
     ExpectAsyncStepFailed(1, 1);
-    EXPECT_EQ(SlotsTaken(), 0u);
+    EXPECT_EQ(SlotsTaken(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncWithoutMemoryForTheBodyTakesNoSlot)
@@ -1020,11 +987,11 @@ TEST_F(EngineSendTest, AsyncWithoutMemoryForTheBodyTakesNoSlot)
     CountMemory();
     fake::FailMalloc(3);
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&tParam), 9u);
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 9U);
 
     ExpectAsyncStepFailed(5, 9);
-    EXPECT_EQ(SlotsTaken(), 0u);
-    EXPECT_EQ(fake::BlocksAlive(), 0u);
+    EXPECT_EQ(SlotsTaken(), 0U);
+    EXPECT_EQ(fake::BlocksAlive(), 0U);
 }
 
 TEST_F(EngineSendTest, AsyncSendsFromManyThreadsGetSlotsOfTheirOwn)
@@ -1032,19 +999,19 @@ TEST_F(EngineSendTest, AsyncSendsFromManyThreadsGetSlotsOfTheirOwn)
     Start();
 
     Race(4, [&](unsigned) {
-        TSendByCurlParam tMine = tParam;
-        for (int nII = 0; nII < 50; ++nII) {
-            EXPECT_EQ(Qelvo_SendStrByHttp(&tMine, 1), 0u);
+        TSendByCurlParam mine = param;
+        for (int i = 0; i < 50; ++i) {
+            EXPECT_EQ(Qelvo_SendStrByHttp(&mine, 1), 0U);
         }
     });
 
-    std::set<HNvrHttpCurlCltReq> ahReqs;
-    for (size_t nII = 0; nII < 200; ++nII) {
-        EXPECT_EQ(g_pfASnycCBParam[nII].bUseFlag, 1u);
-        ahReqs.insert(g_pfASnycCBParam[nII].ptReq);
+    std::set<HNvrHttpCurlCltReq> reqs;
+    for (size_t i = 0; i < 200; ++i) {
+        EXPECT_EQ(g_pfASnycCBParam[i].bUseFlag, 1U);
+        reqs.insert(g_pfASnycCBParam[i].ptReq);
     }
-    EXPECT_EQ(ahReqs.size(), 200u);
-    EXPECT_EQ(SlotsTaken(), 200u);
+    EXPECT_EQ(reqs.size(), 200U);
+    EXPECT_EQ(SlotsTaken(), 200U);
 }
 
 /* --- the completion callback ----------------------------------------------------------------------- */
@@ -1053,11 +1020,10 @@ TEST_F(EngineSendTest, CompletionWithoutRequest)
 {
     Start();
 
-    SendByCurlReqHttpCurlProgressNtf(nullptr, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(nullptr, 1, 0, received);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(ONE_NULL, LEVEL_ERROR, COMPLETION, "[Error] @ One Param is NULL!\n");
-    EXPECT_EQ(NotifiedSoFar().size(), 0u);
+    ExpectLines({OneNull(COMPLETION)});
+    EXPECT_EQ(NotifiedSoFar().size(), 0U);
 }
 
 /* A free slot holds no request, so "none" must not be found in it. */
@@ -1066,91 +1032,82 @@ TEST_F(EngineSendTest, CompletionWithoutRequestClearsNoSlot)
     Start();
     g_pfASnycCBParam[0] = {1, nullptr, Collect};
 
-    SendByCurlReqHttpCurlProgressNtf(nullptr, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(nullptr, 1, 0, received);
 
-    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1u);
-    EXPECT_EQ(NotifiedSoFar().size(), 0u);
+    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
+    EXPECT_EQ(NotifiedSoFar().size(), 0U);
 }
 
 TEST_F(EngineSendTest, CompletionOfAnUnknownRequestLeavesItAlone)
 {
     Start();
-    HNvrHttpCurlCltReq hReq = nullptr;
-    ASSERT_EQ(NvrHttpCurlCltReqCreat(g_hInitHandle, &hReq), 0u);
+    HNvrHttpCurlCltReq req = nullptr;
+    ASSERT_EQ(NvrHttpCurlCltReqCreat(g_hInitHandle, &req), 0U);
     fake::ClearLines();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(ONE_NULL, LEVEL_ERROR, COMPLETION, "[Error] @ One Param is NULL!\n");
-    EXPECT_EQ(NotifiedSoFar().size(), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0u);
+    ExpectLines({OneNull(COMPLETION)});
+    EXPECT_EQ(NotifiedSoFar().size(), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0U);
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
-    NvrHttpCurlCltReqDestroy(hReq);
+    NvrHttpCurlCltReqDestroy(req);
 }
 
 TEST_F(EngineSendTest, CompletionNotifiesClearsTheSlotAndDestroysTheRequest)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    ASSERT_EQ(NotifiedSoFar().size(), 1u);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 0u);
-    EXPECT_EQ(NotifiedSoFar()[0].pvContext, achRecv);
+    ASSERT_EQ(NotifiedSoFar().size(), 1U);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
+    EXPECT_EQ(NotifiedSoFar()[0].context, received);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0u);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0U);
     ExpectNoHandleLeft();
-    EXPECT_EQ(FormatsOf(COMPLETION), std::vector<std::string>());
-    EXPECT_EQ(fake::CountOf(CONVERTED), 0u);
-    EXPECT_EQ(fake::HeldByThisThread(), 0u);
+    ExpectLinesOf(COMPLETION, {});
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(fake::HeldByThisThread(), 0U);
 }
 
 TEST_F(EngineSendTest, CompletionWithoutContextIsLoggedAndReportedAsTheCodeSays)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, nullptr);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, nullptr);
 
-    ExpectLine(COMPLETED_BADLY, LEVEL_INFO, COMPLETION,
-               " SendByCurlReqHttpCurlProgressNtf which is Failed! eProg:1[0:Error 1:Finish] eHttpCurlErrCode:0\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[0] to ESendByCurlRet[0]\n");
-    ASSERT_EQ(NotifiedSoFar().size(), 1u);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 0u);
-    EXPECT_EQ(NotifiedSoFar()[0].pvContext, nullptr);
+    ExpectLine(Info(COMPLETION, COMPLETED_BADLY, 1, 0));
+    ExpectLine(Converted(0, 0));
+    ASSERT_EQ(NotifiedSoFar().size(), 1U);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
+    EXPECT_EQ(NotifiedSoFar()[0].context, nullptr);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
 }
 
 TEST_F(EngineSendTest, CompletionWithErrorProgressAndCodeZeroIsReportedAsZero)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 0, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 0, 0, received);
 
-    ExpectLine(COMPLETED_BADLY, LEVEL_INFO, COMPLETION,
-               " SendByCurlReqHttpCurlProgressNtf which is Failed! eProg:0[0:Error 1:Finish] eHttpCurlErrCode:0\n");
-    ASSERT_EQ(NotifiedSoFar().size(), 1u);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 0u);
+    ExpectLine(Info(COMPLETION, COMPLETED_BADLY, 0, 0));
+    ASSERT_EQ(NotifiedSoFar().size(), 1U);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
 }
 
 TEST_F(EngineSendTest, CompletionWithAnErrorIsReportedConverted)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 0, 10, achRecv);
-
-    ExpectLine(COMPLETED_BADLY, LEVEL_INFO, COMPLETION,
-               " SendByCurlReqHttpCurlProgressNtf which is Failed! eProg:0[0:Error 1:Finish] eHttpCurlErrCode:10\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[10] to ESendByCurlRet[7]\n");
-    EXPECT_LT(PlaceOf(COMPLETED_BADLY), PlaceOf(CONVERTED));
-    ASSERT_EQ(NotifiedSoFar().size(), 1u);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 7u);
+    SendByCurlReqHttpCurlProgressNtf(req, 0, 10, received);
+    ExpectInOrder({Info(COMPLETION, COMPLETED_BADLY, 0, 10), Converted(10, 7)});
+    ASSERT_EQ(NotifiedSoFar().size(), 1U);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 7U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
     ExpectNoHandleLeft();
 }
@@ -1158,39 +1115,39 @@ TEST_F(EngineSendTest, CompletionWithAnErrorIsReportedConverted)
 TEST_F(EngineSendTest, CompletionWithACodeButFinishedProgressIsReportedConverted)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 11, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 11, received);
 
-    ASSERT_EQ(NotifiedSoFar().size(), 1u);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 14u);
+    ASSERT_EQ(NotifiedSoFar().size(), 1U);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 14U);
 }
 
 TEST_F(EngineSendTest, CompletionOfASendWithoutNotificationIsSilent)
 {
     Start();
-    tParam.pfNtf = nullptr;
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    param.pfNtf = nullptr;
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    EXPECT_EQ(FormatsOf(COMPLETION), std::vector<std::string>());
+    ExpectLinesOf(COMPLETION, {});
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0u);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0U);
     ExpectNoHandleLeft();
 }
 
 TEST_F(EngineSendTest, CompletionFindsItsSlotByTheRequestAlone)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    const HNvrHttpCurlCltReq req = Submitted();
     g_pfASnycCBParam[9] = g_pfASnycCBParam[0];
     g_pfASnycCBParam[0] = {};
     g_pfASnycCBParam[9].bUseFlag = 0;
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    EXPECT_EQ(NotifiedSoFar().size(), 1u);
+    EXPECT_EQ(NotifiedSoFar().size(), 1U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[9]));
     ExpectNoHandleLeft();
 }
@@ -1198,11 +1155,11 @@ TEST_F(EngineSendTest, CompletionFindsItsSlotByTheRequestAlone)
 namespace
 {
 
-ESendByCurlRet g_eOther = 0xFFu;
+ESendByCurlRet other = 0xFFU;
 
-uint32_t CollectOther(ESendByCurlRet eCode, void *)
+uint32_t CollectOther(ESendByCurlRet code, void *)
 {
-    g_eOther = eCode;
+    other = code;
     return 1;
 }
 
@@ -1211,32 +1168,32 @@ uint32_t CollectOther(ESendByCurlRet eCode, void *)
 TEST_F(EngineSendTest, CompletionTakesTheLowestOfTwoMatchingSlots)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
-    g_pfASnycCBParam[5] = {1, hReq, Collect};
+    const HNvrHttpCurlCltReq req = Submitted();
+    g_pfASnycCBParam[5] = {1, req, Collect};
     g_pfASnycCBParam[0].pfNtf = CollectOther;
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    EXPECT_EQ(g_eOther, 0u);
-    EXPECT_EQ(NotifiedSoFar().size(), 0u);
+    EXPECT_EQ(other, 0U);
+    EXPECT_EQ(NotifiedSoFar().size(), 0U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
-    EXPECT_EQ(g_pfASnycCBParam[5].bUseFlag, 1u);
+    EXPECT_EQ(g_pfASnycCBParam[5].bUseFlag, 1U);
 }
 
 namespace
 {
 
 struct Moment {
-    bool bSlotsTaken;
-    uint32_t bUseFlag;
-    size_t nDestroyed;
+    bool tableLocked;
+    uint32_t useFlag;
+    size_t destroyed;
 };
-std::vector<Moment> g_atMoments;
+std::vector<Moment> moments;
 
 uint32_t LookAround(ESendByCurlRet, void *)
 {
-    g_atMoments.push_back({fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]), g_pfASnycCBParam[0].bUseFlag,
-                           hooks::Calls("curl_easy_cleanup")});
+    moments.push_back({fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]), g_pfASnycCBParam[0].bUseFlag,
+                       hooks::Calls("curl_easy_cleanup")});
     return 0;
 }
 
@@ -1245,45 +1202,45 @@ uint32_t LookAround(ESendByCurlRet, void *)
 TEST_F(EngineSendTest, NotificationRunsWithoutTheLockAndBeforeTheRelease)
 {
     Start();
-    tParam.pfNtf = LookAround;
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    param.pfNtf = LookAround;
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    ASSERT_EQ(g_atMoments.size(), 1u);
-    EXPECT_FALSE(g_atMoments[0].bSlotsTaken);
-    EXPECT_EQ(g_atMoments[0].bUseFlag, 1u);
-    EXPECT_EQ(g_atMoments[0].nDestroyed, 0u);
+    ASSERT_EQ(moments.size(), 1U);
+    EXPECT_FALSE(moments[0].tableLocked);
+    EXPECT_EQ(moments[0].useFlag, 1U);
+    EXPECT_EQ(moments[0].destroyed, 0U);
 }
 
 TEST_F(EngineSendTest, CompletionDestroysTheRequestUnderTheTablesLock)
 {
     Start();
-    const HNvrHttpCurlCltReq hReq = Submitted();
-    bool bLocked = false;
-    uint32_t bUseFlag = 0;
-    hooks::easy_cleanup = [&](CURL *ptEasy) {
-        bLocked = fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-        bUseFlag = g_pfASnycCBParam[0].bUseFlag;
-        hooks::real::easy_cleanup(ptEasy);
+    const HNvrHttpCurlCltReq req = Submitted();
+    bool locked = false;
+    uint32_t useFlag = 0;
+    hooks::easy_cleanup = [&](CURL *easy) {
+        locked = fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
+        useFlag = g_pfASnycCBParam[0].bUseFlag;
+        hooks::real::easy_cleanup(easy);
     };
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
-    EXPECT_TRUE(bLocked);
-    EXPECT_EQ(bUseFlag, 1u); /* cleared after, not before */
+    EXPECT_TRUE(locked);
+    EXPECT_EQ(useFlag, 1U); /* cleared after, not before */
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
 }
 
 namespace
 {
 
-TSendByCurlParam *g_ptAgain;
+TSendByCurlParam *again;
 
 uint32_t SendAgain(ESendByCurlRet, void *)
 {
-    g_ptAgain->pfNtf = Collect;
-    return Qelvo_SendStrByHttp(g_ptAgain, 1);
+    again->pfNtf = Collect;
+    return Qelvo_SendStrByHttp(again, 1);
 }
 
 } // namespace
@@ -1291,189 +1248,184 @@ uint32_t SendAgain(ESendByCurlRet, void *)
 TEST_F(EngineSendTest, NotificationMaySendAgain)
 {
     Start();
-    tParam.pfNtf = SendAgain;
-    g_ptAgain = &tParam;
-    const HNvrHttpCurlCltReq hReq = Submitted();
+    param.pfNtf = SendAgain;
+    again = &param;
+    const HNvrHttpCurlCltReq req = Submitted();
 
-    SendByCurlReqHttpCurlProgressNtf(hReq, 1, 0, achRecv);
+    SendByCurlReqHttpCurlProgressNtf(req, 1, 0, received);
 
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
-    EXPECT_EQ(g_pfASnycCBParam[1].bUseFlag, 1u); /* the first was still taken */
+    EXPECT_EQ(g_pfASnycCBParam[1].bUseFlag, 1U); /* the first was still taken */
     EXPECT_EQ(g_pfASnycCBParam[1].pfNtf, Collect);
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1u);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1U);
 }
 
 /* --- the ready-made notification --------------------------------------------------------------------- */
 
 TEST_F(EngineSendTest, ReadyMadeNotificationLogsAndFreesItsContext)
 {
-    char *pchContext = static_cast<char *>(malloc(6));
-    strcpy(pchContext, "reply");
+    char *context = static_cast<char *>(malloc(6));
+    strcpy(context, "reply");
 
-    EXPECT_EQ(SendByCurlReqProgressNtf(7, pchContext), 0u); /* a leak is the leak checker's to find */
+    EXPECT_EQ(SendByCurlReqProgressNtf(7, context), 0U); /* a leak is the leak checker's to find */
 
-    EXPECT_EQ(FormatsOf("SendByCurlReqProgressNtf"), (std::vector<std::string>{NTF_CODE, NTF_CONTEXT, NTF_END}));
-    ExpectLine(NTF_CODE, LEVEL_INFO, "SendByCurlReqProgressNtf", " eErrCode:7\n");
-    ExpectLine(NTF_CONTEXT, LEVEL_INFO, "SendByCurlReqProgressNtf", " pvContext:reply\n");
-    ExpectLine(NTF_END, LEVEL_INFO, "SendByCurlReqProgressNtf", " End-------------------------------\n");
+    ExpectLinesOf("SendByCurlReqProgressNtf",
+                  {Info("SendByCurlReqProgressNtf", NTF_CODE, 7),
+                   Info("SendByCurlReqProgressNtf", NTF_CONTEXT, "reply"), Info("SendByCurlReqProgressNtf", NTF_END)});
 }
 
 TEST_F(EngineSendTest, ReadyMadeNotificationWithoutContext)
 {
-    EXPECT_EQ(SendByCurlReqProgressNtf(0, nullptr), 0u);
+    EXPECT_EQ(SendByCurlReqProgressNtf(0, nullptr), 0U);
 
-    EXPECT_EQ(FormatsOf("SendByCurlReqProgressNtf"), (std::vector<std::string>{NTF_CODE, NTF_END}));
+    ExpectLinesOf("SendByCurlReqProgressNtf",
+                  {Info("SendByCurlReqProgressNtf", NTF_CODE, 0), Info("SendByCurlReqProgressNtf", NTF_END)});
 }
 
 /* --- conversions ---------------------------------------------------------------------------------------- */
 
 TEST_F(EngineSendTest, EngineCodesAreConvertedByTheTable)
 {
-    const ESendByCurlRet aeTable[] = {0, 1, 2, 2, 1, 9, 1, 11, 12, 13, 7, 14, 15, 5};
-    for (uint32_t eClt = 0; eClt < std::size(aeTable); ++eClt) {
-        SCOPED_TRACE(eClt);
+    const ESendByCurlRet table[] = {0, 1, 2, 2, 1, 9, 1, 11, 12, 13, 7, 14, 15, 5};
+    for (uint32_t code = 0; code < std::size(table); ++code) {
+        SCOPED_TRACE(code);
         fake::ClearLines();
-        EXPECT_EQ(HttpCurlCodeToSendByCurlCode(eClt), aeTable[eClt]);
-        EXPECT_EQ(fake::Lines().size(), 1u);
-        ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-                   " Transfer NvrHttpCurlCltRet[" + std::to_string(eClt) + "] to ESendByCurlRet[" +
-                       std::to_string(aeTable[eClt]) + "]\n");
+        EXPECT_EQ(HttpCurlCodeToSendByCurlCode(code), table[code]);
+        ExpectLines({Converted(code, table[code])});
     }
 }
 
 TEST_F(EngineSendTest, EveryCodeBeyondTheTableIsFive)
 {
-    for (const uint32_t eClt : {13u, 14u, 100u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(HttpCurlCodeToSendByCurlCode(eClt), 5u) << eClt;
+    for (const uint32_t code : {13U, 14U, 100U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(HttpCurlCodeToSendByCurlCode(code), 5U) << code;
     }
 }
 
 TEST_F(EngineSendTest, MethodNames)
 {
     const struct {
-        uint32_t eHeadType;
-        const char *szName;
-    } atCases[] = {{0, "POST"}, {1, "PUT"}, {2, "GET"}, {3, "POST"}, {0xFFFFFFFFu, "POST"}};
-    for (const auto &tCase : atCases) {
-        char achName[32] = "";
-        EXPECT_EQ(SendByCurlMethodTransToStr(tCase.eHeadType, achName, sizeof achName), 0u);
-        EXPECT_STREQ(achName, tCase.szName);
+        uint32_t headType;
+        const char *name;
+    } cases[] = {{0, "POST"}, {1, "PUT"}, {2, "GET"}, {3, "POST"}, {0xFFFFFFFFU, "POST"}};
+    for (const auto &each : cases) {
+        char name[32] = "";
+        EXPECT_EQ(SendByCurlMethodTransToStr(each.headType, name, sizeof name), 0U);
+        EXPECT_STREQ(name, each.name);
     }
     EXPECT_EQ(fake::Transcript(), "");
 }
 
 TEST_F(EngineSendTest, MethodNameIsBoundedByTheSize)
 {
-    char achName[8];
-    memset(achName, '#', sizeof achName);
-    EXPECT_EQ(SendByCurlMethodTransToStr(0, achName, 3), 0u);
-    EXPECT_EQ(std::string(achName, 5), std::string("PO\0##", 5));
+    char name[8];
+    memset(name, '#', sizeof name);
+    EXPECT_EQ(SendByCurlMethodTransToStr(0, name, 3), 0U);
+    EXPECT_EQ(std::string(name, 5), std::string("PO\0##", 5));
 
-    memset(achName, '#', sizeof achName);
-    EXPECT_EQ(SendByCurlMethodTransToStr(1, achName, 1), 0u);
-    EXPECT_EQ(std::string(achName, 3), std::string("\0##", 3));
+    memset(name, '#', sizeof name);
+    EXPECT_EQ(SendByCurlMethodTransToStr(1, name, 1), 0U);
+    EXPECT_EQ(std::string(name, 3), std::string("\0##", 3));
 
-    memset(achName, '#', sizeof achName);
-    EXPECT_EQ(SendByCurlMethodTransToStr(2, achName, 0), 0u);
-    EXPECT_EQ(std::string(achName, 3), "###");
+    memset(name, '#', sizeof name);
+    EXPECT_EQ(SendByCurlMethodTransToStr(2, name, 0), 0U);
+    EXPECT_EQ(std::string(name, 3), "###");
 }
 
 TEST_F(EngineSendTest, MethodNameWithoutBuffer)
 {
-    EXPECT_EQ(SendByCurlMethodTransToStr(0, nullptr, 32), 1u);
+    EXPECT_EQ(SendByCurlMethodTransToStr(0, nullptr, 32), 1U);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(ONE_NULL, LEVEL_ERROR, "SendByCurlMethodTransToStr", "[Error] @ One Param is NULL!\n");
+    ExpectLines({OneNull("SendByCurlMethodTransToStr")});
 }
 
 /* --- end to end, on real worker threads ------------------------------------------------------------------- */
 
 TEST_F(EngineSendTest, RealSyncSend)
 {
-    const fixture::LoopbackServer tServer(fixture::Reply("pong"));
-    const std::string strUrl = tServer.Url();
+    const LoopbackServer server(Reply("pong"));
+    const std::string url = server.Url();
     Start(true);
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 0), 0u) << fake::Transcript();
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 0), 0U) << fake::Transcript();
 
-    EXPECT_STREQ(achRecv, "pong");
-    EXPECT_EQ(tParam.dwRecvLen, 4u);
+    EXPECT_STREQ(received, "pong");
+    EXPECT_EQ(param.dwRecvLen, 4U);
 }
 
 TEST_F(EngineSendTest, RealAsyncSendsAreNotifiedOnceEachWithTheirAnswers)
 {
     enum { SENDS = 12 };
-    fixture::LoopbackServer tServer(fixture::Reply("pong"));
-    const std::string strUrl = tServer.Url();
+    LoopbackServer server(Reply("pong"));
+    const std::string url = server.Url();
     Start(true);
-    static char s_achAnswers[SENDS][16];
-    for (auto &achAnswer : s_achAnswers) {
-        tParam.pchURL = strUrl.c_str();
-        tParam.pchRecvBuf = achAnswer;
-        tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
-        EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 0u);
+    static char answers[SENDS][16];
+    for (auto &answer : answers) {
+        param.pchURL = url.c_str();
+        param.pchRecvBuf = answer;
+        param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
+        EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
     }
 
     EXPECT_TRUE(WaitUntil([] { return NotifiedSoFar().size() >= SENDS; })) << fake::Transcript();
     EXPECT_TRUE(WaitUntil([] {
         OspSemTake(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-        const size_t nTaken = SlotsTaken();
+        const size_t taken = SlotsTaken();
         OspSemGive(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-        return nTaken == 0;
+        return taken == 0;
     }));
     NvrHttpCurlCltUninit(g_hInitHandle); /* joins the workers: what follows is all there is */
 
-    std::set<void *> apvContexts;
-    for (const Notified &tOne : NotifiedSoFar()) {
-        EXPECT_EQ(tOne.eCode, 0u);
-        apvContexts.insert(tOne.pvContext);
+    std::set<void *> contexts;
+    for (const Notified &one : NotifiedSoFar()) {
+        EXPECT_EQ(one.code, 0U);
+        contexts.insert(one.context);
     }
     EXPECT_EQ(NotifiedSoFar().size(), static_cast<size_t>(SENDS));
-    EXPECT_EQ(apvContexts.size(), static_cast<size_t>(SENDS));
-    for (const auto &achAnswer : s_achAnswers) {
-        EXPECT_STREQ(achAnswer, "pong");
+    EXPECT_EQ(contexts.size(), static_cast<size_t>(SENDS));
+    for (const auto &answer : answers) {
+        EXPECT_STREQ(answer, "pong");
     }
     ExpectNoHandleLeft();
-    ASSERT_EQ(tServer.Requests().size(), static_cast<size_t>(SENDS));
-    const std::string strRequest = tServer.Requests()[0];
-    EXPECT_NE(strRequest.find("Content-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << strRequest;
-    EXPECT_EQ(strRequest.find("Expect"), std::string::npos) << strRequest;
-    EXPECT_EQ(strRequest.substr(strRequest.size() - 7), "{\"a\":1}");
+    ASSERT_EQ(server.Requests().size(), static_cast<size_t>(SENDS));
+    const std::string request = server.Requests()[0];
+    EXPECT_NE(request.find("Content-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << request;
+    EXPECT_EQ(request.find("Expect"), std::string::npos) << request;
+    EXPECT_EQ(request.substr(request.size() - 7), "{\"a\":1}");
 }
 
 TEST_F(EngineSendTest, RealAsyncSendReportsAnyStatusAsSuccess)
 {
-    const fixture::LoopbackServer tServer(
-        "HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\nConnection: close\r\n\r\nnone");
-    const std::string strUrl = tServer.Url();
+    const LoopbackServer server("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\nConnection: close\r\n\r\nnone");
+    const std::string url = server.Url();
     Start(true);
-    memset(achRecv, 0, sizeof achRecv);
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    memset(received, 0, sizeof received);
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
 
     ASSERT_TRUE(WaitUntil([] { return NotifiedSoFar().size() == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 0u);
-    EXPECT_STREQ(achRecv, "none");
+    EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
+    EXPECT_STREQ(received, "none");
 }
 
 TEST_F(EngineSendTest, RealAsyncSendToARefusingPort)
 {
-    const fixture::ClosedPort tPort;
-    const std::string strUrl = tPort.Url();
+    const ClosedPort port;
+    const std::string url = port.Url();
     Start(true);
-    tParam.pchURL = strUrl.c_str();
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 20000;
+    param.pchURL = url.c_str();
+    param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
 
-    EXPECT_EQ(Qelvo_SendStrByHttp(&tParam, 1), 0u);
+    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
 
     ASSERT_TRUE(WaitUntil([] { return NotifiedSoFar().size() == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
-    EXPECT_EQ(NotifiedSoFar()[0].eCode, 14u);
+    EXPECT_EQ(NotifiedSoFar()[0].code, 14U);
     EXPECT_TRUE(BufferUntouched());
     ExpectNoHandleLeft();
 }

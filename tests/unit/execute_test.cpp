@@ -6,51 +6,34 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/request_fixture.h"
-
-using fixture::Finish;
-using fixture::kError;
-using fixture::kInfo;
-using fixture::kTrace;
-using fixture::L;
-using fixture::Line;
-using fixture::Lines;
-using fixture::Nodes;
-using fixture::Ntf;
-using fixture::P;
-using fixture::SetoptFault;
-using fixture::TakeLog;
+#include "support/hcc_log.h"
+#include "tests/support/engine_fixture.h"
 
 namespace
 {
 
-const char kProcess[] = "NvrHttpCurlCltProcessReq";
-const char kSync[] = "_NvrHttpCurlCltProcSyncReq";
-const char kAsync[] = "_NvrHttpCurlCltProcAsyncReq";
-const char kDestroy[] = "NvrHttpCurlCltReqDestroy";
+using namespace test;
 
-const std::vector<CURLoption> kNoOptions = {};
-const std::vector<CURLoption> kTimeouts = {CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS};
+const char PROCESS[] = "NvrHttpCurlCltProcessReq";
+const char SYNC[] = "_NvrHttpCurlCltProcSyncReq";
+const char ASYNC[] = "_NvrHttpCurlCltProcAsyncReq";
+const char DESTROY[] = "NvrHttpCurlCltReqDestroy";
 
-const uint32_t kSyncMode = NVRHTTPCURLCLT_MODE_SYNC;
-const uint32_t kAsyncMode = NVRHTTPCURLCLT_MODE_ASYNC;
+const std::vector<CURLoption> NO_OPTIONS = {};
+const std::vector<CURLoption> TIMEOUTS = {CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS};
+
+const uint32_t SYNC_MODE = NVRHTTPCURLCLT_MODE_SYNC;
+const uint32_t ASYNC_MODE = NVRHTTPCURLCLT_MODE_ASYNC;
 
 Line Entered()
 {
-    return L(kInfo, kProcess, " In NvrHttpCurlCltProcessReq\n");
+    return Info(PROCESS, " In NvrHttpCurlCltProcessReq\n");
 }
 
 Lines TimeoutLines(const char *func, uint32_t total, uint32_t connect)
 {
-    return {
-        L(kInfo, func, " dwTimeoutMS %u, dwConnTimeOutMS %u\n", total, connect),
-        L(kInfo, func, " dwTimeoutMS: %d, dwConnTimeOutMS: %d\n", static_cast<int>(total), static_cast<int>(connect))};
-}
-
-Lines operator+(Lines a, const Lines &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
+    return {Info(func, " dwTimeoutMS %u, dwConnTimeOutMS %u\n", total, connect),
+            Info(func, " dwTimeoutMS: %d, dwConnTimeOutMS: %d\n", static_cast<int>(total), static_cast<int>(connect))};
 }
 
 /* --- libcurl's codes ------------------------------------------------------------------------------- */
@@ -66,21 +49,21 @@ TEST(ExecuteCodes, FourResultsForAllOfLibcurls)
         } else if (code == 35) {
             expected = 12;
         }
-        EXPECT_EQ(expected, __NvrHttpCurlClt_CurlErrCode2Clt(static_cast<CURLcode>(code))) << code;
+        EXPECT_EQ(__NvrHttpCurlClt_CurlErrCode2Clt(static_cast<CURLcode>(code)), expected) << code;
     }
 }
 
 /* --- the common entry ------------------------------------------------------------------------------- */
 
-class Execute : public fixture::EngineTest
+class Execute : public EngineTest
 {
   protected:
     void ExpectNothingDone()
     {
-        EXPECT_EQ(kNoOptions, hooks::OptionOrder());
-        EXPECT_EQ(0U, hooks::Calls("curl_easy_perform"));
-        EXPECT_EQ(0U, hooks::Calls("sendto"));
-        EXPECT_EQ(0U, inst->dwAsyncReqNum);
+        EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
+        EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
+        EXPECT_EQ(hooks::Calls("sendto"), 0U);
+        EXPECT_EQ(inst->dwAsyncReqNum, 0U);
     }
 
     /* Every lock of the instance is free. */
@@ -91,7 +74,7 @@ class Execute : public fixture::EngineTest
             EXPECT_FALSE(fake::SemIsTaken(inst->atTasks[i].hRunLock));
             EXPECT_FALSE(fake::SemIsTaken(inst->atTasks[i].hFinLock));
         }
-        EXPECT_EQ(0U, fake::HeldByThisThread());
+        EXPECT_EQ(fake::HeldByThisThread(), 0U);
     }
 };
 
@@ -105,8 +88,8 @@ class ExecuteEntry : public Execute
 
     static Lines Refused(HNvrHttpCurlCltReq req, int mode, PFNvrHttpCurlCltNtf ntf)
     {
-        return {L(kError, kProcess, "[Error] invalid arg, ptReqIn %p, ptReq %p, eMode %d, pfNtf %p\n", P(req),
-                  P(req != nullptr ? req->ptReq : nullptr), mode, P(ntf))};
+        return {Error(PROCESS, "[Error] invalid arg, ptReqIn %p, ptReq %p, eMode %d, pfNtf %p\n", Ptr(req),
+                      Ptr(req != nullptr ? req->ptReq : nullptr), mode, Ptr(ntf))};
     }
 };
 
@@ -115,10 +98,10 @@ TEST_F(ExecuteEntry, NeedsARequestWithAnEasyHandle)
     TNvrHttpCurlCltReqInner noHandle = {};
     noHandle.ptInstance = inst;
     for (const uint32_t mode : {0U, 1U, 2U}) {
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(nullptr, 1, 1, mode, Ntf, nullptr));
-        EXPECT_EQ(Refused(nullptr, static_cast<int>(mode), Ntf), TakeLog());
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(&noHandle, 1, 1, mode, Ntf, nullptr));
-        EXPECT_EQ(Refused(&noHandle, static_cast<int>(mode), Ntf), TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(nullptr, 1, 1, mode, Notify, nullptr), 4U);
+        ExpectLines(Refused(nullptr, static_cast<int>(mode), Notify));
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(&noHandle, 1, 1, mode, Notify, nullptr), 4U);
+        ExpectLines(Refused(&noHandle, static_cast<int>(mode), Notify));
     }
     ExpectNothingDone();
 }
@@ -126,10 +109,10 @@ TEST_F(ExecuteEntry, NeedsARequestWithAnEasyHandle)
 TEST_F(ExecuteEntry, NeedsACallbackInModeOne)
 {
     HNvrHttpCurlCltReq req = Create();
-    EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, 1, 1, 1, nullptr, nullptr));
-    EXPECT_EQ(Refused(req, 1, nullptr), TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 1, 1, 1, nullptr, nullptr), 4U);
+    ExpectLines(Refused(req, 1, nullptr));
     ExpectNothingDone();
-    EXPECT_EQ(0U, req->dwTaskIndex);
+    EXPECT_EQ(req->dwTaskIndex, 0U);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -137,8 +120,8 @@ TEST_F(ExecuteEntry, NeedsNoCallbackInModeZero)
 {
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
     HNvrHttpCurlCltReq req = Create();
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 1, 1, 0, nullptr, nullptr));
-    EXPECT_EQ(1U, hooks::Calls("curl_easy_perform"));
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 1, 1, 0, nullptr, nullptr), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 1U);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -146,12 +129,10 @@ TEST_F(ExecuteEntry, KnowsTwoModes)
 {
     HNvrHttpCurlCltReq req = Create();
     for (const uint32_t mode : {2U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, 1, 1, mode, Ntf, nullptr));
-        EXPECT_EQ((Lines{Entered(), L(kError, kProcess, "[Error] unknown mode %d\n", static_cast<int>(mode))}),
-                  TakeLog());
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, 0, 0, mode, nullptr, nullptr));
-        EXPECT_EQ((Lines{Entered(), L(kError, kProcess, "[Error] unknown mode %d\n", static_cast<int>(mode))}),
-                  TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 1, 1, mode, Notify, nullptr), 4U);
+        ExpectLines({Entered(), Error(PROCESS, "[Error] unknown mode %d\n", static_cast<int>(mode))});
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 0, 0, mode, nullptr, nullptr), 4U);
+        ExpectLines({Entered(), Error(PROCESS, "[Error] unknown mode %d\n", static_cast<int>(mode))});
     }
     ExpectNothingDone();
     NvrHttpCurlCltReqDestroy(req);
@@ -186,23 +167,22 @@ TEST_F(ExecuteSync, SetsTheTimeoutsAndPerforms)
     hooks::easy_perform = [&](CURL *easy) {
         performed = easy;
         now += 250; /* in ticks of 10 ms; elapsed time is told in whole seconds */
-        EXPECT_EQ(kTimeouts, hooks::OptionOrder());
-        EXPECT_EQ(0U, fake::HeldByThisThread());
+        EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
+        EXPECT_EQ(fake::HeldByThisThread(), 0U);
         return CURLE_OK;
     };
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 7000, 3000, kSyncMode, Ntf, this));
-    EXPECT_EQ(req->ptReq, performed);
-    EXPECT_EQ((Lines{Entered(), L(kInfo, kSync, " in _NvrHttpCurlCltProcSyncReq\n")} + TimeoutLines(kSync, 7000, 3000) +
-               Lines{L(kInfo, kSync, " use time %u{ms}\n", 2000U)}),
-              TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 7000, 3000, SYNC_MODE, Notify, this), 0U);
+    EXPECT_EQ(performed, req->ptReq);
+    ExpectLines(Lines{Entered(), Info(SYNC, " in _NvrHttpCurlCltProcSyncReq\n")} + TimeoutLines(SYNC, 7000, 3000) +
+                Lines{Info(SYNC, " use time %u{ms}\n", 2000U)});
     const std::vector<hooks::Option> options = hooks::Options();
-    ASSERT_EQ(2U, options.size());
-    EXPECT_EQ(3000U, options[0].uValue);
-    EXPECT_EQ(7000U, options[1].uValue);
-    EXPECT_EQ(req->ptReq, options[0].ptEasy);
-    EXPECT_TRUE(fixture::g_completions.empty());
-    EXPECT_EQ(0U, req->dwTaskIndex);
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
+    ASSERT_EQ(options.size(), 2U);
+    EXPECT_EQ(options[0].value, 3000U);
+    EXPECT_EQ(options[1].value, 7000U);
+    EXPECT_EQ(options[0].easy, req->ptReq);
+    EXPECT_TRUE(completions.empty());
+    EXPECT_EQ(req->dwTaskIndex, 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
 }
 
 TEST_F(ExecuteSync, TakesItsStartTickFirst)
@@ -213,10 +193,10 @@ TEST_F(ExecuteSync, TakesItsStartTickFirst)
         return clock_t{100};
     };
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 1, 1, kSyncMode, nullptr, nullptr));
-    ASSERT_EQ(2U, linesAtTick.size());
-    EXPECT_EQ(1U, linesAtTick[0]);
-    EXPECT_EQ(4U, linesAtTick[1]);
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 1, 1, SYNC_MODE, nullptr, nullptr), 0U);
+    ASSERT_EQ(linesAtTick.size(), 2U);
+    EXPECT_EQ(linesAtTick[0], 1U);
+    EXPECT_EQ(linesAtTick[1], 4U);
 }
 
 TEST_F(ExecuteSync, MeasuresAcrossTheWrapOfTheTicks)
@@ -227,19 +207,19 @@ TEST_F(ExecuteSync, MeasuresAcrossTheWrapOfTheTicks)
         now += 300;
         return CURLE_OK;
     };
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 1, 1, kSyncMode, nullptr, nullptr));
-    EXPECT_EQ(1U, fixture::Count(L(kInfo, kSync, " use time %u{ms}\n", 3000U)));
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 1, 1, SYNC_MODE, nullptr, nullptr), 0U);
+    ExpectLine(Info(SYNC, " use time %u{ms}\n", 3000U));
 }
 
 TEST_F(ExecuteSync, PassesTheWholeRangeOfTimeouts)
 {
     hooks::easy_setopt = [](CURL *, CURLoption, void *) { return CURLE_OK; };
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 0xFFFFFFFFU, 0x80000000U, kSyncMode, nullptr, nullptr));
-    EXPECT_EQ(0x80000000U, hooks::OptionsOf(CURLOPT_CONNECTTIMEOUT_MS).at(0).uValue);
-    EXPECT_EQ(0xFFFFFFFFU, hooks::OptionsOf(CURLOPT_TIMEOUT_MS).at(0).uValue);
-    for (const Line &line : TimeoutLines(kSync, 0xFFFFFFFFU, 0x80000000U)) {
-        EXPECT_EQ(1U, fixture::Count(line));
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 0xFFFFFFFFU, 0x80000000U, SYNC_MODE, nullptr, nullptr), 0U);
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_CONNECTTIMEOUT_MS).at(0).value, 0x80000000U);
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_TIMEOUT_MS).at(0).value, 0xFFFFFFFFU);
+    for (const Line &line : TimeoutLines(SYNC, 0xFFFFFFFFU, 0x80000000U)) {
+        ExpectLine(line);
     }
 }
 
@@ -247,12 +227,11 @@ TEST_F(ExecuteSync, NeedsBothTimeouts)
 {
     const uint32_t cases[][2] = {{0, 5}, {5, 0}, {0, 0}};
     for (const auto &timeouts : cases) {
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, timeouts[0], timeouts[1], kSyncMode, nullptr, nullptr));
-        EXPECT_EQ((Lines{Entered(), L(kInfo, kSync, " in _NvrHttpCurlCltProcSyncReq\n"),
-                         L(kError, kSync,
-                           "[Error] invalid arg, ptReqIn %p, ptReqIn->ptReq %p, dwTimeoutMS %u, dwConnTimeOutMS %u\n",
-                           P(req), P(req->ptReq), timeouts[0], timeouts[1])}),
-                  TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, timeouts[0], timeouts[1], SYNC_MODE, nullptr, nullptr), 4U);
+        ExpectLines(
+            {Entered(), Info(SYNC, " in _NvrHttpCurlCltProcSyncReq\n"),
+             Error(SYNC, "[Error] invalid arg, ptReqIn %p, ptReqIn->ptReq %p, dwTimeoutMS %u, dwConnTimeOutMS %u\n",
+                   Ptr(req), Ptr(req->ptReq), timeouts[0], timeouts[1])});
     }
     ExpectNothingDone();
 }
@@ -262,17 +241,15 @@ TEST_F(ExecuteSync, ReportsSuccessForAFailedTransfer)
     for (const CURLcode code :
          {CURLE_COULDNT_CONNECT, CURLE_OPERATION_TIMEDOUT, CURLE_SSL_CONNECT_ERROR, CURLE_WRITE_ERROR}) {
         hooks::easy_perform = [=](CURL *) { return code; };
-        EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 2, 1, kSyncMode, nullptr, nullptr));
-        EXPECT_EQ(
-            (Lines{Entered(), L(kInfo, kSync, " in _NvrHttpCurlCltProcSyncReq\n")} + TimeoutLines(kSync, 2, 1) +
-             Lines{L(kError, kSync, "[Error] curl_easy_perform is failed{ErrorCode:%d} {ErrorStr:%s}\n",
-                     static_cast<int>(code), curl_easy_strerror(code)),
-                   L(kInfo, "CurlCodeToHttpCurlCode", " Transfer CURLcode[%d] to NvrHttpCurlCltRet[%d]\n", 0, 0)}),
-            TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 2, 1, SYNC_MODE, nullptr, nullptr), 0U);
+        ExpectLines(Lines{Entered(), Info(SYNC, " in _NvrHttpCurlCltProcSyncReq\n")} + TimeoutLines(SYNC, 2, 1) +
+                    Lines{Error(SYNC, "[Error] curl_easy_perform is failed{ErrorCode:%d} {ErrorStr:%s}\n",
+                                static_cast<int>(code), curl_easy_strerror(code)),
+                          Info("CurlCodeToHttpCurlCode", " Transfer CURLcode[%d] to NvrHttpCurlCltRet[%d]\n", 0, 0)});
     }
 }
 
-class ExecuteSyncRefused : public ExecuteSync, public ::testing::WithParamInterface<CURLoption>
+class ExecuteSyncRefused : public ExecuteSync, public testing::WithParamInterface<CURLoption>
 {
 };
 
@@ -280,32 +257,32 @@ TEST_P(ExecuteSyncRefused, TimeoutIsOnlyLogged)
 {
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
     hooks::RefuseOption(GetParam(), CURLE_BAD_FUNCTION_ARGUMENT);
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 2, 1, kSyncMode, nullptr, nullptr));
-    EXPECT_EQ(1U, fixture::Count(SetoptFault(kSync, CURLE_BAD_FUNCTION_ARGUMENT)));
-    EXPECT_EQ(kTimeouts, hooks::OptionOrder());
-    EXPECT_EQ(1U, hooks::Calls("curl_easy_perform"));
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 2, 1, SYNC_MODE, nullptr, nullptr), 0U);
+    ExpectLine(SetoptFault(SYNC, CURLE_BAD_FUNCTION_ARGUMENT));
+    EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, ExecuteSyncRefused, ::testing::Values(CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS),
+INSTANTIATE_TEST_SUITE_P(Each, ExecuteSyncRefused, testing::Values(CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS),
                          [](const auto &test) { return "option" + std::to_string(test.param); });
 
 TEST_F(ExecuteSync, AClosedPortIsNoFailure)
 {
-    const fixture::ClosedPort closed;
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqUri(req, closed.Url().c_str()));
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 20000, 20000, kSyncMode, nullptr, nullptr));
-    EXPECT_EQ(1U, fixture::Count(L(kError, kSync, "[Error] curl_easy_perform is failed{ErrorCode:%d} {ErrorStr:%s}\n",
-                                   7, curl_easy_strerror(CURLE_COULDNT_CONNECT))));
+    const ClosedPort closed;
+    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, closed.Url().c_str()), 0U);
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, SYNC_MODE, nullptr, nullptr), 0U);
+    ExpectLine(Error(SYNC, "[Error] curl_easy_perform is failed{ErrorCode:%d} {ErrorStr:%s}\n", 7,
+                     curl_easy_strerror(CURLE_COULDNT_CONNECT)));
 }
 
 TEST_F(ExecuteSync, ABoundRequestKeepsItsNode)
 {
     hooks::easy_perform = [](CURL *) { return CURLE_OK; };
     HNvrHttpCurlCltReq bound = CreateFinished();
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(bound, 2, 1, kSyncMode, nullptr, nullptr));
-    EXPECT_EQ(1U, bound->dwTaskIndex);
-    EXPECT_NE(nullptr, fixture::FindListNode(inst->atTasks[0].tFinList, bound));
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(bound, 2, 1, SYNC_MODE, nullptr, nullptr), 0U);
+    EXPECT_EQ(bound->dwTaskIndex, 1U);
+    EXPECT_NE(FindListNode(inst->atTasks[0].tFinList, bound), nullptr);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
     NvrHttpCurlCltReqDestroy(bound);
 }
 
@@ -316,36 +293,35 @@ class ExecuteAsync : public Execute
   protected:
     static Line Refused(HNvrHttpCurlCltReq req, uint32_t total, uint32_t connect)
     {
-        return L(kError, kAsync, "[Error] invalid arg, ptReqIn %p, dwTimeoutMS %u, dwConnTimeOutMS %u, pfNtf %p\n",
-                 P(req), total, connect, P(Ntf));
+        return Error(ASYNC, "[Error] invalid arg, ptReqIn %p, dwTimeoutMS %u, dwConnTimeOutMS %u, pfNtf %p\n", Ptr(req),
+                     total, connect, Ptr(Notify));
     }
 
     static Line AtLimit(uint32_t count, uint32_t most)
     {
-        return L(kError, kAsync, "[Error] dwAsyncReqNum(%u) >= dwAsyncReqMaxNum(%u)\n", count, most);
+        return Error(ASYNC, "[Error] dwAsyncReqNum(%u) >= dwAsyncReqMaxNum(%u)\n", count, most);
     }
 
     static Line Woken(const TNvrHttpCurlCltTask &task)
     {
-        return L(kInfo, "_NvrHttpCurlClt_SocketNotify", " Notify scoket{%d} port{%d} is ok.\n",
-                 task.tUdpMonitorSock.nSock, task.tUdpMonitorSock.wPort);
+        return Info("_NvrHttpCurlClt_SocketNotify", " Notify scoket{%d} port{%d} is ok.\n", task.tUdpMonitorSock.nSock,
+                    task.tUdpMonitorSock.wPort);
     }
 
     static Line JoinedIn(const TNvrHttpCurlCltTask &task)
     {
-        return L(kInfo, kAsync, " JoinIn Task{%p, %s}\n", reinterpret_cast<const void *>(task.qwTaskID),
-                 task.szThreadName);
+        return Info(ASYNC, " JoinIn Task{%p, %s}\n", reinterpret_cast<const void *>(task.qwTaskID), task.szThreadName);
     }
 
     static Line InsertFailed()
     {
-        return L(kError, kAsync, "[Error] NVRHCCListInsertBefore() failed %d\n", 3);
+        return Error(ASYNC, "[Error] NVRHCCListInsertBefore() failed %d\n", 3);
     }
 
     static Lines NotFound(HNvrHttpCurlCltReq req)
     {
-        return {L(kTrace, kAsync, " cannot find node for ptReqIn %p, taskindex %u\n", P(req), req->dwTaskIndex),
-                L(kError, kAsync, "[Error] cannot find node for ptReqIn %p, taskindex %u\n", P(req), req->dwTaskIndex)};
+        return {Trace(ASYNC, " cannot find node for ptReqIn %p, taskindex %u\n", Ptr(req), req->dwTaskIndex),
+                Error(ASYNC, "[Error] cannot find node for ptReqIn %p, taskindex %u\n", Ptr(req), req->dwTaskIndex)};
     }
 
     /* The datagrams that wait on a task's socket. */
@@ -380,7 +356,7 @@ class ExecuteAsync : public Execute
     }
 
     std::vector<HNvrHttpCurlCltReq> requests;
-    const std::string kDatagram = std::string("b\0", 2);
+    const std::string DATAGRAM = std::string("b\0", 2);
 };
 
 TEST_F(ExecuteAsync, NeedsAnInstanceAndBothTimeouts)
@@ -389,15 +365,15 @@ TEST_F(ExecuteAsync, NeedsAnInstanceAndBothTimeouts)
     HNvrHttpCurlCltReq req = Create();
     const uint32_t cases[][2] = {{0, 5}, {5, 0}, {0, 0}};
     for (const auto &timeouts : cases) {
-        EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, timeouts[0], timeouts[1], kAsyncMode, Ntf, nullptr));
-        EXPECT_EQ((Lines{Entered(), Refused(req, timeouts[0], timeouts[1])}), TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, timeouts[0], timeouts[1], ASYNC_MODE, Notify, nullptr), 4U);
+        ExpectLines({Entered(), Refused(req, timeouts[0], timeouts[1])});
     }
     req->ptInstance = nullptr;
-    EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(req, 6, 5, kAsyncMode, Ntf, nullptr));
-    EXPECT_EQ((Lines{Entered(), Refused(req, 6, 5)}), TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 6, 5, ASYNC_MODE, Notify, nullptr), 4U);
+    ExpectLines({Entered(), Refused(req, 6, 5)});
     req->ptInstance = inst;
     ExpectNothingDone();
-    EXPECT_EQ(0U, req->dwTaskIndex);
+    EXPECT_EQ(req->dwTaskIndex, 0U);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -405,11 +381,11 @@ TEST_F(ExecuteAsync, AnInstanceWithoutTasksRefusesBeforeItsLimit)
 {
     Start(0, 0);
     HNvrHttpCurlCltReq req = Create();
-    EXPECT_EQ(4U, Submit(req));
-    EXPECT_EQ((Lines{Entered(), Refused(req, 5000, 4000)}), TakeLog());
+    EXPECT_EQ(Submit(req), 4U);
+    ExpectLines({Entered(), Refused(req, 5000, 4000)});
     ExpectNothingDone();
-    EXPECT_EQ(0U, req->dwTaskIndex);
-    EXPECT_EQ(blocksOfInstance + 1, fake::BlocksAlive());
+    EXPECT_EQ(req->dwTaskIndex, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 1);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -418,9 +394,9 @@ TEST_F(ExecuteAsync, ALimitOfZeroTakesNothing)
     Start(1, 0);
     HNvrHttpCurlCltReq req = Create();
     const size_t mallocs = fake::Mallocs();
-    EXPECT_EQ(8U, Submit(req));
-    EXPECT_EQ((Lines{Entered(), AtLimit(0, 0)}), TakeLog());
-    EXPECT_EQ(mallocs, fake::Mallocs());
+    EXPECT_EQ(Submit(req), 8U);
+    ExpectLines({Entered(), AtLimit(0, 0)});
+    EXPECT_EQ(fake::Mallocs(), mallocs);
     ExpectNothingDone();
     ExpectLocksFree();
     NvrHttpCurlCltReqDestroy(req);
@@ -432,13 +408,13 @@ TEST_F(ExecuteAsync, FinishedRequestsCountUntilTheyAreDestroyed)
     HNvrHttpCurlCltReq first = CreateFinished();
     HNvrHttpCurlCltReq second = CreateFinished();
     HNvrHttpCurlCltReq third = Create();
-    EXPECT_EQ(8U, Submit(third));
-    EXPECT_EQ((Lines{Entered(), AtLimit(2, 2)}), TakeLog());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(Submit(third), 8U);
+    ExpectLines({Entered(), AtLimit(2, 2)});
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
     NvrHttpCurlCltReqDestroy(first);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    EXPECT_EQ(0U, Submit(third));
-    EXPECT_EQ(2U, inst->dwAsyncReqNum);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    EXPECT_EQ(Submit(third), 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 2U);
     NvrHttpCurlCltReqDestroy(second);
     NvrHttpCurlCltReqDestroy(third);
 }
@@ -447,9 +423,9 @@ TEST_F(ExecuteAsync, TheLimitHoldsForRepeatedSubmissionsToo)
 {
     Start(1, 1);
     HNvrHttpCurlCltReq req = CreateFinished();
-    EXPECT_EQ(8U, Submit(req));
-    EXPECT_EQ((Lines{Entered(), AtLimit(1, 1)}), TakeLog());
-    EXPECT_NE(nullptr, fixture::FindListNode(inst->atTasks[0].tFinList, req));
+    EXPECT_EQ(Submit(req), 8U);
+    ExpectLines({Entered(), AtLimit(1, 1)});
+    EXPECT_NE(FindListNode(inst->atTasks[0].tFinList, req), nullptr);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -459,24 +435,24 @@ TEST_F(ExecuteAsync, QueuesANodeAndWakesTheTask)
     TNvrHttpCurlCltTask &task = inst->atTasks[0];
     HNvrHttpCurlCltReq req = Create();
     char buffer[8];
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 7000, 3000, kAsyncMode, Ntf, buffer));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 7000, 3000) + Lines{JoinedIn(task), Woken(task)}), TakeLog());
-    EXPECT_EQ(kTimeouts, hooks::OptionOrder());
-    EXPECT_EQ(3000U, hooks::Options().at(0).uValue);
-    EXPECT_EQ(7000U, hooks::Options().at(1).uValue);
-    EXPECT_EQ(1U, req->dwTaskIndex);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    EXPECT_EQ(0U, hooks::Calls("curl_easy_perform"));
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 7000, 3000, ASYNC_MODE, Notify, buffer), 0U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 7000, 3000) + Lines{JoinedIn(task), Woken(task)});
+    EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
+    EXPECT_EQ(hooks::Options().at(0).value, 3000U);
+    EXPECT_EQ(hooks::Options().at(1).value, 7000U);
+    EXPECT_EQ(req->dwTaskIndex, 1U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 0U);
 
-    ASSERT_EQ(1U, task.tRunList.dwNumOfElem);
-    EXPECT_EQ(0U, task.tFinList.dwNumOfElem);
+    ASSERT_EQ(task.tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(task.tFinList.dwNumOfElem, 0U);
     const TNvrHttpCurlCltAsyncNode *node = Nodes(task.tRunList)[0];
-    EXPECT_EQ(req, node->ptReqIn);
-    EXPECT_EQ(P(Ntf), P(node->pfNtf));
-    EXPECT_EQ(buffer, node->pvUserBuf);
-    EXPECT_EQ(0U, node->bInMulti);
-    EXPECT_EQ(std::vector<std::string>{kDatagram}, Datagrams(task));
-    EXPECT_EQ(blocksOfInstance + 3, fake::BlocksAlive());
+    EXPECT_EQ(node->ptReqIn, req);
+    EXPECT_EQ(Ptr(node->pfNtf), Ptr(Notify));
+    EXPECT_EQ(node->pvUserBuf, buffer);
+    EXPECT_EQ(node->bInMulti, 0U);
+    EXPECT_EQ(Datagrams(task), std::vector<std::string>{DATAGRAM});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 3);
     ExpectLocksFree();
     NvrHttpCurlCltReqDestroy(req);
 }
@@ -489,9 +465,9 @@ TEST_F(ExecuteAsync, TheLatestStandsAtTheHead)
     for (const TNvrHttpCurlCltAsyncNode *node : Nodes(inst->atTasks[0].tRunList)) {
         order.push_back(node->ptReqIn);
     }
-    EXPECT_EQ((std::vector<HNvrHttpCurlCltReq>{requests[2], requests[1], requests[0]}), order);
-    EXPECT_EQ(3U, inst->dwAsyncReqNum);
-    EXPECT_EQ(3U, Datagrams(inst->atTasks[0]).size());
+    EXPECT_EQ(order, (std::vector<HNvrHttpCurlCltReq>{requests[2], requests[1], requests[0]}));
+    EXPECT_EQ(inst->dwAsyncReqNum, 3U);
+    EXPECT_EQ(Datagrams(inst->atTasks[0]).size(), 3U);
 }
 
 TEST_F(ExecuteAsync, WakesTheTaskWithNoLockHeld)
@@ -503,19 +479,19 @@ TEST_F(ExecuteAsync, WakesTheTaskWithNoLockHeld)
     hooks::sys_sendto = [&](int sock, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length) {
         ExpectLocksFree();
         queued = task.tRunList.dwNumOfElem;
-        EXPECT_EQ(task.tUdpMonitorSock.nSock, sock);
-        EXPECT_EQ(htons(task.tUdpMonitorSock.wPort), reinterpret_cast<const sockaddr_in *>(to)->sin_port);
+        EXPECT_EQ(sock, task.tUdpMonitorSock.nSock);
+        EXPECT_EQ(reinterpret_cast<const sockaddr_in *>(to)->sin_port, htons(task.tUdpMonitorSock.wPort));
         return hooks::real::sys_sendto(sock, data, size, flags, to, length);
     };
     SubmitMany(1);
-    EXPECT_EQ(1U, queued);
-    EXPECT_EQ(2U, hooks::Calls("sendto"));
+    EXPECT_EQ(queued, 1U);
+    EXPECT_EQ(hooks::Calls("sendto"), 2U);
 
     Finish(task, requests[1]);
     queued = 0;
-    EXPECT_EQ(0U, Submit(requests[1]));
-    EXPECT_EQ(1U, queued);
-    EXPECT_EQ(3U, hooks::Calls("sendto"));
+    EXPECT_EQ(Submit(requests[1]), 0U);
+    EXPECT_EQ(queued, 1U);
+    EXPECT_EQ(hooks::Calls("sendto"), 3U);
 }
 
 TEST_F(ExecuteAsync, AFailedWakeUpIsNoFailure)
@@ -523,8 +499,8 @@ TEST_F(ExecuteAsync, AFailedWakeUpIsNoFailure)
     Start(1, 8);
     hooks::sys_sendto = [](int, const void *, size_t, int, const sockaddr *, socklen_t) -> ssize_t { return -1; };
     HNvrHttpCurlCltReq req = Create();
-    EXPECT_EQ(0U, Submit(req));
-    EXPECT_EQ(1U, inst->atTasks[0].tRunList.dwNumOfElem);
+    EXPECT_EQ(Submit(req), 0U);
+    EXPECT_EQ(inst->atTasks[0].tRunList.dwNumOfElem, 1U);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -534,12 +510,11 @@ TEST_F(ExecuteAsync, RefusedTimeoutsAreOnlyLogged)
     hooks::RefuseOption(CURLOPT_CONNECTTIMEOUT_MS, CURLE_BAD_FUNCTION_ARGUMENT);
     hooks::RefuseOption(CURLOPT_TIMEOUT_MS, CURLE_UNKNOWN_OPTION);
     HNvrHttpCurlCltReq req = Create();
-    EXPECT_EQ(0U, Submit(req));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) +
-               Lines{SetoptFault(kAsync, CURLE_BAD_FUNCTION_ARGUMENT), SetoptFault(kAsync, CURLE_UNKNOWN_OPTION),
-                     JoinedIn(inst->atTasks[0]), Woken(inst->atTasks[0])}),
-              TakeLog());
-    EXPECT_EQ(kTimeouts, hooks::OptionOrder());
+    EXPECT_EQ(Submit(req), 0U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) +
+                Lines{SetoptFault(ASYNC, CURLE_BAD_FUNCTION_ARGUMENT), SetoptFault(ASYNC, CURLE_UNKNOWN_OPTION),
+                      JoinedIn(inst->atTasks[0]), Woken(inst->atTasks[0])});
+    EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -548,7 +523,7 @@ TEST_F(ExecuteAsync, RefusedTimeoutsAreOnlyLogged)
 TEST_F(ExecuteAsync, TiesGoToTheFirstTask)
 {
     Start(3, 100);
-    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2, 0, 1, 2, 0}), SubmitMany(7));
+    EXPECT_EQ(SubmitMany(7), (std::vector<uint32_t>{0, 1, 2, 0, 1, 2, 0}));
 }
 
 TEST_F(ExecuteAsync, TheShortestRunListIsChosen)
@@ -557,8 +532,8 @@ TEST_F(ExecuteAsync, TheShortestRunListIsChosen)
     SubmitMany(6);
     NvrHttpCurlCltReqDestroy(requests[4]);
     requests[4] = CreateQueued();
-    EXPECT_EQ(2U, requests[4]->dwTaskIndex);
-    EXPECT_EQ((std::vector<uint32_t>{0, 1, 2}), SubmitMany(3));
+    EXPECT_EQ(requests[4]->dwTaskIndex, 2U);
+    EXPECT_EQ(SubmitMany(3), (std::vector<uint32_t>{0, 1, 2}));
 }
 
 TEST_F(ExecuteAsync, FinishedRequestsAreNoLoad)
@@ -568,7 +543,7 @@ TEST_F(ExecuteAsync, FinishedRequestsAreNoLoad)
     for (const size_t i : {2U, 5U}) {
         Finish(inst->atTasks[2], requests[i]);
     }
-    EXPECT_EQ((std::vector<uint32_t>{2, 2, 0}), SubmitMany(3));
+    EXPECT_EQ(SubmitMany(3), (std::vector<uint32_t>{2, 2, 0}));
 }
 
 TEST_F(ExecuteAsync, ARequestStaysWithItsTask)
@@ -579,10 +554,10 @@ TEST_F(ExecuteAsync, ARequestStaysWithItsTask)
     SubmitMany(1);
     Finish(inst->atTasks[0], requests[0]);
     Finish(inst->atTasks[0], requests[2]);
-    EXPECT_EQ(0U, inst->atTasks[0].tRunList.dwNumOfElem);
-    EXPECT_EQ(0U, Submit(requests[1]));
-    EXPECT_EQ(2U, requests[1]->dwTaskIndex);
-    EXPECT_NE(nullptr, fixture::FindListNode(inst->atTasks[1].tRunList, requests[1]));
+    EXPECT_EQ(inst->atTasks[0].tRunList.dwNumOfElem, 0U);
+    EXPECT_EQ(Submit(requests[1]), 0U);
+    EXPECT_EQ(requests[1]->dwTaskIndex, 2U);
+    EXPECT_NE(FindListNode(inst->atTasks[1].tRunList, requests[1]), nullptr);
 }
 
 /* --- failures of a first submission -------------------------------------------------------------------- */
@@ -592,16 +567,14 @@ TEST_F(ExecuteAsync, NoMemoryForTheNode)
     Start(1, 8);
     HNvrHttpCurlCltReq req = Create();
     fake::FailMalloc(1);
-    EXPECT_EQ(5U, Submit(req));
-    EXPECT_EQ(
-        (Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) + Lines{L(kError, kAsync, "[Error] malloc failed\n")}),
-        TakeLog());
-    EXPECT_EQ(0U, req->dwTaskIndex);
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(0U, inst->atTasks[0].tRunList.dwNumOfElem);
-    EXPECT_EQ(0U, hooks::Calls("sendto"));
-    EXPECT_EQ(blocksOfInstance + 1, fake::BlocksAlive());
-    EXPECT_EQ(0U, Submit(req));
+    EXPECT_EQ(Submit(req), 5U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) + Lines{Error(ASYNC, "[Error] malloc failed\n")});
+    EXPECT_EQ(req->dwTaskIndex, 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(inst->atTasks[0].tRunList.dwNumOfElem, 0U);
+    EXPECT_EQ(hooks::Calls("sendto"), 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 1);
+    EXPECT_EQ(Submit(req), 0U);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -611,28 +584,27 @@ TEST_F(ExecuteAsync, NoMemoryForTheListTakesTheCountBackAndKeepsTheTask)
     SubmitMany(1);
     HNvrHttpCurlCltReq req = Create();
     fake::FailMalloc(2);
-    EXPECT_EQ(1U, Submit(req));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) + Lines{JoinedIn(inst->atTasks[1]), InsertFailed()}),
-              TakeLog());
-    EXPECT_EQ(2U, req->dwTaskIndex);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    EXPECT_EQ(0U, inst->atTasks[1].tRunList.dwNumOfElem);
-    EXPECT_EQ(1U, hooks::Calls("sendto"));
-    EXPECT_EQ(blocksOfInstance + 4, fake::BlocksAlive());
+    EXPECT_EQ(Submit(req), 1U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) + Lines{JoinedIn(inst->atTasks[1]), InsertFailed()});
+    EXPECT_EQ(req->dwTaskIndex, 2U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    EXPECT_EQ(inst->atTasks[1].tRunList.dwNumOfElem, 0U);
+    EXPECT_EQ(hooks::Calls("sendto"), 1U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 4);
     ExpectLocksFree();
 
     /* It counts as bound from now on. */
-    EXPECT_EQ(4U, Submit(req));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) + NotFound(req)), TakeLog());
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(Submit(req), 4U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) + NotFound(req));
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
     ExpectLocksFree();
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
 }
 
 /* --- repeated submissions ----------------------------------------------------------------------------------- */
 
-uint32_t OtherNtf(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
+uint32_t OtherNotify(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
 {
     return 0;
 }
@@ -647,28 +619,28 @@ TEST_F(ExecuteAsync, ARepeatedSubmissionUsesTheNodeAgain)
     }
     HNvrHttpCurlCltReq middle = requests[2];
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task.tFinList)[1];
-    ASSERT_EQ(middle, node->ptReqIn);
+    ASSERT_EQ(node->ptReqIn, middle);
     Datagrams(task);
     const size_t blocks = fake::BlocksAlive();
     Forget();
 
     char buffer[8];
-    EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(middle, 9, 8, kAsyncMode, OtherNtf, buffer));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 9, 8) + Lines{Woken(task)}), TakeLog());
-    EXPECT_EQ(8U, hooks::OptionsOf(CURLOPT_CONNECTTIMEOUT_MS).at(0).uValue);
-    EXPECT_EQ(9U, hooks::OptionsOf(CURLOPT_TIMEOUT_MS).at(0).uValue);
-    ASSERT_EQ(1U, task.tRunList.dwNumOfElem);
-    EXPECT_EQ(node, Nodes(task.tRunList)[0]);
-    EXPECT_EQ(middle, node->ptReqIn);
-    EXPECT_EQ(P(OtherNtf), P(node->pfNtf));
-    EXPECT_EQ(buffer, node->pvUserBuf);
-    EXPECT_EQ(0U, node->bInMulti);
-    EXPECT_EQ(2U, task.tFinList.dwNumOfElem);
-    EXPECT_EQ(nullptr, fixture::FindListNode(task.tFinList, middle));
-    EXPECT_EQ(6U, inst->dwAsyncReqNum);
-    EXPECT_EQ(1U, middle->dwTaskIndex);
-    EXPECT_EQ(std::vector<std::string>{kDatagram}, Datagrams(task));
-    EXPECT_EQ(blocks, fake::BlocksAlive());
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(middle, 9, 8, ASYNC_MODE, OtherNotify, buffer), 0U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 9, 8) + Lines{Woken(task)});
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_CONNECTTIMEOUT_MS).at(0).value, 8U);
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_TIMEOUT_MS).at(0).value, 9U);
+    ASSERT_EQ(task.tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(Nodes(task.tRunList)[0], node);
+    EXPECT_EQ(node->ptReqIn, middle);
+    EXPECT_EQ(Ptr(node->pfNtf), Ptr(OtherNotify));
+    EXPECT_EQ(node->pvUserBuf, buffer);
+    EXPECT_EQ(node->bInMulti, 0U);
+    EXPECT_EQ(task.tFinList.dwNumOfElem, 2U);
+    EXPECT_EQ(FindListNode(task.tFinList, middle), nullptr);
+    EXPECT_EQ(inst->dwAsyncReqNum, 6U);
+    EXPECT_EQ(middle->dwTaskIndex, 1U);
+    EXPECT_EQ(Datagrams(task), std::vector<std::string>{DATAGRAM});
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
     ExpectLocksFree();
 }
 
@@ -677,8 +649,8 @@ TEST_F(ExecuteAsync, ARepeatedSubmissionGoesToTheHead)
     Start(1, 100);
     SubmitMany(3);
     Finish(inst->atTasks[0], requests[0]);
-    EXPECT_EQ(0U, Submit(requests[0]));
-    EXPECT_EQ(requests[0], Nodes(inst->atTasks[0].tRunList)[0]->ptReqIn);
+    EXPECT_EQ(Submit(requests[0]), 0U);
+    EXPECT_EQ(Nodes(inst->atTasks[0].tRunList)[0]->ptReqIn, requests[0]);
 }
 
 TEST_F(ExecuteAsync, ARepeatedSubmissionLooksAtNoTaskCount)
@@ -687,9 +659,9 @@ TEST_F(ExecuteAsync, ARepeatedSubmissionLooksAtNoTaskCount)
     SubmitMany(2);
     Finish(inst->atTasks[1], requests[1]);
     inst->dwTaskNum = 1;
-    EXPECT_EQ(0U, Submit(requests[1]));
+    EXPECT_EQ(Submit(requests[1]), 0U);
     inst->dwTaskNum = 2;
-    EXPECT_EQ(1U, inst->atTasks[1].tRunList.dwNumOfElem);
+    EXPECT_EQ(inst->atTasks[1].tRunList.dwNumOfElem, 1U);
 }
 
 TEST_F(ExecuteAsync, ARunningRequestIsRefusedAndGoesOn)
@@ -699,25 +671,25 @@ TEST_F(ExecuteAsync, ARunningRequestIsRefusedAndGoesOn)
     TNvrHttpCurlCltTask &task = inst->atTasks[0];
     Datagrams(task);
     const size_t frees = fake::Frees();
-    EXPECT_EQ(4U, NvrHttpCurlCltProcessReq(requests[0], 9, 8, kAsyncMode, OtherNtf, this));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 9, 8) + NotFound(requests[0])), TakeLog());
-    EXPECT_EQ(kTimeouts, hooks::OptionOrder());
-    ASSERT_EQ(1U, task.tRunList.dwNumOfElem);
-    EXPECT_EQ(P(Ntf), P(Nodes(task.tRunList)[0]->pfNtf));
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    EXPECT_EQ(frees, fake::Frees());
+    EXPECT_EQ(NvrHttpCurlCltProcessReq(requests[0], 9, 8, ASYNC_MODE, OtherNotify, this), 4U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 9, 8) + NotFound(requests[0]));
+    EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
+    ASSERT_EQ(task.tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(Ptr(Nodes(task.tRunList)[0]->pfNtf), Ptr(Notify));
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    EXPECT_EQ(fake::Frees(), frees);
     EXPECT_TRUE(Datagrams(task).empty());
     ExpectLocksFree();
 }
 
-std::vector<void *> g_released;
+std::vector<void *> released;
 
 void KeepInsteadOfFreeing(void *block)
 {
-    g_released.push_back(block);
+    released.push_back(block);
 }
 
-class ExecuteAsyncLoss : public ExecuteAsync, public ::testing::WithParamInterface<size_t>
+class ExecuteAsyncLoss : public ExecuteAsync, public testing::WithParamInterface<size_t>
 {
 };
 
@@ -734,17 +706,17 @@ TEST_P(ExecuteAsyncLoss, RefusingARunningRequestReleasesTheLastFinishedNode)
     /* The request's own callback only takes a note, so the list stays usable. */
     HNvrHttpCurlCltReq running = requests[0];
     running->pfFree = KeepInsteadOfFreeing;
-    EXPECT_EQ(4U, Submit(running));
+    EXPECT_EQ(Submit(running), 4U);
     running->pfFree = inst->tMemCB.pfFree;
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) + NotFound(running)), TakeLog());
-    EXPECT_EQ(std::vector<void *>{finished.back()}, g_released);
-    EXPECT_EQ(finished, Nodes(task.tFinList));
-    EXPECT_EQ(requests.back(), finished.back()->ptReqIn);
-    EXPECT_EQ(requests.size(), inst->dwAsyncReqNum);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) + NotFound(running));
+    EXPECT_EQ(released, std::vector<void *>{finished.back()});
+    EXPECT_EQ(Nodes(task.tFinList), finished);
+    EXPECT_EQ(finished.back()->ptReqIn, requests.back());
+    EXPECT_EQ(inst->dwAsyncReqNum, requests.size());
     ExpectLocksFree();
 }
 
-INSTANTIATE_TEST_SUITE_P(Finished, ExecuteAsyncLoss, ::testing::Values(1U, 3U),
+INSTANTIATE_TEST_SUITE_P(Finished, ExecuteAsyncLoss, testing::Values(1U, 3U),
                          [](const auto &test) { return "nodes" + std::to_string(test.param); });
 
 TEST_F(ExecuteAsync, ARepeatedSubmissionWithoutMemoryLosesTheNodeAndKeepsTheCount)
@@ -756,13 +728,13 @@ TEST_F(ExecuteAsync, ARepeatedSubmissionWithoutMemoryLosesTheNodeAndKeepsTheCoun
     Datagrams(task);
     const size_t blocks = fake::BlocksAlive();
     fake::FailMalloc(1);
-    EXPECT_EQ(1U, Submit(requests[0]));
-    EXPECT_EQ((Lines{Entered()} + TimeoutLines(kAsync, 5000, 4000) + Lines{InsertFailed()}), TakeLog());
-    EXPECT_EQ(0U, task.tRunList.dwNumOfElem);
-    EXPECT_EQ(0U, task.tFinList.dwNumOfElem);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    EXPECT_EQ(1U, requests[0]->dwTaskIndex);
-    EXPECT_EQ(blocks - 2, fake::BlocksAlive());
+    EXPECT_EQ(Submit(requests[0]), 1U);
+    ExpectLines(Lines{Entered()} + TimeoutLines(ASYNC, 5000, 4000) + Lines{InsertFailed()});
+    EXPECT_EQ(task.tRunList.dwNumOfElem, 0U);
+    EXPECT_EQ(task.tFinList.dwNumOfElem, 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    EXPECT_EQ(requests[0]->dwTaskIndex, 1U);
+    EXPECT_EQ(fake::BlocksAlive(), blocks - 2);
     EXPECT_TRUE(Datagrams(task).empty());
     ExpectLocksFree();
 }
@@ -774,33 +746,32 @@ class ExecuteDestroy : public ExecuteAsync
   protected:
     static Line Begin(HNvrHttpCurlCltReq req)
     {
-        return L(kInfo, kDestroy, " begin destroy req %p\n", P(req));
+        return Info(DESTROY, " begin destroy req %p\n", Ptr(req));
     }
 
     static Line Trace(int number, uint32_t finished, uint32_t running)
     {
-        const std::string format =
-            "%s[L:%d] " + std::to_string(number) + " tFinList.dwNumOfElem %u, tRunList.dwNumOfElem %u\n";
+        const std::string format = " " + std::to_string(number) + " tFinList.dwNumOfElem %u, tRunList.dwNumOfElem %u\n";
         const std::string text = " " + std::to_string(number) + " tFinList.dwNumOfElem " + std::to_string(finished) +
                                  ", tRunList.dwNumOfElem " + std::to_string(running) + "\n";
-        return {kInfo, kDestroy, format, text};
+        return {HCC_LEVEL_INFO, DESTROY, format, text};
     }
 
     static Line Missing(HNvrHttpCurlCltReq req)
     {
-        return L(kError, kDestroy, "[Error] cannot find node for ptReqIn %p, taskindex %u\n", P(req), req->dwTaskIndex);
+        return Error(DESTROY, "[Error] cannot find node for ptReqIn %p, taskindex %u\n", Ptr(req), req->dwTaskIndex);
     }
 
     static Line NoCount()
     {
-        return L(kError, kDestroy, "[Error] invalid dwAsyncReqNum %u\n", 0U);
+        return Error(DESTROY, "[Error] invalid dwAsyncReqNum %u\n", 0U);
     }
 };
 
 TEST_F(ExecuteDestroy, NeedsARequest)
 {
     NvrHttpCurlCltReqDestroy(nullptr);
-    EXPECT_EQ((Lines{L(kError, kDestroy, "[Error] invalid arg, hReq %p\n", P<void>(nullptr))}), TakeLog());
+    ExpectLines({Error(DESTROY, "[Error] invalid arg, hReq %p\n", Ptr(nullptr))});
 }
 
 TEST_F(ExecuteDestroy, ARequestThatWasNeverSubmittedHasNoTraces)
@@ -810,9 +781,9 @@ TEST_F(ExecuteDestroy, ARequestThatWasNeverSubmittedHasNoTraces)
     const size_t handles = hooks::Calls("curl_easy_cleanup");
     const Line begin = Begin(req);
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(Lines{begin}, TakeLog());
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
-    EXPECT_EQ(handles + 1, hooks::Calls("curl_easy_cleanup"));
+    ExpectLines({begin});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), handles + 1);
 }
 
 TEST_F(ExecuteDestroy, AFinishedRequestHasTracesOneTwoAndFive)
@@ -821,9 +792,9 @@ TEST_F(ExecuteDestroy, AFinishedRequestHasTracesOneTwoAndFive)
     HNvrHttpCurlCltReq req = CreateFinished();
     const Line begin = Begin(req);
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ((Lines{begin, Trace(1, 1, 0), Trace(2, 0, 0), Trace(5, 0, 0)}), TakeLog());
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines({begin, Trace(1, 1, 0), Trace(2, 0, 0), Trace(5, 0, 0)});
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     ExpectLocksFree();
 }
 
@@ -834,9 +805,9 @@ TEST_F(ExecuteDestroy, AQueuedRequestHasAllFive)
     const Lines expected = {Begin(req),     Trace(1, 0, 1), Missing(req),  Trace(2, 0, 1),
                             Trace(3, 0, 1), Trace(4, 0, 0), Trace(5, 0, 0)};
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(expected, TakeLog());
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines(expected);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     ExpectLocksFree();
 }
 
@@ -850,22 +821,22 @@ TEST_F(ExecuteDestroy, TakesItsOwnNodeOnly)
     }
     Lines expected = {Begin(requests[2]), Trace(1, 3, 2), Trace(2, 2, 2), Trace(5, 2, 2)};
     NvrHttpCurlCltReqDestroy(requests[2]);
-    EXPECT_EQ(expected, TakeLog());
-    ASSERT_EQ(2U, task.tFinList.dwNumOfElem);
-    EXPECT_EQ(requests[0], Nodes(task.tFinList)[0]->ptReqIn);
-    EXPECT_EQ(requests[4], Nodes(task.tFinList)[1]->ptReqIn);
+    ExpectLines(expected);
+    ASSERT_EQ(task.tFinList.dwNumOfElem, 2U);
+    EXPECT_EQ(Nodes(task.tFinList)[0]->ptReqIn, requests[0]);
+    EXPECT_EQ(Nodes(task.tFinList)[1]->ptReqIn, requests[4]);
 
     TNvrHttpCurlCltTask &other = inst->atTasks[1];
     expected = {Begin(requests[5]), Trace(1, 0, 5), Missing(requests[5]), Trace(2, 0, 5),
                 Trace(3, 0, 5),     Trace(4, 0, 4), Trace(5, 0, 4)};
     NvrHttpCurlCltReqDestroy(requests[5]);
-    EXPECT_EQ(expected, TakeLog());
+    ExpectLines(expected);
     std::vector<HNvrHttpCurlCltReq> left;
     for (const TNvrHttpCurlCltAsyncNode *node : Nodes(other.tRunList)) {
         left.push_back(node->ptReqIn);
     }
-    EXPECT_EQ((std::vector<HNvrHttpCurlCltReq>{requests[9], requests[7], requests[3], requests[1]}), left);
-    EXPECT_EQ(8U, inst->dwAsyncReqNum);
+    EXPECT_EQ(left, (std::vector<HNvrHttpCurlCltReq>{requests[9], requests[7], requests[3], requests[1]}));
+    EXPECT_EQ(inst->dwAsyncReqNum, 8U);
     requests.erase(requests.begin() + 5);
     requests.erase(requests.begin() + 2);
 }
@@ -875,14 +846,14 @@ TEST_F(ExecuteDestroy, ANodeInNeitherListIsOnlyLogged)
     Start(1, 8);
     HNvrHttpCurlCltReq req = Create();
     fake::FailMalloc(2);
-    ASSERT_EQ(1U, Submit(req));
+    ASSERT_EQ(Submit(req), 1U);
     Forget();
     const Lines expected = {Begin(req),     Trace(1, 0, 0), Missing(req),   Trace(2, 0, 0),
                             Trace(3, 0, 0), Missing(req),   Trace(4, 0, 0), Trace(5, 0, 0)};
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(expected, TakeLog());
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines(expected);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     ExpectLocksFree();
 }
 
@@ -893,9 +864,9 @@ TEST_F(ExecuteDestroy, TheCountDoesNotFallBelowZeroForAFinishedRequest)
     inst->dwAsyncReqNum = 0;
     const Line begin = Begin(req);
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ((Lines{begin, Trace(1, 1, 0), NoCount(), Trace(2, 0, 0), Trace(5, 0, 0)}), TakeLog());
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines({begin, Trace(1, 1, 0), NoCount(), Trace(2, 0, 0), Trace(5, 0, 0)});
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     ExpectLocksFree();
 }
 
@@ -907,9 +878,9 @@ TEST_F(ExecuteDestroy, TheCountDoesNotFallBelowZeroForAQueuedRequest)
     const Lines expected = {Begin(req),     Trace(1, 0, 1), Missing(req),   Trace(2, 0, 1),
                             Trace(3, 0, 1), NoCount(),      Trace(4, 0, 0), Trace(5, 0, 0)};
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(expected, TakeLog());
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines(expected);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     ExpectLocksFree();
 }
 
@@ -920,8 +891,8 @@ TEST_F(ExecuteDestroy, ATaskNumberBeyondTheTasksIsNoTask)
     req->dwTaskIndex = 2;
     const Line begin = Begin(req);
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(Lines{begin}, TakeLog());
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    ExpectLines({begin});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(ExecuteDestroy, ARecordWithoutAnEasyHandleIsLeftAlone)
@@ -931,13 +902,13 @@ TEST_F(ExecuteDestroy, ARecordWithoutAnEasyHandleIsLeftAlone)
     CURL *const easy = req->ptReq;
     req->ptReq = nullptr;
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(0U, inst->atTasks[0].tRunList.dwNumOfElem);
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance + 1, fake::BlocksAlive());
+    EXPECT_EQ(inst->atTasks[0].tRunList.dwNumOfElem, 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 1);
     req->dwTaskIndex = 0;
     req->ptReq = easy;
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(ExecuteDestroy, TheNodeGoesBackThroughTheRequestsCallback)
@@ -947,21 +918,21 @@ TEST_F(ExecuteDestroy, TheNodeGoesBackThroughTheRequestsCallback)
     void *const node = Nodes(inst->atTasks[0].tFinList)[0];
     req->pfFree = KeepInsteadOfFreeing;
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(std::vector<void *>{node}, g_released);
+    EXPECT_EQ(released, std::vector<void *>{node});
     inst->tMemCB.pfFree(node);
 }
 
 /* --- the locks of the lists --------------------------------------------------------------------- */
 
 /* The lists' memory callbacks are called where a list changes, so they see who holds what. */
-const TNvrHttpCurlCltTask *g_watched = nullptr;
-std::vector<std::string> g_changes;
+const TNvrHttpCurlCltTask *watched = nullptr;
+std::vector<std::string> changes;
 
 void NoteChange(const char *what)
 {
-    g_changes.push_back(std::string(what) + (fake::SemIsTaken(g_watched->hRunLock) ? " run" : "") +
-                        (fake::SemIsTaken(g_watched->hFinLock) ? " fin" : "") +
-                        (fake::HeldByThisThread() == 1 ? "" : " and not just that"));
+    changes.push_back(std::string(what) + (fake::SemIsTaken(watched->hRunLock) ? " run" : "") +
+                      (fake::SemIsTaken(watched->hFinLock) ? " fin" : "") +
+                      (fake::HeldByThisThread() == 1 ? "" : " and not just that"));
 }
 
 void *NotingMalloc(size_t size)
@@ -982,23 +953,23 @@ TEST_F(ExecuteDestroy, EachListChangesUnderItsOwnLock)
     TNvrHttpCurlCltTask &task = inst->atTasks[0];
     HNvrHttpCurlCltReq req = Create();
     HNvrHttpCurlCltReq finished = CreateFinished();
-    g_watched = &task;
+    watched = &task;
     for (TNVRHCCList *list : {&task.tRunList, &task.tFinList}) {
         list->pfMalloc = NotingMalloc;
         list->pfFree = NotingFree;
     }
-    EXPECT_EQ(0U, Submit(req));
-    EXPECT_EQ(std::vector<std::string>{"insert run"}, g_changes);
-    g_changes.clear();
-    EXPECT_EQ(0U, Submit(finished));
-    EXPECT_EQ((std::vector<std::string>{"remove fin", "insert run"}), g_changes);
-    g_changes.clear();
+    EXPECT_EQ(Submit(req), 0U);
+    EXPECT_EQ(changes, std::vector<std::string>{"insert run"});
+    changes.clear();
+    EXPECT_EQ(Submit(finished), 0U);
+    EXPECT_EQ(changes, (std::vector<std::string>{"remove fin", "insert run"}));
+    changes.clear();
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(std::vector<std::string>{"remove run"}, g_changes);
+    EXPECT_EQ(changes, std::vector<std::string>{"remove run"});
     Finish(task, finished);
-    g_changes.clear();
+    changes.clear();
     NvrHttpCurlCltReqDestroy(finished);
-    EXPECT_EQ(std::vector<std::string>{"remove fin"}, g_changes);
+    EXPECT_EQ(changes, std::vector<std::string>{"remove fin"});
     for (TNVRHCCList *list : {&task.tRunList, &task.tFinList}) {
         list->pfMalloc = fake::MemCB().pfMalloc;
         list->pfFree = fake::MemCB().pfFree;
@@ -1016,8 +987,8 @@ TEST_F(ExecuteDestroy, ThreadsSubmitAndDestroyAtOnce)
             std::vector<HNvrHttpCurlCltReq> mine;
             for (int j = 0; j < 40; ++j) {
                 HNvrHttpCurlCltReq req = nullptr;
-                EXPECT_EQ(0U, NvrHttpCurlCltReqCreat(inst, &req));
-                EXPECT_EQ(0U, Submit(req));
+                EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
+                EXPECT_EQ(Submit(req), 0U);
                 mine.push_back(req);
             }
             for (size_t j = 0; j < mine.size(); j += 2) {
@@ -1028,16 +999,16 @@ TEST_F(ExecuteDestroy, ThreadsSubmitAndDestroyAtOnce)
     for (std::thread &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(80U, inst->dwAsyncReqNum);
+    EXPECT_EQ(inst->dwAsyncReqNum, 80U);
     uint32_t queued = 0;
     for (uint32_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(Nodes(inst->atTasks[i].tRunList).size(), inst->atTasks[i].tRunList.dwNumOfElem);
+        EXPECT_EQ(inst->atTasks[i].tRunList.dwNumOfElem, Nodes(inst->atTasks[i].tRunList).size());
         queued += inst->atTasks[i].tRunList.dwNumOfElem;
         for (const TNvrHttpCurlCltAsyncNode *node : Nodes(inst->atTasks[i].tRunList)) {
             requests.push_back(node->ptReqIn);
         }
     }
-    EXPECT_EQ(80U, queued);
+    EXPECT_EQ(queued, 80U);
     ExpectLocksFree();
 }
 

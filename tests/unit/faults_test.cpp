@@ -7,7 +7,6 @@
  * releases whatever it was given, and put it into SCENARIOS with the kinds of faults to
  * which it is exposed. Every one of these faults has to be fatal to it.
  */
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <ostream>
@@ -18,45 +17,19 @@
 
 #include "engine/httpcurlclient_inner.h"
 #include "tests/support/engine_fixture.h"
+#include "tests/support/fail_nth.h"
 
 namespace
 {
 
-using namespace engine;
+using namespace test;
 
 /* --- faults ----------------------------------------------------------------------------------- */
 
-/* Counts down to a failing call, for the substituted calls; the fake platform has its own. */
-struct Countdown {
-    std::atomic<unsigned> left{0};
-    std::atomic<bool> lasting{false};
-    std::atomic<unsigned> calls{0};
+FailNth multiInit;
+FailNth easyInit;
 
-    void Arm(unsigned nth, bool keep)
-    {
-        left = nth;
-        lasting = keep;
-    }
-
-    bool Hit()
-    {
-        ++calls;
-        if (left == 0) {
-            return false;
-        }
-        if (left > 1) {
-            --left;
-            return false;
-        }
-        left = lasting ? 1 : 0;
-        return true;
-    }
-};
-
-Countdown multiInit;
-Countdown easyInit;
-
-/* arm(0, ...) disarms. calls tells how often the call has been made so far. */
+/* arm(0, ...) disarms. calls: how often the call has been made so far. */
 struct Fault {
     const char *name;
     void (*arm)(unsigned nth, bool lasting);
@@ -67,16 +40,16 @@ const Fault SEMAPHORE = {"Semaphore", fake::FailSemCreate, fake::SemsCreated};
 const Fault MEMORY = {"Malloc", fake::FailMalloc, fake::Mallocs};
 const Fault TASK = {"Task", fake::FailTaskCreate, [] { return fake::Tasks().size(); }};
 const Fault MULTI_HANDLE = {"MultiHandle", [](unsigned nth, bool lasting) { multiInit.Arm(nth, lasting); },
-                            [] { return static_cast<size_t>(multiInit.calls); }};
+                            [] { return multiInit.Calls(); }};
 const Fault EASY_HANDLE = {"EasyHandle", [](unsigned nth, bool lasting) { easyInit.Arm(nth, lasting); },
-                           [] { return static_cast<size_t>(easyInit.calls); }};
+                           [] { return easyInit.Calls(); }};
 
 /* --- scenarios ----------------------------------------------------------------------------------- */
 
 uint32_t StartAndStop()
 {
     HNvrHttpCurlCltInst instance = nullptr;
-    const uint32_t result = Start(2, &instance);
+    const uint32_t result = TryStart(2, &instance);
     if (result == 0) {
         NvrHttpCurlCltUninit(instance);
     }
@@ -129,11 +102,6 @@ uint32_t CreateConfigureTwiceReset()
     return result;
 }
 
-uint32_t Ignore(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
-{
-    return 0;
-}
-
 uint32_t SubmitAndDestroy()
 {
     HNvrHttpCurlCltReq request = nullptr;
@@ -141,7 +109,7 @@ uint32_t SubmitAndDestroy()
     if (result == 0) {
         result = Configure(request);
         if (result == 0) {
-            result = NvrHttpCurlCltProcessReq(request, 1000, 1000, NVRHTTPCURLCLT_MODE_ASYNC, Ignore, nullptr);
+            result = Submit(request);
         }
         NvrHttpCurlCltReqDestroy(request);
     }
@@ -151,7 +119,7 @@ uint32_t SubmitAndDestroy()
 uint32_t StartSubmitStop()
 {
     HNvrHttpCurlCltInst instance = nullptr;
-    uint32_t result = Start(2, &instance);
+    uint32_t result = TryStart(2, &instance);
     if (result != 0) {
         return result;
     }
@@ -160,9 +128,7 @@ uint32_t StartSubmitStop()
         result = NvrHttpCurlCltReqCreat(instance, &request);
         if (result == 0) {
             result = Configure(request);
-            result = result != 0
-                         ? result
-                         : NvrHttpCurlCltProcessReq(request, 1000, 1000, NVRHTTPCURLCLT_MODE_ASYNC, Ignore, nullptr);
+            result = result != 0 ? result : Submit(request);
             if (result != 0) {
                 NvrHttpCurlCltReqDestroy(request);
             }
@@ -238,13 +204,11 @@ Belongings Take()
 {
     lockers.insert(g_sEasyInitLocker);
     lockers.erase(nullptr);
-    const std::vector<fake::TaskInfo> tasks = fake::Tasks();
     return {fake::BlocksAlive(),
             fake::SemsAlive() - lockers.size(),
             easyHandles,
             multiHandles,
-            static_cast<size_t>(
-                std::count_if(tasks.begin(), tasks.end(), [](const fake::TaskInfo &task) { return !task.bWaited; })),
+            fake::Tasks().size() - fake::TasksWaited(),
             OpenDescriptors(),
             instanceOfScenario != nullptr ? instanceOfScenario->dwAsyncReqNum : 0};
 }
@@ -271,7 +235,6 @@ class Faults : public EngineTest, public testing::WithParamInterface<Sweep>
   protected:
     void SetUp() override
     {
-        EngineTest::SetUp();
         CountHandles();
         instanceOfScenario = GetParam().scenario.onInstance ? MustStart(2) : nullptr;
         fake::RunTasks(GetParam().scenario.startsThreads);

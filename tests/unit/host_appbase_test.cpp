@@ -16,9 +16,9 @@ namespace
 
 TEST(AppStrstr, FindsTheFirstPlace)
 {
-    const char szText[] = "https://host/https";
-    EXPECT_EQ(AppStrstr(szText, "https"), szText);
-    EXPECT_EQ(AppStrstr(szText, "/h"), szText + 7);
+    const char text[] = "https://host/https";
+    EXPECT_EQ(AppStrstr(text, "https"), text);
+    EXPECT_EQ(AppStrstr(text, "/h"), text + 7);
 }
 
 TEST(AppStrstr, HeedsTheCase)
@@ -34,8 +34,8 @@ TEST(AppStrstr, FindsNothingLongerThanTheText)
 
 TEST(AppStrstr, EmptyPartIsTheTextItself)
 {
-    const char szText[] = "text";
-    EXPECT_EQ(AppStrstr(szText, ""), szText);
+    const char text[] = "text";
+    EXPECT_EQ(AppStrstr(text, ""), text);
 }
 
 TEST(AppStrstr, NullFindsNothing)
@@ -53,11 +53,11 @@ TEST(AppStrlen, CountsWithoutTheTerminator)
     EXPECT_EQ(AppStrlen(nullptr), 0U);
 }
 
-std::chrono::nanoseconds TimeOf(uint32_t dwMS)
+std::chrono::nanoseconds TimeOf(uint32_t milliseconds)
 {
-    const auto tBegin = std::chrono::steady_clock::now();
-    AppDelay(dwMS);
-    return std::chrono::steady_clock::now() - tBegin;
+    const auto begin = std::chrono::steady_clock::now();
+    AppDelay(milliseconds);
+    return std::chrono::steady_clock::now() - begin;
 }
 
 TEST(AppDelay, SleepsAtLeastItsTime)
@@ -70,74 +70,74 @@ TEST(AppDelay, SleepsAtLeastItsTime)
 /* Whoever is put to sleep gives up the processor of its own accord, and the system counts that. */
 TEST(AppDelay, ZeroReturnsAtOnce)
 {
-    rusage tBefore = {};
-    rusage tAfter = {};
-    ASSERT_EQ(getrusage(RUSAGE_THREAD, &tBefore), 0);
-    for (int nI = 0; nI < 1000; nI++) {
+    rusage before = {};
+    rusage after = {};
+    ASSERT_EQ(getrusage(RUSAGE_THREAD, &before), 0);
+    for (int i = 0; i < 1000; i++) {
         AppDelay(0);
     }
-    ASSERT_EQ(getrusage(RUSAGE_THREAD, &tAfter), 0);
-    EXPECT_LT(tAfter.ru_nvcsw - tBefore.ru_nvcsw, 100);
+    ASSERT_EQ(getrusage(RUSAGE_THREAD, &after), 0);
+    EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 100);
 }
 
-volatile sig_atomic_t nSignals = 0;
+volatile sig_atomic_t signals = 0;
 
 TEST(AppDelay, GoesOnAfterASignal)
 {
-    struct sigaction tAction = {};
-    tAction.sa_handler = [](int) { nSignals = nSignals + 1; };
-    ASSERT_EQ(sigaction(SIGALRM, &tAction, nullptr), 0);
+    struct sigaction action = {};
+    action.sa_handler = [](int) { signals = signals + 1; };
+    ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
 
-    sigevent tEvent = {};
-    tEvent.sigev_notify = SIGEV_SIGNAL;
-    tEvent.sigev_signo = SIGALRM;
-    timer_t tTimer = {};
-    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &tEvent, &tTimer), 0);
-    itimerspec tTimes = {};
-    tTimes.it_value.tv_nsec = 10000000;
-    tTimes.it_interval.tv_nsec = 10000000;
-    ASSERT_EQ(timer_settime(tTimer, 0, &tTimes, nullptr), 0);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGALRM;
+    timer_t timer = {};
+    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+    itimerspec times = {};
+    times.it_value.tv_nsec = 10000000;
+    times.it_interval.tv_nsec = 10000000;
+    ASSERT_EQ(timer_settime(timer, 0, &times, nullptr), 0);
 
     EXPECT_GE(TimeOf(200), std::chrono::milliseconds(200));
-    timer_delete(tTimer);
-    EXPECT_GT(nSignals, 0);
+    timer_delete(timer);
+    EXPECT_GT(signals, 0);
 }
 
 TEST(AppConvertHtons, BringsTheHighByteToTheFront)
 {
-    const uint16_t wNet = AppConvertHtons(0xB78E);
-    const unsigned char abyWanted[2] = {0xB7, 0x8E};
-    EXPECT_EQ(memcmp(&wNet, abyWanted, sizeof(wNet)), 0);
+    const uint16_t net = AppConvertHtons(0xB78E);
+    const unsigned char wanted[2] = {0xB7, 0x8E};
+    EXPECT_EQ(memcmp(&net, wanted, sizeof(net)), 0);
 }
 
 TEST(AppConvertStrtoNet, WritesFamilyAndAddressInNetworkOrder)
 {
-    TAppNetAddr tAddr = {};
-    EXPECT_EQ(AppConvertStrtoNet("127.0.0.1", &tAddr), 0U);
-    EXPECT_EQ(tAddr.dwIPv4, inet_addr("127.0.0.1"));
-    EXPECT_EQ(tAddr.dwFamily, static_cast<uint32_t>(AF_INET));
-    const TAppNetAddr tZero = {};
-    EXPECT_EQ(memcmp(tAddr.abyReserved, tZero.abyReserved, sizeof(tAddr.abyReserved)), 0);
+    TAppNetAddr addr = {};
+    EXPECT_EQ(AppConvertStrtoNet("127.0.0.1", &addr), 0U);
+    EXPECT_EQ(addr.dwIPv4, inet_addr("127.0.0.1"));
+    EXPECT_EQ(addr.dwFamily, static_cast<uint32_t>(AF_INET));
+    const TAppNetAddr zero = {};
+    EXPECT_EQ(memcmp(addr.abyReserved, zero.abyReserved, sizeof(addr.abyReserved)), 0);
     EXPECT_EQ(sizeof(TAppNetAddr), 20U);
 
-    EXPECT_EQ(AppConvertStrtoNet("255.255.255.255", &tAddr), 0U);
-    EXPECT_EQ(tAddr.dwIPv4, 0xFFFFFFFFU);
+    EXPECT_EQ(AppConvertStrtoNet("255.255.255.255", &addr), 0U);
+    EXPECT_EQ(addr.dwIPv4, 0xFFFFFFFFU);
 }
 
 TEST(AppConvertStrtoNet, LeavesTheRecordOfABadTextAlone)
 {
-    for (const char *szBad : {"", "localhost", "127.0.0", "127.0.0.256", "127.0.0.1 ", "::1", "0x7f.0.0.1"}) {
-        TAppNetAddr tAddr = {};
-        EXPECT_NE(AppConvertStrtoNet(szBad, &tAddr), 0U) << szBad;
-        EXPECT_EQ(tAddr.dwFamily, 0U) << szBad;
-        EXPECT_EQ(tAddr.dwIPv4, 0U) << szBad;
+    for (const char *bad : {"", "localhost", "127.0.0", "127.0.0.256", "127.0.0.1 ", "::1", "0x7f.0.0.1"}) {
+        TAppNetAddr addr = {};
+        EXPECT_NE(AppConvertStrtoNet(bad, &addr), 0U) << bad;
+        EXPECT_EQ(addr.dwFamily, 0U) << bad;
+        EXPECT_EQ(addr.dwIPv4, 0U) << bad;
     }
 }
 
 TEST(AppConvertStrtoNet, RefusesNull)
 {
-    TAppNetAddr tAddr = {};
-    EXPECT_NE(AppConvertStrtoNet(nullptr, &tAddr), 0U);
+    TAppNetAddr addr = {};
+    EXPECT_NE(AppConvertStrtoNet(nullptr, &addr), 0U);
     EXPECT_NE(AppConvertStrtoNet("127.0.0.1", nullptr), 0U);
 }
 

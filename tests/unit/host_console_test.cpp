@@ -15,79 +15,79 @@ namespace
 {
 
 struct Call {
-    std::string strCommand;
-    std::vector<uintptr_t> auArgs;
+    std::string command;
+    std::vector<uintptr_t> args;
 };
 
-std::vector<Call> atCalls;
+std::vector<Call> calls;
 
 uint32_t Numbers(uintptr_t u1, uintptr_t u2, uintptr_t u3, uintptr_t u4, uintptr_t u5, uintptr_t u6)
 {
-    atCalls.push_back({"numbers", {u1, u2, u3, u4, u5, u6}});
+    calls.push_back({"numbers", {u1, u2, u3, u4, u5, u6}});
     return 5;
 }
 
-std::vector<std::string> astrTexts;
+std::vector<std::string> texts;
 
 void Texts(const char *sz1, const char *sz2, const char *sz3, const char *sz4, const char *sz5, const char *sz6)
 {
-    for (const char *szText : {sz1, sz2, sz3, sz4, sz5, sz6}) {
-        if (szText != nullptr) {
-            astrTexts.push_back(szText);
+    for (const char *text : {sz1, sz2, sz3, sz4, sz5, sz6}) {
+        if (text != nullptr) {
+            texts.push_back(text);
         }
     }
 }
 
-template <typename TCommand> uint32_t Register(const char *szName, TCommand pfCommand, const char *szHelp = "help")
+template <typename TCommand> uint32_t Register(const char *name, TCommand command, const char *help = "help")
 {
-    return OspRegCommand(szName, reinterpret_cast<PFOspCommand>(pfCommand), szHelp);
+    return OspRegCommand(name, reinterpret_cast<PFOspCommand>(command), help);
 }
 
 /* The first argument of "numbers" with this word. */
-uintptr_t NumberOf(const std::string &strWord)
+uintptr_t NumberOf(const std::string &word)
 {
     Register("numbers", Numbers);
-    atCalls.clear();
-    EXPECT_EQ(OspConsoleRun(("numbers " + strWord).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << strWord;
-    return atCalls.empty() ? 0 : atCalls[0].auArgs[0];
+    calls.clear();
+    EXPECT_EQ(OspConsoleRun(("numbers " + word).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << word;
+    return calls.empty() ? 0 : calls[0].args[0];
 }
 
 /* The arguments of "texts" with these words; for words that are no number. */
-std::vector<std::string> TextsOf(const std::string &strWords)
+std::vector<std::string> TextsOf(const std::string &words)
 {
     Register("texts", Texts);
-    astrTexts.clear();
-    EXPECT_EQ(OspConsoleRun(("texts " + strWords).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << strWords;
-    return astrTexts;
+    texts.clear();
+    EXPECT_EQ(OspConsoleRun(("texts " + words).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << words;
+    return texts;
 }
 
 using Words = std::vector<std::string>;
 
 std::vector<std::pair<std::string, std::string>> Listed()
 {
-    std::vector<std::pair<std::string, std::string>> atListed;
-    OspConsoleList([](const char *szName, const char *szHelp,
-                      void *pvListed) { static_cast<decltype(atListed) *>(pvListed)->emplace_back(szName, szHelp); },
-                   &atListed);
-    return atListed;
+    std::vector<std::pair<std::string, std::string>> listed;
+    OspConsoleList([](const char *name, const char *help,
+                      void *result) { static_cast<decltype(listed) *>(result)->emplace_back(name, help); },
+                   &listed);
+    return listed;
 }
 
 TEST(HostConsole, RunsARegisteredCommand)
 {
     Register("numbers", Numbers);
     EXPECT_EQ(OspConsoleRun("numbers"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    ASSERT_EQ(atCalls.size(), 1U);
+    ASSERT_EQ(calls.size(), 1U);
 }
 
 TEST(HostConsole, RunsOnTheCallingThread)
 {
-    static std::thread::id tRanOn;
-    const auto pfNote = +[] { tRanOn = std::this_thread::get_id(); };
-    Register("note", pfNote);
-    std::thread tCaller([] { OspConsoleRun("note"); });
-    const std::thread::id tCallerID = tCaller.get_id();
-    tCaller.join();
-    EXPECT_EQ(tRanOn, tCallerID);
+    static std::thread::id ranOn;
+    const auto note = +[] { ranOn = std::this_thread::get_id(); };
+    Register("note", note);
+    std::thread caller([] { OspConsoleRun("note"); });
+    const std::thread::id callerId = caller.get_id();
+    caller.join();
+    EXPECT_EQ(ranOn, callerId);
 }
 
 TEST(HostConsole, MissingArgumentsAreZero)
@@ -95,9 +95,9 @@ TEST(HostConsole, MissingArgumentsAreZero)
     Register("numbers", Numbers);
     OspConsoleRun("numbers");
     OspConsoleRun("numbers 1 2");
-    ASSERT_EQ(atCalls.size(), 2U);
-    EXPECT_EQ(atCalls[0].auArgs, (std::vector<uintptr_t>{0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(atCalls[1].auArgs, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(calls[1].args, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
 }
 
 TEST(HostConsole, SixArgumentsAreTakenAndSevenAreNot)
@@ -105,8 +105,8 @@ TEST(HostConsole, SixArgumentsAreTakenAndSevenAreNot)
     Register("numbers", Numbers);
     EXPECT_EQ(OspConsoleRun("numbers 1 2 3 4 5 6"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
     EXPECT_EQ(OspConsoleRun("numbers 1 2 3 4 5 6 7"), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
-    ASSERT_EQ(atCalls.size(), 1U);
-    EXPECT_EQ(atCalls[0].auArgs, (std::vector<uintptr_t>{1, 2, 3, 4, 5, 6}));
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{1, 2, 3, 4, 5, 6}));
 }
 
 TEST(HostConsole, DecimalNumbers)
@@ -130,9 +130,9 @@ TEST(HostConsole, HexadecimalNumbers)
 
 TEST(HostConsole, WhatIsNoWholeNumberIsAText)
 {
-    for (const char *szWord : {"http://127.0.0.1:80/x", "12a", "1.5", "-", "+", "+-5", "--5", "0x", "0xg", "-0x5",
-                               "x10", "0x-1", "18446744073709551616", "-9223372036854775809", "0x10000000000000000"}) {
-        EXPECT_EQ(TextsOf(szWord), Words{szWord});
+    for (const char *word : {"http://127.0.0.1:80/x", "12a", "1.5", "-", "+", "+-5", "--5", "0x", "0xg", "-0x5", "x10",
+                             "0x-1", "18446744073709551616", "-9223372036854775809", "0x10000000000000000"}) {
+        EXPECT_EQ(TextsOf(word), Words{word});
     }
 }
 
@@ -153,45 +153,45 @@ TEST(HostConsole, QuotesInsideAWordAreCharacters)
 
 TEST(HostConsole, TextsAndNumbersMayBeMixed)
 {
-    static std::string strSeen;
-    const auto pfMixed = +[](uint32_t dwMode, const char *szUrl, int32_t nLast) {
-        strSeen = std::to_string(dwMode) + "|" + szUrl + "|" + std::to_string(nLast);
+    static std::string seen;
+    const auto noteMixed = +[](uint32_t mode, const char *url, int32_t last) {
+        seen = std::to_string(mode) + "|" + url + "|" + std::to_string(last);
         return uint32_t{1};
     };
-    Register("mixed", pfMixed);
+    Register("mixed", noteMixed);
     OspConsoleRun("mixed 3 http://127.0.0.1/ -7");
-    EXPECT_EQ(strSeen, "3|http://127.0.0.1/|-7");
+    EXPECT_EQ(seen, "3|http://127.0.0.1/|-7");
 }
 
 TEST(HostConsole, AByteParameterGetsItsNumber)
 {
-    static unsigned nSeen;
-    const auto pfByte = +[](uint8_t byLevel) {
-        nSeen = byLevel;
+    static unsigned seen;
+    const auto noteByte = +[](uint8_t level) {
+        seen = level;
         return uint32_t{0};
     };
-    Register("byte", pfByte);
+    Register("byte", noteByte);
     OspConsoleRun("byte 2");
-    EXPECT_EQ(nSeen, 2U);
+    EXPECT_EQ(seen, 2U);
     OspConsoleRun("byte 255");
-    EXPECT_EQ(nSeen, 255U);
+    EXPECT_EQ(seen, 255U);
 }
 
 TEST(HostConsole, BlanksPartWordsAndCountForNothingElse)
 {
     Register("numbers", Numbers);
     EXPECT_EQ(OspConsoleRun("  numbers\t 1   2 \r\n"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    ASSERT_EQ(atCalls.size(), 1U);
-    EXPECT_EQ(atCalls[0].auArgs, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
 }
 
 TEST(HostConsole, UnknownCommand)
 {
     Register("numbers", Numbers);
-    for (const char *szLine : {"number", "numberss", "Numbers", "1", "\"\"", "\"numbers 1\""}) {
-        EXPECT_EQ(OspConsoleRun(szLine), static_cast<uint32_t>(OSP_CONSOLE_NOT_FOUND)) << szLine;
+    for (const char *line : {"number", "numberss", "Numbers", "1", "\"\"", "\"numbers 1\""}) {
+        EXPECT_EQ(OspConsoleRun(line), static_cast<uint32_t>(OSP_CONSOLE_NOT_FOUND)) << line;
     }
-    EXPECT_TRUE(atCalls.empty());
+    EXPECT_TRUE(calls.empty());
 }
 
 TEST(HostConsole, OpenQuoteIsABadLine)
@@ -199,44 +199,44 @@ TEST(HostConsole, OpenQuoteIsABadLine)
     Register("numbers", Numbers);
     EXPECT_EQ(OspConsoleRun("numbers \"open"), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
     EXPECT_EQ(OspConsoleRun("numbers \""), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
-    EXPECT_TRUE(atCalls.empty());
+    EXPECT_TRUE(calls.empty());
 }
 
 TEST(HostConsole, EmptyLines)
 {
-    for (const char *szLine : {"", "   ", "\t\r\n"}) {
-        EXPECT_EQ(OspConsoleRun(szLine), static_cast<uint32_t>(OSP_CONSOLE_EMPTY));
+    for (const char *line : {"", "   ", "\t\r\n"}) {
+        EXPECT_EQ(OspConsoleRun(line), static_cast<uint32_t>(OSP_CONSOLE_EMPTY));
     }
     EXPECT_EQ(OspConsoleRun(nullptr), static_cast<uint32_t>(OSP_CONSOLE_EMPTY));
 }
 
 TEST(HostConsole, SecondRegistrationReplacesTheFirst)
 {
-    static int nFirst;
-    static int nSecond;
-    const auto pfFirst = +[] { nFirst++; };
-    const auto pfSecond = +[] { nSecond++; };
-    EXPECT_NE(Register("same", pfFirst, "first help"), 0U);
-    EXPECT_NE(Register("same", pfSecond, "second help"), 0U);
+    static int first;
+    static int second;
+    const auto noteFirst = +[] { first++; };
+    const auto noteSecond = +[] { second++; };
+    EXPECT_NE(Register("same", noteFirst, "first help"), 0U);
+    EXPECT_NE(Register("same", noteSecond, "second help"), 0U);
     OspConsoleRun("same");
-    EXPECT_EQ(nFirst, 0);
-    EXPECT_EQ(nSecond, 1);
-    const auto atListed = Listed();
-    ASSERT_EQ(atListed.size(), 1U);
-    EXPECT_EQ(atListed[0].second, "second help");
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+    const auto listed = Listed();
+    ASSERT_EQ(listed.size(), 1U);
+    EXPECT_EQ(listed[0].second, "second help");
 }
 
 TEST(HostConsole, NameAndHelpAreCopied)
 {
-    std::string strName = "name";
-    std::string strHelp = "help";
-    Register(strName.c_str(), Numbers, strHelp.c_str());
-    strName[0] = 'x';
-    strHelp[0] = 'x';
-    const auto atListed = Listed();
-    ASSERT_EQ(atListed.size(), 1U);
-    EXPECT_EQ(atListed[0].first, "name");
-    EXPECT_EQ(atListed[0].second, "help");
+    std::string name = "name";
+    std::string help = "help";
+    Register(name.c_str(), Numbers, help.c_str());
+    name[0] = 'x';
+    help[0] = 'x';
+    const auto listed = Listed();
+    ASSERT_EQ(listed.size(), 1U);
+    EXPECT_EQ(listed[0].first, "name");
+    EXPECT_EQ(listed[0].second, "help");
 }
 
 TEST(HostConsole, RefusesWhatCannotBeRun)
@@ -257,51 +257,51 @@ TEST(HostConsole, NoHelpIsEmptyHelp)
 TEST(HostConsole, ListsInTheOrderOfNames)
 {
     OspConsoleList(nullptr, nullptr);
-    for (const char *szName : {"b", "c", "B", "a", "ab"}) {
-        Register(szName, Numbers, szName);
+    for (const char *name : {"b", "c", "B", "a", "ab"}) {
+        Register(name, Numbers, name);
     }
-    Words astrNames;
-    for (const auto &[strName, strHelp] : Listed()) {
-        EXPECT_EQ(strName, strHelp);
-        astrNames.push_back(strName);
+    Words names;
+    for (const auto &[name, help] : Listed()) {
+        EXPECT_EQ(name, help);
+        names.push_back(name);
     }
-    EXPECT_EQ(astrNames, (Words{"B", "a", "ab", "b", "c"}));
+    EXPECT_EQ(names, (Words{"B", "a", "ab", "b", "c"}));
 }
 
 TEST(HostConsole, ACommandMayRegisterAndRunCommands)
 {
-    static uint32_t dwInner;
-    const auto pfOuter = +[] {
+    static uint32_t inner;
+    const auto runInner = +[] {
         Register("inner", Numbers);
-        dwInner = OspConsoleRun("inner 9");
+        inner = OspConsoleRun("inner 9");
     };
-    Register("outer", pfOuter);
+    Register("outer", runInner);
     EXPECT_EQ(OspConsoleRun("outer"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    EXPECT_EQ(dwInner, static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    ASSERT_EQ(atCalls.size(), 1U);
-    EXPECT_EQ(atCalls[0].auArgs[0], 9U);
+    EXPECT_EQ(inner, static_cast<uint32_t>(OSP_CONSOLE_FOUND));
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].args[0], 9U);
 }
 
 TEST(HostConsole, AnyThreadMayRegisterAndRun)
 {
-    static std::atomic<int> nRun{0};
-    const auto pfCount = +[] { nRun++; };
-    Register("count", pfCount);
-    std::vector<std::thread> atThreads;
-    for (int nI = 0; nI < 4; nI++) {
-        atThreads.emplace_back([nI, pfCount] {
-            for (int nRound = 0; nRound < 200; nRound++) {
-                Register("count", pfCount);
-                Register(("own" + std::to_string(nI)).c_str(), pfCount);
+    static std::atomic<int> runs{0};
+    const auto countRun = +[] { runs++; };
+    Register("count", countRun);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) {
+        threads.emplace_back([i, countRun] {
+            for (int round = 0; round < 200; round++) {
+                Register("count", countRun);
+                Register(("own" + std::to_string(i)).c_str(), countRun);
                 OspConsoleRun("count");
                 Listed();
             }
         });
     }
-    for (std::thread &rThread : atThreads) {
-        rThread.join();
+    for (std::thread &thread : threads) {
+        thread.join();
     }
-    EXPECT_EQ(nRun.load(), 800);
+    EXPECT_EQ(runs.load(), 800);
     EXPECT_EQ(Listed().size(), 5U);
 }
 

@@ -28,38 +28,38 @@ using testing::internal::GetCapturedStdout;
 
 enum { MODULE = 123, ALL_LEVELS = 100 };
 
-std::vector<std::string> LinesOf(const fs::path &tFile)
+std::vector<std::string> LinesOf(const fs::path &file)
 {
-    std::vector<std::string> astrLines;
-    std::ifstream tStream(tFile);
-    for (std::string strLine; std::getline(tStream, strLine);) {
-        astrLines.push_back(strLine);
+    std::vector<std::string> lines;
+    std::ifstream stream(file);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
     }
-    return astrLines;
+    return lines;
 }
 
 /* The text with every digit made a 9. */
-std::string Shape(std::string strText)
+std::string Shape(std::string text)
 {
-    for (char &rch : strText) {
+    for (char &rch : text) {
         rch = rch >= '0' && rch <= '9' ? '9' : rch;
     }
-    return strText;
+    return text;
 }
 
 /* All of what the module's file says, without the times. */
-std::string TextsOf(const fs::path &tFile)
+std::string TextsOf(const fs::path &file)
 {
-    const std::string strTime = "9999-99-99 99:99:99.999 ";
-    std::string strAll;
-    for (std::string strLine : LinesOf(tFile)) {
-        const size_t uTime = Shape(strLine).find(strTime);
-        if (uTime != std::string::npos) {
-            strLine.erase(uTime, strTime.size());
+    const std::string time = "9999-99-99 99:99:99.999 ";
+    std::string all;
+    for (std::string line : LinesOf(file)) {
+        const size_t place = Shape(line).find(time);
+        if (place != std::string::npos) {
+            line.erase(place, time.size());
         }
-        strAll += strLine + "\n";
+        all += line + "\n";
     }
-    return strAll;
+    return all;
 }
 
 /* Sets the log's folder to a new one of its own. */
@@ -68,56 +68,56 @@ class HostDebugLog : public testing::Test
   protected:
     void SetUp() override
     {
-        std::string strTemplate = (fs::temp_directory_path() / "host_debuglog_XXXXXX").string();
-        ASSERT_NE(mkdtemp(strTemplate.data()), nullptr);
-        tFolder = strTemplate;
-        setenv("NVRHTTPCURL_LOG_DIR", tFolder.c_str(), 1);
+        std::string path = (fs::temp_directory_path() / "host_debuglog_XXXXXX").string();
+        ASSERT_NE(mkdtemp(path.data()), nullptr);
+        folder = path;
+        setenv("NVRHTTPCURL_LOG_DIR", folder.c_str(), 1);
     }
 
     void TearDown() override
     {
-        std::error_code tError;
-        fs::remove_all(tFolder, tError);
+        std::error_code error;
+        fs::remove_all(folder, error);
     }
 
-    fs::path File(const char *szName = "Mod.log") const
+    fs::path File(const char *name = "Mod.log") const
     {
-        return tFolder / szName;
+        return folder / name;
     }
 
     size_t FilesInFolder() const
     {
-        return static_cast<size_t>(std::distance(fs::directory_iterator(tFolder), fs::directory_iterator()));
+        return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
     }
 
-    fs::path tFolder;
+    fs::path folder;
 };
 
-void SetLevels(uint32_t dwSwitch, uint32_t dwStdio, uint32_t dwFile, uint32_t dwModule = MODULE)
+void SetLevels(uint32_t on, uint32_t stdio, uint32_t file, uint32_t module = MODULE)
 {
-    EXPECT_NE(DebugLogMoudlePrintLevelOn(dwModule, dwSwitch, 1), 0U);
-    EXPECT_NE(DebugLogSetToStdioPrintf(dwModule, dwStdio), 0U);
-    EXPECT_NE(DebugLogSetToFileLevel(dwModule, dwFile), 0U);
+    EXPECT_NE(DebugLogMoudlePrintLevelOn(module, on, 1), 0U);
+    EXPECT_NE(DebugLogSetToStdioPrintf(module, stdio), 0U);
+    EXPECT_NE(DebugLogSetToFileLevel(module, file), 0U);
 }
 
-void RegisterFor(uint32_t dwStdio, uint32_t dwFile)
+void RegisterFor(uint32_t stdio, uint32_t file)
 {
     ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "Mod"), 0U);
-    SetLevels(ALL_LEVELS, dwStdio, dwFile);
+    SetLevels(ALL_LEVELS, stdio, file);
 }
 
 /* Which of the levels 0 to 6 come out on the console. */
 std::string LevelsOnConsole()
 {
     CaptureStdout();
-    for (uint32_t dwLevel = 0; dwLevel <= 6; dwLevel++) {
-        DebugLogPrint(MODULE, dwLevel, "%u\n", dwLevel);
+    for (uint32_t level = 0; level <= 6; level++) {
+        DebugLogPrint(MODULE, level, "%u\n", level);
     }
-    std::string strLevels;
+    std::string levels;
     for (const char ch : GetCapturedStdout()) {
-        strLevels += ch >= '0' && ch <= '9' ? std::string(1, ch) : std::string();
+        levels += ch >= '0' && ch <= '9' ? std::string(1, ch) : std::string();
     }
-    return strLevels;
+    return levels;
 }
 
 /* --- registration ------------------------------------------------------------------------ */
@@ -128,9 +128,9 @@ TEST_F(HostDebugLog, PrefixOpensLinesAndNameNamesTheFile)
     CaptureStdout();
     DebugLogPrint(MODULE, 2, "%s[L:%d] text %u\n", "Func", 12, 7U);
     EXPECT_EQ(GetCapturedStdout(), "[Mod] Func[L:12] text 7\n");
-    const std::vector<std::string> astrLines = LinesOf(File());
-    ASSERT_EQ(astrLines.size(), 1U);
-    EXPECT_EQ(Shape(astrLines[0]), "[Mod] 9999-99-99 99:99:99.999 Func[L:99] text 9");
+    const std::vector<std::string> lines = LinesOf(File());
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(Shape(lines[0]), "[Mod] 9999-99-99 99:99:99.999 Func[L:99] text 9");
 }
 
 TEST_F(HostDebugLog, EmptyPrefixLeavesTheLineAsItIs)
@@ -144,11 +144,11 @@ TEST_F(HostDebugLog, EmptyPrefixLeavesTheLineAsItIs)
 
 TEST_F(HostDebugLog, PrefixAndNameAreCopied)
 {
-    std::string strPrefix = "[Mod]";
-    std::string strName = "Mod";
-    ASSERT_NE(DebugLogRegist(MODULE, strPrefix.c_str(), strName.c_str()), 0U);
-    strPrefix = "xxxxx";
-    strName = "xxx";
+    std::string prefix = "[Mod]";
+    std::string name = "Mod";
+    ASSERT_NE(DebugLogRegist(MODULE, prefix.c_str(), name.c_str()), 0U);
+    prefix = "xxxxx";
+    name = "xxx";
     SetLevels(2, 2, 2);
     CaptureStdout();
     DebugLogPrint(MODULE, 2, "text\n");
@@ -310,13 +310,13 @@ TEST_F(HostDebugLog, TheGreatestLevelIsALevelToo)
 
 /* --- what a line costs ------------------------------------------------------------------- */
 
-int nFormatted = 0;
+int formatted = 0;
 
 /* A conversion of our own, "%Y", which counts how often a line is really formatted. */
-int CountConversion(FILE *ptStream, const printf_info *, const void *const *)
+int CountConversion(FILE *out, const printf_info *, const void *const *)
 {
-    nFormatted++;
-    return fputs("counted", ptStream) < 0 ? -1 : 7;
+    formatted++;
+    return fputs("counted", out) < 0 ? -1 : 7;
 }
 
 int NoArguments(const printf_info *, size_t, int *, int *)
@@ -327,8 +327,8 @@ int NoArguments(const printf_info *, size_t, int *, int *)
 TEST_F(HostDebugLog, UnwantedLinesAreNotFormatted)
 {
     ASSERT_EQ(register_printf_specifier('Y', CountConversion, NoArguments), 0);
-    const std::string strFormat = "%Y\n";
-    const auto Print = [&strFormat](uint32_t dwLevel) { DebugLogPrint(MODULE, dwLevel, strFormat.c_str(), 0); };
+    const std::string format = "%Y\n";
+    const auto Print = [&format](uint32_t level) { DebugLogPrint(MODULE, level, format.c_str(), 0); };
 
     CaptureStdout();
     Print(0); /* never mentioned */
@@ -338,13 +338,13 @@ TEST_F(HostDebugLog, UnwantedLinesAreNotFormatted)
     Print(3); /* switched off */
     SetLevels(ALL_LEVELS, 1, 2);
     Print(3); /* neither sink */
-    DebugLogPrint(256, 0, strFormat.c_str(), 0);
-    EXPECT_EQ(nFormatted, 0);
+    DebugLogPrint(256, 0, format.c_str(), 0);
+    EXPECT_EQ(formatted, 0);
 
     Print(2); /* the file */
-    EXPECT_EQ(nFormatted, 1);
+    EXPECT_EQ(formatted, 1);
     Print(1); /* both sinks */
-    EXPECT_EQ(nFormatted, 2);
+    EXPECT_EQ(formatted, 2);
     EXPECT_EQ(GetCapturedStdout(), "counted\n");
     EXPECT_EQ(LinesOf(File()).size(), 2U);
 }
@@ -359,8 +359,8 @@ TEST_F(HostDebugLog, OneNewlineOfALineIsItsEnd)
     DebugLogPrint(MODULE, 2, "two\n\n");
     DebugLogPrint(MODULE, 2, "none");
     DebugLogPrint(MODULE, 2, "\n");
-    const std::string strEmpty;
-    DebugLogPrint(MODULE, 2, "%s", strEmpty.c_str());
+    const std::string empty;
+    DebugLogPrint(MODULE, 2, "%s", empty.c_str());
     EXPECT_EQ(GetCapturedStdout(), "[Mod] one\n[Mod] two\n\n[Mod] none\n[Mod] \n[Mod] \n");
 }
 
@@ -380,35 +380,35 @@ TEST_F(HostDebugLog, LongLineIsCut)
     DebugLogPrint(MODULE, 2, "%s\n", std::string(4094, 'a').c_str());
     DebugLogPrint(MODULE, 2, "%s\n", std::string(100000, 'b').c_str());
     DebugLogPrint(MODULE, 2, "next\n");
-    const std::string strWanted =
+    const std::string wanted =
         "[Mod] " + std::string(4094, 'a') + "\n[Mod] " + std::string(4095, 'b') + "\n[Mod] next\n";
-    EXPECT_EQ(GetCapturedStdout(), strWanted);
-    EXPECT_EQ(TextsOf(File()), strWanted);
+    EXPECT_EQ(GetCapturedStdout(), wanted);
+    EXPECT_EQ(TextsOf(File()), wanted);
 }
 
 TEST_F(HostDebugLog, NullFormatIsNoLine)
 {
     RegisterFor(2, 0);
-    const char *szFormat = nullptr;
+    const char *format = nullptr;
     CaptureStdout();
-    DebugLogPrint(MODULE, 2, szFormat, 0);
+    DebugLogPrint(MODULE, 2, format, 0);
     EXPECT_EQ(GetCapturedStdout(), "");
 }
 
 /* Also by a line whose file cannot be opened, which is an error inside. */
 TEST_F(HostDebugLog, ErrnoIsLeftAsItWas)
 {
-    std::ofstream(tFolder / "plain") << "no folder";
-    setenv("NVRHTTPCURL_LOG_DIR", (tFolder / "plain").c_str(), 1);
+    std::ofstream(folder / "plain") << "no folder";
+    setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain").c_str(), 1);
     RegisterFor(2, 2);
     CaptureStdout();
     CaptureStderr();
     errno = EXDEV;
     DebugLogPrint(MODULE, 2, "text\n");
-    const int nAfter = errno;
+    const int after = errno;
     GetCapturedStdout();
     EXPECT_NE(GetCapturedStderr(), "");
-    EXPECT_EQ(nAfter, EXDEV);
+    EXPECT_EQ(after, EXDEV);
 }
 
 /* --- the file ---------------------------------------------------------------------------------- */
@@ -435,34 +435,34 @@ TEST_F(HostDebugLog, FileIsAppendedTo)
 
 TEST_F(HostDebugLog, FullFileIsStartedAfreshAndOneOlderKept)
 {
-    const unsigned nLen = 1000;
+    const unsigned size = 1000;
     RegisterFor(0, 2);
-    ASSERT_NE(DebugLogSetLogFileLen(MODULE, nLen), 0U);
-    for (unsigned nI = 1000; nI < 1100; nI++) {
-        DebugLogPrint(MODULE, 2, "line %u %s\n", nI, std::string(50, '.').c_str());
-        EXPECT_LE(fs::file_size(File()), nLen);
+    ASSERT_NE(DebugLogSetLogFileLen(MODULE, size), 0U);
+    for (unsigned i = 1000; i < 1100; i++) {
+        DebugLogPrint(MODULE, 2, "line %u %s\n", i, std::string(50, '.').c_str());
+        EXPECT_LE(fs::file_size(File()), size);
     }
     EXPECT_EQ(FilesInFolder(), 2U);
-    EXPECT_LE(fs::file_size(File("Mod.1.log")), nLen);
-    EXPECT_GT(fs::file_size(File("Mod.1.log")), nLen - 100);
+    EXPECT_LE(fs::file_size(File("Mod.1.log")), size);
+    EXPECT_GT(fs::file_size(File("Mod.1.log")), size - 100);
 
     /* The two together hold the newest lines without a gap. */
-    std::vector<std::string> astrLines = LinesOf(File("Mod.1.log"));
-    for (const std::string &strLine : LinesOf(File())) {
-        astrLines.push_back(strLine);
+    std::vector<std::string> lines = LinesOf(File("Mod.1.log"));
+    for (const std::string &line : LinesOf(File())) {
+        lines.push_back(line);
     }
-    for (size_t uI = 0; uI < astrLines.size(); uI++) {
-        const std::string strWanted = "line " + std::to_string(1100 - astrLines.size() + uI) + " ";
-        EXPECT_NE(astrLines[uI].find(strWanted), std::string::npos) << astrLines[uI];
+    for (size_t i = 0; i < lines.size(); i++) {
+        const std::string wanted = "line " + std::to_string(1100 - lines.size() + i) + " ";
+        EXPECT_NE(lines[i].find(wanted), std::string::npos) << lines[i];
     }
 }
 
 TEST_F(HostDebugLog, LengthMayBeChangedLater)
 {
     RegisterFor(0, 2);
-    const std::string strText(500, '.');
-    for (int nI = 0; nI < 4; nI++) {
-        DebugLogPrint(MODULE, 2, "%s\n", strText.c_str());
+    const std::string text(500, '.');
+    for (int i = 0; i < 4; i++) {
+        DebugLogPrint(MODULE, 2, "%s\n", text.c_str());
     }
     EXPECT_EQ(FilesInFolder(), 1U);
     EXPECT_GT(fs::file_size(File()), 2000U);
@@ -490,17 +490,17 @@ TEST_F(HostDebugLog, NameLeadsOutOfNoFolder)
 
 TEST_F(HostDebugLog, MissingFolderIsMade)
 {
-    setenv("NVRHTTPCURL_LOG_DIR", (tFolder / "a" / "b").c_str(), 1);
+    setenv("NVRHTTPCURL_LOG_DIR", (folder / "a" / "b").c_str(), 1);
     RegisterFor(0, 2);
     DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(TextsOf(tFolder / "a" / "b" / "Mod.log"), "[Mod] text\n");
+    EXPECT_EQ(TextsOf(folder / "a" / "b" / "Mod.log"), "[Mod] text\n");
 }
 
 TEST_F(HostDebugLog, DefaultFolderIsTheTemporaryOne)
 {
-    for (const char *szUnset : {"", static_cast<const char *>(nullptr)}) {
-        szUnset != nullptr ? setenv("NVRHTTPCURL_LOG_DIR", szUnset, 1) : unsetenv("NVRHTTPCURL_LOG_DIR");
-        setenv("TMPDIR", tFolder.c_str(), 1);
+    for (const char *unset : {"", static_cast<const char *>(nullptr)}) {
+        unset != nullptr ? setenv("NVRHTTPCURL_LOG_DIR", unset, 1) : unsetenv("NVRHTTPCURL_LOG_DIR");
+        setenv("TMPDIR", folder.c_str(), 1);
         RegisterFor(0, 2);
         DebugLogSetLogFileLen(MODULE, 5000); /* looks for the folder again */
         DebugLogPrint(MODULE, 2, "text\n");
@@ -510,16 +510,16 @@ TEST_F(HostDebugLog, DefaultFolderIsTheTemporaryOne)
 
 TEST_F(HostDebugLog, LastResortIsTmp)
 {
-    for (const char *szTmpDir : {"", static_cast<const char *>(nullptr)}) {
+    for (const char *tmpDir : {"", static_cast<const char *>(nullptr)}) {
         unsetenv("NVRHTTPCURL_LOG_DIR");
-        szTmpDir != nullptr ? setenv("TMPDIR", szTmpDir, 1) : unsetenv("TMPDIR");
-        const std::string strName = tFolder.filename().string() + (szTmpDir != nullptr ? "_empty" : "_unset");
-        ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", strName.c_str()), 0U);
+        tmpDir != nullptr ? setenv("TMPDIR", tmpDir, 1) : unsetenv("TMPDIR");
+        const std::string name = folder.filename().string() + (tmpDir != nullptr ? "_empty" : "_unset");
+        ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", name.c_str()), 0U);
         SetLevels(2, 0, 2);
         DebugLogPrint(MODULE, 2, "text\n");
-        const fs::path tFile = "/tmp/" + strName + ".log";
-        EXPECT_EQ(TextsOf(tFile), "[Mod] text\n");
-        fs::remove(tFile);
+        const fs::path file = "/tmp/" + name + ".log";
+        EXPECT_EQ(TextsOf(file), "[Mod] text\n");
+        fs::remove(file);
     }
 }
 
@@ -527,31 +527,31 @@ TEST_F(HostDebugLog, LastResortIsTmp)
 
 TEST_F(HostDebugLog, UnwritableFolderCostsTheFileOnlyAndIsToldOnce)
 {
-    std::ofstream(tFolder / "plain") << "no folder";
-    setenv("NVRHTTPCURL_LOG_DIR", (tFolder / "plain" / "sub").c_str(), 1);
+    std::ofstream(folder / "plain") << "no folder";
+    setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain" / "sub").c_str(), 1);
     RegisterFor(2, 4);
     CaptureStdout();
     CaptureStderr();
-    for (uint32_t dwLevel = 1; dwLevel <= 4; dwLevel++) {
-        DebugLogPrint(MODULE, dwLevel, "level %u\n", dwLevel);
+    for (uint32_t level = 1; level <= 4; level++) {
+        DebugLogPrint(MODULE, level, "level %u\n", level);
     }
     DebugLogSetToFileLevel(MODULE, 4);
     DebugLogPrint(MODULE, 4, "again\n");
-    const std::string strErrors = GetCapturedStderr();
+    const std::string errors = GetCapturedStderr();
     EXPECT_EQ(GetCapturedStdout(), "[Mod] level 1\n[Mod] level 2\n");
-    EXPECT_EQ(strErrors.find("debug log: no file for Mod: "), 0U) << strErrors;
-    EXPECT_EQ(std::count(strErrors.begin(), strErrors.end(), '\n'), 1) << strErrors;
+    EXPECT_EQ(errors.find("debug log: no file for Mod: "), 0U) << errors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
 }
 
 TEST_F(HostDebugLog, FileIsTriedAgainWhenItIsSetUpAgain)
 {
-    std::ofstream(tFolder / "plain") << "no folder";
-    setenv("NVRHTTPCURL_LOG_DIR", (tFolder / "plain" / "sub").c_str(), 1);
+    std::ofstream(folder / "plain") << "no folder";
+    setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain" / "sub").c_str(), 1);
     RegisterFor(0, 2);
     CaptureStderr();
     DebugLogPrint(MODULE, 2, "lost\n");
     GetCapturedStderr();
-    setenv("NVRHTTPCURL_LOG_DIR", tFolder.c_str(), 1);
+    setenv("NVRHTTPCURL_LOG_DIR", folder.c_str(), 1);
     DebugLogPrint(MODULE, 2, "lost too\n");
     DebugLogSetToFileLevel(MODULE, 2);
     DebugLogPrint(MODULE, 2, "kept\n");
@@ -569,9 +569,9 @@ TEST_F(HostDebugLog, FullDiskCostsTheFileOnly)
     CaptureStderr();
     DebugLogPrint(MODULE, 2, "one\n");
     DebugLogPrint(MODULE, 2, "two\n");
-    const std::string strErrors = GetCapturedStderr();
+    const std::string errors = GetCapturedStderr();
     EXPECT_EQ(GetCapturedStdout(), "[Mod] one\n[Mod] two\n");
-    EXPECT_EQ(std::count(strErrors.begin(), strErrors.end(), '\n'), 1) << strErrors;
+    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
 }
 
 /* --- threads --------------------------------------------------------------------------------------- */
@@ -580,47 +580,47 @@ TEST_F(HostDebugLog, LinesOfManyThreadsStayWhole)
 {
     RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 1 << 20);
-    std::vector<std::thread> atThreads;
-    for (int nI = 0; nI < 4; nI++) {
-        atThreads.emplace_back([nI] {
-            for (int nRound = 0; nRound < 200; nRound++) {
-                DebugLogPrint(MODULE, 2, "thread %d round %d end\n", nI, nRound);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) {
+        threads.emplace_back([i] {
+            for (int round = 0; round < 200; round++) {
+                DebugLogPrint(MODULE, 2, "thread %d round %d end\n", i, round);
                 DebugLogPrint(MODULE, 3, "unwanted\n");
             }
         });
     }
-    for (std::thread &rThread : atThreads) {
-        rThread.join();
+    for (std::thread &thread : threads) {
+        thread.join();
     }
-    std::set<std::string> astrLines;
-    std::istringstream tTexts(TextsOf(File()));
-    for (std::string strLine; std::getline(tTexts, strLine);) {
-        EXPECT_TRUE(astrLines.insert(strLine).second) << strLine;
+    std::set<std::string> lines;
+    std::istringstream all(TextsOf(File()));
+    for (std::string line; std::getline(all, line);) {
+        EXPECT_TRUE(lines.insert(line).second) << line;
     }
-    std::set<std::string> astrWanted;
-    for (int nI = 0; nI < 4; nI++) {
-        for (int nRound = 0; nRound < 200; nRound++) {
-            astrWanted.insert("[Mod] thread " + std::to_string(nI) + " round " + std::to_string(nRound) + " end");
+    std::set<std::string> wanted;
+    for (int i = 0; i < 4; i++) {
+        for (int round = 0; round < 200; round++) {
+            wanted.insert("[Mod] thread " + std::to_string(i) + " round " + std::to_string(round) + " end");
         }
     }
-    EXPECT_EQ(astrLines, astrWanted);
+    EXPECT_EQ(lines, wanted);
 }
 
 TEST_F(HostDebugLog, SettingsMayChangeWhileOthersLog)
 {
     RegisterFor(0, 2);
-    std::thread tLogger([] {
-        for (int nRound = 0; nRound < 500; nRound++) {
-            DebugLogPrint(MODULE, 2, "round %d\n", nRound);
+    std::thread logger([] {
+        for (int round = 0; round < 500; round++) {
+            DebugLogPrint(MODULE, 2, "round %d\n", round);
         }
     });
-    for (uint32_t dwRound = 0; dwRound < 100; dwRound++) {
-        EXPECT_NE(DebugLogRegist(MODULE, "[Mod]", dwRound % 2 == 0 ? "Even" : "Odd"), 0U);
-        EXPECT_NE(DebugLogSetLogFileLen(MODULE, 10000 + dwRound), 0U);
-        EXPECT_NE(DebugLogSetToFileLevel(MODULE, dwRound % 3), 0U);
-        EXPECT_NE(DebugLogMoudlePrintLevelOn(MODULE, 3, dwRound % 2), 0U);
+    for (uint32_t round = 0; round < 100; round++) {
+        EXPECT_NE(DebugLogRegist(MODULE, "[Mod]", round % 2 == 0 ? "Even" : "Odd"), 0U);
+        EXPECT_NE(DebugLogSetLogFileLen(MODULE, 10000 + round), 0U);
+        EXPECT_NE(DebugLogSetToFileLevel(MODULE, round % 3), 0U);
+        EXPECT_NE(DebugLogMoudlePrintLevelOn(MODULE, 3, round % 2), 0U);
     }
-    tLogger.join();
+    logger.join();
 }
 
 } // namespace

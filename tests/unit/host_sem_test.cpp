@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/osp.h"
+#include "tests/support/wait.h"
 
 namespace
 {
@@ -17,16 +18,9 @@ void LetOthersRun()
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
-bool Reaches(const std::atomic<int> &rValue, int nWanted)
+bool Reaches(const std::atomic<int> &value, int wanted)
 {
-    const auto tLimit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (rValue.load() != nWanted) {
-        if (std::chrono::steady_clock::now() > tLimit) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
+    return test::WaitUntil([&] { return value.load() == wanted; });
 }
 
 class HostSem : public testing::Test
@@ -34,56 +28,56 @@ class HostSem : public testing::Test
   protected:
     void SetUp() override
     {
-        ASSERT_NE(OspSemBCreate(&hSem), 0U);
-        ASSERT_NE(hSem, nullptr);
+        ASSERT_NE(OspSemBCreate(&sem), 0U);
+        ASSERT_NE(sem, nullptr);
     }
 
     void TearDown() override
     {
-        EXPECT_NE(OspSemDelete(hSem), 0U);
+        EXPECT_NE(OspSemDelete(sem), 0U);
     }
 
     /* A thread that takes twice gets through once, and the second time only after a give. */
     void ExpectOneTakeAndThenAWait()
     {
-        std::atomic<int> nTaken{0};
-        std::thread tTaker([&] {
-            OspSemTake(hSem);
-            nTaken = 1;
-            OspSemTake(hSem);
-            nTaken = 2;
+        std::atomic<int> taken{0};
+        std::thread taker([&] {
+            OspSemTake(sem);
+            taken = 1;
+            OspSemTake(sem);
+            taken = 2;
         });
-        EXPECT_TRUE(Reaches(nTaken, 1));
+        EXPECT_TRUE(Reaches(taken, 1));
         LetOthersRun();
-        EXPECT_EQ(nTaken.load(), 1);
-        OspSemGive(hSem);
-        tTaker.join();
-        EXPECT_EQ(nTaken.load(), 2);
+        EXPECT_EQ(taken.load(), 1);
+        OspSemGive(sem);
+        taker.join();
+        EXPECT_EQ(taken.load(), 2);
     }
 
-    HOspSem hSem = nullptr;
+    HOspSem sem = nullptr;
 };
 
 TEST_F(HostSem, IsCreatedAvailable)
 {
-    EXPECT_NE(OspSemTake(hSem), 0U);
-    EXPECT_NE(OspSemGive(hSem), 0U);
+    EXPECT_NE(OspSemTake(sem), 0U);
+    EXPECT_NE(OspSemGive(sem), 0U);
 }
 
 TEST_F(HostSem, TakeWaitsForTheGive)
 {
-    OspSemTake(hSem);
-    std::atomic<bool> bGiven{false};
-    bool bSeenGiven = false;
-    std::thread tTaker([&] {
-        EXPECT_NE(OspSemTake(hSem), 0U);
-        bSeenGiven = bGiven.load();
+    OspSemTake(sem);
+    std::atomic<bool> given{false};
+    bool seenGiven = false;
+    std::thread taker([&] {
+        EXPECT_NE(OspSemTake(sem), 0U);
+        seenGiven = given.load();
     });
     LetOthersRun();
-    bGiven = true;
-    EXPECT_NE(OspSemGive(hSem), 0U);
-    tTaker.join();
-    EXPECT_TRUE(bSeenGiven);
+    given = true;
+    EXPECT_NE(OspSemGive(sem), 0U);
+    taker.join();
+    EXPECT_TRUE(seenGiven);
 }
 
 TEST_F(HostSem, SecondTakeOfOneThreadWaitsForAGive)
@@ -93,95 +87,95 @@ TEST_F(HostSem, SecondTakeOfOneThreadWaitsForAGive)
 
 TEST_F(HostSem, GivesAreNotCounted)
 {
-    EXPECT_NE(OspSemGive(hSem), 0U);
-    EXPECT_NE(OspSemGive(hSem), 0U);
+    EXPECT_NE(OspSemGive(sem), 0U);
+    EXPECT_NE(OspSemGive(sem), 0U);
     ExpectOneTakeAndThenAWait();
 }
 
 TEST_F(HostSem, AnotherThreadMayGive)
 {
-    OspSemTake(hSem);
-    std::thread tGiver([this] { EXPECT_NE(OspSemGive(hSem), 0U); });
-    EXPECT_NE(OspSemTake(hSem), 0U);
-    tGiver.join();
+    OspSemTake(sem);
+    std::thread giver([this] { EXPECT_NE(OspSemGive(sem), 0U); });
+    EXPECT_NE(OspSemTake(sem), 0U);
+    giver.join();
 }
 
 TEST_F(HostSem, OneGiveLetsOneOfManyOn)
 {
-    OspSemTake(hSem);
-    std::atomic<int> nThrough{0};
-    std::vector<std::thread> atTakers;
-    for (int nI = 0; nI < 4; nI++) {
-        atTakers.emplace_back([&] {
-            OspSemTake(hSem);
-            nThrough++;
+    OspSemTake(sem);
+    std::atomic<int> through{0};
+    std::vector<std::thread> takers;
+    for (int i = 0; i < 4; i++) {
+        takers.emplace_back([&] {
+            OspSemTake(sem);
+            through++;
         });
     }
-    for (int nI = 1; nI <= 4; nI++) {
-        OspSemGive(hSem);
-        ASSERT_TRUE(Reaches(nThrough, nI));
+    for (int i = 1; i <= 4; i++) {
+        OspSemGive(sem);
+        ASSERT_TRUE(Reaches(through, i));
         LetOthersRun();
-        EXPECT_EQ(nThrough.load(), nI);
+        EXPECT_EQ(through.load(), i);
     }
-    for (std::thread &rTaker : atTakers) {
-        rTaker.join();
+    for (std::thread &taker : takers) {
+        taker.join();
     }
 }
 
 /* A plain counter: a lost update, or the thread sanitizer, tells if the semaphore guards nothing. */
 TEST_F(HostSem, WhatIsWrittenBeforeTheGiveIsSeenAfterTheTake)
 {
-    const unsigned nThreads = 4;
-    const unsigned nRounds = 5000;
-    unsigned nCount = 0;
-    std::vector<std::thread> atThreads;
-    for (unsigned nI = 0; nI < nThreads; nI++) {
-        atThreads.emplace_back([&] {
-            for (unsigned nRound = 0; nRound < nRounds; nRound++) {
-                OspSemTake(hSem);
-                nCount++;
-                OspSemGive(hSem);
+    const unsigned count = 4;
+    const unsigned rounds = 5000;
+    unsigned total = 0;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < count; i++) {
+        threads.emplace_back([&] {
+            for (unsigned round = 0; round < rounds; round++) {
+                OspSemTake(sem);
+                total++;
+                OspSemGive(sem);
             }
         });
     }
-    for (std::thread &rThread : atThreads) {
-        rThread.join();
+    for (std::thread &thread : threads) {
+        thread.join();
     }
-    EXPECT_EQ(nCount, nThreads * nRounds);
+    EXPECT_EQ(total, count * rounds);
 }
 
 TEST(HostSemAlone, MayBeDeletedWhileTaken)
 {
-    HOspSem hSem = nullptr;
-    ASSERT_NE(OspSemBCreate(&hSem), 0U);
-    OspSemTake(hSem);
-    EXPECT_NE(OspSemDelete(hSem), 0U);
+    HOspSem sem = nullptr;
+    ASSERT_NE(OspSemBCreate(&sem), 0U);
+    OspSemTake(sem);
+    EXPECT_NE(OspSemDelete(sem), 0U);
 }
 
 TEST(HostSemAlone, TheTakerMayDeleteAtOnce)
 {
-    for (int nI = 0; nI < 500; nI++) {
-        HOspSem hSem = nullptr;
-        ASSERT_NE(OspSemBCreate(&hSem), 0U);
-        OspSemTake(hSem);
-        std::thread tGiver([hSem] { OspSemGive(hSem); });
-        OspSemTake(hSem);
-        OspSemDelete(hSem);
-        tGiver.join();
+    for (int i = 0; i < 500; i++) {
+        HOspSem sem = nullptr;
+        ASSERT_NE(OspSemBCreate(&sem), 0U);
+        OspSemTake(sem);
+        std::thread giver([sem] { OspSemGive(sem); });
+        OspSemTake(sem);
+        OspSemDelete(sem);
+        giver.join();
     }
 }
 
 TEST(HostSemAlone, AHandleInPlaceIsOverwrittenAndNotDeleted)
 {
-    HOspSem hFirst = nullptr;
-    ASSERT_NE(OspSemBCreate(&hFirst), 0U);
-    HOspSem hSem = hFirst;
-    ASSERT_NE(OspSemBCreate(&hSem), 0U);
-    EXPECT_NE(hSem, hFirst);
-    EXPECT_NE(OspSemTake(hFirst), 0U);
-    EXPECT_NE(OspSemTake(hSem), 0U);
-    OspSemDelete(hSem);
-    OspSemDelete(hFirst);
+    HOspSem first = nullptr;
+    ASSERT_NE(OspSemBCreate(&first), 0U);
+    HOspSem sem = first;
+    ASSERT_NE(OspSemBCreate(&sem), 0U);
+    EXPECT_NE(sem, first);
+    EXPECT_NE(OspSemTake(first), 0U);
+    EXPECT_NE(OspSemTake(sem), 0U);
+    OspSemDelete(sem);
+    OspSemDelete(first);
 }
 
 TEST(HostSemAlone, ZeroHandlesFailAtOnce)

@@ -29,271 +29,270 @@ enum { STACK_SIZE = 256 * 1024, PRIORITY = 99 };
 
 /* What a task sees of itself. Two semaphores let a case act while the task stands still. */
 struct Probe {
-    HOspSem hMayGo = nullptr; /* taken by the task if it is not null */
-    uint64_t qwTaskID = 0;
+    HOspSem mayGo = nullptr; /* taken by the task if it is not null */
+    uint64_t id = 0;
 
-    bool bRan = false;
-    uint64_t qwTaskIDSeen = 0;
-    pid_t nThread = 0;
-    std::string strName;
-    size_t uStackSize = 0;
-    int nPolicy = -1;
-    int nPriority = -1;
-    int nChildPolicy = -1;
+    bool ran = false;
+    uint64_t idSeen = 0;
+    pid_t threadId = 0;
+    std::string name;
+    size_t stackSize = 0;
+    int policy = -1;
+    int priority = -1;
+    int childPolicy = -1;
 };
 
 size_t OwnStackSize()
 {
-    pthread_attr_t tAttr;
-    size_t uSize = 0;
-    pthread_getattr_np(pthread_self(), &tAttr);
-    pthread_attr_getstacksize(&tAttr, &uSize);
-    pthread_attr_destroy(&tAttr);
-    return uSize;
+    pthread_attr_t attr;
+    size_t size = 0;
+    pthread_getattr_np(pthread_self(), &attr);
+    pthread_attr_getstacksize(&attr, &size);
+    pthread_attr_destroy(&attr);
+    return size;
 }
 
-void Look(void *pvProbe)
+void Look(void *arg)
 {
-    Probe &rProbe = *static_cast<Probe *>(pvProbe);
-    if (rProbe.hMayGo != nullptr) {
-        OspSemTake(rProbe.hMayGo);
+    Probe &probe = *static_cast<Probe *>(arg);
+    if (probe.mayGo != nullptr) {
+        OspSemTake(probe.mayGo);
     }
-    rProbe.qwTaskIDSeen = rProbe.qwTaskID;
-    rProbe.nThread = gettid();
-    char achName[64] = "";
-    pthread_getname_np(pthread_self(), achName, sizeof(achName));
-    rProbe.strName = achName;
-    rProbe.uStackSize = OwnStackSize();
-    sched_param tParam = {};
-    sched_getparam(0, &tParam);
-    rProbe.nPolicy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK;
-    rProbe.nPriority = tParam.sched_priority;
-    std::thread([&rProbe] { rProbe.nChildPolicy = sched_getscheduler(0); }).join();
-    rProbe.bRan = true;
+    probe.idSeen = probe.id;
+    probe.threadId = gettid();
+    char name[64] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    probe.name = name;
+    probe.stackSize = OwnStackSize();
+    sched_param param = {};
+    sched_getparam(0, &param);
+    probe.policy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK;
+    probe.priority = param.sched_priority;
+    std::thread([&probe] { probe.childPolicy = sched_getscheduler(0); }).join();
+    probe.ran = true;
 }
 
-HOspTask Start(Probe &rProbe, const char *szName = "probe", uint8_t byPriority = PRIORITY,
-               uint32_t dwStackSize = STACK_SIZE)
+HOspTask Start(Probe &probe, const char *name = "probe", uint8_t priority = PRIORITY, uint32_t stackSize = STACK_SIZE)
 {
-    return OspTaskCreate(Look, szName, byPriority, dwStackSize, &rProbe, 0, &rProbe.qwTaskID);
+    return OspTaskCreate(Look, name, priority, stackSize, &probe, 0, &probe.id);
 }
 
-Probe RunOne(const char *szName = "probe", uint8_t byPriority = PRIORITY, uint32_t dwStackSize = STACK_SIZE)
+Probe RunOne(const char *name = "probe", uint8_t priority = PRIORITY, uint32_t stackSize = STACK_SIZE)
 {
-    Probe tProbe;
-    HOspTask hTask = Start(tProbe, szName, byPriority, dwStackSize);
-    EXPECT_NE(hTask, nullptr);
-    EXPECT_NE(OspTaskWaitEnd(hTask), 0U);
-    return tProbe;
+    Probe probe;
+    HOspTask task = Start(probe, name, priority, stackSize);
+    EXPECT_NE(task, nullptr);
+    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    return probe;
 }
 
 TEST(HostTask, RunsItsEntryAndWhatItWroteIsSeenAfterTheWait)
 {
-    const Probe tProbe = RunOne();
-    EXPECT_TRUE(tProbe.bRan);
-    EXPECT_NE(tProbe.nThread, gettid());
+    const Probe probe = RunOne();
+    EXPECT_TRUE(probe.ran);
+    EXPECT_NE(probe.threadId, gettid());
 }
 
 TEST(HostTask, IdentifierIsTheThreadsAndThereForBothSides)
 {
-    const Probe tProbe = RunOne();
-    EXPECT_EQ(tProbe.qwTaskID, static_cast<uint64_t>(tProbe.nThread));
-    EXPECT_EQ(tProbe.qwTaskIDSeen, tProbe.qwTaskID);
+    const Probe probe = RunOne();
+    EXPECT_EQ(probe.id, static_cast<uint64_t>(probe.threadId));
+    EXPECT_EQ(probe.idSeen, probe.id);
 }
 
 TEST(HostTask, IdentifierIsThereWhenTheCallReturns)
 {
-    Probe tProbe;
-    ASSERT_NE(OspSemBCreate(&tProbe.hMayGo), 0U);
-    OspSemTake(tProbe.hMayGo);
-    HOspTask hTask = Start(tProbe);
-    ASSERT_NE(hTask, nullptr);
-    const uint64_t qwTaskID = tProbe.qwTaskID;
-    OspSemGive(tProbe.hMayGo);
-    EXPECT_NE(OspTaskWaitEnd(hTask), 0U);
-    EXPECT_EQ(qwTaskID, static_cast<uint64_t>(tProbe.nThread));
-    OspSemDelete(tProbe.hMayGo);
+    Probe probe;
+    ASSERT_NE(OspSemBCreate(&probe.mayGo), 0U);
+    OspSemTake(probe.mayGo);
+    HOspTask task = Start(probe);
+    ASSERT_NE(task, nullptr);
+    const uint64_t id = probe.id;
+    OspSemGive(probe.mayGo);
+    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    EXPECT_EQ(id, static_cast<uint64_t>(probe.threadId));
+    OspSemDelete(probe.mayGo);
 }
 
 TEST(HostTask, IdentifierMayBeUnwanted)
 {
-    Probe tProbe;
-    HOspTask hTask = OspTaskCreate(Look, "probe", PRIORITY, STACK_SIZE, &tProbe, 0, nullptr);
-    ASSERT_NE(hTask, nullptr);
-    EXPECT_NE(OspTaskWaitEnd(hTask), 0U);
-    EXPECT_TRUE(tProbe.bRan);
+    Probe probe;
+    HOspTask task = OspTaskCreate(Look, "probe", PRIORITY, STACK_SIZE, &probe, 0, nullptr);
+    ASSERT_NE(task, nullptr);
+    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    EXPECT_TRUE(probe.ran);
 }
 
 TEST(HostTask, NameIsCutToWhatTheKernelKeeps)
 {
-    EXPECT_EQ(RunOne("123456789012345").strName, "123456789012345");
-    EXPECT_EQ(RunOne("1234567890123456").strName, "123456789012345");
+    EXPECT_EQ(RunOne("123456789012345").name, "123456789012345");
+    EXPECT_EQ(RunOne("1234567890123456").name, "123456789012345");
 }
 
 TEST(HostTask, NameIsCopied)
 {
-    Probe tProbe;
-    ASSERT_NE(OspSemBCreate(&tProbe.hMayGo), 0U);
-    OspSemTake(tProbe.hMayGo);
-    char achName[] = "first";
-    HOspTask hTask = Start(tProbe, achName);
-    ASSERT_NE(hTask, nullptr);
-    strcpy(achName, "other");
-    OspSemGive(tProbe.hMayGo);
-    OspTaskWaitEnd(hTask);
-    EXPECT_EQ(tProbe.strName, "first");
-    OspSemDelete(tProbe.hMayGo);
+    Probe probe;
+    ASSERT_NE(OspSemBCreate(&probe.mayGo), 0U);
+    OspSemTake(probe.mayGo);
+    char name[] = "first";
+    HOspTask task = Start(probe, name);
+    ASSERT_NE(task, nullptr);
+    strcpy(name, "other");
+    OspSemGive(probe.mayGo);
+    OspTaskWaitEnd(task);
+    EXPECT_EQ(probe.name, "first");
+    OspSemDelete(probe.mayGo);
 }
 
 TEST(HostTask, NameMayBeNull)
 {
-    EXPECT_TRUE(RunOne(nullptr).bRan);
+    EXPECT_TRUE(RunOne(nullptr).ran);
 }
 
-void MeasureStack(void *pvSize)
+void MeasureStack(void *size)
 {
-    *static_cast<size_t *>(pvSize) = OwnStackSize();
+    *static_cast<size_t *>(size) = OwnStackSize();
 }
 
 TEST(HostTask, StackHasAtLeastItsSize)
 {
-    for (const uint32_t dwWanted : {512U * 1024, 2U * 1024 * 1024, 2U * 1024 * 1024 + 1, 32U * 1024 * 1024}) {
-        EXPECT_GE(RunOne("probe", PRIORITY, dwWanted).uStackSize, dwWanted);
+    for (const uint32_t wanted : {512U * 1024, 2U * 1024 * 1024, 2U * 1024 * 1024 + 1, 32U * 1024 * 1024}) {
+        EXPECT_GE(RunOne("probe", PRIORITY, wanted).stackSize, wanted);
     }
 }
 
 /* The first thread of the process: a later one may be given the larger stack of one that has ended. */
 TEST(HostTask, StackIsNotTheHostsUsualOne)
 {
-    size_t uSize = 0;
-    HOspTask hTask = OspTaskCreate(MeasureStack, "modest", PRIORITY, 512 * 1024, &uSize, 0, nullptr);
-    ASSERT_NE(hTask, nullptr);
-    OspTaskWaitEnd(hTask);
-    EXPECT_GE(uSize, 512U * 1024);
-    EXPECT_LT(uSize, 2U * 1024 * 1024);
+    size_t size = 0;
+    HOspTask task = OspTaskCreate(MeasureStack, "modest", PRIORITY, 512 * 1024, &size, 0, nullptr);
+    ASSERT_NE(task, nullptr);
+    OspTaskWaitEnd(task);
+    EXPECT_GE(size, 512U * 1024);
+    EXPECT_LT(size, 2U * 1024 * 1024);
 }
 
 TEST(HostTask, StackCanBeUsed)
 {
-    const PFOspTaskEntry pfUse = [](void *pvSum) {
-        volatile char achBlock[1024 * 1024];
-        for (size_t uI = 0; uI < sizeof(achBlock); uI += 1024) {
-            achBlock[uI] = 1;
-            *static_cast<int *>(pvSum) += achBlock[uI];
+    const PFOspTaskEntry use = [](void *sum) {
+        volatile char block[1024 * 1024];
+        for (size_t i = 0; i < sizeof(block); i += 1024) {
+            block[i] = 1;
+            *static_cast<int *>(sum) += block[i];
         }
     };
-    int nSum = 0;
-    HOspTask hTask = OspTaskCreate(pfUse, "deep", PRIORITY, 2 * 1024 * 1024, &nSum, 0, nullptr);
-    ASSERT_NE(hTask, nullptr);
-    OspTaskWaitEnd(hTask);
-    EXPECT_EQ(nSum, 1024);
+    int sum = 0;
+    HOspTask task = OspTaskCreate(use, "deep", PRIORITY, 2 * 1024 * 1024, &sum, 0, nullptr);
+    ASSERT_NE(task, nullptr);
+    OspTaskWaitEnd(task);
+    EXPECT_EQ(sum, 1024);
 }
 
 TEST(HostTask, TooSmallAStackBecomesTheHostsSmallest)
 {
-    for (const uint32_t dwWanted : {0U, 1U}) {
-        size_t uSize = 0;
-        HOspTask hTask = OspTaskCreate(MeasureStack, "small", 0, dwWanted, &uSize, 0, nullptr);
-        ASSERT_NE(hTask, nullptr);
-        EXPECT_NE(OspTaskWaitEnd(hTask), 0U);
-        EXPECT_GE(uSize, static_cast<size_t>(PTHREAD_STACK_MIN));
+    for (const uint32_t wanted : {0U, 1U}) {
+        size_t size = 0;
+        HOspTask task = OspTaskCreate(MeasureStack, "small", 0, wanted, &size, 0, nullptr);
+        ASSERT_NE(task, nullptr);
+        EXPECT_NE(OspTaskWaitEnd(task), 0U);
+        EXPECT_GE(size, static_cast<size_t>(PTHREAD_STACK_MIN));
     }
 }
 
 #ifndef UNDER_SANITIZER /* their own memory goes far beyond any limit set here */
 TEST(HostTask, NoTaskWithoutItsStack)
 {
-    rlimit tLimit = {};
-    ASSERT_EQ(getrlimit(RLIMIT_AS, &tLimit), 0);
-    tLimit.rlim_cur = 1024UL * 1024 * 1024;
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &tLimit), 0);
-    Probe tProbe;
-    EXPECT_EQ(Start(tProbe, "huge", PRIORITY, 0xFFFFFFFFU), nullptr);
-    EXPECT_FALSE(tProbe.bRan);
-    EXPECT_TRUE(RunOne().bRan);
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &limit), 0);
+    limit.rlim_cur = 1024UL * 1024 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
+    Probe probe;
+    EXPECT_EQ(Start(probe, "huge", PRIORITY, 0xFFFFFFFFU), nullptr);
+    EXPECT_FALSE(probe.ran);
+    EXPECT_TRUE(RunOne().ran);
 }
 #endif
 
 /* Whether this process may, is found out by doing it. */
-bool MayBeRealTime(int nPriority)
+bool MayBeRealTime(int priority)
 {
-    bool bMay = false;
-    std::thread([&bMay, nPriority] {
-        sched_param tParam = {};
-        tParam.sched_priority = nPriority;
-        bMay = sched_setscheduler(0, SCHED_RR, &tParam) == 0;
+    bool may = false;
+    std::thread([&may, priority] {
+        sched_param param = {};
+        param.sched_priority = priority;
+        may = sched_setscheduler(0, SCHED_RR, &param) == 0;
     }).join();
-    return bMay;
+    return may;
 }
 
 TEST(HostTask, PriorityIsTried)
 {
-    const int nLowest = sched_get_priority_min(SCHED_RR);
-    if (!MayBeRealTime(nLowest + 7)) {
+    const int lowest = sched_get_priority_min(SCHED_RR);
+    if (!MayBeRealTime(lowest + 7)) {
         GTEST_SKIP() << "this process may not set priorities";
     }
-    for (const uint8_t byPriority : {uint8_t{1}, uint8_t{99}, uint8_t{255}}) {
-        const Probe tProbe = RunOne("probe", byPriority);
-        EXPECT_EQ(tProbe.nPolicy, SCHED_RR);
-        EXPECT_EQ(tProbe.nPriority, nLowest + byPriority / 32);
-        EXPECT_EQ(tProbe.nChildPolicy, SCHED_OTHER);
+    for (const uint8_t priority : {uint8_t{1}, uint8_t{99}, uint8_t{255}}) {
+        const Probe probe = RunOne("probe", priority);
+        EXPECT_EQ(probe.policy, SCHED_RR);
+        EXPECT_EQ(probe.priority, lowest + priority / 32);
+        EXPECT_EQ(probe.childPolicy, SCHED_OTHER);
     }
 }
 
 TEST(HostTask, PriorityZeroAsksForNothing)
 {
-    EXPECT_EQ(RunOne("probe", 0).nPolicy, sched_getscheduler(0));
+    EXPECT_EQ(RunOne("probe", 0).policy, sched_getscheduler(0));
 }
 
 /* Gives up what lets this thread and those it starts set priorities. */
 void GiveUpPriorities()
 {
-    __user_cap_header_struct tHeader = {_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct atData[2] = {};
-    ASSERT_EQ(syscall(SYS_capget, &tHeader, atData), 0);
-    atData[0].effective &= ~(1U << CAP_SYS_NICE);
-    ASSERT_EQ(syscall(SYS_capset, &tHeader, atData), 0);
-    const rlimit tNone = {0, 0};
-    ASSERT_EQ(setrlimit(RLIMIT_RTPRIO, &tNone), 0);
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    ASSERT_EQ(syscall(SYS_capget, &header, data), 0);
+    data[0].effective &= ~(1U << CAP_SYS_NICE);
+    ASSERT_EQ(syscall(SYS_capset, &header, data), 0);
+    const rlimit none = {0, 0};
+    ASSERT_EQ(setrlimit(RLIMIT_RTPRIO, &none), 0);
 }
 
 TEST(HostTask, TaskStartsWithoutAPriorityThatIsNotAllowed)
 {
     GiveUpPriorities();
     ASSERT_FALSE(MayBeRealTime(sched_get_priority_min(SCHED_RR)));
-    const Probe tProbe = RunOne();
-    EXPECT_TRUE(tProbe.bRan);
-    EXPECT_EQ(tProbe.nPolicy, sched_getscheduler(0));
+    const Probe probe = RunOne();
+    EXPECT_TRUE(probe.ran);
+    EXPECT_EQ(probe.policy, sched_getscheduler(0));
 }
 
 TEST(HostTask, RefusesNoEntryAndFlags)
 {
-    Probe tProbe;
-    EXPECT_EQ(OspTaskCreate(nullptr, "none", PRIORITY, STACK_SIZE, &tProbe, 0, nullptr), nullptr);
-    EXPECT_EQ(OspTaskCreate(Look, "flags", PRIORITY, STACK_SIZE, &tProbe, 1, nullptr), nullptr);
-    EXPECT_FALSE(tProbe.bRan);
+    Probe probe;
+    EXPECT_EQ(OspTaskCreate(nullptr, "none", PRIORITY, STACK_SIZE, &probe, 0, nullptr), nullptr);
+    EXPECT_EQ(OspTaskCreate(Look, "flags", PRIORITY, STACK_SIZE, &probe, 1, nullptr), nullptr);
+    EXPECT_FALSE(probe.ran);
 }
 
 TEST(HostTask, WaitReturnsForATaskThatHasEndedAlready)
 {
-    HOspSem hEnded = nullptr;
-    ASSERT_NE(OspSemBCreate(&hEnded), 0U);
-    OspSemTake(hEnded);
-    const PFOspTaskEntry pfEnd = [](void *pvSem) { OspSemGive(static_cast<HOspSem>(pvSem)); };
-    HOspTask hTask = OspTaskCreate(pfEnd, "short", PRIORITY, STACK_SIZE, hEnded, 0, nullptr);
-    ASSERT_NE(hTask, nullptr);
-    OspSemTake(hEnded);
-    EXPECT_NE(OspTaskWaitEnd(hTask), 0U);
-    OspSemDelete(hEnded);
+    HOspSem ended = nullptr;
+    ASSERT_NE(OspSemBCreate(&ended), 0U);
+    OspSemTake(ended);
+    const PFOspTaskEntry end = [](void *sem) { OspSemGive(static_cast<HOspSem>(sem)); };
+    HOspTask task = OspTaskCreate(end, "short", PRIORITY, STACK_SIZE, ended, 0, nullptr);
+    ASSERT_NE(task, nullptr);
+    OspSemTake(ended);
+    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    OspSemDelete(ended);
 }
 
 TEST(HostTask, AnyThreadMayWait)
 {
-    Probe tProbe;
-    HOspTask hTask = Start(tProbe);
-    ASSERT_NE(hTask, nullptr);
-    std::thread([hTask] { EXPECT_NE(OspTaskWaitEnd(hTask), 0U); }).join();
-    EXPECT_TRUE(tProbe.bRan);
+    Probe probe;
+    HOspTask task = Start(probe);
+    ASSERT_NE(task, nullptr);
+    std::thread([task] { EXPECT_NE(OspTaskWaitEnd(task), 0U); }).join();
+    EXPECT_TRUE(probe.ran);
 }
 
 TEST(HostTask, WaitFailsForAZeroHandle)
@@ -302,27 +301,27 @@ TEST(HostTask, WaitFailsForAZeroHandle)
 }
 
 struct SelfWait {
-    HOspSem hMayGo;
-    HOspTask hTask;
-    uint32_t dwResult;
+    HOspSem mayGo;
+    HOspTask task;
+    uint32_t result;
 };
 
 TEST(HostTask, WaitFailsForTheTaskItselfAndStillSucceedsForOthers)
 {
-    SelfWait tSelf = {nullptr, nullptr, 7};
-    ASSERT_NE(OspSemBCreate(&tSelf.hMayGo), 0U);
-    OspSemTake(tSelf.hMayGo);
-    const PFOspTaskEntry pfWait = [](void *pvSelf) {
-        SelfWait &rSelf = *static_cast<SelfWait *>(pvSelf);
-        OspSemTake(rSelf.hMayGo);
-        rSelf.dwResult = OspTaskWaitEnd(rSelf.hTask);
+    SelfWait self = {nullptr, nullptr, 7};
+    ASSERT_NE(OspSemBCreate(&self.mayGo), 0U);
+    OspSemTake(self.mayGo);
+    const PFOspTaskEntry wait = [](void *arg) {
+        SelfWait &waiter = *static_cast<SelfWait *>(arg);
+        OspSemTake(waiter.mayGo);
+        waiter.result = OspTaskWaitEnd(waiter.task);
     };
-    tSelf.hTask = OspTaskCreate(pfWait, "self", PRIORITY, STACK_SIZE, &tSelf, 0, nullptr);
-    ASSERT_NE(tSelf.hTask, nullptr);
-    OspSemGive(tSelf.hMayGo);
-    EXPECT_NE(OspTaskWaitEnd(tSelf.hTask), 0U);
-    EXPECT_EQ(tSelf.dwResult, 0U);
-    OspSemDelete(tSelf.hMayGo);
+    self.task = OspTaskCreate(wait, "self", PRIORITY, STACK_SIZE, &self, 0, nullptr);
+    ASSERT_NE(self.task, nullptr);
+    OspSemGive(self.mayGo);
+    EXPECT_NE(OspTaskWaitEnd(self.task), 0U);
+    EXPECT_EQ(self.result, 0U);
+    OspSemDelete(self.mayGo);
 }
 
 } // namespace

@@ -24,7 +24,7 @@
 namespace
 {
 
-using namespace engine;
+using namespace test;
 
 const char *const INIT = "NvrHttpCurlCltInit";
 const char *const UNINIT = "NvrHttpCurlCltUninit";
@@ -66,10 +66,7 @@ const TNvrHttpCurlCltMemCB SPY = {SpyMalloc, SpyRealloc, SpyFree};
 
 HNvrHttpCurlCltInst MustStartSpied(uint32_t tasks)
 {
-    const TNvrHttpCurlCltInitParam param = {tasks, 8};
-    HNvrHttpCurlCltInst instance = nullptr;
-    EXPECT_EQ(NvrHttpCurlCltInit(&param, &SPY, &instance), 0U);
-    return instance;
+    return MustStart(tasks, 8, SPY);
 }
 
 std::vector<unsigned char> TableBytes()
@@ -78,30 +75,21 @@ std::vector<unsigned char> TableBytes()
     return std::vector<unsigned char>(bytes, bytes + sizeof(g_tNvrHttpCurlCltCont));
 }
 
-std::atomic<unsigned> callbacks{0};
-
-uint32_t CountCallback(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
+/* The line that Init logs first. */
+Line TickLine()
 {
-    ++callbacks;
-    return 0;
+    return Info(INIT, " NVRHCCTickToMS(1) return %u\n", NVRHCCTickToMS(1));
 }
 
-std::vector<fake::LogLine> ErrorLinesOf(const std::string &func)
+Lines ErrorsOf(const std::string &func)
 {
-    std::vector<fake::LogLine> found;
-    for (const fake::LogLine &line : LinesOfLevel(LEVEL_ERROR)) {
-        if (line.strFunc == func) {
-            found.push_back(line);
+    Lines errors;
+    for (const Line &line : Log()) {
+        if (line.level == HCC_LEVEL_ERROR && line.func == func) {
+            errors.push_back(line);
         }
     }
-    return found;
-}
-
-size_t CountWaited()
-{
-    const std::vector<fake::TaskInfo> tasks = fake::Tasks();
-    return static_cast<size_t>(
-        std::count_if(tasks.begin(), tasks.end(), [](const fake::TaskInfo &task) { return task.bWaited; }));
+    return errors;
 }
 
 /* Each case ends every instance that it starts; nothing of them remains. */
@@ -110,15 +98,13 @@ class InstanceTest : public EngineTest
   protected:
     void SetUp() override
     {
-        EngineTest::SetUp();
         openBefore = OpenDescriptors();
     }
 
     void TearDown() override
     {
         EXPECT_EQ(OpenDescriptors(), openBefore);
-        EXPECT_EQ(fake::BlocksAlive(), 0U);
-        EXPECT_EQ(CountWaited(), fake::Tasks().size());
+        EXPECT_EQ(fake::TasksWaited(), fake::Tasks().size());
         for (unsigned i = 0; i < 16; ++i) {
             EXPECT_TRUE(IsFree(Slot(i))) << i;
         }
@@ -138,10 +124,8 @@ class InitArguments : public InstanceTest
                        HNvrHttpCurlCltInst *result)
     {
         const std::vector<unsigned char> before = TableBytes();
-        testing::internal::CaptureStdout();
-        const uint32_t got = NvrHttpCurlCltInit(param, memoryCB, result);
-        fflush(stdout);
-        const std::string printed = testing::internal::GetCapturedStdout();
+        uint32_t got = 0;
+        const std::string printed = Printed([&] { got = NvrHttpCurlCltInit(param, memoryCB, result); });
         EXPECT_EQ(got, 4U);
         EXPECT_EQ(printed,
                   Text("invalid arg, ptInitParam %p, dwThreadNum %u, dwMaxAsycReqNum %u, ptMemCB %p, pfMalloc %p, "
@@ -245,7 +229,7 @@ TEST_F(InitArguments, PrintsWhateverTheLogSwitchSays)
 
 TEST_F(InitArguments, TakesSixteenTasksAnd1024Requests)
 {
-    ASSERT_EQ(Start(16, &instance, 1024), 0U) << fake::Transcript();
+    ASSERT_EQ(TryStart(16, &instance, 1024), 0U) << fake::Transcript();
     EXPECT_EQ(instance, Slot(0));
     EXPECT_EQ(instance->dwTaskNum, 16U);
     EXPECT_EQ(instance->dwAsyncReqMaxNum, 1024U);
@@ -255,7 +239,7 @@ TEST_F(InitArguments, TakesSixteenTasksAnd1024Requests)
 
 TEST_F(InitArguments, TakesNoTasksAndNoRequests)
 {
-    ASSERT_EQ(Start(0, &instance, 0), 0U) << fake::Transcript();
+    ASSERT_EQ(TryStart(0, &instance, 0), 0U) << fake::Transcript();
     EXPECT_EQ(instance, Slot(0));
     EXPECT_EQ(instance->bInited, 1U);
     EXPECT_EQ(instance->atTasks, nullptr);
@@ -276,12 +260,12 @@ class InitOpening : public InstanceTest
         const std::vector<fake::CommandInfo> commands = fake::Commands();
         ASSERT_EQ(commands.size(), 2 * times);
         for (size_t i = 0; i < commands.size(); i += 2) {
-            EXPECT_EQ(commands[i].strName, "NvrHttpCurlCltver");
-            EXPECT_EQ(commands[i].strHelp, "NvrHttpCurlCltver");
-            EXPECT_EQ(commands[i].pfCommand, reinterpret_cast<PFOspCommand>(_NvrHttpCurlCltShowVersion));
-            EXPECT_EQ(commands[i + 1].strName, "NvrHttpCurlCltshow");
-            EXPECT_EQ(commands[i + 1].strHelp, "NvrHttpCurlCltshow");
-            EXPECT_EQ(commands[i + 1].pfCommand, reinterpret_cast<PFOspCommand>(NvrHttpCurlCltshow));
+            EXPECT_EQ(commands[i].name, "NvrHttpCurlCltver");
+            EXPECT_EQ(commands[i].help, "NvrHttpCurlCltver");
+            EXPECT_EQ(commands[i].command, reinterpret_cast<PFOspCommand>(_NvrHttpCurlCltShowVersion));
+            EXPECT_EQ(commands[i + 1].name, "NvrHttpCurlCltshow");
+            EXPECT_EQ(commands[i + 1].help, "NvrHttpCurlCltshow");
+            EXPECT_EQ(commands[i + 1].command, reinterpret_cast<PFOspCommand>(NvrHttpCurlCltshow));
         }
     }
 };
@@ -310,7 +294,7 @@ TEST_F(InitOpening, RegistersTheCommandsWhenMemoryFails)
 {
     HNvrHttpCurlCltInst instance = nullptr;
     fake::FailMalloc(1);
-    EXPECT_EQ(Start(1, &instance), 5U);
+    EXPECT_EQ(TryStart(1, &instance), 5U);
     ExpectCommands(1);
 }
 
@@ -318,7 +302,7 @@ TEST_F(InitOpening, RegistersTheCommandsWhenASemaphoreFails)
 {
     HNvrHttpCurlCltInst instance = nullptr;
     fake::FailSemCreate(1);
-    EXPECT_EQ(Start(1, &instance), 1U);
+    EXPECT_EQ(TryStart(1, &instance), 1U);
     ExpectCommands(1);
 }
 
@@ -329,7 +313,7 @@ TEST_F(InitOpening, RegistersTheCommandsWhenNoSlotIsFree)
         instance = MustStart(0);
     }
     HNvrHttpCurlCltInst none = nullptr;
-    EXPECT_EQ(Start(0, &none), 8U);
+    EXPECT_EQ(TryStart(0, &none), 8U);
     ExpectCommands(17);
     for (const HNvrHttpCurlCltInst instance : instances) {
         NvrHttpCurlCltUninit(instance);
@@ -340,14 +324,14 @@ TEST_F(InitOpening, LogsWhatOneTickIsWorth)
 {
     hooks::sys_sysconf = [](int) { return 100L; };
     NvrHttpCurlCltUninit(MustStart(0));
-    ExpectLines({{INIT, LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n", " NVRHCCTickToMS(1) return 0\n"}});
+    ExpectLines({Info(INIT, " NVRHCCTickToMS(1) return %u\n", 0U)});
 }
 
 TEST_F(InitOpening, LogsTheValueThatTheConversionGives)
 {
     hooks::sys_sysconf = [](int) { return 1L; };
     NvrHttpCurlCltUninit(MustStart(0));
-    ExpectLines({{INIT, LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n", " NVRHCCTickToMS(1) return 1000\n"}});
+    ExpectLines({Info(INIT, " NVRHCCTickToMS(1) return %u\n", 1000U)});
 }
 
 TEST_F(InitOpening, PrimesTheTickRate)
@@ -419,14 +403,13 @@ TEST_F(Slots, TheSeventeenthInitReturns8AndTouchesNone)
     fake::ClearLines();
 
     HNvrHttpCurlCltInst none = Slot(7);
-    EXPECT_EQ(Start(1, &none), 8U);
+    EXPECT_EQ(TryStart(1, &none), 8U);
 
     EXPECT_EQ(none, Slot(7));
     EXPECT_EQ(TableBytes(), before);
     EXPECT_EQ(fake::SemsCreated(), sems);
     EXPECT_EQ(fake::Mallocs(), mallocs);
-    ExpectLines({{INIT, LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n",
-                  Text(" NVRHCCTickToMS(1) return %u\n", NVRHCCTickToMS(1))}});
+    ExpectLines({TickLine()});
     for (const HNvrHttpCurlCltInst instance : instances) {
         NvrHttpCurlCltUninit(instance);
     }
@@ -491,7 +474,7 @@ TEST_F(Init, FillsEveryTaskRecordAlthoughFreshMemoryIsFullOfRubbish)
             EXPECT_EQ(list->pfRealloc, SpyRealloc);
             EXPECT_EQ(list->pfFree, SpyFree);
         }
-        EXPECT_EQ(task.hTask, fake::Tasks().at(i).hTask);
+        EXPECT_EQ(task.hTask, fake::Tasks().at(i).task);
         EXPECT_NE(task.qwTaskID, 0U);
         EXPECT_EQ(task.bExit, 0U);
         EXPECT_NE(task.ptCurlMultiHandle, nullptr);
@@ -516,12 +499,12 @@ TEST_F(Init, StartsEachThreadAsTold)
     const std::vector<fake::TaskInfo> tasks = fake::Tasks();
     ASSERT_EQ(tasks.size(), 3U);
     for (unsigned i = 0; i < 3; ++i) {
-        EXPECT_EQ(tasks[i].strName, Text("NvrHttpCurlClt000%u", i));
-        EXPECT_EQ(tasks[i].byPriority, 99);
-        EXPECT_EQ(tasks[i].dwStackSize, 2097152U);
-        EXPECT_EQ(tasks[i].wFlags, 0);
-        EXPECT_EQ(tasks[i].pfEntry, _NvrHttpCurlCltWorkerRoutine);
-        EXPECT_EQ(tasks[i].pvArg, &instance->atTasks[i]);
+        EXPECT_EQ(tasks[i].name, Text("NvrHttpCurlClt000%u", i));
+        EXPECT_EQ(tasks[i].priority, 99);
+        EXPECT_EQ(tasks[i].stackSize, 2097152U);
+        EXPECT_EQ(tasks[i].flags, 0);
+        EXPECT_EQ(tasks[i].entry, _NvrHttpCurlCltWorkerRoutine);
+        EXPECT_EQ(tasks[i].arg, &instance->atTasks[i]);
     }
     NvrHttpCurlCltUninit(instance);
 }
@@ -534,7 +517,7 @@ TEST_F(Init, NamesThreadsBySlotAndTask)
     HNvrHttpCurlCltInst instance = MustStart(4);
     EXPECT_EQ(instance, Slot(2));
     EXPECT_STREQ(instance->atTasks[3].szThreadName, "NvrHttpCurlClt0203");
-    EXPECT_EQ(fake::Tasks().at(3).strName, instance->atTasks[3].szThreadName);
+    EXPECT_EQ(fake::Tasks().at(3).name, instance->atTasks[3].szThreadName);
     for (unsigned i = 0; i < 3; ++i) {
         NvrHttpCurlCltUninit(Slot(i));
     }
@@ -573,31 +556,26 @@ TEST_F(Init, LogsEachStepInOrder)
     hooks::sys_sysconf = [](int) { return 100L; };
     PretendPorts();
     HNvrHttpCurlCltInst instance = MustStart(2);
-    std::vector<Line> want = {{INIT, LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n", " NVRHCCTickToMS(1) return 0\n"}};
+    Lines want = {Info(INIT, " NVRHCCTickToMS(1) return %u\n", 0U)};
     for (unsigned i = 0; i < 2; ++i) {
         const TNvrHttpCurlCltTask &task = instance->atTasks[i];
         const int fd = task.tUdpMonitorSock.nSock;
         const unsigned port = 46990 - i;
         EXPECT_EQ(task.tUdpMonitorSock.wPort, port);
         if (i == 1) {
-            want.push_back({"_NvrHttpCurlCltSocket_CreateUdpSocket", LEVEL_ERROR,
-                            "[Error] bind() failed, errno %d{%s}\n",
-                            Text("[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE))});
-            want.push_back({"_NvrHttpCurlCltCreateUdpMonitor", LEVEL_ERROR,
-                            "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
-                            "[Error] websCreateUdpMonitor() PortII[46990] is Occupied\n"});
+            want.push_back(Error("_NvrHttpCurlCltSocket_CreateUdpSocket", "[Error] bind() failed, errno %d{%s}\n",
+                                 EADDRINUSE, strerror(EADDRINUSE)));
+            want.push_back(Error("_NvrHttpCurlCltCreateUdpMonitor",
+                                 "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46990));
         }
-        want.push_back({"_NvrHttpCurlCltSocket_CreateUdpSocket", LEVEL_INFO, " create s_nTheUdpSock %d, %d\n",
-                        Text(" create s_nTheUdpSock %d, %d\n", fd, fd)});
-        want.push_back({"_NvrHttpCurlCltCreateUdpMonitor", LEVEL_INFO, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n",
-                        Text(" _NvrHttpCurlCltCreateUdpMonitor(), 127.0.0.1:%u\n", port)});
-        want.push_back({"_NvrHttpCurlCltCreateUdpMonitor", LEVEL_INFO, " get socket port wPortII %d\n",
-                        Text(" get socket port wPortII %u\n", port)});
-        want.push_back({"_NvrHttpCurlCltCreateUdpMonitor", LEVEL_INFO, " return *pwPort %d, *pbCreatSocket %d\n",
-                        Text(" return *pwPort %u, *pbCreatSocket 1\n", port)});
-        want.push_back({INIT, LEVEL_INFO, " Task[%p] szThreadName {%s}\n",
-                        Text(" Task[%p] szThreadName {NvrHttpCurlClt000%u}\n",
-                             reinterpret_cast<void *>(static_cast<uintptr_t>(task.qwTaskID)), i)});
+        want.push_back(Info("_NvrHttpCurlCltSocket_CreateUdpSocket", " create s_nTheUdpSock %d, %d\n", fd, fd));
+        want.push_back(
+            Info("_NvrHttpCurlCltCreateUdpMonitor", " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", port));
+        want.push_back(Info("_NvrHttpCurlCltCreateUdpMonitor", " get socket port wPortII %d\n", port));
+        want.push_back(Info("_NvrHttpCurlCltCreateUdpMonitor", " return *pwPort %d, *pbCreatSocket %d\n", port, 1));
+        want.push_back(Info(INIT, " Task[%p] szThreadName {%s}\n",
+                            reinterpret_cast<void *>(static_cast<uintptr_t>(task.qwTaskID)),
+                            Text("NvrHttpCurlClt000%u", i).c_str()));
     }
     ExpectLines(want);
     NvrHttpCurlCltUninit(instance);
@@ -626,7 +604,7 @@ TEST_F(Init, TheThreadsRun)
 {
     fake::RunTasks(true);
     HNvrHttpCurlCltInst instance = MustStart(4);
-    EXPECT_TRUE(Eventually([] { return fake::CountTexts(" thread name {NvrHttpCurlClt000") == 4; }));
+    EXPECT_TRUE(WaitUntil([] { return fake::CountTexts(" thread name {NvrHttpCurlClt000") == 4; }));
     NvrHttpCurlCltUninit(instance);
 }
 
@@ -682,7 +660,7 @@ TEST_F(EasyInitLocker, StaysAsItIsWhenInitFailsBefore)
     const HOspSem old = g_sEasyInitLocker;
     HNvrHttpCurlCltInst none = nullptr;
     fake::FailSemCreate(1); /* hAsyncReqNumLock */
-    EXPECT_EQ(Start(0, &none), 1U);
+    EXPECT_EQ(TryStart(0, &none), 1U);
     EXPECT_EQ(g_sEasyInitLocker, old);
     ExpectUsable(old);
 }
@@ -693,9 +671,8 @@ TEST_F(EasyInitLocker, StaysAsItIsWhenItCannotBeReplaced)
     const HOspSem old = g_sEasyInitLocker;
     HNvrHttpCurlCltInst none = nullptr;
     fake::FailSemCreate(2);
-    EXPECT_EQ(Start(0, &none), 1U);
-    ExpectLine({INIT, LEVEL_ERROR, "[Error] g_sEasyInitLocker create failed, dwII %u\n",
-                "[Error] g_sEasyInitLocker create failed, dwII 0\n"});
+    EXPECT_EQ(TryStart(0, &none), 1U);
+    ExpectLine(Error(INIT, "[Error] g_sEasyInitLocker create failed, dwII %u\n", 0U));
     EXPECT_EQ(g_sEasyInitLocker, old);
     ExpectUsable(old);
     EXPECT_EQ(fake::SemsAlive(), 1U);
@@ -707,8 +684,7 @@ TEST_F(EasyInitLocker, StaysAsItIsWhenItCannotBeReplaced)
 struct Failure {
     const char *name;
     void (*arm)();
-    const char *format;
-    const char *text;
+    Line line;
     size_t built;      /* tasks whose set-up had begun */
     size_t multis;     /* multi handles that existed */
     size_t threads;    /* threads that ran */
@@ -737,20 +713,18 @@ void FailFourthMulti()
 }
 
 const Failure FAILURES[] = {
-    {"RunLock", [] { fake::FailSemCreate(7); }, "[Error] hRunLock create failed, dwII %u\n",
-     "[Error] hRunLock create failed, dwII 3\n", 4, 3, 3, 6},
-    {"FinLock", [] { fake::FailSemCreate(8); }, "[Error] hFinLock create failed, dwII %u\n",
-     "[Error] hFinLock create failed, dwII 3\n", 4, 3, 3, 7},
-    {"Socket", FailFourthSocket, "[Error] _NvrHttpCurlCltCreateUdpMonitor failed{%d}\n",
-     "[Error] _NvrHttpCurlCltCreateUdpMonitor failed{8}\n", 4, 3, 3, 8},
-    {"MultiHandle", FailFourthMulti, "[Error] curl_multi_init failed.\n", "[Error] curl_multi_init failed.\n", 4, 3, 3,
-     8},
-    {"Task", [] { fake::FailTaskCreate(4); }, "[Error] create task failed, dwInstIndex %u, dwII %u\n",
-     "[Error] create task failed, dwInstIndex 0, dwII 3\n", 4, 4, 3, 8},
-    {"CountLock", [] { fake::FailSemCreate(17); }, "[Error] hAsyncReqNumLock create failed\n",
-     "[Error] hAsyncReqNumLock create failed\n", 8, 8, 8, 16},
-    {"EasyInitLocker", [] { fake::FailSemCreate(18); }, "[Error] g_sEasyInitLocker create failed, dwII %u\n",
-     "[Error] g_sEasyInitLocker create failed, dwII 8\n", 8, 8, 8, 17},
+    {"RunLock", [] { fake::FailSemCreate(7); }, Error(INIT, "[Error] hRunLock create failed, dwII %u\n", 3U), 4, 3, 3,
+     6},
+    {"FinLock", [] { fake::FailSemCreate(8); }, Error(INIT, "[Error] hFinLock create failed, dwII %u\n", 3U), 4, 3, 3,
+     7},
+    {"Socket", FailFourthSocket, Error(INIT, "[Error] _NvrHttpCurlCltCreateUdpMonitor failed{%d}\n", 8), 4, 3, 3, 8},
+    {"MultiHandle", FailFourthMulti, Error(INIT, "[Error] curl_multi_init failed.\n"), 4, 3, 3, 8},
+    {"Task", [] { fake::FailTaskCreate(4); },
+     Error(INIT, "[Error] create task failed, dwInstIndex %u, dwII %u\n", 0U, 3U), 4, 4, 3, 8},
+    {"CountLock", [] { fake::FailSemCreate(17); }, Error(INIT, "[Error] hAsyncReqNumLock create failed\n"), 8, 8, 8,
+     16},
+    {"EasyInitLocker", [] { fake::FailSemCreate(18); },
+     Error(INIT, "[Error] g_sEasyInitLocker create failed, dwII %u\n", 8U), 8, 8, 8, 17},
 };
 
 struct FailureCase {
@@ -794,20 +768,18 @@ TEST_P(InitFailure, ReleasesEverythingAndFreesTheSlot)
     failure.arm();
 
     HNvrHttpCurlCltInst instance = Slot(9);
-    EXPECT_EQ(Start(8, &instance), 1U);
+    EXPECT_EQ(TryStart(8, &instance), 1U);
 
     EXPECT_EQ(instance, Slot(9));
-    const std::vector<fake::LogLine> errors = ErrorLinesOf(INIT);
-    ASSERT_EQ(errors.size(), 1U) << fake::Transcript();
-    EXPECT_TRUE(Matches(errors[0], {INIT, LEVEL_ERROR, failure.format, failure.text}));
-    EXPECT_TRUE(ErrorLinesOf(CLEANUP).empty());
+    EXPECT_EQ(ErrorsOf(INIT), Lines{failure.line});
+    EXPECT_EQ(ErrorsOf(CLEANUP), Lines{});
     EXPECT_TRUE(IsFree(Slot(0)));
     EXPECT_EQ(fake::SemsCreated(), failure.semaphores);
     EXPECT_EQ(fake::SemsAlive(), 0U);
     EXPECT_EQ(fake::BlocksAlive(), 0U);
     EXPECT_EQ(fake::Mallocs(), 1U);
     EXPECT_EQ(fake::Tasks().size(), failure.threads);
-    EXPECT_EQ(CountWaited(), failure.threads);
+    EXPECT_EQ(fake::TasksWaited(), failure.threads);
     ASSERT_EQ(cleaned.size(), failure.built) << "one clean-up for each task begun, a null handle included";
     for (size_t i = 0; i < cleaned.size(); ++i) {
         EXPECT_EQ(cleaned[i] != nullptr, i < failure.multis) << i;
@@ -817,7 +789,7 @@ TEST_P(InitFailure, ReleasesEverythingAndFreesTheSlot)
 
     hooks::sys_bind = nullptr;
     hooks::multi_init = nullptr;
-    EXPECT_EQ(Start(2, &instance), 0U);
+    EXPECT_EQ(TryStart(2, &instance), 0U);
     EXPECT_EQ(instance, Slot(0));
     NvrHttpCurlCltUninit(instance);
 }
@@ -834,11 +806,9 @@ TEST_F(InitFailures, TheTaskArrayWithoutMemory)
     HNvrHttpCurlCltInst instance = Slot(9);
     fake::FailMalloc(1);
     fake::ClearLines();
-    EXPECT_EQ(Start(8, &instance), 5U);
+    EXPECT_EQ(TryStart(8, &instance), 5U);
     EXPECT_EQ(instance, Slot(9));
-    ExpectLines({{INIT, LEVEL_INFO, " NVRHCCTickToMS(1) return %u\n",
-                  Text(" NVRHCCTickToMS(1) return %u\n", NVRHCCTickToMS(1))},
-                 {INIT, LEVEL_ERROR, "[Error] malloc failed, atTasks\n", "[Error] malloc failed, atTasks\n"}});
+    ExpectLines({TickLine(), Error(INIT, "[Error] malloc failed, atTasks\n")});
     EXPECT_TRUE(IsFree(Slot(0)));
     EXPECT_EQ(fake::SemsCreated(), 0U);
     EXPECT_EQ(fake::Frees(), 0U);
@@ -866,9 +836,8 @@ TEST_F(InitFailures, LeaveOtherInstancesAloneAndNameTheSlot)
     const size_t sems = fake::SemsAlive();
     fake::FailTaskCreate(1);
     HNvrHttpCurlCltInst none = nullptr;
-    EXPECT_EQ(Start(2, &none), 1U);
-    ExpectLine({INIT, LEVEL_ERROR, "[Error] create task failed, dwInstIndex %u, dwII %u\n",
-                "[Error] create task failed, dwInstIndex 2, dwII 0\n"});
+    EXPECT_EQ(TryStart(2, &none), 1U);
+    ExpectLine(Error(INIT, "[Error] create task failed, dwInstIndex %u, dwII %u\n", 2U, 0U));
     EXPECT_EQ(TableBytes(), before);
     EXPECT_EQ(fake::SemsAlive(), sems);
     NvrHttpCurlCltUninit(first);
@@ -880,13 +849,9 @@ TEST_F(InitFailures, AThreadThatCannotBeWaitedForDoesNotStopTheRollback)
     fake::FailTaskWait(true);
     fake::FailTaskCreate(3);
     HNvrHttpCurlCltInst none = nullptr;
-    EXPECT_EQ(Start(4, &none), 1U);
-    const std::vector<fake::LogLine> errors = ErrorLinesOf(CLEANUP);
-    ASSERT_EQ(errors.size(), 2U);
-    for (unsigned i = 0; i < 2; ++i) {
-        EXPECT_TRUE(Matches(errors[i], {CLEANUP, LEVEL_ERROR, "[Error] task wait failed, dwII %u\n",
-                                        Text("[Error] task wait failed, dwII %u\n", i)}));
-    }
+    EXPECT_EQ(TryStart(4, &none), 1U);
+    EXPECT_EQ(ErrorsOf(CLEANUP), (Lines{Error(CLEANUP, "[Error] task wait failed, dwII %u\n", 0U),
+                                        Error(CLEANUP, "[Error] task wait failed, dwII %u\n", 1U)}));
     EXPECT_EQ(fake::SemsAlive(), 0U);
 }
 
@@ -900,8 +865,7 @@ TEST_F(Uninit, OfNullLogsAndDoesNothing)
 {
     const std::vector<unsigned char> before = TableBytes();
     NvrHttpCurlCltUninit(nullptr);
-    ExpectLines(
-        {{UNINIT, LEVEL_ERROR, "[Error] invalid arg, hInstance %p\n", "[Error] invalid arg, hInstance (nil)\n"}});
+    ExpectLines({Error(UNINIT, "[Error] invalid arg, hInstance %p\n", Ptr(nullptr))});
     EXPECT_EQ(TableBytes(), before);
 }
 
@@ -909,8 +873,7 @@ TEST_F(Uninit, OfAFreeSlotLogsAndDoesNothing)
 {
     const std::vector<unsigned char> before = TableBytes();
     NvrHttpCurlCltUninit(Slot(4));
-    ExpectLines({{UNINIT, LEVEL_ERROR, "[Error] invalid arg, hInstance %p NOT inited\n",
-                  Text("[Error] invalid arg, hInstance %p NOT inited\n", Ptr(Slot(4)))}});
+    ExpectLines({Error(UNINIT, "[Error] invalid arg, hInstance %p NOT inited\n", Ptr(Slot(4)))});
     EXPECT_EQ(TableBytes(), before);
 }
 
@@ -921,8 +884,7 @@ TEST_F(Uninit, TheSecondOneFindsNothingToDo)
     const size_t cleanups = hooks::Calls("curl_multi_cleanup");
     fake::ClearLines();
     NvrHttpCurlCltUninit(instance);
-    ExpectLines({{UNINIT, LEVEL_ERROR, "[Error] invalid arg, hInstance %p NOT inited\n",
-                  Text("[Error] invalid arg, hInstance %p NOT inited\n", Ptr(instance))}});
+    ExpectLines({Error(UNINIT, "[Error] invalid arg, hInstance %p NOT inited\n", Ptr(instance))});
     EXPECT_EQ(hooks::Calls("curl_multi_cleanup"), cleanups);
 }
 
@@ -936,7 +898,7 @@ TEST_F(Uninit, ReleasesAllButTheEasyInitLocker)
     EXPECT_EQ(fake::SemsAlive(), 1U);
     EXPECT_EQ(fake::BlocksAlive(), 0U);
     EXPECT_EQ(hooks::Calls("curl_multi_cleanup"), 8U);
-    EXPECT_EQ(CountWaited(), 8U);
+    EXPECT_EQ(fake::TasksWaited(), 8U);
     EXPECT_EQ(OpenDescriptors(), openBefore);
     ExpectLines({});
 }
@@ -961,8 +923,7 @@ TEST_F(Uninit, TakesAnyPointerAtItsWord)
 {
     TNvrHttpCurlCltInst foreign = {};
     NvrHttpCurlCltUninit(&foreign);
-    ExpectLines({{UNINIT, LEVEL_ERROR, "[Error] invalid arg, hInstance %p NOT inited\n",
-                  Text("[Error] invalid arg, hInstance %p NOT inited\n", Ptr(&foreign))}});
+    ExpectLines({Error(UNINIT, "[Error] invalid arg, hInstance %p NOT inited\n", Ptr(&foreign))});
 
     foreign.bInited = 1;
     foreign.tMemCB = fake::MemCB();
@@ -980,8 +941,8 @@ TEST_F(Uninit, LogsAFailedWaitAndGoesOn)
     fake::FailTaskWait(true);
     fake::ClearLines();
     NvrHttpCurlCltUninit(instance);
-    ExpectLines({{CLEANUP, LEVEL_ERROR, "[Error] task wait failed, dwII %u\n", "[Error] task wait failed, dwII 0\n"},
-                 {CLEANUP, LEVEL_ERROR, "[Error] task wait failed, dwII %u\n", "[Error] task wait failed, dwII 1\n"}});
+    ExpectLines({Error(CLEANUP, "[Error] task wait failed, dwII %u\n", 0U),
+                 Error(CLEANUP, "[Error] task wait failed, dwII %u\n", 1U)});
     EXPECT_TRUE(IsFree(instance));
     EXPECT_EQ(fake::SemsAlive(), 1U);
     EXPECT_EQ(hooks::Calls("curl_multi_cleanup"), 2U);
@@ -997,7 +958,7 @@ TEST_F(Uninit, LeavesOtherInstancesAlone)
     EXPECT_EQ(second->dwTaskNum, 2U);
     EXPECT_EQ(second->atTasks[1].bExit, 0U);
     EXPECT_TRUE(IsOpen(second->atTasks[1].tUdpMonitorSock.nSock));
-    EXPECT_FALSE(fake::Tasks().at(2).bWaited);
+    EXPECT_FALSE(fake::Tasks().at(2).waited);
     NvrHttpCurlCltUninit(second);
 }
 
@@ -1048,7 +1009,7 @@ TEST_F(Uninit, EndsSixteenRunningThreads)
     fake::RunTasks(true);
     HNvrHttpCurlCltInst instance = MustStart(16);
     NvrHttpCurlCltUninit(instance);
-    EXPECT_EQ(CountWaited(), 16U);
+    EXPECT_EQ(fake::TasksWaited(), 16U);
     EXPECT_TRUE(IsFree(instance));
     EXPECT_EQ(fake::SemsAlive(), 1U);
 }
@@ -1059,7 +1020,7 @@ TEST_F(Uninit, EndsThreadsThatHaveHardlyBegun)
     for (int i = 0; i < 20; ++i) {
         NvrHttpCurlCltUninit(MustStart(4));
     }
-    EXPECT_EQ(CountWaited(), 80U);
+    EXPECT_EQ(fake::TasksWaited(), 80U);
 }
 
 TEST_F(Uninit, MarksEveryTaskBeforeItWaitsForTheFirst)
@@ -1080,14 +1041,14 @@ TEST_F(Uninit, MarksEveryTaskBeforeItWaitsForTheFirst)
     hooks::multi_wait = [&](CURLM *multi, curl_waitfd *extra, unsigned number, int, int *ready) {
         if (armed) {
             ++waiting;
-            gaveUp += Eventually(allMarked) ? 0 : 1;
+            gaveUp += WaitUntil(allMarked) ? 0 : 1;
         }
         return hooks::real::multi_wait(multi, extra, number, 1, ready);
     };
     fake::RunTasks(true);
     HNvrHttpCurlCltInst instance = MustStart(TASKS);
     armed = true;
-    ASSERT_TRUE(Eventually([&] { return waiting == TASKS; }));
+    ASSERT_TRUE(WaitUntil([&] { return waiting == TASKS; }));
     NvrHttpCurlCltUninit(instance);
     EXPECT_EQ(gaveUp, 0U);
     EXPECT_EQ(waiting, TASKS);
@@ -1138,7 +1099,7 @@ class UninitWithRequests : public InstanceTest
     void TearDown() override
     {
         onFree = nullptr;
-        EXPECT_EQ(callbacks, 0U);
+        EXPECT_TRUE(completions.empty());
         EXPECT_EQ(hooks::Calls("curl_easy_init"), hooks::Calls("curl_easy_cleanup"));
         EXPECT_EQ(fake::SemsAlive(), lockers);
         InstanceTest::TearDown();
@@ -1157,7 +1118,7 @@ class UninitWithRequests : public InstanceTest
 
     HNvrHttpCurlCltReq Queue(const std::string &name)
     {
-        HNvrHttpCurlCltReq request = MustQueue(instance, CountCallback);
+        HNvrHttpCurlCltReq request = MustQueue(instance);
         names[request->ptReq] = name;
         return request;
     }
@@ -1189,10 +1150,8 @@ TEST_F(UninitWithRequests, ReleasesQueuedOnes)
 
 TEST_F(UninitWithRequests, ReleasesFinishedOnes)
 {
-    Queue("a");
-    FinishHead(&instance->atTasks[0]);
-    Queue("b");
-    FinishHead(&instance->atTasks[0]);
+    Finish(instance->atTasks[0], Queue("a"));
+    Finish(instance->atTasks[0], Queue("b"));
     EXPECT_EQ(instance->atTasks[0].tFinList.dwNumOfElem, 2U);
     NvrHttpCurlCltUninit(instance);
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 2U);
@@ -1222,10 +1181,9 @@ TEST_F(UninitWithRequests, TakesThoseInFlightOutOfTheMultiHandleFirst)
 
 TEST_F(UninitWithRequests, ReleasesLocksListsSocketAndMultiHandleTaskByTask)
 {
-    Queue("finished0");
-    Queue("finished1");
-    FinishHead(&instance->atTasks[0]);
-    FinishHead(&instance->atTasks[1]);
+    HNvrHttpCurlCltReq finished[] = {Queue("finished0"), Queue("finished1")};
+    Finish(instance->atTasks[0], finished[0]);
+    Finish(instance->atTasks[1], finished[1]);
     Queue("queued0");
     Queue("queued1");
     ASSERT_EQ(fake::SemsAlive(), 6U);
@@ -1251,7 +1209,7 @@ TEST_F(UninitWithRequests, JoinsEveryThreadBeforeItReleasesAnything)
     Queue("a");
     size_t waited = 0;
     hooks::easy_cleanup = [&waited](CURL *easy) {
-        waited = CountWaited();
+        waited = fake::TasksWaited();
         hooks::real::easy_cleanup(easy);
     };
     NvrHttpCurlCltUninit(instance);
@@ -1274,9 +1232,9 @@ TEST_F(UninitWithRequests, ReleasesOnesOfEveryKindWithRunningThreads)
     HNvrHttpCurlCltInst running = MustStart(2, 32);
     std::vector<HNvrHttpCurlCltReq> requests;
     for (int i = 0; i < 20; ++i) {
-        requests.push_back(MustQueue(running, CountCallback));
+        requests.push_back(MustQueue(running));
     }
-    EXPECT_TRUE(Eventually([&performed] { return performed > 0; }));
+    EXPECT_TRUE(WaitUntil([&performed] { return performed > 0; }));
     EXPECT_EQ(running->dwAsyncReqNum, 20U);
     NvrHttpCurlCltUninit(running);
     EXPECT_TRUE(IsFree(running));
@@ -1288,12 +1246,10 @@ TEST_F(UninitWithRequests, ReleasesOnesOfEveryKindWithRunningThreads)
 /* A worker that meets a foreign completion can put a node into the finish list a second time. */
 TEST_F(UninitWithRequests, ReleasesANodeThatIsLinkedTwiceInOneListOnce)
 {
-    Queue("a");
-    Queue("b");
-    Queue("c");
+    HNvrHttpCurlCltReq requests[] = {Queue("a"), Queue("b"), Queue("c")};
     TNvrHttpCurlCltTask *task = &instance->atTasks[0];
-    FinishHead(task);
-    FinishHead(task);
+    Finish(*task, requests[2]);
+    Finish(*task, requests[0]);
     ASSERT_EQ(task->tFinList.dwNumOfElem, 2U);
     void *node = task->tFinList.ptHead->pvData;
     ASSERT_EQ(NVRHCCListInsertAfter(&task->tFinList, nullptr, node, nullptr), 0U);
@@ -1340,24 +1296,19 @@ class ConsoleCommands : public InstanceTest
 TEST_F(ConsoleCommands, VersionLogsTheBuildTimeAsAnError)
 {
     EXPECT_EQ(_NvrHttpCurlCltShowVersion(), 0U);
-    const std::vector<fake::LogLine> lines = fake::Lines();
+    const Lines lines = Log();
     ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].dwModule, 123U);
-    EXPECT_EQ(lines[0].dwLevel, 2U);
-    EXPECT_EQ(lines[0].strFunc, "_NvrHttpCurlCltShowVersion");
-    EXPECT_EQ(lines[0].strFormat, "%s[L:%d][Error] compile time {%s %s}\n");
 
     /* "Feb  1 2024 04:38:18": parsed and written again it is the same text. */
-    const std::string tail = Tail(lines[0]);
-    const std::string opening = "[Error] compile time {";
-    ASSERT_EQ(tail.rfind(opening, 0), 0U) << tail;
+    const std::string text = lines[0].text;
     tm built = {};
-    const char *rest = strptime(tail.c_str() + opening.size(), "%b %e %Y %H:%M:%S", &built);
-    ASSERT_NE(rest, nullptr) << tail;
-    EXPECT_STREQ(rest, "}\n");
-    char again[64] = "";
-    strftime(again, sizeof(again), "%b %e %Y %H:%M:%S", &built);
-    EXPECT_EQ(tail, opening + again + "}\n");
+    const char *rest = strptime(text.c_str() + text.find('{') + 1, "%b %e %Y %H:%M:%S", &built);
+    ASSERT_NE(rest, nullptr) << text;
+    char date[32] = "";
+    char time[32] = "";
+    strftime(date, sizeof(date), "%b %e %Y", &built);
+    strftime(time, sizeof(time), "%H:%M:%S", &built);
+    ExpectLines({Error("_NvrHttpCurlCltShowVersion", "[Error] compile time {%s %s}\n", date, time)});
 }
 
 TEST_F(ConsoleCommands, ShowWithoutInstancesSaysNothing)
@@ -1367,28 +1318,19 @@ TEST_F(ConsoleCommands, ShowWithoutInstancesSaysNothing)
 }
 
 /* What the listing says of one instance as it is at this moment. */
-std::vector<Line> Listing(unsigned index)
+Lines Listing(unsigned index)
 {
     const TNvrHttpCurlCltInst *slot = Slot(index);
-    std::vector<Line> lines = {{SHOW, LEVEL_SHOW, " inst[%d] %p, dwAsyncReqNum %u, dwAsyncReqMaxNum %u, dwTaskNum %u\n",
-                                Text(" inst[%u] %p, dwAsyncReqNum %u, dwAsyncReqMaxNum %u, dwTaskNum %u\n", index,
-                                     Ptr(slot), slot->dwAsyncReqNum, slot->dwAsyncReqMaxNum, slot->dwTaskNum)}};
+    Lines lines = {Show(SHOW, " inst[%d] %p, dwAsyncReqNum %u, dwAsyncReqMaxNum %u, dwTaskNum %u\n", index, Ptr(slot),
+                        slot->dwAsyncReqNum, slot->dwAsyncReqMaxNum, slot->dwTaskNum)};
     for (uint32_t i = 0; i < slot->dwTaskNum; ++i) {
         const TNvrHttpCurlCltTask &task = slot->atTasks[i];
-        lines.push_back({SHOW, LEVEL_SHOW,
-                         " >Task[%d]{%s}, UdpMonitorSock{bInit:%d, sock:%d, port:%d}, ptCurlMultiHandle{%p}\n",
-                         Text(" >Task[%u]{%s}, UdpMonitorSock{bInit:1, sock:%d, port:%d}, ptCurlMultiHandle{%p}\n", i,
-                              task.szThreadName, task.tUdpMonitorSock.nSock, task.tUdpMonitorSock.wPort,
-                              Ptr(task.ptCurlMultiHandle))});
-        lines.push_back({SHOW, LEVEL_SHOW, " >RunList{%d}, FinList{%d}\n",
-                         Text(" >RunList{%u}, FinList{%u}\n", task.tRunList.dwNumOfElem, task.tFinList.dwNumOfElem)});
+        lines.push_back(Show(
+            SHOW, " >Task[%d]{%s}, UdpMonitorSock{bInit:%d, sock:%d, port:%d}, ptCurlMultiHandle{%p}\n", i,
+            task.szThreadName, 1, task.tUdpMonitorSock.nSock, task.tUdpMonitorSock.wPort, Ptr(task.ptCurlMultiHandle)));
+        lines.push_back(
+            Show(SHOW, " >RunList{%d}, FinList{%d}\n", task.tRunList.dwNumOfElem, task.tFinList.dwNumOfElem));
     }
-    return lines;
-}
-
-std::vector<Line> Joined(std::vector<Line> lines, const std::vector<Line> &more)
-{
-    lines.insert(lines.end(), more.begin(), more.end());
     return lines;
 }
 
@@ -1399,12 +1341,12 @@ TEST_F(ConsoleCommands, ShowListsEveryUsableInstanceWithItsTasks)
     HNvrHttpCurlCltInst third = MustStart(1, 1024);
     fake::ClearLines();
     EXPECT_EQ(NvrHttpCurlCltshow(), 0U);
-    ExpectLines(Joined(Joined(Listing(0), Listing(1)), Listing(2)));
+    ExpectLines(Listing(0) + Listing(1) + Listing(2));
 
     NvrHttpCurlCltUninit(second);
     fake::ClearLines();
     EXPECT_EQ(NvrHttpCurlCltshow(), 0U);
-    ExpectLines(Joined(Listing(0), Listing(2)));
+    ExpectLines(Listing(0) + Listing(2));
 
     NvrHttpCurlCltUninit(first);
     NvrHttpCurlCltUninit(third);
@@ -1418,14 +1360,14 @@ TEST_F(ConsoleCommands, ShowCountsQueuedAndFinishedRequests)
     HNvrHttpCurlCltInst instance = MustStart(1, 6);
     HNvrHttpCurlCltReq requests[3];
     for (HNvrHttpCurlCltReq &request : requests) {
-        request = MustQueue(instance, CountCallback);
+        request = MustQueue(instance);
     }
-    FinishHead(&instance->atTasks[0]);
+    Finish(instance->atTasks[0], requests[0]);
     fake::ClearLines();
     EXPECT_EQ(NvrHttpCurlCltshow(), 0U);
-    ExpectLines(Listing(0));
     EXPECT_EQ(fake::CountTexts(", dwAsyncReqNum 3, dwAsyncReqMaxNum 6, dwTaskNum 1\n"), 1U);
     EXPECT_EQ(fake::CountTexts(" >RunList{2}, FinList{1}\n"), 1U);
+    ExpectLines(Listing(0));
     for (const HNvrHttpCurlCltReq request : requests) {
         NvrHttpCurlCltReqDestroy(request);
     }
@@ -1466,8 +1408,8 @@ TEST_F(ConsoleCommands, RunThroughTheirRegistration)
     HNvrHttpCurlCltInst instance = MustStart(0);
     fake::ClearLines();
     const std::vector<fake::CommandInfo> commands = fake::Commands();
-    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(commands[0].pfCommand)(), 0U);
-    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(commands[1].pfCommand)(), 0U);
+    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(commands[0].command)(), 0U);
+    EXPECT_EQ(reinterpret_cast<uint32_t (*)()>(commands[1].command)(), 0U);
     EXPECT_EQ(fake::CountTexts("compile time {"), 1U);
     EXPECT_EQ(fake::CountTexts(" inst[0] "), 1U);
     NvrHttpCurlCltUninit(instance);

@@ -7,32 +7,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/request_fixture.h"
-
-using fixture::kError;
-using fixture::kInfo;
-using fixture::L;
-using fixture::Line;
-using fixture::Lines;
-using fixture::P;
-using fixture::SetoptFault;
-using fixture::TakeLog;
+#include "tests/support/engine_fixture.h"
 
 namespace
 {
 
-const std::vector<CURLoption> kNoOptions = {};
-/* libcurl marks its name as deprecated. */
-const CURLoption kOptionPut = static_cast<CURLoption>(CURLOPTTYPE_LONG + 54);
+using namespace test;
 
-std::vector<std::string> Texts(const curl_slist *list)
-{
-    std::vector<std::string> texts;
-    for (; list != nullptr; list = list->next) {
-        texts.push_back(list->data);
-    }
-    return texts;
-}
+const std::vector<CURLoption> NO_OPTIONS = {};
 
 /* A heap that remembers what it was asked for and never gives cleared memory. */
 struct Freed {
@@ -50,12 +32,12 @@ void PrintTo(const Freed &freed, std::ostream *out)
     *out << freed.by << ' ' << freed.block;
 }
 
-std::vector<size_t> g_asked;
-std::vector<Freed> g_freed;
+std::vector<size_t> asked;
+std::vector<Freed> freed;
 
 void *DirtyMalloc(size_t size)
 {
-    g_asked.push_back(size);
+    asked.push_back(size);
     void *block = malloc(size);
     memset(block, 0xA5, size);
     return block;
@@ -63,17 +45,17 @@ void *DirtyMalloc(size_t size)
 
 void InstanceFree(void *block)
 {
-    g_freed.push_back({'i', block});
+    freed.push_back({'i', block});
     free(block);
 }
 
 void RequestFree(void *block)
 {
-    g_freed.push_back({'r', block});
+    freed.push_back({'r', block});
     free(block);
 }
 
-class Request : public fixture::EngineTest
+class Request : public EngineTest
 {
   protected:
     void SetUp() override
@@ -84,8 +66,8 @@ class Request : public fixture::EngineTest
     void UseDirtyHeap()
     {
         inst->tMemCB = {DirtyMalloc, realloc, InstanceFree};
-        g_asked.clear();
-        g_freed.clear();
+        asked.clear();
+        freed.clear();
     }
 };
 
@@ -97,18 +79,17 @@ TEST_F(RequestCreate, GivesARecordWithAnEasyHandleAndNoOption)
 {
     HNvrHttpCurlCltReq req = nullptr;
     const size_t handles = hooks::Calls("curl_easy_init");
-    ASSERT_EQ(0U, NvrHttpCurlCltReqCreat(inst, &req));
-    ASSERT_NE(nullptr, req);
-    EXPECT_EQ(handles + 1, hooks::Calls("curl_easy_init"));
-    EXPECT_EQ(inst, req->ptInstance);
-    EXPECT_NE(nullptr, req->ptReq);
-    EXPECT_EQ(inst->tMemCB.pfMalloc, req->pfMalloc);
-    EXPECT_EQ(inst->tMemCB.pfRealloc, req->pfRealloc);
-    EXPECT_EQ(inst->tMemCB.pfFree, req->pfFree);
-    EXPECT_EQ((Lines{L(kInfo, "NvrHttpCurlCltReqCreat", " create req %p, {easyhand:%p}\n", P(req), P(req->ptReq))}),
-              TakeLog());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
-    EXPECT_EQ(blocksOfInstance + 1, fake::BlocksAlive());
+    ASSERT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
+    ASSERT_NE(req, nullptr);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), handles + 1);
+    EXPECT_EQ(req->ptInstance, inst);
+    EXPECT_NE(req->ptReq, nullptr);
+    EXPECT_EQ(req->pfMalloc, inst->tMemCB.pfMalloc);
+    EXPECT_EQ(req->pfRealloc, inst->tMemCB.pfRealloc);
+    EXPECT_EQ(req->pfFree, inst->tMemCB.pfFree);
+    ExpectLines({Info("NvrHttpCurlCltReqCreat", " create req %p, {easyhand:%p}\n", Ptr(req), Ptr(req->ptReq))});
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 1);
     NvrHttpCurlCltReqReset(req);
 }
 
@@ -116,12 +97,12 @@ TEST_F(RequestCreate, ClearsTheRecord)
 {
     UseDirtyHeap();
     HNvrHttpCurlCltReq req = nullptr;
-    ASSERT_EQ(0U, NvrHttpCurlCltReqCreat(inst, &req));
-    EXPECT_EQ(std::vector<size_t>{sizeof(TNvrHttpCurlCltReqInner)}, g_asked);
-    EXPECT_EQ(nullptr, req->ptHeaderList);
-    EXPECT_EQ(0U, req->dwTaskIndex);
-    EXPECT_EQ(nullptr, req->ptReqBody);
-    EXPECT_EQ(nullptr, req->ptRespData);
+    ASSERT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
+    EXPECT_EQ(asked, std::vector<size_t>{sizeof(TNvrHttpCurlCltReqInner)});
+    EXPECT_EQ(req->ptHeaderList, nullptr);
+    EXPECT_EQ(req->dwTaskIndex, 0U);
+    EXPECT_EQ(req->ptReqBody, nullptr);
+    EXPECT_EQ(req->ptRespData, nullptr);
     NvrHttpCurlCltReqReset(req);
     inst->tMemCB = fake::MemCB();
 }
@@ -134,32 +115,31 @@ TEST_F(RequestCreate, RefusesAnAddressThatIsNoSlot)
     TNvrHttpCurlCltInst *const behind = g_tNvrHttpCurlCltCont + NVRHTTPCURLCLT_MAX_INSTANCES;
     for (TNvrHttpCurlCltInst *bad : {&foreign, inside, behind, static_cast<TNvrHttpCurlCltInst *>(nullptr)}) {
         HNvrHttpCurlCltReq req = reinterpret_cast<HNvrHttpCurlCltReq>(&foreign);
-        EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(bad, &req));
-        EXPECT_EQ(P(&foreign), P(req));
-        EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltReqCreat", "[Error] invalid instance %p\n", P(bad))}), TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltReqCreat(bad, &req), 4U);
+        EXPECT_EQ(Ptr(req), Ptr(&foreign));
+        ExpectLines({Error("NvrHttpCurlCltReqCreat", "[Error] invalid instance %p\n", Ptr(bad))});
     }
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(RequestCreate, LooksAtTheInstanceFirst)
 {
-    EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(nullptr, nullptr));
-    EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltReqCreat", "[Error] invalid instance %p\n", P<void>(nullptr))}),
-              TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(nullptr, nullptr), 4U);
+    ExpectLines({Error("NvrHttpCurlCltReqCreat", "[Error] invalid instance %p\n", Ptr(nullptr))});
 }
 
 Line MissingCallbacks(const TNvrHttpCurlCltInst &slot, HNvrHttpCurlCltReq *req)
 {
-    return L(kError, "NvrHttpCurlCltReqCreat", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p, phReq %p\n",
-             P(slot.tMemCB.pfMalloc), P(slot.tMemCB.pfRealloc), P(slot.tMemCB.pfFree), P(req));
+    return Error("NvrHttpCurlCltReqCreat", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p, phReq %p\n",
+                 Ptr(slot.tMemCB.pfMalloc), Ptr(slot.tMemCB.pfRealloc), Ptr(slot.tMemCB.pfFree), Ptr(req));
 }
 
 TEST_F(RequestCreate, RefusesASlotThatWasNeverUsed)
 {
     HNvrHttpCurlCltReq req = nullptr;
-    EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(&g_tNvrHttpCurlCltCont[15], &req));
-    EXPECT_EQ(nullptr, req);
-    EXPECT_EQ(Lines{MissingCallbacks(g_tNvrHttpCurlCltCont[15], &req)}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(&g_tNvrHttpCurlCltCont[15], &req), 4U);
+    EXPECT_EQ(req, nullptr);
+    ExpectLines({MissingCallbacks(g_tNvrHttpCurlCltCont[15], &req)});
 }
 
 TEST_F(RequestCreate, RefusesASlotThatWasCleanedUp)
@@ -168,18 +148,17 @@ TEST_F(RequestCreate, RefusesASlotThatWasCleanedUp)
     Stop();
     Forget();
     HNvrHttpCurlCltReq req = nullptr;
-    EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(slot, &req));
-    EXPECT_EQ(nullptr, req);
-    EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltReqCreat", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p, phReq %p\n",
-                       P<void>(nullptr), P<void>(nullptr), P<void>(nullptr), P(&req))}),
-              TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(slot, &req), 4U);
+    EXPECT_EQ(req, nullptr);
+    ExpectLines({Error("NvrHttpCurlCltReqCreat", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p, phReq %p\n",
+                       Ptr(nullptr), Ptr(nullptr), Ptr(nullptr), Ptr(&req))});
 }
 
 TEST_F(RequestCreate, RefusesANullResult)
 {
-    EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(inst, nullptr));
-    EXPECT_EQ(Lines{MissingCallbacks(*inst, nullptr)}, TakeLog());
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, nullptr), 4U);
+    ExpectLines({MissingCallbacks(*inst, nullptr)});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(RequestCreate, NeedsEachOfTheThreeCallbacks)
@@ -195,12 +174,12 @@ TEST_F(RequestCreate, NeedsEachOfTheThreeCallbacks)
             inst->tMemCB.pfFree = nullptr;
         }
         HNvrHttpCurlCltReq req = nullptr;
-        EXPECT_EQ(4U, NvrHttpCurlCltReqCreat(inst, &req));
-        EXPECT_EQ(nullptr, req);
-        EXPECT_EQ(Lines{MissingCallbacks(*inst, &req)}, TakeLog());
+        EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 4U);
+        EXPECT_EQ(req, nullptr);
+        ExpectLines({MissingCallbacks(*inst, &req)});
     }
     inst->tMemCB = all;
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(RequestCreate, GoesByTheCallbacksAndNotByTheInUseFlag)
@@ -208,9 +187,9 @@ TEST_F(RequestCreate, GoesByTheCallbacksAndNotByTheInUseFlag)
     TNvrHttpCurlCltInst &slot = g_tNvrHttpCurlCltCont[15];
     slot.tMemCB = fake::MemCB();
     HNvrHttpCurlCltReq req = nullptr;
-    EXPECT_EQ(0U, NvrHttpCurlCltReqCreat(&slot, &req));
-    ASSERT_NE(nullptr, req);
-    EXPECT_EQ(&slot, req->ptInstance);
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(&slot, &req), 0U);
+    ASSERT_NE(req, nullptr);
+    EXPECT_EQ(req->ptInstance, &slot);
     NvrHttpCurlCltReqReset(req);
     slot.tMemCB = {};
 }
@@ -220,21 +199,21 @@ TEST_F(RequestCreate, ReportsExhaustedMemory)
     const size_t handles = hooks::Calls("curl_easy_init");
     HNvrHttpCurlCltReq req = nullptr;
     fake::FailMalloc(1);
-    EXPECT_EQ(5U, NvrHttpCurlCltReqCreat(inst, &req));
-    EXPECT_EQ(nullptr, req);
-    EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltReqCreat", "[Error] malloc failed\n")}), TakeLog());
-    EXPECT_EQ(handles, hooks::Calls("curl_easy_init"));
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 5U);
+    EXPECT_EQ(req, nullptr);
+    ExpectLines({Error("NvrHttpCurlCltReqCreat", "[Error] malloc failed\n")});
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), handles);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(RequestCreate, ReleasesTheRecordWithoutAnEasyHandle)
 {
     hooks::easy_init = []() -> CURL * { return nullptr; };
     HNvrHttpCurlCltReq req = nullptr;
-    EXPECT_EQ(1U, NvrHttpCurlCltReqCreat(inst, &req));
-    EXPECT_EQ(nullptr, req);
-    EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltReqCreat", "[Error] curl_easy_init failed.\n")}), TakeLog());
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 1U);
+    EXPECT_EQ(req, nullptr);
+    ExpectLines({Error("NvrHttpCurlCltReqCreat", "[Error] curl_easy_init failed.\n")});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
     EXPECT_FALSE(fake::SemIsTaken(g_sEasyInitLocker));
 }
 
@@ -249,7 +228,7 @@ TEST_F(RequestCreate, HoldsTheEngineWideLockAroundEasyInitOnly)
     };
     HNvrHttpCurlCltReq req = Create();
     EXPECT_TRUE(held);
-    EXPECT_EQ(blocksOfInstance + 1, blocks);
+    EXPECT_EQ(blocks, blocksOfInstance + 1);
     EXPECT_FALSE(fake::SemIsTaken(g_sEasyInitLocker));
     NvrHttpCurlCltReqReset(req);
 }
@@ -258,7 +237,7 @@ TEST_F(RequestCreate, GivesBackTheLockItTookThoughAnotherReplacedIt)
 {
     const HOspSem first = g_sEasyInitLocker;
     HOspSem second = nullptr;
-    ASSERT_NE(0U, OspSemBCreate(&second));
+    ASSERT_NE(OspSemBCreate(&second), 0U);
     bool heldFirst = false;
     hooks::easy_init = [&] {
         heldFirst = fake::SemIsTaken(first);
@@ -269,7 +248,7 @@ TEST_F(RequestCreate, GivesBackTheLockItTookThoughAnotherReplacedIt)
     EXPECT_TRUE(heldFirst);
     EXPECT_FALSE(fake::SemIsTaken(first));
     EXPECT_FALSE(fake::SemIsTaken(second));
-    EXPECT_EQ(0U, fake::HeldByThisThread());
+    EXPECT_EQ(fake::HeldByThisThread(), 0U);
     NvrHttpCurlCltReqReset(req);
 }
 
@@ -295,7 +274,7 @@ TEST_F(RequestCreate, SerialisesEasyInitOverInstances)
         threads.emplace_back([=] {
             for (int j = 0; j < 20; ++j) {
                 HNvrHttpCurlCltReq req = nullptr;
-                EXPECT_EQ(0U, NvrHttpCurlCltReqCreat(i % 2 == 0 ? first : second, &req));
+                EXPECT_EQ(NvrHttpCurlCltReqCreat(i % 2 == 0 ? first : second, &req), 0U);
                 NvrHttpCurlCltReqReset(req);
             }
         });
@@ -303,25 +282,25 @@ TEST_F(RequestCreate, SerialisesEasyInitOverInstances)
     for (std::thread &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(1, most);
+    EXPECT_EQ(most, 1);
     NvrHttpCurlCltUninit(first);
 }
 
 TEST(RequestWithoutInstance, EasyInitMakesItsLock)
 {
-    ASSERT_EQ(nullptr, g_sEasyInitLocker);
+    ASSERT_EQ(g_sEasyInitLocker, nullptr);
     bool held = false;
     hooks::easy_init = [&] {
         held = g_sEasyInitLocker != nullptr && fake::SemIsTaken(g_sEasyInitLocker);
         return hooks::real::easy_init();
     };
     CURL *easy = _NvrHttpCurlCltEasyInit();
-    ASSERT_NE(nullptr, easy);
+    ASSERT_NE(easy, nullptr);
     curl_easy_cleanup(easy);
     EXPECT_TRUE(held);
-    EXPECT_EQ(1U, fake::SemsCreated());
-    EXPECT_EQ(0U, fake::NullTakes());
-    EXPECT_EQ(0U, fake::HeldByThisThread());
+    EXPECT_EQ(fake::SemsCreated(), 1U);
+    EXPECT_EQ(fake::NullTakes(), 0U);
+    EXPECT_EQ(fake::HeldByThisThread(), 0U);
 }
 
 /* --- invalid arguments of the setters -------------------------------------------------------- */
@@ -332,11 +311,11 @@ class RequestArguments : public Request
     /* The one error line, the result 4, and nothing else that happened. */
     void ExpectRefused(uint32_t result, const Line &line)
     {
-        EXPECT_EQ(4U, result);
-        EXPECT_EQ(Lines{line}, TakeLog());
-        EXPECT_EQ(kNoOptions, hooks::OptionOrder());
-        EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
-        EXPECT_EQ(0U, hooks::Calls("curl_slist_append"));
+        EXPECT_EQ(result, 4U);
+        ExpectLines({line});
+        EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
+        EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
+        EXPECT_EQ(hooks::Calls("curl_slist_append"), 0U);
     }
 
     TNvrHttpCurlCltReqInner noHandle = {};
@@ -348,8 +327,8 @@ TEST_F(RequestArguments, Uri)
 {
     const char *uri = "http://127.0.0.1/";
     auto expected = [](HNvrHttpCurlCltReq req, const char *text) {
-        return L(kError, "NvrHttpCurlCltSetReqUri", "[Error] invalid arg, ptReqIn %p, ptReq %p, szUri %p\n", P(req),
-                 P(req != nullptr ? req->ptReq : nullptr), P(text));
+        return Error("NvrHttpCurlCltSetReqUri", "[Error] invalid arg, ptReqIn %p, ptReq %p, szUri %p\n", Ptr(req),
+                     Ptr(req != nullptr ? req->ptReq : nullptr), Ptr(text));
     };
     ExpectRefused(NvrHttpCurlCltSetReqUri(noRecord, uri), expected(noRecord, uri));
     ExpectRefused(NvrHttpCurlCltSetReqUri(&noHandle, uri), expected(&noHandle, uri));
@@ -363,8 +342,8 @@ TEST_F(RequestArguments, Method)
 {
     const char *text = "POST";
     auto expected = [](HNvrHttpCurlCltReq req, const char *method) {
-        return L(kError, "NvrHttpCurlCltSetReqMethod", "[Error] invalid arg, ptReqIn %p, ptReq %p, szMethod %p\n",
-                 P(req), P(req != nullptr ? req->ptReq : nullptr), P(method));
+        return Error("NvrHttpCurlCltSetReqMethod", "[Error] invalid arg, ptReqIn %p, ptReq %p, szMethod %p\n", Ptr(req),
+                     Ptr(req != nullptr ? req->ptReq : nullptr), Ptr(method));
     };
     ExpectRefused(NvrHttpCurlCltSetReqMethod(noRecord, text), expected(noRecord, text));
     ExpectRefused(NvrHttpCurlCltSetReqMethod(&noHandle, text), expected(&noHandle, text));
@@ -378,9 +357,8 @@ TEST_F(RequestArguments, AuthenticationAlsoWhenItIsOff)
 {
     const char *text = "user:password";
     auto expected = [](HNvrHttpCurlCltReq req, const char *userAndPassword) {
-        return L(kError, "NvrHttpCurlCltSetAuthType",
-                 "[Error] invalid arg, ptReqIn %p, ptReq %p, pchUserAndPassWd %p\n", P(req),
-                 P(req != nullptr ? req->ptReq : nullptr), P(userAndPassword));
+        return Error("NvrHttpCurlCltSetAuthType", "[Error] invalid arg, ptReqIn %p, ptReq %p, pchUserAndPassWd %p\n",
+                     Ptr(req), Ptr(req != nullptr ? req->ptReq : nullptr), Ptr(userAndPassword));
     };
     for (const uint32_t on : {0U, 1U}) {
         ExpectRefused(NvrHttpCurlCltSetAuthType(noRecord, on, text), expected(noRecord, text));
@@ -396,10 +374,10 @@ TEST_F(RequestArguments, AuthenticationAlsoWhenItIsOff)
 TEST_F(RequestArguments, Header)
 {
     auto expected = [](HNvrHttpCurlCltReq req, const char *name, const char *value) {
-        return L(kError, "NvrHttpCurlCltSetReqHeader",
-                 "[Error] invalid arg, ptReqIn %p, ptReq %p, szName %p{%s}, szValue %p{%s}\n", P(req),
-                 P(req != nullptr ? req->ptReq : nullptr), P(name), name != nullptr ? name : "", P(value),
-                 value != nullptr ? value : "");
+        return Error("NvrHttpCurlCltSetReqHeader",
+                     "[Error] invalid arg, ptReqIn %p, ptReq %p, szName %p{%s}, szValue %p{%s}\n", Ptr(req),
+                     Ptr(req != nullptr ? req->ptReq : nullptr), Ptr(name), name != nullptr ? name : "", Ptr(value),
+                     value != nullptr ? value : "");
     };
     const char *name = "A";
     const char *value = "1";
@@ -412,16 +390,15 @@ TEST_F(RequestArguments, Header)
     ExpectRefused(NvrHttpCurlCltSetReqHeader(req, name, nullptr), expected(req, name, nullptr));
     ExpectRefused(NvrHttpCurlCltSetReqHeader(req, empty, value), expected(req, empty, value));
     ExpectRefused(NvrHttpCurlCltSetReqHeader(req, name, empty), expected(req, name, empty));
-    EXPECT_EQ(nullptr, req->ptHeaderList);
+    EXPECT_EQ(req->ptHeaderList, nullptr);
     NvrHttpCurlCltReqReset(req);
 }
 
 TEST_F(RequestArguments, Body)
 {
     auto expected = [](HNvrHttpCurlCltReq req, uint32_t size, const char *body) {
-        return L(kError, "NvrHttpCurlCltSetReqBody",
-                 "[Error] invalid arg, ptReqIn %p, ptReq %p, dwSize %u, szBody %p\n", P(req),
-                 P(req != nullptr ? req->ptReq : nullptr), size, P(body));
+        return Error("NvrHttpCurlCltSetReqBody", "[Error] invalid arg, ptReqIn %p, ptReq %p, dwSize %u, szBody %p\n",
+                     Ptr(req), Ptr(req != nullptr ? req->ptReq : nullptr), size, Ptr(body));
     };
     const char *text = "hello";
     ExpectRefused(NvrHttpCurlCltSetReqBody(noRecord, text, 5), expected(noRecord, 5, text));
@@ -430,8 +407,8 @@ TEST_F(RequestArguments, Body)
     blocksOfInstance += 1;
     ExpectRefused(NvrHttpCurlCltSetReqBody(req, nullptr, 5), expected(req, 5, nullptr));
     ExpectRefused(NvrHttpCurlCltSetReqBody(req, nullptr, 0xFFFFFFFFU), expected(req, 0xFFFFFFFFU, nullptr));
-    EXPECT_EQ(nullptr, req->ptReqBody);
-    EXPECT_EQ(nullptr, req->ptRespData);
+    EXPECT_EQ(req->ptReqBody, nullptr);
+    EXPECT_EQ(req->ptRespData, nullptr);
     NvrHttpCurlCltReqReset(req);
 }
 
@@ -444,11 +421,11 @@ TEST_F(RequestArguments, BodyNeedsTheRecordsThreeCallbacks)
         req->pfMalloc = missing == 0 ? nullptr : all.pfMalloc;
         req->pfRealloc = missing == 1 ? nullptr : all.pfRealloc;
         req->pfFree = missing == 2 ? nullptr : all.pfFree;
-        const Line line = L(kError, "NvrHttpCurlCltSetReqBody", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p\n",
-                            P(req->pfMalloc), P(req->pfRealloc), P(req->pfFree));
+        const Line line = Error("NvrHttpCurlCltSetReqBody", "[Error] pfRealloc %p, pfRealloc %p, pfFree %p\n",
+                                Ptr(req->pfMalloc), Ptr(req->pfRealloc), Ptr(req->pfFree));
         ExpectRefused(NvrHttpCurlCltSetReqBody(req, "hello", 5), line);
-        EXPECT_EQ(nullptr, req->ptReqBody);
-        EXPECT_EQ(nullptr, req->ptRespData);
+        EXPECT_EQ(req->ptReqBody, nullptr);
+        EXPECT_EQ(req->ptRespData, nullptr);
     }
     *req = all;
     NvrHttpCurlCltReqReset(req);
@@ -457,13 +434,12 @@ TEST_F(RequestArguments, BodyNeedsTheRecordsThreeCallbacks)
 TEST_F(RequestArguments, Reset)
 {
     auto expected = [](HNvrHttpCurlCltReq req) {
-        return L(kError, "NvrHttpCurlCltReqReset", "[Error] invalid arg, ptReqIn %p, ptReq %p\n", P(req),
-                 P<void>(nullptr));
+        return Error("NvrHttpCurlCltReqReset", "[Error] invalid arg, ptReqIn %p, ptReq %p\n", Ptr(req), Ptr(nullptr));
     };
     ExpectRefused(NvrHttpCurlCltReqReset(noRecord), expected(noRecord));
     noHandle.ptInstance = inst;
     ExpectRefused(NvrHttpCurlCltReqReset(&noHandle), expected(&noHandle));
-    EXPECT_EQ(0U, fake::Frees());
+    EXPECT_EQ(fake::Frees(), 0U);
 }
 
 /* --- the URI ----------------------------------------------------------------------------------- */
@@ -471,7 +447,7 @@ TEST_F(RequestArguments, Reset)
 class RequestUri : public Request
 {
   protected:
-    static constexpr const char *kFunc = "NvrHttpCurlCltSetReqUri";
+    static constexpr const char *FUNC = "NvrHttpCurlCltSetReqUri";
 
     void SetUp() override
     {
@@ -487,42 +463,42 @@ class RequestUri : public Request
 
     static Line Told(const char *uri)
     {
-        return L(kInfo, kFunc, " szUri:{%s}\n", uri);
+        return Info(FUNC, " szUri:{%s}\n", uri);
     }
 
     static Line Unverified()
     {
-        return L(kInfo, kFunc, " setopt CURLOPT_SSL_VERIFYPEER | CURLOPT_SSL_VERIFYHOST\n");
+        return Info(FUNC, " setopt CURLOPT_SSL_VERIFYPEER | CURLOPT_SSL_VERIFYHOST\n");
     }
 
     static Line Failed()
     {
-        return L(kInfo, kFunc, " set req uri failed.\n");
+        return Info(FUNC, " set req uri failed.\n");
     }
 
     void ExpectVerified(const char *uri)
     {
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, uri));
-        EXPECT_EQ(Lines{Told(uri)}, TakeLog());
-        ASSERT_EQ(std::vector<CURLoption>{CURLOPT_URL}, hooks::OptionOrder());
-        EXPECT_EQ(uri, hooks::Options()[0].strText);
-        EXPECT_EQ(req->ptReq, hooks::Options()[0].ptEasy);
+        EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, uri), 0U);
+        ExpectLines({Told(uri)});
+        ASSERT_EQ(hooks::OptionOrder(), std::vector<CURLoption>{CURLOPT_URL});
+        EXPECT_EQ(hooks::Options()[0].text, uri);
+        EXPECT_EQ(hooks::Options()[0].easy, req->ptReq);
     }
 
     void ExpectUnverified(const char *uri)
     {
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, uri));
-        EXPECT_EQ((Lines{Told(uri), Unverified()}), TakeLog());
-        ASSERT_EQ(kHttpsOptions, hooks::OptionOrder());
+        EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, uri), 0U);
+        ExpectLines({Told(uri), Unverified()});
+        ASSERT_EQ(hooks::OptionOrder(), HTTPS_OPTIONS);
         const std::vector<hooks::Option> options = hooks::Options();
-        EXPECT_EQ(uri, options[0].strText);
+        EXPECT_EQ(options[0].text, uri);
         for (size_t i = 1; i < options.size(); ++i) {
-            EXPECT_EQ(0U, options[i].uValue);
-            EXPECT_EQ(req->ptReq, options[i].ptEasy);
+            EXPECT_EQ(options[i].value, 0U);
+            EXPECT_EQ(options[i].easy, req->ptReq);
         }
     }
 
-    const std::vector<CURLoption> kHttpsOptions = {CURLOPT_URL, CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST,
+    const std::vector<CURLoption> HTTPS_OPTIONS = {CURLOPT_URL, CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST,
                                                    CURLOPT_CAINFO};
     HNvrHttpCurlCltReq req = nullptr;
 };
@@ -560,37 +536,35 @@ TEST_F(RequestUri, MixedLettersKeepItOn)
 TEST_F(RequestUri, ARefusedPlainUrlFails)
 {
     hooks::RefuseOption(CURLOPT_URL, CURLE_OUT_OF_MEMORY);
-    EXPECT_EQ(1U, NvrHttpCurlCltSetReqUri(req, "http://127.0.0.1/"));
-    EXPECT_EQ((Lines{Told("http://127.0.0.1/"), SetoptFault(kFunc, CURLE_OUT_OF_MEMORY), Failed()}), TakeLog());
-    EXPECT_EQ(std::vector<CURLoption>{CURLOPT_URL}, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, "http://127.0.0.1/"), 1U);
+    ExpectLines({Told("http://127.0.0.1/"), SetoptFault(FUNC, CURLE_OUT_OF_MEMORY), Failed()});
+    EXPECT_EQ(hooks::OptionOrder(), std::vector<CURLoption>{CURLOPT_URL});
 }
 
 TEST_F(RequestUri, ARefusedHttpsUrlDoesNotFail)
 {
     hooks::RefuseOption(CURLOPT_URL, CURLE_OUT_OF_MEMORY);
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"));
-    EXPECT_EQ((Lines{Told("https://127.0.0.1/"), SetoptFault(kFunc, CURLE_OUT_OF_MEMORY), Unverified()}), TakeLog());
-    EXPECT_EQ(kHttpsOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"), 0U);
+    ExpectLines({Told("https://127.0.0.1/"), SetoptFault(FUNC, CURLE_OUT_OF_MEMORY), Unverified()});
+    EXPECT_EQ(hooks::OptionOrder(), HTTPS_OPTIONS);
 }
 
 TEST_F(RequestUri, RefusedVerificationOptionsDoNotFail)
 {
     hooks::RefuseOption(CURLOPT_SSL_VERIFYPEER, CURLE_NOT_BUILT_IN);
     hooks::RefuseOption(CURLOPT_SSL_VERIFYHOST, CURLE_UNKNOWN_OPTION);
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"));
-    EXPECT_EQ((Lines{Told("https://127.0.0.1/"), SetoptFault(kFunc, CURLE_NOT_BUILT_IN),
-                     SetoptFault(kFunc, CURLE_UNKNOWN_OPTION), Unverified()}),
-              TakeLog());
-    EXPECT_EQ(kHttpsOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"), 0U);
+    ExpectLines({Told("https://127.0.0.1/"), SetoptFault(FUNC, CURLE_NOT_BUILT_IN),
+                 SetoptFault(FUNC, CURLE_UNKNOWN_OPTION), Unverified()});
+    EXPECT_EQ(hooks::OptionOrder(), HTTPS_OPTIONS);
 }
 
 TEST_F(RequestUri, ARefusedCaInfoFails)
 {
     hooks::RefuseOption(CURLOPT_CAINFO, CURLE_NOT_BUILT_IN);
-    EXPECT_EQ(1U, NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"));
-    EXPECT_EQ((Lines{Told("https://127.0.0.1/"), SetoptFault(kFunc, CURLE_NOT_BUILT_IN), Unverified(), Failed()}),
-              TakeLog());
-    EXPECT_EQ(kHttpsOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, "https://127.0.0.1/"), 1U);
+    ExpectLines({Told("https://127.0.0.1/"), SetoptFault(FUNC, CURLE_NOT_BUILT_IN), Unverified(), Failed()});
+    EXPECT_EQ(hooks::OptionOrder(), HTTPS_OPTIONS);
 }
 
 /* --- the method -------------------------------------------------------------------------------- */
@@ -605,48 +579,47 @@ void PrintTo(const MethodCase &method, std::ostream *out)
     *out << method.text;
 }
 
-class RequestMethod : public RequestUri, public ::testing::WithParamInterface<MethodCase>
+class RequestMethod : public RequestUri, public testing::WithParamInterface<MethodCase>
 {
   protected:
-    static constexpr const char *kMethodFunc = "NvrHttpCurlCltSetReqMethod";
+    static constexpr const char *METHOD_FUNC = "NvrHttpCurlCltSetReqMethod";
 };
 
 TEST_P(RequestMethod, SetsItsOption)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, GetParam().text));
-    ASSERT_EQ(std::vector<CURLoption>{GetParam().option}, hooks::OptionOrder());
-    EXPECT_EQ(1U, hooks::Options()[0].uValue);
-    EXPECT_EQ(req->ptReq, hooks::Options()[0].ptEasy);
-    EXPECT_EQ(Lines{}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, GetParam().text), 0U);
+    ASSERT_EQ(hooks::OptionOrder(), std::vector<CURLoption>{GetParam().option});
+    EXPECT_EQ(hooks::Options()[0].value, 1U);
+    EXPECT_EQ(hooks::Options()[0].easy, req->ptReq);
+    ExpectLines({});
 }
 
 TEST_P(RequestMethod, FailsIfItIsRefused)
 {
     hooks::RefuseOption(GetParam().option, CURLE_UNKNOWN_OPTION);
-    EXPECT_EQ(1U, NvrHttpCurlCltSetReqMethod(req, GetParam().text));
-    EXPECT_EQ((Lines{SetoptFault(kMethodFunc, CURLE_UNKNOWN_OPTION),
-                     L(kError, kMethodFunc, "[Error] Set Req Method{%s} failed\n", GetParam().text)}),
-              TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, GetParam().text), 1U);
+    ExpectLines({SetoptFault(METHOD_FUNC, CURLE_UNKNOWN_OPTION),
+                 Error(METHOD_FUNC, "[Error] Set Req Method{%s} failed\n", GetParam().text)});
 }
 
 INSTANTIATE_TEST_SUITE_P(InAnyCase, RequestMethod,
-                         ::testing::Values(MethodCase{"POST", CURLOPT_POST}, MethodCase{"post", CURLOPT_POST},
-                                           MethodCase{"GET", CURLOPT_HTTPGET}, MethodCase{"Get", CURLOPT_HTTPGET},
-                                           MethodCase{"PUT", kOptionPut}, MethodCase{"pUT", kOptionPut}),
+                         testing::Values(MethodCase{"POST", CURLOPT_POST}, MethodCase{"post", CURLOPT_POST},
+                                         MethodCase{"GET", CURLOPT_HTTPGET}, MethodCase{"Get", CURLOPT_HTTPGET},
+                                         MethodCase{"PUT", hooks::OPTION_PUT}, MethodCase{"pUT", hooks::OPTION_PUT}),
                          [](const auto &test) { return std::string(test.param.text); });
 
-class RequestUnknownMethod : public RequestUri, public ::testing::WithParamInterface<const char *>
+class RequestUnknownMethod : public RequestUri, public testing::WithParamInterface<const char *>
 {
 };
 
 TEST_P(RequestUnknownMethod, IsRefusedAndSetsNothing)
 {
-    EXPECT_EQ(4U, NvrHttpCurlCltSetReqMethod(req, GetParam()));
-    EXPECT_EQ((Lines{L(kError, "NvrHttpCurlCltSetReqMethod", "[Error] unknown method {%s}\n", GetParam())}), TakeLog());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, GetParam()), 4U);
+    ExpectLines({Error("NvrHttpCurlCltSetReqMethod", "[Error] unknown method {%s}\n", GetParam())});
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
 }
 
-INSTANTIATE_TEST_SUITE_P(Others, RequestUnknownMethod, ::testing::Values("DELETE", "HEAD", "PATCH", "POSTS", "PU", ""),
+INSTANTIATE_TEST_SUITE_P(Others, RequestUnknownMethod, testing::Values("DELETE", "HEAD", "PATCH", "POSTS", "PU", ""),
                          [](const auto &test) { return std::string("method") + test.param; });
 
 /* --- authentication ---------------------------------------------------------------------------- */
@@ -654,50 +627,49 @@ INSTANTIATE_TEST_SUITE_P(Others, RequestUnknownMethod, ::testing::Values("DELETE
 class RequestAuth : public RequestUri
 {
   protected:
-    static constexpr const char *kAuthFunc = "NvrHttpCurlCltSetAuthType";
-    const std::vector<CURLoption> kAuthOptions = {CURLOPT_USERPWD, CURLOPT_HTTPAUTH};
+    static constexpr const char *AUTH_FUNC = "NvrHttpCurlCltSetAuthType";
+    const std::vector<CURLoption> AUTH_OPTIONS = {CURLOPT_USERPWD, CURLOPT_HTTPAUTH};
 };
 
 TEST_F(RequestAuth, OffSetsNothing)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetAuthType(req, 0, ""));
-    EXPECT_EQ(0U, NvrHttpCurlCltSetAuthType(req, 0, "user:password"));
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
-    EXPECT_EQ(Lines{}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 0, ""), 0U);
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 0, "user:password"), 0U);
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
+    ExpectLines({});
 }
 
 TEST_F(RequestAuth, OnSetsUserThenAnyScheme)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetAuthType(req, 1, "user:password"));
-    ASSERT_EQ(kAuthOptions, hooks::OptionOrder());
-    EXPECT_EQ("user:password", hooks::Options()[0].strText);
-    EXPECT_EQ(static_cast<uintptr_t>(CURLAUTH_ANY), hooks::Options()[1].uValue);
-    EXPECT_EQ(Lines{}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 1, "user:password"), 0U);
+    ASSERT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
+    EXPECT_EQ(hooks::Options()[0].text, "user:password");
+    EXPECT_EQ(hooks::Options()[1].value, static_cast<uintptr_t>(CURLAUTH_ANY));
+    ExpectLines({});
 }
 
 TEST_F(RequestAuth, AnyNonzeroValueIsOn)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetAuthType(req, 0x80000000U, "user:password"));
-    EXPECT_EQ(kAuthOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 0x80000000U, "user:password"), 0U);
+    EXPECT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
 }
 
 TEST_F(RequestAuth, ARefusedUserIsOnlyLogged)
 {
     hooks::RefuseOption(CURLOPT_USERPWD, CURLE_OUT_OF_MEMORY);
-    EXPECT_EQ(0U, NvrHttpCurlCltSetAuthType(req, 1, "user:password"));
-    EXPECT_EQ(Lines{SetoptFault(kAuthFunc, CURLE_OUT_OF_MEMORY)}, TakeLog());
-    EXPECT_EQ(kAuthOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 1, "user:password"), 0U);
+    ExpectLines({SetoptFault(AUTH_FUNC, CURLE_OUT_OF_MEMORY)});
+    EXPECT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
 }
 
 TEST_F(RequestAuth, RefusedSchemesFailAndShowThePassword)
 {
     hooks::RefuseOption(CURLOPT_HTTPAUTH, CURLE_NOT_BUILT_IN);
-    EXPECT_EQ(1U, NvrHttpCurlCltSetAuthType(req, 3, "user:password"));
-    EXPECT_EQ((Lines{SetoptFault(kAuthFunc, CURLE_NOT_BUILT_IN),
-                     L(kError, kAuthFunc, "[Error] Set Req AuthType bCurlAuth{%d} pchUserAndPassWd{%s} failed\n", 3,
-                       "user:password")}),
-              TakeLog());
-    EXPECT_EQ(kAuthOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 3, "user:password"), 1U);
+    ExpectLines(
+        {SetoptFault(AUTH_FUNC, CURLE_NOT_BUILT_IN),
+         Error(AUTH_FUNC, "[Error] Set Req AuthType bCurlAuth{%d} pchUserAndPassWd{%s} failed\n", 3, "user:password")});
+    EXPECT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
 }
 
 /* --- header lines ------------------------------------------------------------------------------ */
@@ -705,46 +677,46 @@ TEST_F(RequestAuth, RefusedSchemesFailAndShowThePassword)
 class RequestHeader : public RequestUri
 {
   protected:
-    static constexpr const char *kHeaderFunc = "NvrHttpCurlCltSetReqHeader";
+    static constexpr const char *HEADER_FUNC = "NvrHttpCurlCltSetReqHeader";
 };
 
 TEST_F(RequestHeader, AddsTheLineAndAnEmptyExpect)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "Content-Type", "a/b; q=%s"));
-    EXPECT_EQ((std::vector<std::string>{"Content-Type:a/b; q=%s", "Expect:"}), Texts(req->ptHeaderList));
-    EXPECT_EQ((Lines{L(kInfo, kHeaderFunc, " %s\n", "Content-Type:a/b; q=%s")}), TakeLog());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "Content-Type", "a/b; q=%s"), 0U);
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{"Content-Type:a/b; q=%s", "Expect:"}));
+    ExpectLines({Info(HEADER_FUNC, " %s\n", "Content-Type:a/b; q=%s")});
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
 }
 
 TEST_F(RequestHeader, TwoCallsMakeFourEntries)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "B", "2"));
-    EXPECT_EQ((std::vector<std::string>{"A:1", "Expect:", "B:2", "Expect:"}), Texts(req->ptHeaderList));
-    EXPECT_EQ((Lines{L(kInfo, kHeaderFunc, " %s\n", "A:1"), L(kInfo, kHeaderFunc, " %s\n", "B:2")}), TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "B", "2"), 0U);
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{"A:1", "Expect:", "B:2", "Expect:"}));
+    ExpectLines({Info(HEADER_FUNC, " %s\n", "A:1"), Info(HEADER_FUNC, " %s\n", "B:2")});
 }
 
 TEST_F(RequestHeader, KeepsALineOf127Characters)
 {
     const std::string value(125, 'v');
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "N", value.c_str()));
-    EXPECT_EQ((std::vector<std::string>{"N:" + value, "Expect:"}), Texts(req->ptHeaderList));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "N", value.c_str()), 0U);
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{"N:" + value, "Expect:"}));
 }
 
 TEST_F(RequestHeader, CutsALongerLineThere)
 {
     const std::string value(126, 'v');
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "N", value.c_str()));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "N", value.c_str()), 0U);
     const std::string cut = "N:" + value.substr(0, 125);
-    EXPECT_EQ((std::vector<std::string>{cut, "Expect:"}), Texts(req->ptHeaderList));
-    EXPECT_EQ((Lines{L(kInfo, kHeaderFunc, " %s\n", cut.c_str())}), TakeLog());
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{cut, "Expect:"}));
+    ExpectLines({Info(HEADER_FUNC, " %s\n", cut.c_str())});
 }
 
 TEST_F(RequestHeader, CutsALongName)
 {
     const std::string name(300, 'n');
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, name.c_str(), "v"));
-    EXPECT_EQ((std::vector<std::string>{name.substr(0, 127), "Expect:"}), Texts(req->ptHeaderList));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, name.c_str(), "v"), 0U);
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{name.substr(0, 127), "Expect:"}));
 }
 
 TEST_F(RequestHeader, AppendsBothLinesThoughTheFirstFailed)
@@ -754,23 +726,23 @@ TEST_F(RequestHeader, AppendsBothLinesThoughTheFirstFailed)
         lines.push_back(line);
         return lines.size() == 1 ? nullptr : hooks::real::slist_append(list, line);
     };
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
-    EXPECT_EQ((std::vector<std::string>{"A:1", "Expect:"}), lines);
-    EXPECT_EQ(std::vector<std::string>{"Expect:"}, Texts(req->ptHeaderList));
-    EXPECT_EQ((Lines{L(kInfo, kHeaderFunc, " %s\n", "A:1")}), TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
+    EXPECT_EQ(lines, (std::vector<std::string>{"A:1", "Expect:"}));
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), std::vector<std::string>{"Expect:"});
+    ExpectLines({Info(HEADER_FUNC, " %s\n", "A:1")});
 }
 
 TEST_F(RequestHeader, WithoutMemoryTheLinesAreGone)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
     curl_slist *forgotten = req->ptHeaderList;
     hooks::slist_append = [](curl_slist *, const char *) -> curl_slist * { return nullptr; };
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "B", "2"));
-    EXPECT_EQ(nullptr, req->ptHeaderList);
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "B", "2"), 0U);
+    EXPECT_EQ(req->ptHeaderList, nullptr);
     curl_slist_free_all(forgotten); /* not released by the setter: libcurl might have been given it */
     hooks::slist_append = nullptr;
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "C", "3"));
-    EXPECT_EQ((std::vector<std::string>{"C:3", "Expect:"}), Texts(req->ptHeaderList));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "C", "3"), 0U);
+    EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (std::vector<std::string>{"C:3", "Expect:"}));
 }
 
 /* --- the body ---------------------------------------------------------------------------------- */
@@ -778,48 +750,48 @@ TEST_F(RequestHeader, WithoutMemoryTheLinesAreGone)
 class RequestBody : public RequestUri
 {
   protected:
-    static constexpr const char *kBodyFunc = "NvrHttpCurlCltSetReqBody";
+    static constexpr const char *BODY_FUNC = "NvrHttpCurlCltSetReqBody";
 
     void ExpectOptions(CURLoption first)
     {
-        EXPECT_EQ((std::vector<CURLoption>{first, CURLOPT_POSTFIELDS, CURLOPT_POSTFIELDSIZE, CURLOPT_WRITEFUNCTION,
-                                           CURLOPT_WRITEDATA, CURLOPT_VERBOSE, CURLOPT_NOSIGNAL}),
-                  hooks::OptionOrder());
+        EXPECT_EQ(hooks::OptionOrder(),
+                  (std::vector<CURLoption>{first, CURLOPT_POSTFIELDS, CURLOPT_POSTFIELDSIZE, CURLOPT_WRITEFUNCTION,
+                                           CURLOPT_WRITEDATA, CURLOPT_VERBOSE, CURLOPT_NOSIGNAL}));
         const std::vector<hooks::Option> options = hooks::Options();
-        ASSERT_EQ(7U, options.size());
+        ASSERT_EQ(options.size(), 7U);
         for (const hooks::Option &option : options) {
-            EXPECT_EQ(req->ptReq, option.ptEasy);
+            EXPECT_EQ(option.easy, req->ptReq);
         }
-        EXPECT_EQ(first == CURLOPT_HEADER ? 1U : reinterpret_cast<uintptr_t>(req->ptHeaderList), options[0].uValue);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(req->ptReqBody->pchData), options[1].uValue);
-        EXPECT_EQ(req->ptReqBody->qwSize, options[2].uValue);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(&_HttpCurlStackWriteCB), options[3].uValue);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(req->ptRespData), options[4].uValue);
-        EXPECT_EQ(0U, options[5].uValue);
-        EXPECT_EQ(1U, options[6].uValue);
+        EXPECT_EQ(options[0].value, first == CURLOPT_HEADER ? 1U : reinterpret_cast<uintptr_t>(req->ptHeaderList));
+        EXPECT_EQ(options[1].value, reinterpret_cast<uintptr_t>(req->ptReqBody->pchData));
+        EXPECT_EQ(options[2].value, req->ptReqBody->qwSize);
+        EXPECT_EQ(options[3].value, reinterpret_cast<uintptr_t>(&_HttpCurlStackWriteCB));
+        EXPECT_EQ(options[4].value, reinterpret_cast<uintptr_t>(req->ptRespData));
+        EXPECT_EQ(options[5].value, 0U);
+        EXPECT_EQ(options[6].value, 1U);
     }
 
     void ExpectEmptyResponse()
     {
-        ASSERT_NE(nullptr, req->ptRespData);
-        ASSERT_NE(nullptr, req->ptRespData->pchData);
-        EXPECT_EQ('\0', req->ptRespData->pchData[0]);
-        EXPECT_EQ(0U, req->ptRespData->qwSize);
-        EXPECT_EQ(req->pfRealloc, req->ptRespData->pfRealloc);
+        ASSERT_NE(req->ptRespData, nullptr);
+        ASSERT_NE(req->ptRespData->pchData, nullptr);
+        EXPECT_EQ(req->ptRespData->pchData[0], '\0');
+        EXPECT_EQ(req->ptRespData->qwSize, 0U);
+        EXPECT_EQ(req->ptRespData->pfRealloc, req->pfRealloc);
     }
 };
 
 TEST_F(RequestBody, CopiesTheBytes)
 {
     std::string body("a\0b\0", 4);
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, body.data(), 4));
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, body.data(), 4), 0U);
     body[0] = 'x';
-    ASSERT_NE(nullptr, req->ptReqBody);
-    EXPECT_EQ(4U, req->ptReqBody->qwSize);
-    EXPECT_EQ(0, memcmp("a\0b\0", req->ptReqBody->pchData, 4));
-    EXPECT_EQ(nullptr, req->ptReqBody->pfRealloc);
+    ASSERT_NE(req->ptReqBody, nullptr);
+    EXPECT_EQ(req->ptReqBody->qwSize, 4U);
+    EXPECT_EQ(memcmp("a\0b\0", req->ptReqBody->pchData, 4), 0);
+    EXPECT_EQ(req->ptReqBody->pfRealloc, nullptr);
     ExpectEmptyResponse();
-    EXPECT_EQ(Lines{}, TakeLog());
+    ExpectLines({});
 }
 
 TEST_F(RequestBody, AsksForExactlyWhatItNeeds)
@@ -827,12 +799,12 @@ TEST_F(RequestBody, AsksForExactlyWhatItNeeds)
     NvrHttpCurlCltReqReset(req);
     UseDirtyHeap();
     req = Create();
-    g_asked.clear();
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello world", 5));
+    asked.clear();
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello world", 5), 0U);
     const size_t record = sizeof(TNvrHttpCurlCltMem);
-    EXPECT_EQ((std::vector<size_t>{record, record, 5, 1}), g_asked);
-    EXPECT_EQ(0, memcmp("hello", req->ptReqBody->pchData, 5));
-    EXPECT_EQ(nullptr, req->ptReqBody->pfRealloc);
+    EXPECT_EQ(asked, (std::vector<size_t>{record, record, 5, 1}));
+    EXPECT_EQ(memcmp("hello", req->ptReqBody->pchData, 5), 0);
+    EXPECT_EQ(req->ptReqBody->pfRealloc, nullptr);
     ExpectEmptyResponse();
     NvrHttpCurlCltReqReset(req);
     inst->tMemCB = fake::MemCB();
@@ -844,14 +816,14 @@ TEST_F(RequestBody, AnEmptyBodyIsLeftEmpty)
     NvrHttpCurlCltReqReset(req);
     UseDirtyHeap();
     req = Create();
-    g_asked.clear();
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, nullptr, 0));
+    asked.clear();
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, nullptr, 0), 0U);
     const size_t record = sizeof(TNvrHttpCurlCltMem);
-    EXPECT_EQ((std::vector<size_t>{record, record, 1}), g_asked);
-    EXPECT_EQ((Lines{L(kInfo, kBodyFunc, " dwSize %d, szBody %p\n", 0, P<void>(nullptr))}), TakeLog());
-    EXPECT_EQ(nullptr, req->ptReqBody->pchData);
-    EXPECT_EQ(0U, req->ptReqBody->qwSize);
-    EXPECT_EQ(nullptr, req->ptReqBody->pfRealloc);
+    EXPECT_EQ(asked, (std::vector<size_t>{record, record, 1}));
+    ExpectLines({Info(BODY_FUNC, " dwSize %d, szBody %p\n", 0, Ptr(nullptr))});
+    EXPECT_EQ(req->ptReqBody->pchData, nullptr);
+    EXPECT_EQ(req->ptReqBody->qwSize, 0U);
+    EXPECT_EQ(req->ptReqBody->pfRealloc, nullptr);
     ExpectEmptyResponse();
     ExpectOptions(CURLOPT_HEADER);
     NvrHttpCurlCltReqReset(req);
@@ -862,59 +834,58 @@ TEST_F(RequestBody, AnEmptyBodyIsLeftEmpty)
 TEST_F(RequestBody, ASizeOfZeroMakesATextEmpty)
 {
     const char *text = "hello";
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, text, 0));
-    EXPECT_EQ((Lines{L(kInfo, kBodyFunc, " dwSize %d, szBody %p\n", 0, P(text))}), TakeLog());
-    EXPECT_EQ(nullptr, req->ptReqBody->pchData);
-    EXPECT_EQ(0U, req->ptReqBody->qwSize);
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, text, 0), 0U);
+    ExpectLines({Info(BODY_FUNC, " dwSize %d, szBody %p\n", 0, Ptr(text))});
+    EXPECT_EQ(req->ptReqBody->pchData, nullptr);
+    EXPECT_EQ(req->ptReqBody->qwSize, 0U);
     ExpectOptions(CURLOPT_HEADER);
 }
 
 TEST_F(RequestBody, AsksForTheAnswersHeadersWithoutHeaderLines)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
     ExpectOptions(CURLOPT_HEADER);
 }
 
 TEST_F(RequestBody, HandsTheHeaderLinesOver)
 {
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
+    EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
     Forget();
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
     ExpectOptions(CURLOPT_HTTPHEADER);
 }
 
-class RequestBodyRefused : public RequestBody, public ::testing::WithParamInterface<CURLoption>
+class RequestBodyRefused : public RequestBody, public testing::WithParamInterface<CURLoption>
 {
 };
 
 TEST_P(RequestBodyRefused, IsLoggedAndTheRestIsSet)
 {
     if (GetParam() == CURLOPT_HTTPHEADER) {
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
+        EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
         Forget();
     }
     hooks::RefuseOption(GetParam(), CURLE_UNKNOWN_OPTION);
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
-    EXPECT_EQ(Lines{SetoptFault(kBodyFunc, CURLE_UNKNOWN_OPTION)}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
+    ExpectLines({SetoptFault(BODY_FUNC, CURLE_UNKNOWN_OPTION)});
     ExpectOptions(GetParam() == CURLOPT_HTTPHEADER ? CURLOPT_HTTPHEADER : CURLOPT_HEADER);
     ExpectEmptyResponse();
 }
 
 INSTANTIATE_TEST_SUITE_P(EachOption, RequestBodyRefused,
-                         ::testing::Values(CURLOPT_HTTPHEADER, CURLOPT_HEADER, CURLOPT_POSTFIELDS,
-                                           CURLOPT_POSTFIELDSIZE, CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA,
-                                           CURLOPT_VERBOSE, CURLOPT_NOSIGNAL),
+                         testing::Values(CURLOPT_HTTPHEADER, CURLOPT_HEADER, CURLOPT_POSTFIELDS, CURLOPT_POSTFIELDSIZE,
+                                         CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, CURLOPT_VERBOSE, CURLOPT_NOSIGNAL),
                          [](const auto &test) { return "option" + std::to_string(test.param); });
 
 TEST_F(RequestBody, AllOptionsRefusedIsNoFailureEither)
 {
     hooks::easy_setopt = [](CURL *, CURLoption, void *) { return CURLE_OUT_OF_MEMORY; };
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
-    EXPECT_EQ(Lines(7, SetoptFault(kBodyFunc, CURLE_OUT_OF_MEMORY)), TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
+    ExpectLines(Lines(7, SetoptFault(BODY_FUNC, CURLE_OUT_OF_MEMORY)));
     ExpectOptions(CURLOPT_HEADER);
 }
 
-class RequestBodyMemory : public RequestBody, public ::testing::WithParamInterface<unsigned>
+class RequestBodyMemory : public RequestBody, public testing::WithParamInterface<unsigned>
 {
 };
 
@@ -922,38 +893,38 @@ TEST_P(RequestBodyMemory, AFirstCallLeavesNothingBehind)
 {
     const size_t blocks = fake::BlocksAlive();
     fake::FailMalloc(GetParam());
-    EXPECT_EQ(5U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
-    EXPECT_EQ((Lines{L(kError, kBodyFunc, "[Error] malloc failed\n")}), TakeLog());
-    EXPECT_EQ(nullptr, req->ptReqBody);
-    EXPECT_EQ(nullptr, req->ptRespData);
-    EXPECT_EQ(blocks, fake::BlocksAlive());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 5U);
+    ExpectLines({Error(BODY_FUNC, "[Error] malloc failed\n")});
+    EXPECT_EQ(req->ptReqBody, nullptr);
+    EXPECT_EQ(req->ptRespData, nullptr);
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
 }
 
 TEST_P(RequestBodyMemory, AFailedSecondCallKeepsTheFirstInForce)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "first", 5));
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "first", 5), 0U);
     Forget();
     const TNvrHttpCurlCltReqInner before = *req;
     const TNvrHttpCurlCltMem body = *req->ptReqBody;
     const TNvrHttpCurlCltMem resp = *req->ptRespData;
     const size_t blocks = fake::BlocksAlive();
     fake::FailMalloc(GetParam());
-    EXPECT_EQ(5U, NvrHttpCurlCltSetReqBody(req, "other", 5));
-    EXPECT_EQ((Lines{L(kError, kBodyFunc, "[Error] malloc failed\n")}), TakeLog());
-    ASSERT_EQ(before.ptReqBody, req->ptReqBody);
-    ASSERT_EQ(before.ptRespData, req->ptRespData);
-    EXPECT_EQ(0, memcmp(&body, req->ptReqBody, sizeof(body)));
-    EXPECT_EQ(0, memcmp(&resp, req->ptRespData, sizeof(resp)));
-    EXPECT_EQ(0, memcmp("first", req->ptReqBody->pchData, 5));
-    EXPECT_EQ(blocks, fake::BlocksAlive());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "other", 5), 5U);
+    ExpectLines({Error(BODY_FUNC, "[Error] malloc failed\n")});
+    ASSERT_EQ(req->ptReqBody, before.ptReqBody);
+    ASSERT_EQ(req->ptRespData, before.ptRespData);
+    EXPECT_EQ(memcmp(&body, req->ptReqBody, sizeof(body)), 0);
+    EXPECT_EQ(memcmp(&resp, req->ptRespData, sizeof(resp)), 0);
+    EXPECT_EQ(memcmp("first", req->ptReqBody->pchData, 5), 0);
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachBlock, RequestBodyMemory, ::testing::Values(1U, 2U, 3U, 4U),
+INSTANTIATE_TEST_SUITE_P(EachBlock, RequestBodyMemory, testing::Values(1U, 2U, 3U, 4U),
                          [](const auto &test) { return "malloc" + std::to_string(test.param); });
 
-class RequestEmptyBodyMemory : public RequestBody, public ::testing::WithParamInterface<unsigned>
+class RequestEmptyBodyMemory : public RequestBody, public testing::WithParamInterface<unsigned>
 {
 };
 
@@ -961,43 +932,43 @@ TEST_P(RequestEmptyBodyMemory, LeavesNothingBehind)
 {
     const size_t blocks = fake::BlocksAlive();
     fake::FailMalloc(GetParam());
-    EXPECT_EQ(5U, NvrHttpCurlCltSetReqBody(req, nullptr, 0));
-    EXPECT_EQ(1U, fixture::Count(L(kError, kBodyFunc, "[Error] malloc failed\n")));
-    EXPECT_EQ(nullptr, req->ptReqBody);
-    EXPECT_EQ(nullptr, req->ptRespData);
-    EXPECT_EQ(blocks, fake::BlocksAlive());
-    EXPECT_EQ(kNoOptions, hooks::OptionOrder());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, nullptr, 0), 5U);
+    ExpectLine(Error(BODY_FUNC, "[Error] malloc failed\n"));
+    EXPECT_EQ(req->ptReqBody, nullptr);
+    EXPECT_EQ(req->ptRespData, nullptr);
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
+    EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachBlock, RequestEmptyBodyMemory, ::testing::Values(1U, 2U, 3U),
+INSTANTIATE_TEST_SUITE_P(EachBlock, RequestEmptyBodyMemory, testing::Values(1U, 2U, 3U),
                          [](const auto &test) { return "malloc" + std::to_string(test.param); });
 
 TEST_F(RequestBody, ASecondCallReleasesTheFirst)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "first", 5));
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "first", 5), 0U);
     const size_t blocks = fake::BlocksAlive();
     const size_t frees = fake::Frees();
     char byte = 'x';
-    ASSERT_EQ(1U, _HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData));
+    ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 1U);
     Forget();
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "the second", 10));
-    EXPECT_EQ(blocks, fake::BlocksAlive());
-    EXPECT_EQ(frees + 4, fake::Frees());
-    EXPECT_EQ(10U, req->ptReqBody->qwSize);
-    EXPECT_EQ(0, memcmp("the second", req->ptReqBody->pchData, 10));
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "the second", 10), 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
+    EXPECT_EQ(fake::Frees(), frees + 4);
+    EXPECT_EQ(req->ptReqBody->qwSize, 10U);
+    EXPECT_EQ(memcmp("the second", req->ptReqBody->pchData, 10), 0);
     ExpectEmptyResponse();
     ExpectOptions(CURLOPT_HEADER);
-    EXPECT_EQ(Lines{}, TakeLog());
+    ExpectLines({});
 }
 
 TEST_F(RequestBody, ASecondEmptyBodyReleasesTheFirst)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "first", 5));
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "first", 5), 0U);
     const size_t blocks = fake::BlocksAlive();
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, nullptr, 0));
-    EXPECT_EQ(blocks - 1, fake::BlocksAlive());
-    EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "third", 5));
-    EXPECT_EQ(blocks, fake::BlocksAlive());
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, nullptr, 0), 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocks - 1);
+    EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "third", 5), 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocks);
 }
 
 /* --- release ----------------------------------------------------------------------------------- */
@@ -1012,7 +983,7 @@ class RequestRelease : public Request
         req = Create();
         req->pfFree = RequestFree;
         hooks::easy_cleanup = [](CURL *easy) {
-            g_freed.push_back({'c', easy});
+            freed.push_back({'c', easy});
             hooks::real::easy_cleanup(easy);
         };
     }
@@ -1028,51 +999,51 @@ class RequestRelease : public Request
 
 TEST_F(RequestRelease, FollowsItsOrder)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
+    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
     const std::vector<Freed> expected = {{'c', req->ptReq},      {'r', req->ptReqBody->pchData},
                                          {'r', req->ptReqBody},  {'r', req->ptRespData->pchData},
                                          {'r', req->ptRespData}, {'i', req}};
     _FreeTNvrHttpCurlCltReqInner(req);
-    EXPECT_EQ(expected, g_freed);
+    EXPECT_EQ(freed, expected);
 }
 
 TEST_F(RequestRelease, GivesNoNullBlockBack)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, nullptr, 0));
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, nullptr, 0), 0U);
     free(req->ptRespData->pchData);
     req->ptRespData->pchData = nullptr;
     const std::vector<Freed> expected = {{'c', req->ptReq}, {'r', req->ptReqBody}, {'r', req->ptRespData}, {'i', req}};
     _FreeTNvrHttpCurlCltReqInner(req);
-    EXPECT_EQ(expected, g_freed);
+    EXPECT_EQ(freed, expected);
 }
 
 TEST_F(RequestRelease, OfARequestWithoutBody)
 {
     const std::vector<Freed> expected = {{'c', req->ptReq}, {'i', req}};
     _FreeTNvrHttpCurlCltReqInner(req);
-    EXPECT_EQ(expected, g_freed);
+    EXPECT_EQ(freed, expected);
 }
 
 TEST_F(RequestRelease, ANullArgumentDoesNothing)
 {
     _FreeTNvrHttpCurlCltReqInner(nullptr);
-    EXPECT_EQ(std::vector<Freed>{}, g_freed);
-    EXPECT_EQ(Lines{}, TakeLog());
+    EXPECT_EQ(freed, std::vector<Freed>{});
+    ExpectLines({});
     _FreeTNvrHttpCurlCltReqInner(req);
 }
 
 TEST_F(RequestRelease, ResetReleasesTheWholeRequest)
 {
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "hello", 5));
+    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "hello", 5), 0U);
     Forget();
     const Freed last = {'i', req};
-    EXPECT_EQ(0U, NvrHttpCurlCltReqReset(req));
-    ASSERT_EQ(6U, g_freed.size());
-    EXPECT_EQ('c', g_freed.front().by);
-    EXPECT_EQ(last, g_freed.back());
-    EXPECT_EQ(Lines{}, TakeLog());
+    EXPECT_EQ(NvrHttpCurlCltReqReset(req), 0U);
+    ASSERT_EQ(freed.size(), 6U);
+    EXPECT_EQ(freed.front().by, 'c');
+    EXPECT_EQ(freed.back(), last);
+    ExpectLines({});
 }
 
 TEST_F(Request, ResetDoesNotWithdrawFromTheTask)
@@ -1081,13 +1052,13 @@ TEST_F(Request, ResetDoesNotWithdrawFromTheTask)
     Start(1, 8);
     HNvrHttpCurlCltReq req = CreateQueued();
     TNvrHttpCurlCltTask &task = inst->atTasks[0];
-    EXPECT_EQ(0U, NvrHttpCurlCltReqReset(req));
-    ASSERT_EQ(1U, task.tRunList.dwNumOfElem);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(NvrHttpCurlCltReqReset(req), 0U);
+    ASSERT_EQ(task.tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
 
     /* The node is nobody's now. */
     void *node = nullptr;
-    ASSERT_EQ(0U, NVRHCCListRemove(&task.tRunList, task.tRunList.ptHead, &node));
+    ASSERT_EQ(NVRHCCListRemove(&task.tRunList, task.tRunList.ptHead, &node), 0U);
     inst->tMemCB.pfFree(node);
 }
 
@@ -1095,41 +1066,41 @@ TEST_F(Request, ResetDoesNotWithdrawFromTheTask)
 
 TEST_F(Request, AnEmptyBodyIsPosted)
 {
-    fixture::LoopbackServer server(fixture::Reply("ok"));
+    LoopbackServer server(Reply("ok"));
     HNvrHttpCurlCltReq req = Create();
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqUri(req, server.Url("/empty").c_str()));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, "POST"));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, nullptr, 0));
-    ASSERT_EQ(0U, NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr));
+    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url("/empty").c_str()), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "POST"), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, nullptr, 0), 0U);
+    ASSERT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
     int32_t code = 0;
-    EXPECT_EQ(0U, NvrHttpCurlCltGetRespStatCode(req, &code));
-    EXPECT_EQ(200, code);
+    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
+    EXPECT_EQ(code, 200);
     const std::vector<std::string> requests = server.Requests();
-    ASSERT_EQ(1U, requests.size());
-    EXPECT_EQ(0U, requests[0].find("POST /empty HTTP/1.1\r\n")) << requests[0];
-    EXPECT_NE(std::string::npos, requests[0].find("\r\nContent-Length: 0\r\n")) << requests[0];
-    EXPECT_EQ(requests[0].size(), requests[0].find("\r\n\r\n") + 4) << requests[0];
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(requests[0].find("POST /empty HTTP/1.1\r\n"), 0U) << requests[0];
+    EXPECT_NE(requests[0].find("\r\nContent-Length: 0\r\n"), std::string::npos) << requests[0];
+    EXPECT_EQ(requests[0].find("\r\n\r\n") + 4, requests[0].size()) << requests[0];
     NvrHttpCurlCltReqDestroy(req);
 }
 
 TEST_F(Request, ALongHeaderLineIsSentCutAndNothingIsExpected)
 {
-    fixture::LoopbackServer server(fixture::Reply("ok"));
+    LoopbackServer server(Reply("ok"));
     const std::string value(200, 'v');
     const std::string body(2000000, 'b'); /* libcurl would ask for a "100 Continue" */
     HNvrHttpCurlCltReq req = Create();
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqUri(req, server.Url().c_str()));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "X-Long", value.c_str()));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "X-Short", "1"));
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqBody(req, body.data(), static_cast<uint32_t>(body.size())));
-    ASSERT_EQ(0U, NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr));
+    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url().c_str()), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "X-Long", value.c_str()), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "X-Short", "1"), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, body.data(), static_cast<uint32_t>(body.size())), 0U);
+    ASSERT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
     const std::vector<std::string> requests = server.Requests();
-    ASSERT_EQ(1U, requests.size());
+    ASSERT_EQ(requests.size(), 1U);
     const std::string head = requests[0].substr(0, requests[0].find("\r\n\r\n") + 4);
-    EXPECT_NE(std::string::npos, head.find("\r\nX-Long:" + value.substr(0, 120) + "\r\n")) << head;
-    EXPECT_NE(std::string::npos, head.find("\r\nX-Short:1\r\n")) << head;
-    EXPECT_EQ(std::string::npos, head.find("Expect")) << head;
-    EXPECT_EQ(head + body, requests[0]);
+    EXPECT_NE(head.find("\r\nX-Long:" + value.substr(0, 120) + "\r\n"), std::string::npos) << head;
+    EXPECT_NE(head.find("\r\nX-Short:1\r\n"), std::string::npos) << head;
+    EXPECT_EQ(head.find("Expect"), std::string::npos) << head;
+    EXPECT_EQ(requests[0], head + body);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -1140,9 +1111,9 @@ class RequestMethodOnTheWire : public Request
     /* The request as the server has read it. */
     std::string Send(HNvrHttpCurlCltReq req)
     {
-        EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr));
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
         const std::vector<std::string> requests = server.Requests();
-        EXPECT_EQ(1U, requests.size());
+        EXPECT_EQ(requests.size(), 1U);
         NvrHttpCurlCltReqDestroy(req);
         return requests.empty() ? "" : requests[0];
     }
@@ -1150,10 +1121,10 @@ class RequestMethodOnTheWire : public Request
     HNvrHttpCurlCltReq CreateWithMethodThenBody(const char *method)
     {
         HNvrHttpCurlCltReq req = Create();
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqUri(req, server.Url("/path").c_str()));
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqHeader(req, "A", "1"));
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, method));
-        EXPECT_EQ(0U, NvrHttpCurlCltSetReqBody(req, "the body", 8));
+        EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url("/path").c_str()), 0U);
+        EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
+        EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, method), 0U);
+        EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "the body", 8), 0U);
         return req;
     }
 
@@ -1162,46 +1133,46 @@ class RequestMethodOnTheWire : public Request
         return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
     }
 
-    fixture::LoopbackServer server{fixture::Reply("ok")};
+    LoopbackServer server{Reply("ok")};
 };
 
 TEST_F(RequestMethodOnTheWire, GetBeforeTheBodyLeavesAsPost)
 {
     const std::string sent = Send(CreateWithMethodThenBody("GET"));
-    EXPECT_EQ(0U, sent.find("POST /path HTTP/1.1\r\n")) << sent;
+    EXPECT_EQ(sent.find("POST /path HTTP/1.1\r\n"), 0U) << sent;
     EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
 }
 
 TEST_F(RequestMethodOnTheWire, PutBeforeTheBodyLeavesAsPost)
 {
     const std::string sent = Send(CreateWithMethodThenBody("PUT"));
-    EXPECT_EQ(0U, sent.find("POST /path HTTP/1.1\r\n")) << sent;
+    EXPECT_EQ(sent.find("POST /path HTTP/1.1\r\n"), 0U) << sent;
     EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
 }
 
 TEST_F(RequestMethodOnTheWire, GetAfterTheBodyHasNone)
 {
     HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, "GET"));
+    ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "GET"), 0U);
     const std::string sent = Send(req);
-    EXPECT_EQ(0U, sent.find("GET /path HTTP/1.1\r\n")) << sent;
+    EXPECT_EQ(sent.find("GET /path HTTP/1.1\r\n"), 0U) << sent;
     EXPECT_TRUE(EndsWith(sent, "\r\n\r\n")) << sent;
 }
 
 TEST_F(RequestMethodOnTheWire, PutAfterTheBodyReadsStandardInput)
 {
     int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    ASSERT_EQ(5, write(ends[1], "typed", 5));
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "typed", 5), 5);
     close(ends[1]);
-    ASSERT_EQ(0, dup2(ends[0], 0));
+    ASSERT_EQ(dup2(ends[0], 0), 0);
     close(ends[0]);
     HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
-    ASSERT_EQ(0U, NvrHttpCurlCltSetReqMethod(req, "PUT"));
+    ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "PUT"), 0U);
     const std::string sent = Send(req);
-    EXPECT_EQ(0U, sent.find("PUT /path HTTP/1.1\r\n")) << sent;
-    EXPECT_NE(std::string::npos, sent.find("\r\n5\r\ntyped\r\n0\r\n\r\n")) << sent;
-    EXPECT_EQ(std::string::npos, sent.find("the body")) << sent;
+    EXPECT_EQ(sent.find("PUT /path HTTP/1.1\r\n"), 0U) << sent;
+    EXPECT_NE(sent.find("\r\n5\r\ntyped\r\n0\r\n\r\n"), std::string::npos) << sent;
+    EXPECT_EQ(sent.find("the body"), std::string::npos) << sent;
 }
 
 } // namespace

@@ -7,7 +7,7 @@
 
 #include "tests/support/send_fixture.h"
 
-using namespace sendtest;
+using namespace test;
 
 namespace
 {
@@ -18,12 +18,12 @@ const char JSON[] = "{\"TaskId\":1,\"CheckTemp\":\"11\",\"Operator\":\"qq\",\"Re
                     "\"NVR MacAddress\":\"00-00-00-00-00-00\"}";
 enum : size_t { MIB = 0x100000 };
 
-const std::string NO_BUFFER = "%s[L:%d] malloc fail\n";
-const std::string NO_OBJECT = "%s[L:%d] ptRoot is null\n";
-const std::string SENDING = "%s[L:%d] --99--eSyncMode:%d achSendBuf[%u]: %s\n";
-const std::string FAILED = "%s[L:%d] Qelvo_SendStrByHttps fail, eSendRet %d\n";
-const std::string SUCCEEDED = "%s[L:%d] Qelvo_SendStrByHttps suc\n";
-const std::string RECEIVED = "%s[L:%d] --99--eSyncMode:%d achRecvBuf[%u]: %s\n";
+const char NO_BUFFER[] = " malloc fail\n";
+const char NO_OBJECT[] = " ptRoot is null\n";
+const char SENDING[] = " --99--eSyncMode:%d achSendBuf[%u]: %s\n";
+const char FAILED[] = " Qelvo_SendStrByHttps fail, eSendRet %d\n";
+const char SUCCEEDED[] = " Qelvo_SendStrByHttps suc\n";
+const char RECEIVED[] = " --99--eSyncMode:%d achRecvBuf[%u]: %s\n";
 
 /*
  * The printed text is never released by the command, and some ways out leave the receive
@@ -36,18 +36,18 @@ class SelftestTest : public SendTest
     {
         SendTest::SetUp();
         hooks::easy_perform = [](CURL *) { return CURLE_COULDNT_CONNECT; };
-        hooks::json_print_unformatted = [this](const cJSON *ptJson) {
-            char *pchText = hooks::real::json_print_unformatted(ptJson);
-            apchTexts.push_back(pchText);
-            return pchText;
+        hooks::json_print_unformatted = [this](const cJSON *json) {
+            char *text = hooks::real::json_print_unformatted(json);
+            texts.push_back(text);
+            return text;
         };
-        hooks::sys_calloc = [this](size_t nCount, size_t nSize) {
-            void *pvBlock = hooks::real::sys_calloc(nCount, nSize);
-            if (nCount * nSize >= MIB) {
-                ++nBuffers;
-                pchBuffer = static_cast<char *>(pvBlock);
+        hooks::sys_calloc = [this](size_t count, size_t size) {
+            void *block = hooks::real::sys_calloc(count, size);
+            if (count * size >= MIB) {
+                ++buffers;
+                buffer = static_cast<char *>(block);
             }
-            return pvBlock;
+            return block;
         };
     }
 
@@ -55,9 +55,9 @@ class SelftestTest : public SendTest
     {
         hooks::sys_calloc = nullptr;
         hooks::json_print_unformatted = nullptr;
-        for (char *pchText : apchTexts) {
-            EXPECT_STREQ(pchText, JSON); /* still there, and as it was */
-            free(pchText);
+        for (char *text : texts) {
+            EXPECT_STREQ(text, JSON); /* still there, and as it was */
+            free(text);
         }
         SendTest::TearDown();
     }
@@ -65,19 +65,18 @@ class SelftestTest : public SendTest
     /* Where the command is told to leave its buffer behind. */
     void FreeLeftBuffer()
     {
-        ASSERT_EQ(nBuffers, 1u);
-        free(pchBuffer);
+        ASSERT_EQ(buffers, 1U);
+        free(buffer);
     }
 
-    std::vector<char *> apchTexts;
-    size_t nBuffers = 0;
-    char *pchBuffer = nullptr;
+    std::vector<char *> texts;
+    size_t buffers = 0;
+    char *buffer = nullptr;
 };
 
-std::string SendingTail(int nMode)
+Line Sending(int mode)
 {
-    return " --99--eSyncMode:" + std::to_string(nMode) + " achSendBuf[" + std::to_string(strlen(JSON)) + "]: " + JSON +
-           "\n";
+    return Info(SELFTEST, SENDING, mode, static_cast<unsigned>(strlen(JSON)), JSON);
 }
 
 } // namespace
@@ -87,23 +86,23 @@ std::string SendingTail(int nMode)
 TEST_F(SelftestTest, SendsTheFixedNotification)
 {
     Start();
-    std::string strBody;
-    std::vector<std::string> astrHeader;
+    std::string body;
+    Texts header;
     hooks::easy_perform = [&](CURL *) {
-        strBody.assign(reinterpret_cast<const char *>(ValueOf(CURLOPT_POSTFIELDS)), ValueOf(CURLOPT_POSTFIELDSIZE));
+        body.assign(reinterpret_cast<const char *>(ValueOf(CURLOPT_POSTFIELDS)), ValueOf(CURLOPT_POSTFIELDSIZE));
         return CURLE_COULDNT_CONNECT;
     };
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(strBody, JSON);
+    EXPECT_EQ(body, JSON);
     EXPECT_EQ(TextOf(CURLOPT_URL), URL);
-    EXPECT_EQ(ValueOf(CURLOPT_HTTPGET), 1u);
-    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 5000u);
-    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 5000u);
-    EXPECT_EQ(hooks::OptionsOf(CURLOPT_USERPWD).size(), 0u);
-    EXPECT_EQ(hooks::OptionsOf(CURLOPT_POST).size(), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 1u);
+    EXPECT_EQ(ValueOf(CURLOPT_HTTPGET), 1U);
+    EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 5000U);
+    EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 5000U);
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_USERPWD).size(), 0U);
+    EXPECT_EQ(hooks::OptionsOf(CURLOPT_POST).size(), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 1U);
 }
 
 TEST_F(SelftestTest, MembersAreSixInTheirOrderAndOfTheirTypes)
@@ -112,48 +111,48 @@ TEST_F(SelftestTest, MembersAreSixInTheirOrderAndOfTheirTypes)
 
     sendbycurltest(0, URL);
 
-    ASSERT_EQ(apchTexts.size(), 1u);
-    cJSON *ptRoot = cJSON_Parse(apchTexts[0]);
-    ASSERT_NE(ptRoot, nullptr);
+    ASSERT_EQ(texts.size(), 1U);
+    cJSON *root = cJSON_Parse(texts[0]);
+    ASSERT_NE(root, nullptr);
     const struct {
-        const char *szKey;
-        bool bNumber;
-    } atMembers[] = {{"TaskId", true},   {"CheckTemp", false},       {"Operator", false},
-                     {"Remarks", false}, {"TemperatureScale", true}, {"NVR MacAddress", false}};
-    const cJSON *ptMember = ptRoot->child;
-    for (const auto &tExpected : atMembers) {
-        ASSERT_NE(ptMember, nullptr);
-        EXPECT_STREQ(ptMember->string, tExpected.szKey);
-        EXPECT_EQ(cJSON_IsNumber(ptMember) != 0, tExpected.bNumber);
-        ptMember = ptMember->next;
+        const char *key;
+        bool number;
+    } members[] = {{"TaskId", true},   {"CheckTemp", false},       {"Operator", false},
+                   {"Remarks", false}, {"TemperatureScale", true}, {"NVR MacAddress", false}};
+    const cJSON *member = root->child;
+    for (const auto &expected : members) {
+        ASSERT_NE(member, nullptr);
+        EXPECT_STREQ(member->string, expected.key);
+        EXPECT_EQ(cJSON_IsNumber(member) != 0, expected.number);
+        member = member->next;
     }
-    EXPECT_EQ(ptMember, nullptr);
-    cJSON_Delete(ptRoot);
+    EXPECT_EQ(member, nullptr);
+    cJSON_Delete(root);
 }
 
 TEST_F(SelftestTest, WithoutArgumentTheBuiltInEndpointIsUsed)
 {
     Start();
-    for (const char *szArgument : {static_cast<const char *>(nullptr), ""}) {
+    for (const char *argument : {static_cast<const char *>(nullptr), ""}) {
         hooks::ClearOptions();
-        sendbycurltest(0, szArgument);
+        sendbycurltest(0, argument);
         EXPECT_EQ(TextOf(CURLOPT_URL), NVRHTTPCURL_SELFTEST_URL);
     }
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 2u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 2U);
 }
 
 #ifdef SELFTEST_URL_IS_DEFAULT
 TEST_F(SelftestTest, BuiltInEndpointIsAnHttpsServerOnAPrivateNetwork)
 {
-    const std::string strUrl = NVRHTTPCURL_SELFTEST_URL;
-    const std::string strEnd = ":3789/NVR/FCACheckTempNtf";
-    ASSERT_GT(strUrl.size(), strEnd.size());
-    EXPECT_EQ(strUrl.substr(strUrl.size() - strEnd.size()), strEnd);
-    unsigned nFirst = 0;
-    unsigned nSecond = 0;
-    ASSERT_EQ(sscanf(strUrl.c_str(), "https://%u.%u.", &nFirst, &nSecond), 2) << strUrl;
-    EXPECT_TRUE(nFirst == 10 || (nFirst == 172 && nSecond >= 16 && nSecond <= 31) || (nFirst == 192 && nSecond == 168))
-        << strUrl;
+    const std::string url = NVRHTTPCURL_SELFTEST_URL;
+    const std::string end = ":3789/NVR/FCACheckTempNtf";
+    ASSERT_GT(url.size(), end.size());
+    EXPECT_EQ(url.substr(url.size() - end.size()), end);
+    unsigned first = 0;
+    unsigned second = 0;
+    ASSERT_EQ(sscanf(url.c_str(), "https://%u.%u.", &first, &second), 2) << url;
+    EXPECT_TRUE(first == 10 || (first == 172 && second >= 16 && second <= 31) || (first == 192 && second == 168))
+        << url;
 }
 #endif
 
@@ -164,28 +163,28 @@ TEST_F(SelftestTest, BuiltInEndpointIsUsedInAsynchronousModeToo)
     sendbycurltest(1, nullptr);
 
     EXPECT_NE(TextOf(CURLOPT_URL).find(":3789/NVR/FCACheckTempNtf"), std::string::npos);
-    EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 0U);
     FreeLeftBuffer();
 }
 
 TEST_F(SelftestTest, ArgumentOf63CharactersIsUsedWhole)
 {
     Start();
-    const std::string strUrl = URL + std::string(63 - strlen(URL), 'x');
+    const std::string url = URL + std::string(63 - strlen(URL), 'x');
 
-    sendbycurltest(0, strUrl.c_str());
+    sendbycurltest(0, url.c_str());
 
-    EXPECT_EQ(TextOf(CURLOPT_URL), strUrl);
+    EXPECT_EQ(TextOf(CURLOPT_URL), url);
 }
 
 TEST_F(SelftestTest, LongerArgumentsAreCutTo63Characters)
 {
     Start();
-    for (const size_t nLength : {64u, 70u, 500u}) {
-        const std::string strUrl = URL + std::string(nLength - strlen(URL), 'x');
+    for (const size_t length : {64U, 70U, 500U}) {
+        const std::string url = URL + std::string(length - strlen(URL), 'x');
         hooks::ClearOptions();
-        sendbycurltest(0, strUrl.c_str());
-        EXPECT_EQ(TextOf(CURLOPT_URL), strUrl.substr(0, 63));
+        sendbycurltest(0, url.c_str());
+        EXPECT_EQ(TextOf(CURLOPT_URL), url.substr(0, 63));
     }
 }
 
@@ -207,11 +206,8 @@ TEST_F(SelftestTest, SynchronousSuccess)
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(FormatsOf(SELFTEST), (std::vector<std::string>{SENDING, SUCCEEDED, RECEIVED}));
-    ExpectLine(SENDING, LEVEL_INFO, SELFTEST, SendingTail(0));
-    ExpectLine(SUCCEEDED, LEVEL_INFO, SELFTEST, " Qelvo_SendStrByHttps suc\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, SELFTEST, " --99--eSyncMode:0 achRecvBuf[8]: all well\n");
-    EXPECT_EQ(nBuffers, 1u);
+    ExpectLinesOf(SELFTEST, {Sending(0), Info(SELFTEST, SUCCEEDED), Info(SELFTEST, RECEIVED, 0, 8U, "all well")});
+    EXPECT_EQ(buffers, 1U);
 }
 
 TEST_F(SelftestTest, SynchronousAgainstAnUnreachableServer)
@@ -220,30 +216,28 @@ TEST_F(SelftestTest, SynchronousAgainstAnUnreachableServer)
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(FormatsOf(SELFTEST), (std::vector<std::string>{SENDING, FAILED, RECEIVED}));
-    ExpectLine(FAILED, LEVEL_INFO, SELFTEST, " Qelvo_SendStrByHttps fail, eSendRet 10\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, SELFTEST, " --99--eSyncMode:0 achRecvBuf[1048576]: \n");
+    ExpectLinesOf(SELFTEST, {Sending(0), Info(SELFTEST, FAILED, 10), Info(SELFTEST, RECEIVED, 0, 1048576U, "")});
 }
 
 TEST_F(SelftestTest, SynchronousBeforeTheStart)
 {
     sendbycurltest(0, URL);
 
-    ExpectLine(FAILED, LEVEL_INFO, SELFTEST, " Qelvo_SendStrByHttps fail, eSendRet 1\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, SELFTEST, " --99--eSyncMode:0 achRecvBuf[1048576]: \n");
+    ExpectLine(Info(SELFTEST, FAILED, 1));
+    ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048576U, ""));
 }
 
 TEST_F(SelftestTest, AnyModeButOneIsSynchronous)
 {
     Start();
-    for (const int32_t nMode : {2, -1, 0x7FFFFFFF, static_cast<int32_t>(0x80000000u)}) {
-        SCOPED_TRACE(nMode);
+    for (const int32_t mode : {2, -1, 0x7FFFFFFF, static_cast<int32_t>(0x80000000U)}) {
+        SCOPED_TRACE(mode);
         fake::ClearLines();
-        sendbycurltest(nMode, URL);
-        ExpectLine(SENDING, LEVEL_INFO, SELFTEST, SendingTail(0));
-        EXPECT_EQ(fake::CountOf(RECEIVED), 1u);
+        sendbycurltest(mode, URL);
+        ExpectLine(Sending(0));
+        EXPECT_EQ(CountOf(RECEIVED), 1U);
     }
-    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 4u);
+    EXPECT_EQ(hooks::Calls("curl_easy_perform"), 4U);
 }
 
 /* The readout terminates behind the capacity it was told. */
@@ -254,9 +248,8 @@ TEST_F(SelftestTest, SynchronousAnswerOfExactlyOneMebibyte)
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(fake::CountOf(SUCCEEDED), 1u);
-    ExpectLine(RECEIVED, LEVEL_INFO, SELFTEST,
-               " --99--eSyncMode:0 achRecvBuf[1048576]: " + std::string(MIB, 'y') + "\n");
+    EXPECT_EQ(CountOf(SUCCEEDED), 1U);
+    ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048576U, std::string(MIB, 'y').c_str()));
 }
 
 TEST_F(SelftestTest, SynchronousAnswerOfMoreThanOneMebibyte)
@@ -266,8 +259,8 @@ TEST_F(SelftestTest, SynchronousAnswerOfMoreThanOneMebibyte)
 
     sendbycurltest(0, URL);
 
-    ExpectLine(FAILED, LEVEL_INFO, SELFTEST, " Qelvo_SendStrByHttps fail, eSendRet 11\n");
-    ExpectLine(RECEIVED, LEVEL_INFO, SELFTEST, " --99--eSyncMode:0 achRecvBuf[1048577]: \n");
+    ExpectLine(Info(SELFTEST, FAILED, 11));
+    ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048577U, ""));
 }
 
 /* --- asynchronous mode ------------------------------------------------------------------------------- */
@@ -278,48 +271,44 @@ TEST_F(SelftestTest, AsynchronousReturnsAtOnceAndLeavesTheBufferToTheNotificatio
 
     sendbycurltest(1, URL);
 
-    EXPECT_EQ(FormatsOf(SELFTEST), (std::vector<std::string>{SENDING, SUCCEEDED}));
-    ExpectLine(SENDING, LEVEL_INFO, SELFTEST, SendingTail(1));
-    ASSERT_EQ(g_pfASnycCBParam[0].bUseFlag, 1u);
+    ExpectLinesOf(SELFTEST, {Sending(1), Info(SELFTEST, SUCCEEDED)});
+    ASSERT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, SendByCurlReqProgressNtf);
-    const auto *ptNode =
-        static_cast<const TNvrHttpCurlCltAsyncNode *>(g_hInitHandle->atTasks[0].tRunList.ptHead->pvData);
-    EXPECT_EQ(ptNode->pvUserBuf, pchBuffer);
-    for (size_t nII = 0; nII < MIB; ++nII) {
-        ASSERT_EQ(pchBuffer[nII], '\0');
+    const auto *node = static_cast<const TNvrHttpCurlCltAsyncNode *>(g_hInitHandle->atTasks[0].tRunList.ptHead->pvData);
+    EXPECT_EQ(node->pvUserBuf, buffer);
+    for (size_t i = 0; i < MIB; ++i) {
+        ASSERT_EQ(buffer[i], '\0');
     }
 
-    memcpy(pchBuffer, "answer", 6);
-    SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[0].ptReq, 1, 0, ptNode->pvUserBuf); /* frees it */
-    ExpectLine("%s[L:%d] pvContext:%s\n", LEVEL_INFO, "SendByCurlReqProgressNtf", " pvContext:answer\n");
+    memcpy(buffer, "answer", 6);
+    SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[0].ptReq, 1, 0, node->pvUserBuf); /* frees it */
+    ExpectLine(Info("SendByCurlReqProgressNtf", " pvContext:%s\n", "answer"));
 }
 
 TEST_F(SelftestTest, AsynchronousSubmissionThatFailsLeavesTheBuffer)
 {
     sendbycurltest(1, URL); /* before the start */
 
-    EXPECT_EQ(FormatsOf(SELFTEST), (std::vector<std::string>{SENDING, FAILED}));
-    ExpectLine(FAILED, LEVEL_INFO, SELFTEST, " Qelvo_SendStrByHttps fail, eSendRet 1\n");
-    ASSERT_NE(pchBuffer, nullptr);
-    EXPECT_EQ(pchBuffer[0], '\0');
+    ExpectLinesOf(SELFTEST, {Sending(1), Info(SELFTEST, FAILED, 1)});
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(buffer[0], '\0');
     FreeLeftBuffer();
 }
 
 TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
 {
-    fixture::LoopbackServer tServer(fixture::Reply("warm enough"));
-    const std::string strUrl = tServer.Url();
+    LoopbackServer server(Reply("warm enough"));
+    const std::string url = server.Url();
     Start(true);
 
-    sendbycurltest(1, strUrl.c_str());
+    sendbycurltest(1, url.c_str());
 
-    EXPECT_TRUE(WaitUntil([] { return fake::CountOf("%s[L:%d] End-------------------------------\n") == 1; }))
-        << fake::Transcript();
+    EXPECT_TRUE(WaitUntil([] { return CountOf(" End-------------------------------\n") == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
-    ExpectLine("%s[L:%d] eErrCode:%d\n", LEVEL_INFO, "SendByCurlReqProgressNtf", " eErrCode:0\n");
-    ExpectLine("%s[L:%d] pvContext:%s\n", LEVEL_INFO, "SendByCurlReqProgressNtf", " pvContext:warm enough\n");
-    ASSERT_EQ(tServer.Requests().size(), 1u);
-    EXPECT_NE(tServer.Requests()[0].find(JSON), std::string::npos);
+    ExpectLine(Info("SendByCurlReqProgressNtf", " eErrCode:%d\n", 0));
+    ExpectLine(Info("SendByCurlReqProgressNtf", " pvContext:%s\n", "warm enough"));
+    ASSERT_EQ(server.Requests().size(), 1U);
+    EXPECT_NE(server.Requests()[0].find(JSON), std::string::npos);
 }
 
 /* --- failures before the send -------------------------------------------------------------------------- */
@@ -327,16 +316,15 @@ TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
 TEST_F(SelftestTest, WithoutMemoryForTheBuffer)
 {
     Start();
-    hooks::sys_calloc = [](size_t nCount, size_t nSize) {
-        return nCount * nSize >= MIB ? nullptr : hooks::real::sys_calloc(nCount, nSize);
+    hooks::sys_calloc = [](size_t count, size_t size) {
+        return count * size >= MIB ? nullptr : hooks::real::sys_calloc(count, size);
     };
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NO_BUFFER, LEVEL_INFO, SELFTEST, " malloc fail\n");
-    EXPECT_EQ(hooks::Calls("cJSON_CreateObject"), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLines({Info(SELFTEST, NO_BUFFER)});
+    EXPECT_EQ(hooks::Calls("cJSON_CreateObject"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
 }
 
 TEST_F(SelftestTest, WithoutJsonObjectTheBufferIsLeft)
@@ -346,10 +334,9 @@ TEST_F(SelftestTest, WithoutJsonObjectTheBufferIsLeft)
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NO_OBJECT, LEVEL_INFO, SELFTEST, " ptRoot is null\n");
-    EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 0u);
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    ExpectLines({Info(SELFTEST, NO_OBJECT)});
+    EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
     FreeLeftBuffer();
 }
 
@@ -362,24 +349,24 @@ TEST_F(SelftestTest, WithoutPrintedTextItEndsWithoutAWord)
     sendbycurltest(0, URL);
 
     EXPECT_EQ(fake::Transcript(), "");
-    EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 1u);
-    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0u);
+    EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 1U);
+    EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
     FreeLeftBuffer();
 }
 
 TEST_F(SelftestTest, BufferIsOneZeroedMebibyteAtLeast)
 {
     Start();
-    bool bZeroed = true;
+    bool zeroed = true;
     hooks::easy_perform = [&](CURL *) {
-        for (size_t nII = 0; nII < MIB; ++nII) {
-            bZeroed = bZeroed && pchBuffer[nII] == '\0';
+        for (size_t i = 0; i < MIB; ++i) {
+            zeroed = zeroed && buffer[i] == '\0';
         }
         return CURLE_COULDNT_CONNECT;
     };
 
     sendbycurltest(0, URL);
 
-    EXPECT_EQ(nBuffers, 1u);
-    EXPECT_TRUE(bZeroed);
+    EXPECT_EQ(buffers, 1U);
+    EXPECT_TRUE(zeroed);
 }

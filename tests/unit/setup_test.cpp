@@ -9,40 +9,43 @@
 #include "support/hcc_log.h"
 #include "tests/support/send_fixture.h"
 
-using namespace sendtest;
+using namespace test;
 
 namespace
 {
 
-const std::string LOG_INIT_FAILED = "%s[L:%d][Error] SendByCurlLogInit is Failed!\n";
-const std::string BAD_LEVEL = "%s[L:%d][Error] invalid level %u\n";
-const std::string NEW_LEVEL = "%s[L:%d] Log level %u\n";
-const std::string NOT_INIT = "%s[L:%d] SendByCurl is not Init! g_bInited:%d\n";
-const std::string SHOW_SEPARATOR = "%s[L:%d] --------------------------[%d]--------------------------\n";
-const std::string SHOW_SLOT = "%s[L:%d] [%d] bUseFlag:%d, g_pfNtf:%p, ptReq:%p\n";
-const std::string SHOW_END = "%s[L:%d] ------------------------Show End------------------------\n";
+const char SHOW[] = "SendByCurlShow";
+const char SET_LEVEL[] = "SendByCurlSetLogLevel";
 
-const std::vector<std::string> LOG_SET_UP = {
+const char LOG_INIT_FAILED[] = "[Error] SendByCurlLogInit is Failed!\n";
+const char BAD_LEVEL[] = "[Error] invalid level %u\n";
+const char NEW_LEVEL[] = " Log level %u\n";
+const char NOT_INIT[] = " SendByCurl is not Init! g_bInited:%d\n";
+const char SHOW_SEPARATOR[] = " --------------------------[%d]--------------------------\n";
+const char SHOW_SLOT[] = " [%d] bUseFlag:%d, g_pfNtf:%p, ptReq:%p\n";
+const char SHOW_END[] = " ------------------------Show End------------------------\n";
+
+const Texts LOG_SET_UP = {
     "DebugLogRegist(123,[SendCurl],SendCurl)", "DebugLogMoudlePrintLevelOn(123,2,1)", "DebugLogSetToStdioPrintf(123,2)",
     "DebugLogSetLogFileLen(123,131072)",       "DebugLogSetToFileLevel(123,2)",
 };
 
-std::vector<std::string> CommandNames()
+Texts CommandNames()
 {
-    std::vector<std::string> astrNames;
-    for (const fake::CommandInfo &tCommand : fake::Commands()) {
-        astrNames.push_back(tCommand.strName);
+    Texts names;
+    for (const fake::CommandInfo &command : fake::Commands()) {
+        names.push_back(command.name);
     }
-    return astrNames;
+    return names;
 }
 
 size_t InstancesInUse()
 {
-    size_t nInUse = 0;
-    for (const TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        nInUse += tInst.bInited != 0 ? 1 : 0;
+    size_t inUse = 0;
+    for (const TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
+        inUse += inst.bInited != 0 ? 1 : 0;
     }
-    return nInUse;
+    return inUse;
 }
 
 uint32_t OtherNotification(ESendByCurlRet, void *)
@@ -56,19 +59,19 @@ class SetupTest : public SendTest
     /* Nothing of the module but its semaphores exists, and none of them is taken. */
     static void ExpectNotStarted()
     {
-        EXPECT_EQ(g_bInited, 0u);
+        EXPECT_EQ(g_bInited, 0U);
         EXPECT_EQ(g_hInitHandle, nullptr);
-        EXPECT_EQ(InstancesInUse(), 0u);
-        for (const std::string &strName : CommandNames()) {
-            EXPECT_NE(strName.compare(0, 10, "sendbycurl"), 0) << strName;
+        EXPECT_EQ(InstancesInUse(), 0U);
+        for (const std::string &name : CommandNames()) {
+            EXPECT_NE(name.compare(0, 10, "sendbycurl"), 0) << name;
         }
     }
 
     static void ExpectStarted()
     {
-        EXPECT_EQ(g_bInited, 1u);
+        EXPECT_EQ(g_bInited, 1U);
         EXPECT_EQ(g_hInitHandle, &g_tNvrHttpCurlCltCont[0]);
-        EXPECT_EQ(InstancesInUse(), 1u);
+        EXPECT_EQ(InstancesInUse(), 1U);
         EXPECT_EQ(fake::SemsAlive(), ENGINE_SEMS + SENDBYCURL_SEM_COUNT);
     }
 };
@@ -79,30 +82,30 @@ class SetupTest : public SendTest
 
 TEST_F(SetupTest, StateAtLoad)
 {
-    EXPECT_EQ(g_bInited, 0u);
+    EXPECT_EQ(g_bInited, 0U);
     EXPECT_EQ(g_hInitHandle, nullptr);
-    EXPECT_EQ(g_bRegistedDebuglog, 0u);
-    EXPECT_EQ(g_bLibCurlGobleInit, 0u);
+    EXPECT_EQ(g_bRegistedDebuglog, 0U);
+    EXPECT_EQ(g_bLibCurlGobleInit, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 1);
-    for (HOspSem hSem : g_pCurlSemSet) {
-        EXPECT_EQ(hSem, nullptr);
+    for (HOspSem sem : g_pCurlSemSet) {
+        EXPECT_EQ(sem, nullptr);
     }
-    EXPECT_EQ(sizeof g_pfASnycCBParam / sizeof g_pfASnycCBParam[0], 1024u);
-    for (const TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        EXPECT_EQ(tSlot.bUseFlag, 0u);
-        EXPECT_EQ(tSlot.ptReq, nullptr);
-        EXPECT_EQ(tSlot.pfNtf, nullptr);
+    EXPECT_EQ(sizeof g_pfASnycCBParam / sizeof g_pfASnycCBParam[0], 1024U);
+    for (const TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        EXPECT_EQ(slot.bUseFlag, 0U);
+        EXPECT_EQ(slot.ptReq, nullptr);
+        EXPECT_EQ(slot.pfNtf, nullptr);
     }
 }
 
 TEST_F(SetupTest, StartsOneEngineOfEightTasksOnTheStandardAllocator)
 {
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
     ExpectStarted();
-    EXPECT_EQ(fake::Tasks().size(), 8u);
-    EXPECT_EQ(g_hInitHandle->dwTaskNum, 8u);
-    EXPECT_EQ(g_hInitHandle->dwAsyncReqMaxNum, 1024u);
+    EXPECT_EQ(fake::Tasks().size(), 8U);
+    EXPECT_EQ(g_hInitHandle->dwTaskNum, 8U);
+    EXPECT_EQ(g_hInitHandle->dwAsyncReqMaxNum, 1024U);
     EXPECT_EQ(g_hInitHandle->tMemCB.pfMalloc, &malloc);
     EXPECT_EQ(g_hInitHandle->tMemCB.pfRealloc, &realloc);
     EXPECT_EQ(g_hInitHandle->tMemCB.pfFree, &free);
@@ -110,56 +113,56 @@ TEST_F(SetupTest, StartsOneEngineOfEightTasksOnTheStandardAllocator)
 
 TEST_F(SetupTest, CreatesThreeSemaphoresAndLeavesThemAvailable)
 {
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    for (size_t nII = 0; nII < SENDBYCURL_SEM_COUNT; ++nII) {
-        ASSERT_NE(g_pCurlSemSet[nII], nullptr);
-        EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[nII]));
-        for (size_t nKK = 0; nKK < nII; ++nKK) {
-            EXPECT_NE(g_pCurlSemSet[nII], g_pCurlSemSet[nKK]);
+    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
+        ASSERT_NE(g_pCurlSemSet[i], nullptr);
+        EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[i]));
+        for (size_t k = 0; k < i; ++k) {
+            EXPECT_NE(g_pCurlSemSet[i], g_pCurlSemSet[k]);
         }
     }
-    EXPECT_EQ(fake::NullTakes(), 0u);
+    EXPECT_EQ(fake::NullTakes(), 0U);
 }
 
 TEST_F(SetupTest, KeepsSemaphoresThatExist)
 {
-    HOspSem ahBefore[SENDBYCURL_SEM_COUNT];
-    for (size_t nII = 0; nII < SENDBYCURL_SEM_COUNT; ++nII) {
-        ASSERT_NE(OspSemBCreate(&g_pCurlSemSet[nII]), 0u);
-        ahBefore[nII] = g_pCurlSemSet[nII];
+    HOspSem before[SENDBYCURL_SEM_COUNT];
+    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
+        ASSERT_NE(OspSemBCreate(&g_pCurlSemSet[i]), 0U);
+        before[i] = g_pCurlSemSet[i];
     }
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    for (size_t nII = 0; nII < SENDBYCURL_SEM_COUNT; ++nII) {
-        EXPECT_EQ(g_pCurlSemSet[nII], ahBefore[nII]);
+    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
+        EXPECT_EQ(g_pCurlSemSet[i], before[i]);
     }
     EXPECT_EQ(fake::SemsCreated(), ENGINE_SEMS + SENDBYCURL_SEM_COUNT);
 }
 
 TEST_F(SetupTest, InitialisesLibcurlOnceWithEverything)
 {
-    long nFlags = -1;
-    hooks::global_init = [&nFlags](long nGiven) {
-        nFlags = nGiven;
+    long flags = -1;
+    hooks::global_init = [&flags](long given) {
+        flags = given;
         return CURLE_OK;
     };
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    EXPECT_EQ(nFlags, 3L);
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 1u);
-    EXPECT_EQ(g_bLibCurlGobleInit, 1u);
+    EXPECT_EQ(flags, 3L);
+    EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
+    EXPECT_EQ(g_bLibCurlGobleInit, 1U);
 }
 
 TEST_F(SetupTest, DoesNotExamineTheResultOfLibcurlsInitialisation)
 {
     hooks::global_init = [](long) { return CURLE_FAILED_INIT; };
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    EXPECT_EQ(g_bLibCurlGobleInit, 1u);
+    EXPECT_EQ(g_bLibCurlGobleInit, 1U);
     ExpectStarted();
 }
 
@@ -167,41 +170,41 @@ TEST_F(SetupTest, LeavesLibcurlAloneWhereItWasInitialised)
 {
     g_bLibCurlGobleInit = 1;
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 0u);
+    EXPECT_EQ(hooks::Calls("curl_global_init"), 0U);
 }
 
 TEST_F(SetupTest, RegistersItsCommandsInOrderWithTheirNamesAsHelp)
 {
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
-    EXPECT_EQ(CommandNames(), (std::vector<std::string>{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "sendbycurlshow",
-                                                        "sendbycurltest", "sendbycurlsetlog"}));
-    const std::vector<fake::CommandInfo> atCommands = fake::Commands();
-    for (const fake::CommandInfo &tCommand : atCommands) {
-        EXPECT_EQ(tCommand.strHelp, tCommand.strName);
+    EXPECT_EQ(CommandNames(), (Texts{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "sendbycurlshow", "sendbycurltest",
+                                     "sendbycurlsetlog"}));
+    const std::vector<fake::CommandInfo> commands = fake::Commands();
+    for (const fake::CommandInfo &command : commands) {
+        EXPECT_EQ(command.help, command.name);
     }
-    ASSERT_EQ(atCommands.size(), 5u);
-    EXPECT_EQ(atCommands[2].pfCommand, reinterpret_cast<PFOspCommand>(SendByCurlShow));
-    EXPECT_EQ(atCommands[3].pfCommand, reinterpret_cast<PFOspCommand>(sendbycurltest));
-    EXPECT_EQ(atCommands[4].pfCommand, reinterpret_cast<PFOspCommand>(SendByCurlSetLogLevel));
+    ASSERT_EQ(commands.size(), 5U);
+    EXPECT_EQ(commands[2].command, reinterpret_cast<PFOspCommand>(SendByCurlShow));
+    EXPECT_EQ(commands[3].command, reinterpret_cast<PFOspCommand>(sendbycurltest));
+    EXPECT_EQ(commands[4].command, reinterpret_cast<PFOspCommand>(SendByCurlSetLogLevel));
 }
 
 TEST_F(SetupTest, SecondStartDoesNothing)
 {
     Start();
-    const HNvrHttpCurlCltInst hBefore = g_hInitHandle;
-    const size_t nSems = fake::SemsCreated();
+    const HNvrHttpCurlCltInst before = g_hInitHandle;
+    const size_t sems = fake::SemsCreated();
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0U);
 
-    EXPECT_EQ(g_hInitHandle, hBefore);
-    EXPECT_EQ(fake::Commands().size(), 5u);
-    EXPECT_EQ(fake::Tasks().size(), 8u);
-    EXPECT_EQ(fake::SemsCreated(), nSems);
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 1u);
+    EXPECT_EQ(g_hInitHandle, before);
+    EXPECT_EQ(fake::Commands().size(), 5U);
+    EXPECT_EQ(fake::Tasks().size(), 8U);
+    EXPECT_EQ(fake::SemsCreated(), sems);
+    EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
     EXPECT_EQ(fake::Transcript(), "");
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_INIT]));
@@ -210,12 +213,12 @@ TEST_F(SetupTest, SecondStartDoesNothing)
 
 TEST_F(SetupTest, ApplicationsStartSucceedsWithoutALineOfItsOwn)
 {
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0U);
 
     ExpectStarted();
-    EXPECT_EQ(FormatsOf("Qelvo_SyncSendStrByHttp_Init"), std::vector<std::string>());
-    EXPECT_EQ(FormatsOf("SendByCurlInit"), std::vector<std::string>());
-    EXPECT_EQ(fake::NullTakes(), 0u);
+    ExpectLinesOf("Qelvo_SyncSendStrByHttp_Init", {});
+    ExpectLinesOf("SendByCurlInit", {});
+    EXPECT_EQ(fake::NullTakes(), 0U);
 }
 
 /* --- failing starts --------------------------------------------------------------------------- */
@@ -224,81 +227,75 @@ TEST_F(SetupTest, RefusedLogRegistrationEndsTheStart)
 {
     fake::FailDebugLogRegist(true);
 
-    EXPECT_EQ(SendByCurlInit(), 1u);
+    EXPECT_EQ(SendByCurlInit(), 1U);
 
-    ExpectLine(LOG_INIT_FAILED, LEVEL_ERROR, "SendByCurlInit", "[Error] SendByCurlLogInit is Failed!\n");
+    ExpectLine(Error("SendByCurlInit", LOG_INIT_FAILED));
     ExpectNotStarted();
-    EXPECT_EQ(g_bRegistedDebuglog, 0u);
-    EXPECT_EQ(g_bLibCurlGobleInit, 0u);
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 0u);
-    EXPECT_EQ(fake::Tasks().size(), 0u);
-    EXPECT_EQ(fake::Commands().size(), 0u);
+    EXPECT_EQ(g_bRegistedDebuglog, 0U);
+    EXPECT_EQ(g_bLibCurlGobleInit, 0U);
+    EXPECT_EQ(hooks::Calls("curl_global_init"), 0U);
+    EXPECT_EQ(fake::Tasks().size(), 0U);
+    EXPECT_EQ(fake::Commands().size(), 0U);
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_INIT]));
 }
 
 TEST_F(SetupTest, StartsAfterARefusedLogRegistration)
 {
     fake::FailDebugLogRegist(true);
-    EXPECT_EQ(SendByCurlInit(), 1u);
-    EXPECT_EQ(SendByCurlInit(), 1u);
+    EXPECT_EQ(SendByCurlInit(), 1U);
+    EXPECT_EQ(SendByCurlInit(), 1U);
     fake::FailDebugLogRegist(false);
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
     ExpectStarted();
-    EXPECT_EQ(g_bRegistedDebuglog, 1u);
-    EXPECT_EQ(fake::Commands().size(), 5u);
+    EXPECT_EQ(g_bRegistedDebuglog, 1U);
+    EXPECT_EQ(fake::Commands().size(), 5U);
 }
 
 TEST_F(SetupTest, FailedEngineIsReportedConvertedAndRegistersNothing)
 {
     fake::FailTaskCreate(1);
 
-    EXPECT_EQ(SendByCurlInit(), 1u);
-
-    ExpectLine(STEP_FAILED, LEVEL_INFO, "SendByCurlInit", " @ is Failed!\n");
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[1] to ESendByCurlRet[1]\n");
-    EXPECT_LT(PlaceOf(STEP_FAILED), PlaceOf(CONVERTED));
+    EXPECT_EQ(SendByCurlInit(), 1U);
+    ExpectInOrder({StepFailed("SendByCurlInit"), Converted(1, 1)});
     ExpectNotStarted();
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_INIT]));
-    EXPECT_EQ(g_bRegistedDebuglog, 1u);
-    EXPECT_EQ(g_bLibCurlGobleInit, 1u);
+    EXPECT_EQ(g_bRegistedDebuglog, 1U);
+    EXPECT_EQ(g_bLibCurlGobleInit, 1U);
 }
 
 TEST_F(SetupTest, StartsAfterAFailedEngineWithoutRepeatingWhatWasDone)
 {
     fake::FailTaskCreate(3);
-    EXPECT_EQ(SendByCurlInit(), 1u);
-    const HOspSem ahBefore[] = {g_pCurlSemSet[0], g_pCurlSemSet[1], g_pCurlSemSet[2]};
+    EXPECT_EQ(SendByCurlInit(), 1U);
+    const HOspSem before[] = {g_pCurlSemSet[0], g_pCurlSemSet[1], g_pCurlSemSet[2]};
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
     ExpectStarted();
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 1u);
-    for (size_t nII = 0; nII < SENDBYCURL_SEM_COUNT; ++nII) {
-        EXPECT_EQ(g_pCurlSemSet[nII], ahBefore[nII]);
+    EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
+    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
+        EXPECT_EQ(g_pCurlSemSet[i], before[i]);
     }
     /* The engine's two come with every attempt of its own. */
-    EXPECT_EQ(CommandNames(),
-              (std::vector<std::string>{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "NvrHttpCurlCltver",
-                                        "NvrHttpCurlCltshow", "sendbycurlshow", "sendbycurltest", "sendbycurlsetlog"}));
+    EXPECT_EQ(CommandNames(), (Texts{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "NvrHttpCurlCltver",
+                                     "NvrHttpCurlCltshow", "sendbycurlshow", "sendbycurltest", "sendbycurlsetlog"}));
 }
 
 TEST_F(SetupTest, NoFreeInstanceIsTheLimitResult)
 {
-    for (TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        tInst.bInited = 1;
+    for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
+        inst.bInited = 1;
     }
 
-    EXPECT_EQ(SendByCurlInit(), 12u);
+    EXPECT_EQ(SendByCurlInit(), 12U);
 
-    for (TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        tInst.bInited = 0;
+    for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
+        inst.bInited = 0;
     }
-    ExpectLine(CONVERTED, LEVEL_INFO, "HttpCurlCodeToSendByCurlCode",
-               " Transfer NvrHttpCurlCltRet[8] to ESendByCurlRet[12]\n");
+    ExpectLine(Converted(8, 12));
     ExpectNotStarted();
 }
 
@@ -306,47 +303,45 @@ TEST_F(SetupTest, ApplicationsStartLogsAndReturnsTheFailure)
 {
     fake::FailDebugLogRegist(true);
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 1u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 1U);
 
-    ExpectLine(INIT_FAILED, LEVEL_ERROR, "Qelvo_SyncSendStrByHttp_Init",
-               "[Error] SendByCurlInit is Failed! eSendCurlRet:1\n");
+    ExpectLine(InitFailed("Qelvo_SyncSendStrByHttp_Init", 1));
 }
 
 TEST_F(SetupTest, ApplicationsStartReturnsTheConvertedEngineResult)
 {
-    for (TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        tInst.bInited = 1;
+    for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
+        inst.bInited = 1;
     }
 
-    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 12u);
+    EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 12U);
 
-    for (TNvrHttpCurlCltInst &tInst : g_tNvrHttpCurlCltCont) {
-        tInst.bInited = 0;
+    for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
+        inst.bInited = 0;
     }
-    ExpectLine(INIT_FAILED, LEVEL_ERROR, "Qelvo_SyncSendStrByHttp_Init",
-               "[Error] SendByCurlInit is Failed! eSendCurlRet:12\n");
+    ExpectLine(InitFailed("Qelvo_SyncSendStrByHttp_Init", 12));
 }
 
 TEST_F(SetupTest, EachOfTheThreeSemaphoresIsRequired)
 {
-    for (unsigned nNth = 1; nNth <= SENDBYCURL_SEM_COUNT; ++nNth) {
-        SCOPED_TRACE(nNth);
-        fake::FailSemCreate(nNth);
-        EXPECT_EQ(SendByCurlInit(), 1u);
+    for (unsigned nth = 1; nth <= SENDBYCURL_SEM_COUNT; ++nth) {
+        SCOPED_TRACE(nth);
+        fake::FailSemCreate(nth);
+        EXPECT_EQ(SendByCurlInit(), 1U);
         ExpectNotStarted();
-        EXPECT_EQ(fake::Tasks().size(), 0u);
+        EXPECT_EQ(fake::Tasks().size(), 0U);
         EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_INIT]));
         ForgetModule();
-        EXPECT_EQ(fake::SemsAlive(), 0u);
+        EXPECT_EQ(fake::SemsAlive(), 0U);
     }
 }
 
 TEST_F(SetupTest, StartsAfterASemaphoreCouldNotBeHad)
 {
     fake::FailSemCreate(2);
-    EXPECT_EQ(SendByCurlInit(), 1u);
+    EXPECT_EQ(SendByCurlInit(), 1U);
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
     ExpectStarted();
 }
@@ -355,62 +350,62 @@ TEST_F(SetupTest, StartsAfterASemaphoreCouldNotBeHad)
 
 TEST_F(SetupTest, RacingFirstCallsStartOneEngineAndLeakNoSemaphore)
 {
-    std::atomic<int> nInside{0};
-    std::atomic<int> nTogether{0};
+    std::atomic<int> inside{0};
+    std::atomic<int> together{0};
     hooks::global_init = [&](long) {
-        nTogether += nInside++ > 0 ? 1 : 0;
-        for (int nII = 0; nII < 20; ++nII) {
+        together += inside++ > 0 ? 1 : 0;
+        for (int i = 0; i < 20; ++i) {
             std::this_thread::yield();
         }
-        --nInside;
+        --inside;
         return CURLE_OK;
     };
     hooks::easy_perform = [](CURL *) { return CURLE_COULDNT_CONNECT; };
 
-    for (size_t nRound = 1; nRound <= 40; ++nRound) {
-        std::atomic<int> nWrong{0};
-        Race(6, [&](unsigned nThread) {
-            TSendByCurlParam tParam = {};
-            tParam.pchURL = "http://127.0.0.1:1/";
-            tParam.pchSendBuf = "{}";
-            switch (nThread % 3) {
+    for (size_t round = 1; round <= 40; ++round) {
+        std::atomic<int> wrong{0};
+        Race(6, [&](unsigned index) {
+            TSendByCurlParam param = {};
+            param.pchURL = "http://127.0.0.1:1/";
+            param.pchSendBuf = "{}";
+            switch (index % 3) {
             case 0:
-                nWrong += SendByCurlInit() == 0 ? 0 : 1;
+                wrong += SendByCurlInit() == 0 ? 0 : 1;
                 break;
             case 1:
-                nWrong += Qelvo_SyncSendStrByHttp_Init() == 0 ? 0 : 1;
+                wrong += Qelvo_SyncSendStrByHttp_Init() == 0 ? 0 : 1;
                 break;
             default:
-                nWrong += Qelvo_SyncSendStrByHttp_Ext(&tParam) == 5 ? 0 : 1;
+                wrong += Qelvo_SyncSendStrByHttp_Ext(&param) == 5 ? 0 : 1;
                 break;
             }
         });
-        ASSERT_EQ(nWrong, 0) << fake::Transcript();
+        ASSERT_EQ(wrong, 0) << fake::Transcript();
         ExpectStarted();
-        ASSERT_EQ(fake::Tasks().size(), 8 * nRound);
-        ASSERT_EQ(fake::Commands().size(), 5 * nRound);
-        ASSERT_EQ(hooks::Calls("curl_global_init"), nRound);
+        ASSERT_EQ(fake::Tasks().size(), 8 * round);
+        ASSERT_EQ(fake::Commands().size(), 5 * round);
+        ASSERT_EQ(hooks::Calls("curl_global_init"), round);
         ForgetModule();
-        ASSERT_EQ(fake::SemsAlive(), 0u);
+        ASSERT_EQ(fake::SemsAlive(), 0U);
     }
-    EXPECT_EQ(nTogether, 0);
+    EXPECT_EQ(together, 0);
 }
 
 TEST_F(SetupTest, SendsThatComeBeforeTheStartRaceForTheSameSemaphore)
 {
-    for (int nRound = 0; nRound < 40; ++nRound) {
-        std::atomic<int> nWrong{0};
-        Race(6, [&](unsigned nThread) {
-            if (nThread % 2 == 0) {
-                nWrong += Qelvo_SendStrByHttp(nullptr, 0) == 1 ? 0 : 1;
+    for (int round = 0; round < 40; ++round) {
+        std::atomic<int> wrong{0};
+        Race(6, [&](unsigned index) {
+            if (index % 2 == 0) {
+                wrong += Qelvo_SendStrByHttp(nullptr, 0) == 1 ? 0 : 1;
             } else {
-                nWrong += SendByCurlInit() == 0 ? 0 : 1;
+                wrong += SendByCurlInit() == 0 ? 0 : 1;
             }
         });
-        ASSERT_EQ(nWrong, 0);
+        ASSERT_EQ(wrong, 0);
         ExpectStarted();
         ForgetModule();
-        ASSERT_EQ(fake::SemsAlive(), 0u);
+        ASSERT_EQ(fake::SemsAlive(), 0U);
     }
 }
 
@@ -418,18 +413,18 @@ TEST_F(SetupTest, SendsThatComeBeforeTheStartRaceForTheSameSemaphore)
 
 TEST_F(SetupTest, LogSetUpIsInOrder)
 {
-    EXPECT_EQ(SendByCurlLogInit(), 0u);
+    EXPECT_EQ(SendByCurlLogInit(), 0U);
 
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
-    EXPECT_EQ(g_bRegistedDebuglog, 1u);
+    EXPECT_EQ(g_bRegistedDebuglog, 1U);
     EXPECT_EQ(fake::Transcript(), "");
 }
 
 TEST_F(SetupTest, StartDoesNotRepeatALogSetUpMadeBefore)
 {
-    EXPECT_EQ(SendByCurlLogInit(), 0u);
+    EXPECT_EQ(SendByCurlLogInit(), 0U);
 
-    EXPECT_EQ(SendByCurlInit(), 0u);
+    EXPECT_EQ(SendByCurlInit(), 0U);
 
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
 }
@@ -438,23 +433,17 @@ TEST_F(SetupTest, RefusedLogIsToldOnTheConsoleAndToModuleOne)
 {
     fake::FailDebugLogRegist(true);
 
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlLogInit();
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlLogInit(); });
 
-    EXPECT_EQ(dwResult, 1u);
-    EXPECT_EQ(g_bRegistedDebuglog, 0u);
-    EXPECT_EQ(fake::DebugLogCalls(), (std::vector<std::string>{LOG_SET_UP[0]}));
-    const std::vector<fake::LogLine> atLines = fake::Lines();
-    ASSERT_EQ(atLines.size(), 1u);
-    EXPECT_EQ(atLines[0].dwModule, 1u);
-    EXPECT_EQ(atLines[0].dwLevel, 2u);
-    EXPECT_EQ(atLines[0].strFormat, "DebugLogRegist() failed\n");
-    int nLine = 0;
-    ASSERT_EQ(sscanf(strPrinted.c_str(), "[SendCurl ERR]line:%d:", &nLine), 1) << strPrinted;
-    EXPECT_GT(nLine, 0);
-    EXPECT_EQ(strPrinted, "[SendCurl ERR]line:" + std::to_string(nLine) + ":DebugLogRegist() failed\n");
+    EXPECT_EQ(result, 1U);
+    EXPECT_EQ(g_bRegistedDebuglog, 0U);
+    EXPECT_EQ(fake::DebugLogCalls(), (Texts{LOG_SET_UP[0]}));
+    EXPECT_EQ(fake::Transcript(), "1/2 DebugLogRegist() failed\n");
+    int number = 0;
+    ASSERT_EQ(sscanf(printed.c_str(), "[SendCurl ERR]line:%d:", &number), 1) << printed;
+    EXPECT_GT(number, 0);
+    EXPECT_EQ(printed, "[SendCurl ERR]line:" + std::to_string(number) + ":DebugLogRegist() failed\n");
 }
 
 TEST_F(SetupTest, RefusedLogIsToldWhateverTheSwitchSays)
@@ -462,31 +451,27 @@ TEST_F(SetupTest, RefusedLogIsToldWhateverTheSwitchSays)
     fake::FailDebugLogRegist(true);
     g_bySendCurlLogType = 2;
 
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlLogInit();
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlLogInit(); });
 
-    EXPECT_EQ(dwResult, 1u);
-    EXPECT_EQ(fake::CountOf("DebugLogRegist() failed\n"), 1u);
-    EXPECT_NE(strPrinted.find("DebugLogRegist() failed\n"), std::string::npos);
+    EXPECT_EQ(result, 1U);
+    EXPECT_EQ(fake::Transcript(), "1/2 DebugLogRegist() failed\n");
+    EXPECT_NE(printed.find("DebugLogRegist() failed\n"), std::string::npos);
 }
 
 /* --- "sendbycurlsetlog" --------------------------------------------------------------------------- */
 
 TEST_F(SetupTest, EveryLevelOutsideOneToThreeIsRefused)
 {
-    for (unsigned nLevel = 0; nLevel <= 255; ++nLevel) {
-        if (nLevel >= 1 && nLevel <= 3) {
+    for (unsigned level = 0; level <= 255; ++level) {
+        if (level >= 1 && level <= 3) {
             continue;
         }
-        SCOPED_TRACE(nLevel);
+        SCOPED_TRACE(level);
         fake::ClearLines();
-        EXPECT_EQ(SendByCurlSetLogLevel(static_cast<uint8_t>(nLevel)), 1u);
+        EXPECT_EQ(SendByCurlSetLogLevel(static_cast<uint8_t>(level)), 1U);
         EXPECT_EQ(g_bySendCurlLogType, 1);
-        EXPECT_EQ(fake::Lines().size(), 1u);
-        ExpectLine(BAD_LEVEL, LEVEL_ERROR, "SendByCurlSetLogLevel",
-                   "[Error] invalid level " + std::to_string(nLevel) + "\n");
+        ExpectLines({Error(SET_LEVEL, BAD_LEVEL, level)});
     }
 }
 
@@ -494,58 +479,50 @@ TEST_F(SetupTest, RefusedLevelLeavesAnyOtherSettingToo)
 {
     g_bySendCurlLogType = 3;
 
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlSetLogLevel(4);
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(4); });
 
-    EXPECT_EQ(dwResult, 1u);
+    EXPECT_EQ(result, 1U);
     EXPECT_EQ(g_bySendCurlLogType, 3);
-    ASSERT_EQ(fake::Lines().size(), 1u);
-    EXPECT_EQ(strPrinted, fake::Lines()[0].strText);
+    EXPECT_EQ(fake::Transcript(), "123/2 " + printed);
+    ExpectLines({Error(SET_LEVEL, BAD_LEVEL, 4U)});
 }
 
 TEST_F(SetupTest, LevelOneConfirmsInTheDebugLogOnly)
 {
     g_bySendCurlLogType = 2;
 
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlSetLogLevel(1);
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(1); });
 
-    EXPECT_EQ(dwResult, 0u);
+    EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 1);
-    EXPECT_EQ(strPrinted, "");
-    ExpectLine(NEW_LEVEL, LEVEL_INFO, "SendByCurlSetLogLevel", " Log level 1\n");
+    EXPECT_EQ(printed, "");
+    ExpectLine(Info(SET_LEVEL, NEW_LEVEL, 1U));
 }
 
 TEST_F(SetupTest, LevelTwoConfirmsOnTheConsoleOnly)
 {
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlSetLogLevel(2);
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(2); });
 
-    EXPECT_EQ(dwResult, 0u);
+    EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 2);
     EXPECT_EQ(fake::Transcript(), "");
-    int nLine = 0;
-    ASSERT_EQ(sscanf(strPrinted.c_str(), "SendByCurlSetLogLevel[L:%d]", &nLine), 1) << strPrinted;
-    EXPECT_EQ(strPrinted, "SendByCurlSetLogLevel[L:" + std::to_string(nLine) + "] Log level 2\n");
+    int number = 0;
+    ASSERT_EQ(sscanf(printed.c_str(), "SendByCurlSetLogLevel[L:%d]", &number), 1) << printed;
+    EXPECT_EQ(printed, "SendByCurlSetLogLevel[L:" + std::to_string(number) + "] Log level 2\n");
 }
 
 TEST_F(SetupTest, LevelThreeConfirmsOnBothSides)
 {
-    testing::internal::CaptureStdout();
-    const uint32_t dwResult = SendByCurlSetLogLevel(3);
-    fflush(stdout);
-    const std::string strPrinted = testing::internal::GetCapturedStdout();
+    uint32_t result = 99;
+    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(3); });
 
-    EXPECT_EQ(dwResult, 0u);
+    EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 3);
-    ExpectLine(NEW_LEVEL, LEVEL_INFO, "SendByCurlSetLogLevel", " Log level 3\n");
-    EXPECT_EQ(strPrinted, fake::Lines()[0].strText);
+    EXPECT_EQ(fake::Transcript(), "123/4 " + printed);
+    ExpectLines({Info(SET_LEVEL, NEW_LEVEL, 3U)});
 }
 
 /* --- "sendbycurlshow" ----------------------------------------------------------------------------- */
@@ -556,31 +533,30 @@ TEST_F(SetupTest, ShowBeforeTheStartSaysOnlySo)
 
     SendByCurlShow();
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(NOT_INIT, LEVEL_INFO, "SendByCurlShow", " SendByCurl is not Init! g_bInited:0\n");
-    EXPECT_EQ(fake::NullTakes(), 0u);
-    EXPECT_EQ(fake::SemsCreated(), 0u);
+    ExpectLines({Info(SHOW, NOT_INIT, 0)});
+    EXPECT_EQ(fake::NullTakes(), 0U);
+    EXPECT_EQ(fake::SemsCreated(), 0U);
 }
 
 TEST_F(SetupTest, ShowBeforeTheStartWaitsForNoSemaphore)
 {
-    for (HOspSem &hSem : g_pCurlSemSet) {
-        ASSERT_NE(OspSemBCreate(&hSem), 0u);
-        OspSemTake(hSem);
+    for (HOspSem &sem : g_pCurlSemSet) {
+        ASSERT_NE(OspSemBCreate(&sem), 0U);
+        OspSemTake(sem);
     }
-    std::atomic<bool> bDone{false};
-    std::thread tShow([&] {
+    std::atomic<bool> done{false};
+    std::thread show([&] {
         SendByCurlShow();
-        bDone = true;
+        done = true;
     });
 
-    EXPECT_TRUE(WaitUntil([&] { return bDone.load(); }));
+    EXPECT_TRUE(WaitUntil([&] { return done.load(); }));
 
-    for (HOspSem hSem : g_pCurlSemSet) {
-        EXPECT_TRUE(fake::SemIsTaken(hSem));
-        OspSemGive(hSem);
+    for (HOspSem sem : g_pCurlSemSet) {
+        EXPECT_TRUE(fake::SemIsTaken(sem));
+        OspSemGive(sem);
     }
-    tShow.join();
+    show.join();
 }
 
 TEST_F(SetupTest, ShowOfAnEmptyTableIsItsLastLine)
@@ -589,100 +565,90 @@ TEST_F(SetupTest, ShowOfAnEmptyTableIsItsLastLine)
 
     SendByCurlShow();
 
-    EXPECT_EQ(fake::Lines().size(), 1u);
-    ExpectLine(SHOW_END, LEVEL_INFO, "SendByCurlShow", " ------------------------Show End------------------------\n");
+    ExpectLines({Info(SHOW, SHOW_END)});
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
 }
 
 TEST_F(SetupTest, ShowListsTakenSlotsInOrder)
 {
     Start();
-    TNvrHttpCurlCltReqInner atReqs[2] = {};
-    g_pfASnycCBParam[0] = {1, &atReqs[0], Collect};
-    g_pfASnycCBParam[1] = {0, &atReqs[0], Collect}; /* free, whatever else stands there */
-    g_pfASnycCBParam[700] = {7, &atReqs[1], OtherNotification};
+    TNvrHttpCurlCltReqInner reqs[2] = {};
+    g_pfASnycCBParam[0] = {1, &reqs[0], Collect};
+    g_pfASnycCBParam[1] = {0, &reqs[0], Collect}; /* free, whatever else stands there */
+    g_pfASnycCBParam[700] = {7, &reqs[1], OtherNotification};
     g_pfASnycCBParam[1023] = {1, nullptr, nullptr};
 
     SendByCurlShow();
 
-    const std::vector<fake::LogLine> atLines = fake::Lines();
-    const struct {
-        std::string strFormat;
-        std::string strTail;
-    } atExpected[] = {
-        {SHOW_SEPARATOR, " --------------------------[0]--------------------------\n"},
-        {SHOW_SLOT, " [0] bUseFlag:1, g_pfNtf:" + Ptr(Collect) + ", ptReq:" + Ptr(&atReqs[0]) + "\n"},
-        {SHOW_SEPARATOR, " --------------------------[700]--------------------------\n"},
-        {SHOW_SLOT, " [700] bUseFlag:7, g_pfNtf:" + Ptr(OtherNotification) + ", ptReq:" + Ptr(&atReqs[1]) + "\n"},
-        {SHOW_SEPARATOR, " --------------------------[1023]--------------------------\n"},
-        {SHOW_SLOT, " [1023] bUseFlag:1, g_pfNtf:(nil), ptReq:(nil)\n"},
-        {SHOW_END, " ------------------------Show End------------------------\n"},
-    };
-    ASSERT_EQ(atLines.size(), std::size(atExpected)) << fake::Transcript();
-    for (size_t nII = 0; nII < atLines.size(); ++nII) {
-        EXPECT_EQ(atLines[nII].strFormat, atExpected[nII].strFormat);
-        CheckLine(atLines[nII], LEVEL_INFO, "SendByCurlShow", atExpected[nII].strTail);
-    }
+    ExpectLines({
+        Info(SHOW, SHOW_SEPARATOR, 0),
+        Info(SHOW, SHOW_SLOT, 0, 1, Ptr(Collect), Ptr(&reqs[0])),
+        Info(SHOW, SHOW_SEPARATOR, 700),
+        Info(SHOW, SHOW_SLOT, 700, 7, Ptr(OtherNotification), Ptr(&reqs[1])),
+        Info(SHOW, SHOW_SEPARATOR, 1023),
+        Info(SHOW, SHOW_SLOT, 1023, 1, Ptr(nullptr), Ptr(nullptr)),
+        Info(SHOW, SHOW_END),
+    });
     EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
-    EXPECT_EQ(fake::HeldByThisThread(), 0u);
+    EXPECT_EQ(fake::HeldByThisThread(), 0U);
 }
 
 /* A console that nobody reads stops the listing half-way, while the table must stay as it is. */
 TEST_F(SetupTest, ShowHoldsTheTableWhileItPrints)
 {
     Start();
-    for (TSendByCurlASyncCB &tSlot : g_pfASnycCBParam) {
-        tSlot = {1, nullptr, Collect};
+    for (TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
+        slot = {1, nullptr, Collect};
     }
-    int anPipe[2];
-    ASSERT_EQ(pipe(anPipe), 0);
-    fcntl(anPipe[1], F_SETPIPE_SZ, 4096);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
     fflush(stdout);
-    const int nSaved = dup(1);
-    dup2(anPipe[1], 1);
-    close(anPipe[1]);
+    const int saved = dup(1);
+    dup2(ends[1], 1);
+    close(ends[1]);
 
     g_bySendCurlLogType = 2;
-    std::thread tShow([] {
+    std::thread show([] {
         SendByCurlShow();
         fflush(stdout);
         close(1);
     });
-    const bool bHeld = WaitUntil([] { return fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]); });
-    std::string strPrinted;
-    char achPiece[4096];
-    ssize_t nRead;
-    while ((nRead = read(anPipe[0], achPiece, sizeof achPiece)) > 0) {
-        strPrinted.append(achPiece, static_cast<size_t>(nRead));
+    const bool held = WaitUntil([] { return fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]); });
+    std::string printed;
+    char piece[4096];
+    ssize_t count;
+    while ((count = read(ends[0], piece, sizeof piece)) > 0) {
+        printed.append(piece, static_cast<size_t>(count));
     }
-    tShow.join();
-    close(anPipe[0]);
-    dup2(nSaved, 1);
-    close(nSaved);
+    show.join();
+    close(ends[0]);
+    dup2(saved, 1);
+    close(saved);
 
-    EXPECT_TRUE(bHeld);
+    EXPECT_TRUE(held);
     EXPECT_EQ(fake::Transcript(), "");
-    EXPECT_NE(strPrinted.find(" [1023] bUseFlag:1"), std::string::npos);
-    EXPECT_NE(strPrinted.find("Show End"), std::string::npos);
+    EXPECT_NE(printed.find(" [1023] bUseFlag:1"), std::string::npos);
+    EXPECT_NE(printed.find("Show End"), std::string::npos);
 }
 
 TEST_F(SetupTest, ShowWaitsForTheTable)
 {
     Start();
     OspSemTake(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-    std::atomic<bool> bBegun{false};
-    std::thread tShow([&] {
-        bBegun = true;
+    std::atomic<bool> begun{false};
+    std::thread show([&] {
+        begun = true;
         SendByCurlShow();
     });
-    EXPECT_TRUE(WaitUntil([&] { return bBegun.load(); }));
-    for (int nII = 0; nII < 1000; ++nII) {
+    EXPECT_TRUE(WaitUntil([&] { return begun.load(); }));
+    for (int i = 0; i < 1000; ++i) {
         std::this_thread::yield();
     }
 
-    EXPECT_EQ(fake::Lines().size(), 0u);
+    EXPECT_EQ(fake::Lines().size(), 0U);
 
     OspSemGive(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-    tShow.join();
-    EXPECT_EQ(fake::CountOf(SHOW_END), 1u);
+    show.join();
+    EXPECT_EQ(CountOf(SHOW_END), 1U);
 }

@@ -18,7 +18,7 @@
 namespace
 {
 
-using namespace engine;
+using namespace test;
 
 constexpr uint16_t FIRST_PORT = 46990;
 constexpr uint16_t LAST_PORT = 40000;
@@ -84,7 +84,6 @@ class Wakeup : public EngineTest
   protected:
     void SetUp() override
     {
-        EngineTest::SetUp();
         openBefore = OpenDescriptors();
     }
 
@@ -140,8 +139,7 @@ TEST_F(WakeupSocket, OpensAnIPv4UdpSocketAndBindsIt)
     int32_t fd = -7;
     EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), 0);
     EXPECT_EQ(fd, opened);
-    ExpectLines({{CREATE, LEVEL_INFO, " create s_nTheUdpSock %d, %d\n",
-                  Text(" create s_nTheUdpSock %d, %d\n", opened, opened)}});
+    ExpectLines({Info(CREATE, " create s_nTheUdpSock %d, %d\n", opened, opened)});
     close(fd);
 }
 
@@ -202,8 +200,7 @@ TEST_F(WakeupSocket, RefusesANullAddress)
     EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(nullptr, 41234, &fd), -1);
     EXPECT_EQ(fd, -7);
     EXPECT_EQ(hooks::Calls("socket"), 0U);
-    ExpectLines({{CREATE, LEVEL_ERROR, "[Error] invalid arg, szIP %p{%s}, nPort %d\n",
-                  "[Error] invalid arg, szIP (nil){}, nPort 41234\n"}});
+    ExpectLines({Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(nullptr), "", 41234)});
 }
 
 TEST_F(WakeupSocket, RefusesAnEmptyAddress)
@@ -213,8 +210,7 @@ TEST_F(WakeupSocket, RefusesAnEmptyAddress)
     EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(empty, 41234, &fd), -1);
     EXPECT_EQ(fd, -7);
     EXPECT_EQ(hooks::Calls("socket"), 0U);
-    ExpectLines({{CREATE, LEVEL_ERROR, "[Error] invalid arg, szIP %p{%s}, nPort %d\n",
-                  Text("[Error] invalid arg, szIP %p{}, nPort 41234\n", Ptr(empty))}});
+    ExpectLines({Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(empty), empty, 41234)});
 }
 
 TEST_F(WakeupSocket, RefusesPortsOutOfRange)
@@ -225,8 +221,8 @@ TEST_F(WakeupSocket, RefusesPortsOutOfRange)
         fake::ClearLines();
         EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(ip, port, &fd), -1) << port;
         EXPECT_EQ(fd, -7);
-        ExpectLines({{CREATE, LEVEL_ERROR, "[Error] invalid arg, szIP %p{%s}, nPort %d\n",
-                      Text("[Error] invalid arg, szIP %p{127.0.0.1}, nPort %d\n", Ptr(ip), static_cast<int>(port))}});
+        ExpectLines(
+            {Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(ip), ip, static_cast<int>(port))});
     }
     EXPECT_EQ(hooks::Calls("socket"), 0U);
 }
@@ -241,8 +237,7 @@ TEST_F(WakeupSocket, ReportsARefusedSocket)
     EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), -1);
     EXPECT_EQ(fd, -7);
     EXPECT_EQ(hooks::Calls("bind"), 0U);
-    ExpectLines({{CREATE, LEVEL_ERROR, "[Error] socket() failed, errno %d{%s}\n",
-                  Text("[Error] socket() failed, errno %d{%s}\n", EMFILE, strerror(EMFILE))}});
+    ExpectLines({Error(CREATE, "[Error] socket() failed, errno %d{%s}\n", EMFILE, strerror(EMFILE))});
 }
 
 TEST_F(WakeupSocket, ReportsARefusedBindAndClosesTheSocket)
@@ -261,8 +256,7 @@ TEST_F(WakeupSocket, ReportsARefusedBindAndClosesTheSocket)
     EXPECT_EQ(fd, -7);
     EXPECT_GE(opened, 0);
     EXPECT_FALSE(IsOpen(opened));
-    ExpectLines({{CREATE, LEVEL_ERROR, "[Error] bind() failed, errno %d{%s}\n",
-                  Text("[Error] bind() failed, errno %d{%s}\n", EACCES, strerror(EACCES))}});
+    ExpectLines({Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EACCES, strerror(EACCES))});
 }
 
 TEST_F(WakeupSocket, MeetsATakenPort)
@@ -270,8 +264,7 @@ TEST_F(WakeupSocket, MeetsATakenPort)
     const int taken = Occupy(0);
     int32_t fd = -7;
     EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", BoundPort(taken), &fd), -1);
-    ExpectLines({{CREATE, LEVEL_ERROR, "[Error] bind() failed, errno %d{%s}\n",
-                  Text("[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE))}});
+    ExpectLines({Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE))});
     close(taken);
 }
 
@@ -294,7 +287,7 @@ TEST_F(WakeupMonitor, RefusesEachNullPointer)
         EXPECT_EQ(port, 5);
         EXPECT_EQ(fd, -7);
         EXPECT_EQ(created, 0U);
-        ExpectLines({{MONITOR, LEVEL_ERROR, "[Error] Invalid value.\n", "[Error] Invalid value.\n"}});
+        ExpectLines({Error(MONITOR, "[Error] Invalid value.\n")});
     }
     EXPECT_EQ(hooks::Calls("socket"), 0U);
 }
@@ -313,8 +306,7 @@ TEST_F(WakeupMonitor, RefusesASecondCreationAndChangesNothing)
     EXPECT_EQ(monitor.created, 1U);
     EXPECT_TRUE(IsOpen(monitor.socket));
     EXPECT_EQ(hooks::Calls("socket"), sockets);
-    ExpectLines({{MONITOR, LEVEL_INFO, " udp socket already exists, bCreatSocket %d\n",
-                  " udp socket already exists, bCreatSocket 1\n"}});
+    ExpectLines({Info(MONITOR, " udp socket already exists, bCreatSocket %d\n", 1)});
     close(monitor.socket);
 }
 
@@ -336,13 +328,11 @@ TEST_F(WakeupMonitor, TakesTheFirstPortWhenItIsFree)
     EXPECT_EQ(monitor.port, FIRST_PORT);
     EXPECT_EQ(monitor.created, 1U);
     EXPECT_EQ(asked, (std::vector<uint16_t>{FIRST_PORT}));
-    const std::string both = Text(" create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket);
     ExpectLines({
-        {CREATE, LEVEL_INFO, " create s_nTheUdpSock %d, %d\n", both},
-        {MONITOR, LEVEL_INFO, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n",
-         " _NvrHttpCurlCltCreateUdpMonitor(), 127.0.0.1:46990\n"},
-        {MONITOR, LEVEL_INFO, " get socket port wPortII %d\n", " get socket port wPortII 46990\n"},
-        {MONITOR, LEVEL_INFO, " return *pwPort %d, *pbCreatSocket %d\n", " return *pwPort 46990, *pbCreatSocket 1\n"},
+        Info(CREATE, " create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket),
+        Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46990),
+        Info(MONITOR, " get socket port wPortII %d\n", 46990),
+        Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", 46990, 1),
     });
     close(monitor.socket);
 }
@@ -354,21 +344,16 @@ TEST_F(WakeupMonitor, StepsDownPastOccupiedPorts)
     EXPECT_EQ(monitor.Create(), 0U);
     EXPECT_EQ(monitor.port, 46988);
     EXPECT_EQ(asked, (std::vector<uint16_t>{46990, 46989, 46988}));
-    const Line refused = {CREATE, LEVEL_ERROR, "[Error] bind() failed, errno %d{%s}\n",
-                          Text("[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE))};
-    const std::string both = Text(" create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket);
+    const Line refused = Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE));
     ExpectLines({
         refused,
-        {MONITOR, LEVEL_ERROR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
-         "[Error] websCreateUdpMonitor() PortII[46990] is Occupied\n"},
+        Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46990),
         refused,
-        {MONITOR, LEVEL_ERROR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
-         "[Error] websCreateUdpMonitor() PortII[46989] is Occupied\n"},
-        {CREATE, LEVEL_INFO, " create s_nTheUdpSock %d, %d\n", both},
-        {MONITOR, LEVEL_INFO, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n",
-         " _NvrHttpCurlCltCreateUdpMonitor(), 127.0.0.1:46988\n"},
-        {MONITOR, LEVEL_INFO, " get socket port wPortII %d\n", " get socket port wPortII 46988\n"},
-        {MONITOR, LEVEL_INFO, " return *pwPort %d, *pbCreatSocket %d\n", " return *pwPort 46988, *pbCreatSocket 1\n"},
+        Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46989),
+        Info(CREATE, " create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket),
+        Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46988),
+        Info(MONITOR, " get socket port wPortII %d\n", 46988),
+        Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", 46988, 1),
     });
     close(monitor.socket);
 }
@@ -391,21 +376,14 @@ void ExpectExhausted(const Monitor &monitor)
     EXPECT_EQ(monitor.port, 0);
     EXPECT_EQ(monitor.socket, 0);
     EXPECT_EQ(monitor.created, 0U);
-    const std::vector<fake::LogLine> occupied =
-        fake::LinesOf("%s[L:%d][Error] websCreateUdpMonitor() PortII[%d] is Occupied\n");
-    ASSERT_EQ(occupied.size(), PORTS);
+    const Lines log = Log();
+    ASSERT_EQ(log.size(), 2 * PORTS + 2);
     for (size_t i = 0; i < PORTS; ++i) {
-        ASSERT_TRUE(Matches(
-            occupied[i],
-            {MONITOR, LEVEL_ERROR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
-             Text("[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", static_cast<int>(FIRST_PORT - i))}));
+        ASSERT_EQ(log[2 * i + 1], Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
+                                        static_cast<int>(FIRST_PORT - i)));
     }
-    const std::vector<fake::LogLine> lines = fake::Lines();
-    ASSERT_EQ(lines.size(), 2 * PORTS + 2);
-    EXPECT_TRUE(Matches(lines[2 * PORTS],
-                        {MONITOR, LEVEL_INFO, " get socket port wPortII %d\n", " get socket port wPortII 39999\n"}));
-    EXPECT_TRUE(
-        Matches(lines[2 * PORTS + 1], {MONITOR, LEVEL_ERROR, "[Error] wPortII %d\n", "[Error] wPortII 39999\n"}));
+    EXPECT_EQ(log[2 * PORTS], Info(MONITOR, " get socket port wPortII %d\n", LAST_PORT - 1));
+    EXPECT_EQ(log[2 * PORTS + 1], Error(MONITOR, "[Error] wPortII %d\n", LAST_PORT - 1));
 }
 
 TEST_F(WakeupMonitor, ReportsAnExhaustedRange)
@@ -429,7 +407,7 @@ TEST_F(WakeupMonitor, CountsAnyFailureAsAnOccupiedPort)
     Monitor monitor;
     EXPECT_EQ(monitor.Create(), 8U);
     ExpectExhausted(monitor);
-    EXPECT_EQ(fake::CountOf("%s[L:%d][Error] socket() failed, errno %d{%s}\n"), PORTS);
+    EXPECT_EQ(CountOf("[Error] socket() failed, errno %d{%s}\n"), PORTS);
 }
 
 TEST_F(WakeupMonitor, CountsABadAddressAsOccupiedPortsToo)
@@ -437,7 +415,7 @@ TEST_F(WakeupMonitor, CountsABadAddressAsOccupiedPortsToo)
     Monitor monitor;
     EXPECT_EQ(monitor.Create(""), 8U);
     ExpectExhausted(monitor);
-    EXPECT_EQ(fake::CountOf("%s[L:%d][Error] invalid arg, szIP %p{%s}, nPort %d\n"), PORTS);
+    EXPECT_EQ(CountOf("[Error] invalid arg, szIP %p{%s}, nPort %d\n"), PORTS);
 }
 
 TEST_F(WakeupMonitor, NamesTheLoopbackAddressWhateverItBinds)
@@ -452,8 +430,7 @@ TEST_F(WakeupMonitor, NamesTheLoopbackAddressWhateverItBinds)
     Monitor monitor;
     EXPECT_EQ(monitor.Create("127.0.0.2"), 0U);
     EXPECT_EQ(bound, inet_addr("127.0.0.2"));
-    ExpectLine({MONITOR, LEVEL_INFO, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n",
-                " _NvrHttpCurlCltCreateUdpMonitor(), 127.0.0.1:46990\n"});
+    ExpectLine(Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46990));
     close(monitor.socket);
 }
 
@@ -607,8 +584,7 @@ class WakeupNotify : public Wakeup
 TEST_F(WakeupNotify, SendsTwoBytesFromTheSocketToItself)
 {
     _NvrHttpCurlClt_SocketNotify(monitor.socket, monitor.port);
-    ExpectLines({{NOTIFY, LEVEL_INFO, " Notify scoket{%d} port{%d} is ok.\n",
-                  Text(" Notify scoket{%d} port{%d} is ok.\n", monitor.socket, monitor.port)}});
+    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", monitor.socket, monitor.port)});
 
     pollfd ready = {monitor.socket, POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 30000), 1);
@@ -641,8 +617,7 @@ TEST_F(WakeupNotify, HandsSendtoADestinationOfSixteenBytes)
     };
     _NvrHttpCurlClt_SocketNotify(77, 40001);
     EXPECT_EQ(hooks::Calls("sendto"), 1U);
-    ExpectLines(
-        {{NOTIFY, LEVEL_INFO, " Notify scoket{%d} port{%d} is ok.\n", " Notify scoket{77} port{40001} is ok.\n"}});
+    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", 77, 40001)});
 }
 
 TEST_F(WakeupNotify, SendsNothingWhenTheAddressCannotBeConverted)
@@ -650,7 +625,7 @@ TEST_F(WakeupNotify, SendsNothingWhenTheAddressCannotBeConverted)
     fake::SetStrtoNetResult(7);
     _NvrHttpCurlClt_SocketNotify(monitor.socket, monitor.port);
     EXPECT_EQ(hooks::Calls("sendto"), 0U);
-    ExpectLines({{NOTIFY, LEVEL_ERROR, "[Error] convert failed %d\n", "[Error] convert failed 7\n"}});
+    ExpectLines({Error(NOTIFY, "[Error] convert failed %d\n", 7)});
 }
 
 TEST_F(WakeupNotify, TakesZeroAndBelowForAFailureAndDoesNotRetry)
@@ -661,7 +636,7 @@ TEST_F(WakeupNotify, TakesZeroAndBelowForAFailureAndDoesNotRetry)
         fake::ClearLines();
         _NvrHttpCurlClt_SocketNotify(monitor.socket, monitor.port);
         EXPECT_EQ(hooks::Calls("sendto"), before + 1);
-        ExpectLines({{NOTIFY, LEVEL_ERROR, "[Error] send socket failed\n", "[Error] send socket failed\n"}});
+        ExpectLines({Error(NOTIFY, "[Error] send socket failed\n")});
     }
 }
 
@@ -671,7 +646,7 @@ TEST_F(WakeupNotify, TakesAnyPositiveResultForASuccess)
         return static_cast<ssize_t>(1);
     };
     _NvrHttpCurlClt_SocketNotify(5, 6);
-    ExpectLines({{NOTIFY, LEVEL_INFO, " Notify scoket{%d} port{%d} is ok.\n", " Notify scoket{5} port{6} is ok.\n"}});
+    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", 5, 6)});
 }
 
 TEST_F(WakeupNotify, OnAClosedDescriptorOnlyLogs)
@@ -681,7 +656,7 @@ TEST_F(WakeupNotify, OnAClosedDescriptorOnlyLogs)
     close(closed.socket);
     fake::ClearLines();
     _NvrHttpCurlClt_SocketNotify(closed.socket, closed.port);
-    ExpectLines({{NOTIFY, LEVEL_ERROR, "[Error] send socket failed\n", "[Error] send socket failed\n"}});
+    ExpectLines({Error(NOTIFY, "[Error] send socket failed\n")});
 }
 
 } // namespace

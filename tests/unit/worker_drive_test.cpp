@@ -35,22 +35,20 @@ void PrintTo(const Entry &entry, std::ostream *out)
     *out << entry.name;
 }
 
-class WorkerDrive : public engine::EngineTest, public testing::WithParamInterface<Entry>
+class WorkerDrive : public test::EngineTest, public testing::WithParamInterface<Entry>
 {
   protected:
-    void SetUp() override
+    WorkerDrive()
     {
-        EngineTest::SetUp();
-        instance = engine::MustStart(1);
-        fake::ClearLines();
-        task = &instance->atTasks[0];
+        Start(1, 8);
+        task = &inst->atTasks[0];
     }
 
     void TearDown() override
     {
         hooks::multi_timeout = nullptr;
         hooks::multi_perform = nullptr;
-        NvrHttpCurlCltUninit(instance);
+        hooks::multi_info_read = nullptr;
         EngineTest::TearDown();
     }
 
@@ -74,14 +72,12 @@ class WorkerDrive : public engine::EngineTest, public testing::WithParamInterfac
         return made;
     }
 
-    engine::Line Running(int count) const
+    test::Line Running(int count) const
     {
-        return {GetParam().name, engine::LEVEL_INFO, " >>still_running %d\n",
-                engine::Text(" >>still_running %d\n", count)};
+        return test::Info(GetParam().name, " >>still_running %d\n", count);
     }
 
-    HNvrHttpCurlCltInst instance = nullptr;
-    TNvrHttpCurlCltTask *task = nullptr;
+    TNvrHttpCurlCltTask *task;
 };
 
 INSTANTIATE_TEST_SUITE_P(
@@ -125,16 +121,16 @@ TEST_P(WorkerDrive, StopsWhenNothingRunsAnyMore)
 TEST_P(WorkerDrive, WritesOneLineHoweverOftenItPerforms)
 {
     Drive(NO_TIMER, {{DUE, 3}, {DUE, 2}, {LATER, 1}});
-    engine::ExpectLines({Running(1)});
+    test::ExpectLines({Running(1)});
 }
 
 TEST_P(WorkerDrive, AFailedRepetitionIsTheLast)
 {
     EXPECT_EQ(Drive(NO_TIMER, {{DUE, 2}, {DUE, 1, CURLM_INTERNAL_ERROR}}), 2U);
-    const char *const failed = "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n";
-    engine::ExpectLines({{GetParam().name, engine::LEVEL_ERROR, failed,
-                          engine::Text(failed, CURLM_INTERNAL_ERROR, curl_multi_strerror(CURLM_INTERNAL_ERROR), 1)},
-                         Running(1)});
+    test::ExpectLines({test::Error(GetParam().name,
+                                   "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n",
+                                   CURLM_INTERNAL_ERROR, curl_multi_strerror(CURLM_INTERNAL_ERROR), 1),
+                       Running(1)});
 }
 
 TEST_P(WorkerDrive, ATimerThatCannotBeReadIsNotDue)
@@ -166,12 +162,15 @@ TEST_P(WorkerDrive, ReadsTheMessagesBehindTheLastPerform)
     EXPECT_EQ(performsAtRead, std::vector<size_t>{3});
 }
 
-/* A due timer does not make a pass active whose wait ran out. */
-TEST(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
+class WorkerDriveLoop : public test::EngineTest
 {
-    fake::RunTasks(false);
-    HNvrHttpCurlCltInst instance = engine::MustStart(1);
-    TNvrHttpCurlCltTask *task = &instance->atTasks[0];
+};
+
+/* A due timer does not make a pass active whose wait ran out. */
+TEST_F(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
+{
+    Start(1, 8);
+    TNvrHttpCurlCltTask *task = &inst->atTasks[0];
     unsigned waits = 0;
     hooks::multi_timeout = [](CURLM *, long *result) {
         *result = DUE;
@@ -188,7 +187,6 @@ TEST(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
     EXPECT_EQ(waits, 10U);
     EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
     EXPECT_EQ(hooks::Calls("curl_multi_timeout"), 0U);
-    NvrHttpCurlCltUninit(instance);
 }
 
 } // namespace

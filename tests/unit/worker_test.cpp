@@ -14,32 +14,20 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/request_fixture.h"
-
-using fixture::Completion;
-using fixture::FindListNode;
-using fixture::g_completions;
-using fixture::g_onCompletion;
-using fixture::kError;
-using fixture::kInfo;
-using fixture::L;
-using fixture::Line;
-using fixture::Lines;
-using fixture::Nodes;
-using fixture::Ntf;
-using fixture::P;
-using fixture::TakeLog;
+#include "tests/support/engine_fixture.h"
 
 namespace
 {
 
-const char kAdd[] = "_NvrHttpCurlClt_CheckAddMultiHandle";
-const char kPerform[] = "_NvrHttpCurlClt_CurlPerformAndReadInfo";
-const char kPerformEx[] = "_NvrHttpCurlClt_CurlPerformAndReadInfoEx";
-const char kRoutine[] = "_NvrHttpCurlCltWorkerRoutine";
+using namespace test;
+
+const char ADD[] = "_NvrHttpCurlClt_CheckAddMultiHandle";
+const char PERFORM[] = "_NvrHttpCurlClt_CurlPerformAndReadInfo";
+const char PERFORM_EX[] = "_NvrHttpCurlClt_CurlPerformAndReadInfoEx";
+const char ROUTINE[] = "_NvrHttpCurlCltWorkerRoutine";
 
 /* What libcurl hands out, message by message. */
-std::deque<CURLMsg> g_messages;
+std::deque<CURLMsg> messages;
 
 CURLMsg Message(CURLMSG kind, CURL *easy, CURLcode result)
 {
@@ -58,17 +46,17 @@ CURLMsg Done(CURL *easy, CURLcode result = CURLE_OK)
 CURLMsg *NextMessage(CURLM *, int *left)
 {
     static CURLMsg current;
-    if (g_messages.empty()) {
+    if (messages.empty()) {
         *left = 0;
         return nullptr;
     }
-    current = g_messages.front();
-    g_messages.pop_front();
-    *left = static_cast<int>(g_messages.size());
+    current = messages.front();
+    messages.pop_front();
+    *left = static_cast<int>(messages.size());
     return &current;
 }
 
-class Worker : public fixture::EngineTest
+class Worker : public EngineTest
 {
   protected:
     void SetUp() override
@@ -80,14 +68,14 @@ class Worker : public fixture::EngineTest
 
     void TearDown() override
     {
-        g_onCompletion = nullptr;
+        onCompletion = nullptr;
         for (HNvrHttpCurlCltReq req : requests) {
             NvrHttpCurlCltReqDestroy(req);
         }
         EngineTest::TearDown();
     }
 
-    /* libcurl takes and gives back handles, transfers nothing and tells of g_messages. */
+    /* libcurl takes and gives back handles, transfers nothing and tells of messages. */
     void PlayLibcurl()
     {
         hooks::multi_add_handle = [](CURLM *, CURL *) { return CURLM_OK; };
@@ -106,8 +94,8 @@ class Worker : public fixture::EngineTest
     HNvrHttpCurlCltReq QueueAnswered(void *buf, std::string answer)
     {
         HNvrHttpCurlCltReq req = CreatePrepared("http://127.0.0.1/", "body");
-        EXPECT_EQ(answer.size(), _HttpCurlStackWriteCB(answer.data(), 1, answer.size(), req->ptRespData));
-        EXPECT_EQ(0U, Submit(req, buf));
+        EXPECT_EQ(_HttpCurlStackWriteCB(answer.data(), 1, answer.size(), req->ptRespData), answer.size());
+        EXPECT_EQ(Submit(req, buf), 0U);
         Nodes(task->tRunList)[0]->bInMulti = 1;
         requests.push_back(req);
         Forget();
@@ -128,23 +116,23 @@ class Worker : public fixture::EngineTest
 
     Line AddBegins(HNvrHttpCurlCltReq req) const
     {
-        return L(kInfo, kAdd, " curl_multi_add_handle beg, hReq %p\n", P(req->ptReq));
+        return Info(ADD, " curl_multi_add_handle beg, hReq %p\n", Ptr(req->ptReq));
     }
 
     Line AddDone(HNvrHttpCurlCltReq req) const
     {
-        return L(kInfo, kAdd, " curl_multi_add_handle{pMultHandle %p, hReq %p} ok.\n", P(multi), P(req->ptReq));
+        return Info(ADD, " curl_multi_add_handle{pMultHandle %p, hReq %p} ok.\n", Ptr(multi), Ptr(req->ptReq));
     }
 
     Line AddFailed(HNvrHttpCurlCltReq req, CURLMcode code) const
     {
-        return L(kError, kAdd, "[Error] curl_multi_add_handle{pMultHandle %p, hReq %p} fail{%d}\n", P(multi),
-                 P(req->ptReq), static_cast<int>(code));
+        return Error(ADD, "[Error] curl_multi_add_handle{pMultHandle %p, hReq %p} fail{%d}\n", Ptr(multi),
+                     Ptr(req->ptReq), static_cast<int>(code));
     }
 
     static Line Running(const char *func, int count)
     {
-        return L(kInfo, func, " >>still_running %d\n", count);
+        return Info(func, " >>still_running %d\n", count);
     }
 
     TNvrHttpCurlCltTask *task = nullptr;
@@ -176,9 +164,9 @@ class WorkerAdd : public Worker
 
 TEST_F(WorkerAdd, AnEmptyRunListIsNothing)
 {
-    EXPECT_EQ(0U, Add());
-    EXPECT_EQ(Lines{}, TakeLog());
-    EXPECT_EQ(0U, hooks::Calls("curl_multi_perform"));
+    EXPECT_EQ(Add(), 0U);
+    ExpectLines({});
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
     EXPECT_FALSE(AnyLockTaken());
 }
 
@@ -187,27 +175,27 @@ TEST_F(WorkerAdd, AddsUnderTheRunLockAndPerformsWithout)
     HNvrHttpCurlCltReq req = Queue();
     std::vector<std::string> events;
     hooks::multi_add_handle = [&](CURLM *to, CURL *easy) {
-        EXPECT_EQ(multi, to);
-        EXPECT_EQ(req->ptReq, easy);
+        EXPECT_EQ(to, multi);
+        EXPECT_EQ(easy, req->ptReq);
         EXPECT_TRUE(fake::SemIsTaken(task->hRunLock));
-        EXPECT_EQ(1U, fake::HeldByThisThread());
-        EXPECT_EQ(0U, InMulti(req));
+        EXPECT_EQ(fake::HeldByThisThread(), 1U);
+        EXPECT_EQ(InMulti(req), 0U);
         events.push_back("add");
         return CURLM_OK;
     };
     hooks::multi_perform = [&](CURLM *of, int *running) {
-        EXPECT_EQ(multi, of);
+        EXPECT_EQ(of, multi);
         EXPECT_FALSE(AnyLockTaken());
-        EXPECT_EQ(0, *running);
-        EXPECT_EQ(1U, InMulti(req));
+        EXPECT_EQ(*running, 0);
+        EXPECT_EQ(InMulti(req), 1U);
         *running = 3;
         events.push_back("perform");
         return CURLM_OK;
     };
-    EXPECT_EQ(1U, Add());
-    EXPECT_EQ((std::vector<std::string>{"add", "perform"}), events);
-    EXPECT_EQ((Lines{AddBegins(req), AddDone(req), Running(kPerformEx, 3)}), TakeLog());
-    EXPECT_EQ(1U, task->tRunList.dwNumOfElem);
+    EXPECT_EQ(Add(), 1U);
+    EXPECT_EQ(events, (std::vector<std::string>{"add", "perform"}));
+    ExpectLines({AddBegins(req), AddDone(req), Running(PERFORM_EX, 3)});
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
     EXPECT_FALSE(AnyLockTaken());
 }
 
@@ -221,38 +209,38 @@ TEST_F(WorkerAdd, TheLatestIsAddedFirst)
         added.push_back(easy);
         return CURLM_OK;
     };
-    EXPECT_EQ(3U, Add());
-    EXPECT_EQ((std::vector<CURL *>{requests[2]->ptReq, requests[1]->ptReq, requests[0]->ptReq}), added);
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_perform"));
+    EXPECT_EQ(Add(), 3U);
+    EXPECT_EQ(added, (std::vector<CURL *>{requests[2]->ptReq, requests[1]->ptReq, requests[0]->ptReq}));
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 1U);
 }
 
 TEST_F(WorkerAdd, WhatIsInflightIsNotAddedAgain)
 {
     Queue();
-    EXPECT_EQ(1U, Add());
+    EXPECT_EQ(Add(), 1U);
     Forget();
-    EXPECT_EQ(0U, Add());
-    EXPECT_EQ(Lines{}, TakeLog());
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_add_handle"));
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_perform"));
+    EXPECT_EQ(Add(), 0U);
+    ExpectLines({});
+    EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 1U);
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 1U);
     HNvrHttpCurlCltReq later = Queue();
-    EXPECT_EQ(1U, Add());
-    EXPECT_EQ((Lines{AddBegins(later), AddDone(later), Running(kPerformEx, 0)}), TakeLog());
+    EXPECT_EQ(Add(), 1U);
+    ExpectLines({AddBegins(later), AddDone(later), Running(PERFORM_EX, 0)});
 }
 
 TEST_F(WorkerAdd, ARefusedHandleIsTriedAgain)
 {
     HNvrHttpCurlCltReq req = Queue();
     hooks::multi_add_handle = [](CURLM *, CURL *) { return CURLM_OUT_OF_MEMORY; };
-    EXPECT_EQ(0U, Add());
-    EXPECT_EQ((Lines{AddBegins(req), AddFailed(req, CURLM_OUT_OF_MEMORY)}), TakeLog());
-    EXPECT_EQ(0U, InMulti(req));
-    EXPECT_EQ(0U, hooks::Calls("curl_multi_perform"));
+    EXPECT_EQ(Add(), 0U);
+    ExpectLines({AddBegins(req), AddFailed(req, CURLM_OUT_OF_MEMORY)});
+    EXPECT_EQ(InMulti(req), 0U);
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
     EXPECT_FALSE(AnyLockTaken());
     hooks::multi_add_handle = [](CURLM *, CURL *) { return CURLM_OK; };
-    EXPECT_EQ(1U, Add());
-    EXPECT_EQ((Lines{AddBegins(req), AddDone(req), Running(kPerformEx, 0)}), TakeLog());
-    EXPECT_EQ(1U, InMulti(req));
+    EXPECT_EQ(Add(), 1U);
+    ExpectLines({AddBegins(req), AddDone(req), Running(PERFORM_EX, 0)});
+    EXPECT_EQ(InMulti(req), 1U);
 }
 
 TEST_F(WorkerAdd, OneRefusalDoesNotStopTheRest)
@@ -262,10 +250,9 @@ TEST_F(WorkerAdd, OneRefusalDoesNotStopTheRest)
     hooks::multi_add_handle = [&](CURLM *, CURL *easy) {
         return easy == newer->ptReq ? CURLM_BAD_EASY_HANDLE : CURLM_OK;
     };
-    EXPECT_EQ(1U, Add());
-    EXPECT_EQ((Lines{AddBegins(newer), AddFailed(newer, CURLM_BAD_EASY_HANDLE), AddBegins(older), AddDone(older),
-                     Running(kPerformEx, 0)}),
-              TakeLog());
+    EXPECT_EQ(Add(), 1U);
+    ExpectLines({AddBegins(newer), AddFailed(newer, CURLM_BAD_EASY_HANDLE), AddBegins(older), AddDone(older),
+                 Running(PERFORM_EX, 0)});
 }
 
 TEST_F(WorkerAdd, PassesOverNodesThatCannotBeAdded)
@@ -275,27 +262,25 @@ TEST_F(WorkerAdd, PassesOverNodesThatCannotBeAdded)
     CURL *const easy = noHandle->ptReq;
     noHandle->ptReq = nullptr;
     TNVRHCCListNode *empty = nullptr;
-    ASSERT_EQ(0U, NVRHCCListInsertBefore(&task->tRunList, nullptr, this, &empty));
+    ASSERT_EQ(NVRHCCListInsertBefore(&task->tRunList, nullptr, this, &empty), 0U);
     empty->pvData = nullptr;
-    EXPECT_EQ(1U, Add());
-    EXPECT_EQ((Lines{AddBegins(older), AddDone(older), Running(kPerformEx, 0)}), TakeLog());
-    EXPECT_EQ(0U, InMulti(noHandle));
+    EXPECT_EQ(Add(), 1U);
+    ExpectLines({AddBegins(older), AddDone(older), Running(PERFORM_EX, 0)});
+    EXPECT_EQ(InMulti(noHandle), 0U);
     noHandle->ptReq = easy;
-    ASSERT_EQ(0U, NVRHCCListRemove(&task->tRunList, empty, nullptr));
+    ASSERT_EQ(NVRHCCListRemove(&task->tRunList, empty, nullptr), 0U);
 }
 
 TEST_F(WorkerAdd, CompletesWhatEndsAtOnce)
 {
     HNvrHttpCurlCltReq req = Queue();
-    g_messages = {Done(req->ptReq, CURLE_COULDNT_CONNECT)};
-    EXPECT_EQ(1U, Add());
-    ASSERT_EQ(1U, g_completions.size());
-    EXPECT_EQ(11U, g_completions[0].result);
-    EXPECT_EQ((Lines{AddBegins(req), AddDone(req), Running(kPerformEx, 0),
-                     L(kError, kPerformEx,
-                       "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n",
-                       P(req->ptReq), 7, curl_easy_strerror(CURLE_COULDNT_CONNECT), 11, 0)}),
-              TakeLog());
+    messages = {Done(req->ptReq, CURLE_COULDNT_CONNECT)};
+    EXPECT_EQ(Add(), 1U);
+    ASSERT_EQ(completions.size(), 1U);
+    EXPECT_EQ(completions[0].result, 11U);
+    ExpectLines({AddBegins(req), AddDone(req), Running(PERFORM_EX, 0),
+                 Error(PERFORM_EX, "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n",
+                       Ptr(req->ptReq), 7, curl_easy_strerror(CURLE_COULDNT_CONNECT), 11, 0)});
 }
 
 /* --- completing ended requests: one behaviour under two names --------------------------------------------- */
@@ -310,7 +295,7 @@ void PrintTo(const Entry &entry, std::ostream *out)
     *out << entry.name;
 }
 
-class WorkerComplete : public Worker, public ::testing::WithParamInterface<Entry>
+class WorkerComplete : public Worker, public testing::WithParamInterface<Entry>
 {
   protected:
     void SetUp() override
@@ -319,23 +304,23 @@ class WorkerComplete : public Worker, public ::testing::WithParamInterface<Entry
         PlayLibcurl();
     }
 
-    void Run(std::deque<CURLMsg> messages)
+    void Run(const std::deque<CURLMsg> &ended)
     {
-        g_messages = std::move(messages);
+        messages = ended;
         GetParam().call(multi, task);
-        EXPECT_TRUE(g_messages.empty());
+        EXPECT_TRUE(messages.empty());
         EXPECT_FALSE(AnyLockTaken());
     }
 
     static Line FailedLine(CURL *easy, CURLcode code, int result)
     {
-        if (GetParam().name == std::string(kPerformEx)) {
-            return L(kError, kPerformEx,
-                     "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n", P(easy),
-                     static_cast<int>(code), curl_easy_strerror(code), result, 0);
+        if (GetParam().name == std::string(PERFORM_EX)) {
+            return Error(PERFORM_EX,
+                         "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n", Ptr(easy),
+                         static_cast<int>(code), curl_easy_strerror(code), result, 0);
         }
-        return L(kError, kPerform, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n", P(easy),
-                 static_cast<int>(code), result, 0);
+        return Error(PERFORM, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n", Ptr(easy),
+                     static_cast<int>(code), result, 0);
     }
 
     Lines Quiet() const
@@ -345,35 +330,35 @@ class WorkerComplete : public Worker, public ::testing::WithParamInterface<Entry
 
     static void ExpectCompletion(size_t index, HNvrHttpCurlCltReq req, uint32_t prog, uint32_t result, void *buf)
     {
-        ASSERT_GT(g_completions.size(), index);
-        EXPECT_EQ(req, g_completions[index].req);
-        EXPECT_EQ(prog, g_completions[index].prog);
-        EXPECT_EQ(result, g_completions[index].result);
-        EXPECT_EQ(buf, g_completions[index].buf);
+        ASSERT_LT(index, completions.size());
+        EXPECT_EQ(completions[index].req, req);
+        EXPECT_EQ(completions[index].progress, prog);
+        EXPECT_EQ(completions[index].result, result);
+        EXPECT_EQ(completions[index].buf, buf);
     }
 
     char buffer[64] = "################";
 };
 
 INSTANTIATE_TEST_SUITE_P(BothEntries, WorkerComplete,
-                         ::testing::Values(Entry{kPerform, _NvrHttpCurlClt_CurlPerformAndReadInfo},
-                                           Entry{kPerformEx, _NvrHttpCurlClt_CurlPerformAndReadInfoEx}),
+                         testing::Values(Entry{PERFORM, _NvrHttpCurlClt_CurlPerformAndReadInfo},
+                                         Entry{PERFORM_EX, _NvrHttpCurlClt_CurlPerformAndReadInfoEx}),
                          [](const auto &test) {
-                             return std::string(test.param.name == std::string(kPerformEx) ? "ex" : "plain");
+                             return std::string(test.param.name == std::string(PERFORM_EX) ? "ex" : "plain");
                          });
 
 TEST_P(WorkerComplete, PerformsOnce)
 {
     hooks::multi_perform = [this](CURLM *of, int *running) {
-        EXPECT_EQ(multi, of);
-        EXPECT_EQ(0, *running);
+        EXPECT_EQ(of, multi);
+        EXPECT_EQ(*running, 0);
         EXPECT_FALSE(AnyLockTaken());
         *running = 5;
         return CURLM_OK;
     };
     Run({});
-    EXPECT_EQ(Lines{Running(GetParam().name, 5)}, TakeLog());
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_perform"));
+    ExpectLines({Running(GetParam().name, 5)});
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 1U);
 }
 
 TEST_P(WorkerComplete, GoesOnAfterAFailedPerform)
@@ -384,11 +369,10 @@ TEST_P(WorkerComplete, GoesOnAfterAFailedPerform)
         return CURLM_INTERNAL_ERROR;
     };
     Run({Done(req->ptReq)});
-    EXPECT_EQ((Lines{L(kError, GetParam().name,
-                       "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n",
-                       static_cast<int>(CURLM_INTERNAL_ERROR), curl_multi_strerror(CURLM_INTERNAL_ERROR), 2),
-                     Running(GetParam().name, 2)}),
-              TakeLog());
+    ExpectLines(
+        {Error(GetParam().name, "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n",
+               static_cast<int>(CURLM_INTERNAL_ERROR), curl_multi_strerror(CURLM_INTERNAL_ERROR), 2),
+         Running(GetParam().name, 2)});
     ExpectCompletion(0, req, 1, 0, nullptr);
 }
 
@@ -396,38 +380,36 @@ TEST_P(WorkerComplete, SaysWhichMessageIsNoEnd)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(nullptr, "");
     Run({Message(CURLMSG_NONE, req->ptReq, CURLE_OK), Message(CURLMSG_LAST, req->ptReq, CURLE_OK)});
-    EXPECT_EQ((Lines{Running(GetParam().name, 0), L(kInfo, GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 0),
-                     L(kInfo, GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 2)}),
-              TakeLog());
-    EXPECT_EQ(0U, hooks::Calls("curl_multi_remove_handle"));
-    EXPECT_TRUE(g_completions.empty());
-    EXPECT_EQ(1U, task->tRunList.dwNumOfElem);
+    ExpectLines({Running(GetParam().name, 0), Info(GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 0),
+                 Info(GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 2)});
+    EXPECT_EQ(hooks::Calls("curl_multi_remove_handle"), 0U);
+    EXPECT_TRUE(completions.empty());
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
 }
 
 TEST_P(WorkerComplete, PassesOverAMessageWithoutAHandle)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(nullptr, "");
     Run({Done(nullptr), Done(req->ptReq)});
-    EXPECT_EQ((Lines{Running(GetParam().name, 0),
-                     L(kError, GetParam().name, "[Error] ptEasyHandle is Invalid{%p}\n", P<void>(nullptr))}),
-              TakeLog());
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_remove_handle"));
-    EXPECT_EQ(1U, g_completions.size());
+    ExpectLines(
+        {Running(GetParam().name, 0), Error(GetParam().name, "[Error] ptEasyHandle is Invalid{%p}\n", Ptr(nullptr))});
+    EXPECT_EQ(hooks::Calls("curl_multi_remove_handle"), 1U);
+    EXPECT_EQ(completions.size(), 1U);
 }
 
 /* What a completion looks like from the places where it leaves the worker's code. */
-std::function<void()> g_atRunListFree;
-std::function<void()> g_atFinListMalloc;
+std::function<void()> atRunListFree;
+std::function<void()> atFinListMalloc;
 
 void RunListFree(void *block)
 {
-    g_atRunListFree();
+    atRunListFree();
     fake::MemCB().pfFree(block);
 }
 
 void *FinListMalloc(size_t size)
 {
-    g_atFinListMalloc();
+    atFinListMalloc();
     return fake::MemCB().pfMalloc(size);
 }
 
@@ -435,36 +417,36 @@ TEST_P(WorkerComplete, KeepsItsOrderAndItsLocks)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     HNvrHttpCurlCltReq before = QueueAnswered(nullptr, "");
-    TNvrHttpCurlCltAsyncNode *const last = fixture::Finish(*task, before);
+    TNvrHttpCurlCltAsyncNode *const last = Finish(*task, before);
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tRunList)[0];
     std::vector<std::string> events;
     hooks::multi_remove_handle = [&](CURLM *from, CURL *easy) {
         events.push_back("remove handle");
-        EXPECT_EQ(multi, from);
-        EXPECT_EQ(req->ptReq, easy);
+        EXPECT_EQ(from, multi);
+        EXPECT_EQ(easy, req->ptReq);
         EXPECT_FALSE(AnyLockTaken());
-        EXPECT_NE(nullptr, FindListNode(task->tRunList, req));
-        EXPECT_EQ('#', buffer[0]);
+        EXPECT_NE(FindListNode(task->tRunList, req), nullptr);
+        EXPECT_EQ(buffer[0], '#');
         return CURLM_OK;
     };
-    g_atRunListFree = [&] {
+    atRunListFree = [&] {
         events.push_back("leave run list");
         EXPECT_TRUE(fake::SemIsTaken(task->hRunLock));
         EXPECT_FALSE(fake::SemIsTaken(task->hFinLock));
-        EXPECT_EQ('#', buffer[0]);
+        EXPECT_EQ(buffer[0], '#');
     };
-    g_atFinListMalloc = [&] {
+    atFinListMalloc = [&] {
         events.push_back("enter finish list");
         EXPECT_TRUE(fake::SemIsTaken(task->hFinLock));
         EXPECT_FALSE(fake::SemIsTaken(task->hRunLock));
-        EXPECT_EQ(std::string("answer#"), std::string(buffer, 7));
-        EXPECT_EQ(0U, task->tRunList.dwNumOfElem);
+        EXPECT_EQ(std::string(buffer, 7), std::string("answer#"));
+        EXPECT_EQ(task->tRunList.dwNumOfElem, 0U);
     };
-    g_onCompletion = [&](const Completion &) {
+    onCompletion = [&](const Completion &) {
         events.push_back("callback");
         EXPECT_FALSE(AnyLockTaken());
-        EXPECT_EQ((std::vector<TNvrHttpCurlCltAsyncNode *>{last, node}), Nodes(task->tFinList));
-        EXPECT_EQ(1U, node->bInMulti);
+        EXPECT_EQ(Nodes(task->tFinList), (std::vector<TNvrHttpCurlCltAsyncNode *>{last, node}));
+        EXPECT_EQ(node->bInMulti, 1U);
     };
     task->tRunList.pfFree = RunListFree;
     task->tFinList.pfMalloc = FinListMalloc;
@@ -472,13 +454,13 @@ TEST_P(WorkerComplete, KeepsItsOrderAndItsLocks)
     task->tRunList.pfFree = fake::MemCB().pfFree;
     task->tFinList.pfMalloc = fake::MemCB().pfMalloc;
 
-    EXPECT_EQ((std::vector<std::string>{"remove handle", "leave run list", "enter finish list", "callback"}), events);
-    EXPECT_EQ(Quiet(), TakeLog());
-    ASSERT_EQ(1U, g_completions.size());
+    EXPECT_EQ(events, (std::vector<std::string>{"remove handle", "leave run list", "enter finish list", "callback"}));
+    ExpectLines(Quiet());
+    ASSERT_EQ(completions.size(), 1U);
     ExpectCompletion(0, req, 1, 0, buffer);
-    EXPECT_EQ(node, static_cast<TNvrHttpCurlCltAsyncNode *>(task->tFinList.ptTail->pvData));
-    EXPECT_EQ(1U, node->bInMulti);
-    EXPECT_EQ(2U, inst->dwAsyncReqNum);
+    EXPECT_EQ(static_cast<TNvrHttpCurlCltAsyncNode *>(task->tFinList.ptTail->pvData), node);
+    EXPECT_EQ(node->bInMulti, 1U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 2U);
 }
 
 TEST_P(WorkerComplete, MapsTheFailureAndCopiesAllTheSame)
@@ -493,15 +475,13 @@ TEST_P(WorkerComplete, MapsTheFailureAndCopiesAllTheSame)
     for (const auto &each : cases) {
         strcpy(buffer, "################");
         HNvrHttpCurlCltReq req = QueueAnswered(buffer, "part");
-        g_completions.clear();
+        completions.clear();
         Run({Done(req->ptReq, each.code)});
-        EXPECT_EQ(
-            (Lines{Running(GetParam().name, 0), FailedLine(req->ptReq, each.code, static_cast<int>(each.result))}),
-            TakeLog());
-        ASSERT_EQ(1U, g_completions.size());
+        ExpectLines({Running(GetParam().name, 0), FailedLine(req->ptReq, each.code, static_cast<int>(each.result))});
+        ASSERT_EQ(completions.size(), 1U);
         ExpectCompletion(0, req, 0, each.result, buffer);
-        EXPECT_STREQ("part############", buffer);
-        EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
+        EXPECT_STREQ(buffer, "part############");
+        EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
     }
 }
 
@@ -511,12 +491,11 @@ TEST_P(WorkerComplete, ARefusedRemovalIsOnlyLogged)
     hooks::multi_remove_handle = [](CURLM *, CURL *) { return CURLM_BAD_EASY_HANDLE; };
     Run({Done(req->ptReq, CURLE_WRITE_ERROR)});
     hooks::multi_remove_handle = nullptr;
-    EXPECT_EQ((Lines{Running(GetParam().name, 0), FailedLine(req->ptReq, CURLE_WRITE_ERROR, 1),
-                     L(kError, GetParam().name, "[Error] curl_multi_remove_handle{%p} err{%d}.\n", P(req->ptReq),
-                       static_cast<int>(CURLM_BAD_EASY_HANDLE))}),
-              TakeLog());
+    ExpectLines({Running(GetParam().name, 0), FailedLine(req->ptReq, CURLE_WRITE_ERROR, 1),
+                 Error(GetParam().name, "[Error] curl_multi_remove_handle{%p} err{%d}.\n", Ptr(req->ptReq),
+                       static_cast<int>(CURLM_BAD_EASY_HANDLE))});
     ExpectCompletion(0, req, 0, 1, buffer);
-    EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
+    EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
 }
 
 TEST_P(WorkerComplete, ANullBufferReceivesNothing)
@@ -524,19 +503,19 @@ TEST_P(WorkerComplete, ANullBufferReceivesNothing)
     HNvrHttpCurlCltReq req = QueueAnswered(nullptr, "answer");
     Run({Done(req->ptReq)});
     ExpectCompletion(0, req, 1, 0, nullptr);
-    EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
-    EXPECT_EQ(Quiet(), TakeLog());
+    EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
+    ExpectLines(Quiet());
 }
 
 TEST_P(WorkerComplete, ARequestWithoutBodyCopiesNothing)
 {
     HNvrHttpCurlCltReq req = Queue(buffer);
-    ASSERT_EQ(nullptr, req->ptRespData);
+    ASSERT_EQ(req->ptRespData, nullptr);
     Run({Done(req->ptReq)});
     ExpectCompletion(0, req, 1, 0, buffer);
-    EXPECT_STREQ("################", buffer);
-    EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
-    EXPECT_EQ(Quiet(), TakeLog());
+    EXPECT_STREQ(buffer, "################");
+    EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
+    ExpectLines(Quiet());
 }
 
 TEST_P(WorkerComplete, ALostAnswerCopiesNothing)
@@ -544,14 +523,14 @@ TEST_P(WorkerComplete, ALostAnswerCopiesNothing)
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     fake::FailRealloc(1);
     char byte = 'x';
-    ASSERT_EQ(0U, _HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData));
-    ASSERT_EQ(nullptr, req->ptRespData->pchData);
-    ASSERT_EQ(6U, req->ptRespData->qwSize);
+    ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 0U);
+    ASSERT_EQ(req->ptRespData->pchData, nullptr);
+    ASSERT_EQ(req->ptRespData->qwSize, 6U);
     Forget();
     Run({Done(req->ptReq, CURLE_WRITE_ERROR)});
     ExpectCompletion(0, req, 0, 1, buffer);
-    EXPECT_STREQ("################", buffer);
-    EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
+    EXPECT_STREQ(buffer, "################");
+    EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
     fake::FreeLostBlocks();
 }
 
@@ -560,7 +539,7 @@ TEST_P(WorkerComplete, AnEmptyAnswerCopiesNoTerminator)
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "");
     Run({Done(req->ptReq)});
     ExpectCompletion(0, req, 1, 0, buffer);
-    EXPECT_STREQ("################", buffer);
+    EXPECT_STREQ(buffer, "################");
 }
 
 TEST_P(WorkerComplete, TheCopyHasNoBound)
@@ -569,7 +548,7 @@ TEST_P(WorkerComplete, TheCopyHasNoBound)
     std::vector<char> large(answer.size() + 1, '#');
     HNvrHttpCurlCltReq req = QueueAnswered(large.data(), answer);
     Run({Done(req->ptReq)});
-    EXPECT_EQ(answer + "#", std::string(large.data(), large.size()));
+    EXPECT_EQ(std::string(large.data(), large.size()), answer + "#");
 }
 
 uint32_t MustNotBeCalled(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
@@ -582,14 +561,14 @@ TEST_P(WorkerComplete, ReadsTheCallbackBeforeOthersCanReachTheNode)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tRunList)[0];
-    g_atFinListMalloc = [&] {
+    atFinListMalloc = [&] {
         node->pfNtf = MustNotBeCalled;
         node->pvUserBuf = this;
     };
     task->tFinList.pfMalloc = FinListMalloc;
     Run({Done(req->ptReq)});
     task->tFinList.pfMalloc = fake::MemCB().pfMalloc;
-    ASSERT_EQ(1U, g_completions.size());
+    ASSERT_EQ(completions.size(), 1U);
     ExpectCompletion(0, req, 1, 0, buffer);
 }
 
@@ -599,11 +578,11 @@ TEST_P(WorkerComplete, NotifiesThoughTheFinishListHasNoMemory)
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tRunList)[0];
     fake::FailMalloc(1);
     Run({Done(req->ptReq)});
-    EXPECT_EQ(Quiet(), TakeLog());
-    ASSERT_EQ(1U, g_completions.size());
+    ExpectLines(Quiet());
+    ASSERT_EQ(completions.size(), 1U);
     ExpectCompletion(0, req, 1, 0, buffer);
-    EXPECT_EQ(0U, task->tFinList.dwNumOfElem);
-    EXPECT_EQ(0U, task->tRunList.dwNumOfElem);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 0U);
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 0U);
     req->pfFree(node); /* in no list, so the request's destruction does not find it */
 }
 
@@ -614,16 +593,16 @@ TEST_P(WorkerComplete, CompletesAllMessagesInTheirOrder)
     HNvrHttpCurlCltReq two = QueueAnswered(second, "two");
     HNvrHttpCurlCltReq running = QueueAnswered(nullptr, "");
     Run({Done(one->ptReq), Message(CURLMSG_LAST, nullptr, CURLE_OK), Done(two->ptReq, CURLE_OPERATION_TIMEDOUT)});
-    ASSERT_EQ(2U, g_completions.size());
+    ASSERT_EQ(completions.size(), 2U);
     ExpectCompletion(0, one, 1, 0, buffer);
     ExpectCompletion(1, two, 0, 10, second);
-    EXPECT_EQ("one", std::string(buffer, 3));
-    EXPECT_EQ("two", std::string(second, 3));
-    ASSERT_EQ(2U, task->tFinList.dwNumOfElem);
-    EXPECT_EQ(one, Nodes(task->tFinList)[0]->ptReqIn);
-    EXPECT_EQ(two, Nodes(task->tFinList)[1]->ptReqIn);
-    ASSERT_EQ(1U, task->tRunList.dwNumOfElem);
-    EXPECT_EQ(running, Nodes(task->tRunList)[0]->ptReqIn);
+    EXPECT_EQ(std::string(buffer, 3), "one");
+    EXPECT_EQ(std::string(second, 3), "two");
+    ASSERT_EQ(task->tFinList.dwNumOfElem, 2U);
+    EXPECT_EQ(Nodes(task->tFinList)[0]->ptReqIn, one);
+    EXPECT_EQ(Nodes(task->tFinList)[1]->ptReqIn, two);
+    ASSERT_EQ(task->tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(Nodes(task->tRunList)[0]->ptReqIn, running);
 }
 
 TEST_P(WorkerComplete, PassesOverNodesWithoutARequestOrAHandle)
@@ -634,12 +613,12 @@ TEST_P(WorkerComplete, PassesOverNodesWithoutARequestOrAHandle)
     noHandle->ptReq = nullptr;
     TNvrHttpCurlCltAsyncNode empty = {};
     TNVRHCCListNode *place = nullptr;
-    ASSERT_EQ(0U, NVRHCCListInsertBefore(&task->tRunList, nullptr, &empty, &place));
+    ASSERT_EQ(NVRHCCListInsertBefore(&task->tRunList, nullptr, &empty, &place), 0U);
     Run({Done(req->ptReq)});
-    ASSERT_EQ(1U, g_completions.size());
+    ASSERT_EQ(completions.size(), 1U);
     ExpectCompletion(0, req, 1, 0, buffer);
-    EXPECT_EQ(2U, task->tRunList.dwNumOfElem);
-    ASSERT_EQ(0U, NVRHCCListRemove(&task->tRunList, place, nullptr));
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 2U);
+    ASSERT_EQ(NVRHCCListRemove(&task->tRunList, place, nullptr), 0U);
     noHandle->ptReq = easy;
 }
 
@@ -662,12 +641,12 @@ TEST_P(WorkerComplete, AStrangersEndIsDroppedWithoutAWord)
     const Stranger stranger;
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     Run({Done(stranger.easy)});
-    EXPECT_EQ(Quiet(), TakeLog());
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_remove_handle"));
-    EXPECT_TRUE(g_completions.empty());
-    EXPECT_NE(nullptr, FindListNode(task->tRunList, req));
-    EXPECT_EQ(0U, task->tFinList.dwNumOfElem);
-    EXPECT_STREQ("################", buffer);
+    ExpectLines(Quiet());
+    EXPECT_EQ(hooks::Calls("curl_multi_remove_handle"), 1U);
+    EXPECT_TRUE(completions.empty());
+    EXPECT_NE(FindListNode(task->tRunList, req), nullptr);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 0U);
+    EXPECT_STREQ(buffer, "################");
 }
 
 TEST_P(WorkerComplete, AStrangerBeforeTheFirstMatchIsDropped)
@@ -675,7 +654,7 @@ TEST_P(WorkerComplete, AStrangerBeforeTheFirstMatchIsDropped)
     const Stranger stranger;
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     Run({Done(stranger.easy), Done(req->ptReq)});
-    ASSERT_EQ(1U, g_completions.size());
+    ASSERT_EQ(completions.size(), 1U);
     ExpectCompletion(0, req, 1, 0, buffer);
 }
 
@@ -688,20 +667,20 @@ TEST_P(WorkerComplete, AStrangerAfterAMatchCompletesTheNodeLastLookedAt)
     HNvrHttpCurlCltReq matched = QueueAnswered(buffer, "answer");
     Run({Done(matched->ptReq), Message(CURLMSG_LAST, nullptr, CURLE_OK),
          Done(stranger.easy, CURLE_OPERATION_TIMEDOUT)});
-    ASSERT_EQ(2U, g_completions.size());
+    ASSERT_EQ(completions.size(), 2U);
     ExpectCompletion(0, matched, 1, 0, buffer);
     ExpectCompletion(1, last, 0, 10, oldest);
-    EXPECT_STREQ("oldest##", oldest);
-    EXPECT_EQ(1U, fixture::Count(FailedLine(stranger.easy, CURLE_OPERATION_TIMEDOUT, 10)));
+    EXPECT_STREQ(oldest, "oldest##");
+    ExpectLine(FailedLine(stranger.easy, CURLE_OPERATION_TIMEDOUT, 10));
 
     /* Its list node stays where it was, so it stands in both lists now. */
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tFinList).back();
-    EXPECT_EQ(last, node->ptReqIn);
-    EXPECT_EQ(node, Nodes(task->tRunList).back());
-    EXPECT_EQ(between, Nodes(task->tRunList).front()->ptReqIn);
-    EXPECT_EQ(2U, task->tRunList.dwNumOfElem);
-    EXPECT_EQ(2U, task->tFinList.dwNumOfElem);
-    ASSERT_EQ(0U, NVRHCCListRemove(&task->tFinList, task->tFinList.ptTail, nullptr));
+    EXPECT_EQ(node->ptReqIn, last);
+    EXPECT_EQ(Nodes(task->tRunList).back(), node);
+    EXPECT_EQ(Nodes(task->tRunList).front()->ptReqIn, between);
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 2U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 2U);
+    ASSERT_EQ(NVRHCCListRemove(&task->tFinList, task->tFinList.ptTail, nullptr), 0U);
 }
 
 TEST_P(WorkerComplete, AStrangerAfterTheOnlyMatchCompletesThatNodeAgain)
@@ -709,14 +688,14 @@ TEST_P(WorkerComplete, AStrangerAfterTheOnlyMatchCompletesThatNodeAgain)
     const Stranger stranger;
     HNvrHttpCurlCltReq matched = QueueAnswered(buffer, "answer");
     Run({Done(matched->ptReq), Done(stranger.easy, CURLE_COULDNT_CONNECT)});
-    ASSERT_EQ(2U, g_completions.size());
+    ASSERT_EQ(completions.size(), 2U);
     ExpectCompletion(0, matched, 1, 0, buffer);
     ExpectCompletion(1, matched, 0, 11, buffer);
     const std::vector<TNvrHttpCurlCltAsyncNode *> finished = Nodes(task->tFinList);
-    ASSERT_EQ(2U, finished.size());
-    EXPECT_EQ(finished[0], finished[1]);
-    EXPECT_EQ(matched, finished[0]->ptReqIn);
-    ASSERT_EQ(0U, NVRHCCListRemove(&task->tFinList, task->tFinList.ptTail, nullptr));
+    ASSERT_EQ(finished.size(), 2U);
+    EXPECT_EQ(finished[1], finished[0]);
+    EXPECT_EQ(finished[0]->ptReqIn, matched);
+    ASSERT_EQ(NVRHCCListRemove(&task->tFinList, task->tFinList.ptTail, nullptr), 0U);
 }
 
 TEST_P(WorkerComplete, AMatchDoesNotOutliveItsCall)
@@ -726,9 +705,9 @@ TEST_P(WorkerComplete, AMatchDoesNotOutliveItsCall)
     QueueAnswered(nullptr, "");
     Run({Done(matched->ptReq)});
     Run({Done(stranger.easy)});
-    EXPECT_EQ(1U, g_completions.size());
-    EXPECT_EQ(1U, task->tFinList.dwNumOfElem);
-    EXPECT_EQ(1U, task->tRunList.dwNumOfElem);
+    EXPECT_EQ(completions.size(), 1U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 1U);
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
 }
 
 /* --- inside the callback -------------------------------------------------------------------------------------- */
@@ -738,27 +717,27 @@ TEST_P(WorkerComplete, TheCallbackMaySubmitTheRequestAgain)
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tRunList)[0];
     uint32_t result = 99;
-    g_onCompletion = [&](const Completion &) { result = Submit(req, this); };
+    onCompletion = [&](const Completion &) { result = Submit(req, this); };
     Run({Done(req->ptReq)});
-    EXPECT_EQ(0U, result);
-    ASSERT_EQ(1U, g_completions.size());
-    EXPECT_EQ(0U, task->tFinList.dwNumOfElem);
-    ASSERT_EQ(std::vector<TNvrHttpCurlCltAsyncNode *>{node}, Nodes(task->tRunList));
-    EXPECT_EQ(0U, node->bInMulti);
-    EXPECT_EQ(this, node->pvUserBuf);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(result, 0U);
+    ASSERT_EQ(completions.size(), 1U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 0U);
+    ASSERT_EQ(Nodes(task->tRunList), std::vector<TNvrHttpCurlCltAsyncNode *>{node});
+    EXPECT_EQ(node->bInMulti, 0U);
+    EXPECT_EQ(node->pvUserBuf, this);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
 }
 
 TEST_P(WorkerComplete, TheCallbackMayDestroyTheRequest)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
-    g_onCompletion = [](const Completion &completion) { NvrHttpCurlCltReqDestroy(completion.req); };
+    onCompletion = [](const Completion &completion) { NvrHttpCurlCltReqDestroy(completion.req); };
     Run({Done(req->ptReq)});
     Disown(req);
-    EXPECT_EQ(1U, g_completions.size());
-    EXPECT_EQ(0U, task->tFinList.dwNumOfElem);
-    EXPECT_EQ(0U, inst->dwAsyncReqNum);
-    EXPECT_EQ(blocksOfInstance, fake::BlocksAlive());
+    EXPECT_EQ(completions.size(), 1U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 0U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 0U);
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_P(WorkerComplete, TheCallbackMayReadTheAnswerAndSubmitAnother)
@@ -769,25 +748,25 @@ TEST_P(WorkerComplete, TheCallbackMayReadTheAnswerAndSubmitAnother)
         return CURLE_OK;
     };
     char answer[16] = "";
-    g_onCompletion = [&](const Completion &completion) {
+    onCompletion = [&](const Completion &completion) {
         uint32_t size = 15;
-        EXPECT_EQ(0U, NvrHttpCurlCltGetRespBody(completion.req, answer, &size));
+        EXPECT_EQ(NvrHttpCurlCltGetRespBody(completion.req, answer, &size), 0U);
         Queue();
     };
     Run({Done(req->ptReq)});
-    EXPECT_STREQ("answer", answer);
-    EXPECT_EQ(1U, task->tRunList.dwNumOfElem);
-    EXPECT_EQ(1U, task->tFinList.dwNumOfElem);
+    EXPECT_STREQ(answer, "answer");
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 1U);
 }
 
 /* --- the loop ---------------------------------------------------------------------------------------------------- */
 
-const int kKeepCount = -12345;
+const int KEEP_COUNT = -12345;
 
 /* One return of the wait. */
 struct Step {
     CURLMcode code;
-    int count; /* kKeepCount: not written, as a failed wait does */
+    int count; /* KEEP_COUNT: not written, as a failed wait does */
     bool wakeUp;
 };
 
@@ -848,7 +827,7 @@ class WorkerLoop : public Worker
                 *count = 0;
                 return CURLM_OK;
             }
-            if (steps[index].count != kKeepCount) {
+            if (steps[index].count != KEEP_COUNT) {
                 *count = steps[index].count;
             }
             if (steps[index].wakeUp) {
@@ -857,8 +836,8 @@ class WorkerLoop : public Worker
             return steps[index].code;
         };
         _NvrHttpCurlCltWorkerRoutine(task);
-        EXPECT_EQ(steps.size() + 1, seen.size()) << "bExit is looked at once in a pass";
-        EXPECT_EQ(0U, fake::HeldByThisThread());
+        EXPECT_EQ(seen.size(), steps.size() + 1) << "bExit is looked at once in a pass";
+        EXPECT_EQ(fake::HeldByThisThread(), 0U);
     }
 
     /* What happened between two waits. */
@@ -881,79 +860,72 @@ class WorkerLoop : public Worker
 
     Lines StartLines() const
     {
-        return {L(kInfo, kRoutine, " thread name {%s}\n", task->szThreadName),
-                L(kInfo, kRoutine, " CurlMultiHand{%p}, nCurlCltUdpMonitorSock{%d}, nUdpMonitorSocket{%d}\n", P(multi),
-                  task->tUdpMonitorSock.nSock, task->tUdpMonitorSock.nSock)};
+        return {Info(ROUTINE, " thread name {%s}\n", task->szThreadName),
+                Info(ROUTINE, " CurlMultiHand{%p}, nCurlCltUdpMonitorSock{%d}, nUdpMonitorSocket{%d}\n", Ptr(multi),
+                     task->tUdpMonitorSock.nSock, task->tUdpMonitorSock.nSock)};
     }
 
-    /* The lines of the loop, those of the start taken off. */
-    Lines LoopLines()
+    /* The start's lines, and these of the loop. */
+    void ExpectLoopLines(const Lines &expected, const char *file = __builtin_FILE(),
+                         int number = __builtin_LINE()) const
     {
-        Lines lines = TakeLog();
-        const Lines start = StartLines();
-        if (lines.size() < 2 || Lines(lines.begin(), lines.begin() + 2) != start) {
-            ADD_FAILURE() << "the start's lines are missing";
-            return lines;
-        }
-        lines.erase(lines.begin(), lines.begin() + 2);
-        return lines;
+        ExpectLines(StartLines() + expected, file, number);
     }
 
     static Line Active(int count)
     {
-        return L(kInfo, kRoutine, " curl_multi_wait end, numfds{%d}\n", count);
+        return Info(ROUTINE, " curl_multi_wait end, numfds{%d}\n", count);
     }
 
     static Line Read(int count)
     {
-        return L(kInfo, kRoutine, " [udp socket]recvfrom{%d} complete, break.\n", count);
+        return Info(ROUTINE, " [udp socket]recvfrom{%d} complete, break.\n", count);
     }
 
     static Line ReadFailed()
     {
-        return L(kInfo, kRoutine, " [udp socket]recvfrom err, break.\n");
+        return Info(ROUTINE, " [udp socket]recvfrom err, break.\n");
     }
 
     static Line WakeUpOnly()
     {
-        return L(kInfo, kRoutine, " udp socket done, continue wait.\n");
+        return Info(ROUTINE, " udp socket done, continue wait.\n");
     }
 
     static Line WaitFailed(CURLMcode code)
     {
-        return L(kError, kRoutine, "[Error] curl_multi_wait() failed, code %d.\n", static_cast<int>(code));
+        return Error(ROUTINE, "[Error] curl_multi_wait() failed, code %d.\n", static_cast<int>(code));
     }
 
     static Lines Replaced(CURLM *bad, CURLM *fresh)
     {
-        return {L(kError, kRoutine, "[Error] curl_multi_wait() return err{%d}, ptCurlMultiHandle{%p} is bad.\n",
-                  static_cast<int>(CURLM_BAD_HANDLE), P(bad)),
-                L(kInfo, kRoutine, " then curl_multi_init() again, ptCurCurlMultiHand{%p}\n", P(fresh))};
+        return {Error(ROUTINE, "[Error] curl_multi_wait() return err{%d}, ptCurlMultiHandle{%p} is bad.\n",
+                      static_cast<int>(CURLM_BAD_HANDLE), Ptr(bad)),
+                Info(ROUTINE, " then curl_multi_init() again, ptCurCurlMultiHand{%p}\n", Ptr(fresh))};
     }
 
     std::vector<Seen> seen;
     std::function<void(size_t)> onWait;
-    const std::vector<uint32_t> kOneRest = {2};
-    const std::vector<uint32_t> kNoRest = {};
+    const std::vector<uint32_t> ONE_REST = {2};
+    const std::vector<uint32_t> NO_REST = {};
 };
 
 TEST_F(WorkerLoop, NeedsATask)
 {
     const size_t names = hooks::Calls("prctl");
     _NvrHttpCurlCltWorkerRoutine(nullptr);
-    EXPECT_EQ((Lines{L(kError, kRoutine, "[Error] invalid arg, ptTask %p\n", P<void>(nullptr))}), TakeLog());
-    EXPECT_EQ(names, hooks::Calls("prctl"));
+    ExpectLines({Error(ROUTINE, "[Error] invalid arg, ptTask %p\n", Ptr(nullptr))});
+    EXPECT_EQ(hooks::Calls("prctl"), names);
 }
 
 TEST_F(WorkerLoop, NeedsAMultiHandle)
 {
     task->ptCurlMultiHandle = nullptr;
     _NvrHttpCurlCltWorkerRoutine(task);
-    EXPECT_EQ((Lines{L(kInfo, kRoutine, " thread name {%s}\n", task->szThreadName),
-                     L(kError, kRoutine, "[Error] invalid arg, ptCurlMultiHandle %p\n", P<void>(nullptr))}),
-              TakeLog());
-    EXPECT_EQ(0U, hooks::Calls("curl_multi_wait"));
-    EXPECT_EQ(nullptr, task->ptCurlMultiHandle);
+    ExpectLines({Info(ROUTINE, " thread name {%s}\n", task->szThreadName),
+                 Error(ROUTINE, "[Error] invalid arg, ptCurlMultiHandle %p\n", Ptr(nullptr))});
+    EXPECT_EQ(hooks::Calls("curl_multi_wait"), 0U);
+    EXPECT_EQ(task->ptCurlMultiHandle, nullptr);
     task->ptCurlMultiHandle = multi;
 }
 
@@ -965,8 +937,8 @@ TEST_F(WorkerLoop, NamesItsThread)
         return 0;
     };
     Run({});
-    EXPECT_EQ(std::vector<std::string>{task->szThreadName}, names);
-    EXPECT_EQ(StartLines(), TakeLog());
+    EXPECT_EQ(names, std::vector<std::string>{task->szThreadName});
+    ExpectLines(StartLines());
 }
 
 TEST_F(WorkerLoop, GoesOnWithoutAName)
@@ -975,83 +947,83 @@ TEST_F(WorkerLoop, GoesOnWithoutAName)
     Run({});
     Lines expected = StartLines();
     expected.insert(expected.begin() + 1,
-                    L(kError, kRoutine, "[Error] HCThreadSetName() failed, name{%s}\n", task->szThreadName));
-    EXPECT_EQ(expected, TakeLog());
-    EXPECT_EQ(1U, seen.size());
+                    Error(ROUTINE, "[Error] HCThreadSetName() failed, name{%s}\n", task->szThreadName));
+    ExpectLines(expected);
+    EXPECT_EQ(seen.size(), 1U);
 }
 
 TEST_F(WorkerLoop, DoesNotWaitOnceItIsToLeave)
 {
     TellToExit();
     _NvrHttpCurlCltWorkerRoutine(task);
-    EXPECT_GE(1U, hooks::Calls("curl_multi_wait"));
-    EXPECT_EQ(multi, task->ptCurlMultiHandle);
+    EXPECT_LE(hooks::Calls("curl_multi_wait"), 1U);
+    EXPECT_EQ(task->ptCurlMultiHandle, multi);
 }
 
 TEST_F(WorkerLoop, WaitsWithTheWakeUpSocketAndWithoutLocks)
 {
     Run({{CURLM_OK, 0, false}});
     for (const Seen &wait : seen) {
-        EXPECT_EQ(multi, wait.multi);
-        EXPECT_EQ(1U, wait.fds);
-        EXPECT_EQ(50, wait.timeout);
-        EXPECT_EQ(task->tUdpMonitorSock.nSock, wait.fd);
-        EXPECT_EQ(CURL_WAIT_POLLIN, wait.events);
-        EXPECT_EQ(0, wait.returned);
+        EXPECT_EQ(wait.multi, multi);
+        EXPECT_EQ(wait.fds, 1U);
+        EXPECT_EQ(wait.timeout, 50);
+        EXPECT_EQ(wait.fd, task->tUdpMonitorSock.nSock);
+        EXPECT_EQ(wait.events, CURL_WAIT_POLLIN);
+        EXPECT_EQ(wait.returned, 0);
         EXPECT_FALSE(wait.locked);
     }
-    EXPECT_EQ(0, seen[0].count);
+    EXPECT_EQ(seen[0].count, 0);
 }
 
 TEST_F(WorkerLoop, AWaitThatTimedOutDrivesNothing)
 {
     Run({{CURLM_OK, 0, false}, {CURLM_OK, -1, false}, {CURLM_OK, 0, false}});
     for (const size_t pass : {0U, 1U, 2U}) {
-        EXPECT_EQ(0U, Performs(pass));
-        EXPECT_EQ(0U, Reads(pass));
-        EXPECT_EQ(kOneRest, DelaysOf(pass));
+        EXPECT_EQ(Performs(pass), 0U);
+        EXPECT_EQ(Reads(pass), 0U);
+        EXPECT_EQ(DelaysOf(pass), ONE_REST);
     }
-    EXPECT_EQ(Lines{}, LoopLines());
+    ExpectLoopLines({});
 }
 
 TEST_F(WorkerLoop, ActivityIsPerformedThenRests)
 {
     hooks::multi_perform = [this](CURLM *of, int *running) {
-        EXPECT_EQ(multi, of);
+        EXPECT_EQ(of, multi);
         EXPECT_FALSE(AnyLockTaken());
-        EXPECT_EQ(seen.back().delays, fake::Delays().size());
+        EXPECT_EQ(fake::Delays().size(), seen.back().delays);
         *running = 1;
         return CURLM_OK;
     };
     Run({{CURLM_OK, 1, false}});
-    EXPECT_EQ(1U, Performs(0));
-    EXPECT_EQ(0U, Reads(0));
-    EXPECT_EQ(kOneRest, DelaysOf(0));
-    EXPECT_EQ((Lines{Active(1), Running(kPerform, 1)}), LoopLines());
+    EXPECT_EQ(Performs(0), 1U);
+    EXPECT_EQ(Reads(0), 0U);
+    EXPECT_EQ(DelaysOf(0), ONE_REST);
+    ExpectLoopLines({Active(1), Running(PERFORM, 1)});
 }
 
 TEST_F(WorkerLoop, AWakeUpAloneIsReadAndNothingElse)
 {
     Run({{CURLM_OK, 1, true}});
-    EXPECT_EQ(0U, Performs(0));
-    EXPECT_EQ(1U, Reads(0));
-    EXPECT_EQ(kNoRest, DelaysOf(0));
-    EXPECT_EQ((Lines{Active(1), Read(2), WakeUpOnly()}), LoopLines());
-    EXPECT_EQ(0, seen[1].count);
+    EXPECT_EQ(Performs(0), 0U);
+    EXPECT_EQ(Reads(0), 1U);
+    EXPECT_EQ(DelaysOf(0), NO_REST);
+    ExpectLoopLines({Active(1), Read(2), WakeUpOnly()});
+    EXPECT_EQ(seen[1].count, 0);
 }
 
 TEST_F(WorkerLoop, AWakeUpBesideActivityIsReadThenPerformed)
 {
     hooks::multi_perform = [](CURLM *, int *) {
-        EXPECT_EQ(1U, hooks::Calls("recvfrom"));
+        EXPECT_EQ(hooks::Calls("recvfrom"), 1U);
         return CURLM_OK;
     };
     Run({{CURLM_OK, 3, true}});
-    EXPECT_EQ(1U, Performs(0));
-    EXPECT_EQ(1U, Reads(0));
-    EXPECT_EQ(kOneRest, DelaysOf(0));
-    EXPECT_EQ((Lines{Active(3), Read(2), Running(kPerform, 0)}), LoopLines());
-    EXPECT_EQ(2, seen[1].count);
+    EXPECT_EQ(Performs(0), 1U);
+    EXPECT_EQ(Reads(0), 1U);
+    EXPECT_EQ(DelaysOf(0), ONE_REST);
+    ExpectLoopLines({Active(3), Read(2), Running(PERFORM, 0)});
+    EXPECT_EQ(seen[1].count, 2);
 }
 
 TEST_F(WorkerLoop, ReadsIntoAClearedBufferOf256Bytes)
@@ -1060,39 +1032,38 @@ TEST_F(WorkerLoop, ReadsIntoAClearedBufferOf256Bytes)
     hooks::sys_recvfrom = [&](int sock, void *into, size_t size, int flags, sockaddr *from,
                               socklen_t *length) -> ssize_t {
         ++calls;
-        EXPECT_EQ(task->tUdpMonitorSock.nSock, sock);
-        EXPECT_EQ(256U, size);
-        EXPECT_EQ(0, flags);
-        EXPECT_EQ(std::string(256, '\0'), std::string(static_cast<char *>(into), 256));
+        EXPECT_EQ(sock, task->tUdpMonitorSock.nSock);
+        EXPECT_EQ(size, 256U);
+        EXPECT_EQ(flags, 0);
+        EXPECT_EQ(std::string(static_cast<char *>(into), 256), std::string(256, '\0'));
         memset(into, 'x', 256);
         const auto *address = reinterpret_cast<const sockaddr_in *>(from);
-        EXPECT_EQ(AF_INET, address->sin_family);
-        EXPECT_EQ(0, address->sin_port);
-        EXPECT_EQ(0U, address->sin_addr.s_addr);
-        EXPECT_EQ(16U, *length);
+        EXPECT_EQ(address->sin_family, AF_INET);
+        EXPECT_EQ(address->sin_port, 0);
+        EXPECT_EQ(address->sin_addr.s_addr, 0U);
+        EXPECT_EQ(*length, 16U);
         memset(from, 0x55, sizeof(sockaddr_in));
         *length = 3;
         EXPECT_FALSE(AnyLockTaken());
         return 256;
     };
     Run({{CURLM_OK, 1, true}, {CURLM_OK, 1, true}});
-    EXPECT_EQ(2U, calls);
-    EXPECT_EQ((Lines{Active(1), Read(256), WakeUpOnly(), Active(1), Read(256), WakeUpOnly()}), LoopLines());
+    EXPECT_EQ(calls, 2U);
+    ExpectLoopLines({Active(1), Read(256), WakeUpOnly(), Active(1), Read(256), WakeUpOnly()});
 }
 
 TEST_F(WorkerLoop, AFailedReadCountsAsRead)
 {
     hooks::sys_recvfrom = [](int, void *, size_t, int, sockaddr *, socklen_t *) -> ssize_t { return -1; };
     Run({{CURLM_OK, 1, true}, {CURLM_OK, 2, true}});
-    EXPECT_EQ((Lines{Active(1), ReadFailed(), WakeUpOnly(), Active(2), ReadFailed(), Running(kPerform, 0)}),
-              LoopLines());
+    ExpectLoopLines({Active(1), ReadFailed(), WakeUpOnly(), Active(2), ReadFailed(), Running(PERFORM, 0)});
 }
 
 TEST_F(WorkerLoop, AnEmptyDatagramIsRead)
 {
     hooks::sys_recvfrom = [](int, void *, size_t, int, sockaddr *, socklen_t *) -> ssize_t { return 0; };
     Run({{CURLM_OK, 1, true}});
-    EXPECT_EQ((Lines{Active(1), Read(0), WakeUpOnly()}), LoopLines());
+    ExpectLoopLines({Active(1), Read(0), WakeUpOnly()});
 }
 
 TEST_F(WorkerLoop, OtherEventsOfTheSocketAreNoWakeUp)
@@ -1107,8 +1078,8 @@ TEST_F(WorkerLoop, OtherEventsOfTheSocketAreNoWakeUp)
         return CURLM_OK;
     };
     _NvrHttpCurlCltWorkerRoutine(task);
-    EXPECT_EQ(0U, hooks::Calls("recvfrom"));
-    EXPECT_EQ(1U, hooks::Calls("curl_multi_perform"));
+    EXPECT_EQ(hooks::Calls("recvfrom"), 0U);
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 1U);
 }
 
 TEST_F(WorkerLoop, TwoDatagramsAreReadInTwoPasses)
@@ -1126,46 +1097,45 @@ TEST_F(WorkerLoop, TwoDatagramsAreReadInTwoPasses)
         return hooks::real::multi_wait(waited, fds, number, timeout, count);
     };
     _NvrHttpCurlCltWorkerRoutine(task);
-    ASSERT_EQ(4U, seen.size());
-    EXPECT_EQ(1U, Reads(0));
-    EXPECT_EQ(1U, Reads(1));
-    EXPECT_EQ(0U, Reads(2));
-    EXPECT_EQ(kNoRest, DelaysOf(0));
-    EXPECT_EQ(kNoRest, DelaysOf(1));
-    EXPECT_EQ(kOneRest, DelaysOf(2));
-    EXPECT_EQ(0U, hooks::Calls("curl_multi_perform"));
-    EXPECT_EQ((Lines{Active(1), Read(2), WakeUpOnly(), Active(1), Read(2), WakeUpOnly()}), LoopLines());
+    ASSERT_EQ(seen.size(), 4U);
+    EXPECT_EQ(Reads(0), 1U);
+    EXPECT_EQ(Reads(1), 1U);
+    EXPECT_EQ(Reads(2), 0U);
+    EXPECT_EQ(DelaysOf(0), NO_REST);
+    EXPECT_EQ(DelaysOf(1), NO_REST);
+    EXPECT_EQ(DelaysOf(2), ONE_REST);
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
+    ExpectLoopLines({Active(1), Read(2), WakeUpOnly(), Active(1), Read(2), WakeUpOnly()});
 }
 
 TEST_F(WorkerLoop, AFailedWaitIsLoggedAndTheLoopGoesOn)
 {
-    Run({{CURLM_INTERNAL_ERROR, kKeepCount, false}, {CURLM_OK, 1, false}});
-    EXPECT_EQ(0U, Performs(0));
-    EXPECT_EQ(kOneRest, DelaysOf(0));
-    EXPECT_EQ(1U, Performs(1));
-    EXPECT_EQ((Lines{WaitFailed(CURLM_INTERNAL_ERROR), Active(1), Running(kPerform, 0)}), LoopLines());
+    Run({{CURLM_INTERNAL_ERROR, KEEP_COUNT, false}, {CURLM_OK, 1, false}});
+    EXPECT_EQ(Performs(0), 0U);
+    EXPECT_EQ(DelaysOf(0), ONE_REST);
+    EXPECT_EQ(Performs(1), 1U);
+    ExpectLoopLines({WaitFailed(CURLM_INTERNAL_ERROR), Active(1), Running(PERFORM, 0)});
 }
 
 TEST_F(WorkerLoop, AFailedWaitKeepsTheCountButNoWakeUp)
 {
     Run({{CURLM_OK, 2, true},
-         {CURLM_OUT_OF_MEMORY, kKeepCount, false},
-         {CURLM_OUT_OF_MEMORY, kKeepCount, false},
+         {CURLM_OUT_OF_MEMORY, KEEP_COUNT, false},
+         {CURLM_OUT_OF_MEMORY, KEEP_COUNT, false},
          {CURLM_OK, 0, false},
-         {CURLM_OUT_OF_MEMORY, kKeepCount, false}});
-    EXPECT_EQ(1U, Reads(0));
+         {CURLM_OUT_OF_MEMORY, KEEP_COUNT, false}});
+    EXPECT_EQ(Reads(0), 1U);
     for (const size_t pass : {1U, 2U}) {
-        EXPECT_EQ(1, seen[pass].count);
-        EXPECT_EQ(0, seen[pass].returned);
-        EXPECT_EQ(0U, Reads(pass));
-        EXPECT_EQ(1U, Performs(pass));
-        EXPECT_EQ(kOneRest, DelaysOf(pass));
+        EXPECT_EQ(seen[pass].count, 1);
+        EXPECT_EQ(seen[pass].returned, 0);
+        EXPECT_EQ(Reads(pass), 0U);
+        EXPECT_EQ(Performs(pass), 1U);
+        EXPECT_EQ(DelaysOf(pass), ONE_REST);
     }
-    EXPECT_EQ(0U, Performs(4));
-    EXPECT_EQ((Lines{Active(2), Read(2), Running(kPerform, 0), WaitFailed(CURLM_OUT_OF_MEMORY), Active(1),
-                     Running(kPerform, 0), WaitFailed(CURLM_OUT_OF_MEMORY), Active(1), Running(kPerform, 0),
-                     WaitFailed(CURLM_OUT_OF_MEMORY)}),
-              LoopLines());
+    EXPECT_EQ(Performs(4), 0U);
+    ExpectLoopLines({Active(2), Read(2), Running(PERFORM, 0), WaitFailed(CURLM_OUT_OF_MEMORY), Active(1),
+                     Running(PERFORM, 0), WaitFailed(CURLM_OUT_OF_MEMORY), Active(1), Running(PERFORM, 0),
+                     WaitFailed(CURLM_OUT_OF_MEMORY)});
 }
 
 /* --- a bad multi handle ------------------------------------------------------------------------------------------- */
@@ -1195,23 +1165,23 @@ class WorkerBadHandle : public WorkerLoop
 
 TEST_F(WorkerBadHandle, IsReplacedAndHandedBackOnLeaving)
 {
-    Run({{CURLM_BAD_HANDLE, kKeepCount, false}, {CURLM_OK, 0, false}});
-    ASSERT_EQ(1U, made.size());
+    Run({{CURLM_BAD_HANDLE, KEEP_COUNT, false}, {CURLM_OK, 0, false}});
+    ASSERT_EQ(made.size(), 1U);
     CURLM *const fresh = made[0];
-    EXPECT_EQ(std::vector<CURLM *>{multi}, cleaned);
-    EXPECT_EQ(multi, seen[0].multi);
-    EXPECT_EQ(fresh, seen[1].multi);
-    EXPECT_EQ(fresh, seen[2].multi);
-    EXPECT_EQ(multi, seen[1].multiOfTask);
-    EXPECT_EQ(multi, seen[2].multiOfTask);
-    EXPECT_EQ(0U, Performs(0));
-    EXPECT_EQ(kOneRest, DelaysOf(0));
-    EXPECT_EQ(Replaced(multi, fresh), LoopLines());
+    EXPECT_EQ(cleaned, std::vector<CURLM *>{multi});
+    EXPECT_EQ(seen[0].multi, multi);
+    EXPECT_EQ(seen[1].multi, fresh);
+    EXPECT_EQ(seen[2].multi, fresh);
+    EXPECT_EQ(seen[1].multiOfTask, multi);
+    EXPECT_EQ(seen[2].multiOfTask, multi);
+    EXPECT_EQ(Performs(0), 0U);
+    EXPECT_EQ(DelaysOf(0), ONE_REST);
+    ExpectLoopLines(Replaced(multi, fresh));
 
-    EXPECT_EQ(fresh, task->ptCurlMultiHandle);
+    EXPECT_EQ(task->ptCurlMultiHandle, fresh);
     Stop();
-    EXPECT_EQ((std::vector<CURLM *>{multi, fresh}), cleaned);
-    EXPECT_EQ(1U, made.size());
+    EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, fresh}));
+    EXPECT_EQ(made.size(), 1U);
 }
 
 TEST_F(WorkerBadHandle, ThePassGoesOnWithTheNewHandle)
@@ -1221,56 +1191,56 @@ TEST_F(WorkerBadHandle, ThePassGoesOnWithTheNewHandle)
         performed.push_back(of);
         return CURLM_OK;
     };
-    Run({{CURLM_OK, 1, false}, {CURLM_BAD_HANDLE, kKeepCount, false}});
-    ASSERT_EQ(1U, made.size());
-    EXPECT_EQ((std::vector<CURLM *>{multi, made[0]}), performed);
-    Lines expected = {Active(1), Running(kPerform, 0)};
+    Run({{CURLM_OK, 1, false}, {CURLM_BAD_HANDLE, KEEP_COUNT, false}});
+    ASSERT_EQ(made.size(), 1U);
+    EXPECT_EQ(performed, (std::vector<CURLM *>{multi, made[0]}));
+    Lines expected = {Active(1), Running(PERFORM, 0)};
     for (const Line &line : Replaced(multi, made[0])) {
         expected.push_back(line);
     }
     expected.push_back(Active(1));
-    expected.push_back(Running(kPerform, 0));
-    EXPECT_EQ(expected, LoopLines());
+    expected.push_back(Running(PERFORM, 0));
+    ExpectLoopLines(expected);
 }
 
 TEST_F(WorkerBadHandle, ANullReplacementIsReplacedAgain)
 {
     noHandles = 2;
-    Run({{CURLM_BAD_HANDLE, kKeepCount, false},
-         {CURLM_BAD_HANDLE, kKeepCount, false},
-         {CURLM_BAD_HANDLE, kKeepCount, false},
+    Run({{CURLM_BAD_HANDLE, KEEP_COUNT, false},
+         {CURLM_BAD_HANDLE, KEEP_COUNT, false},
+         {CURLM_BAD_HANDLE, KEEP_COUNT, false},
          {CURLM_OK, 0, false}});
-    ASSERT_EQ(3U, made.size());
-    EXPECT_EQ(nullptr, seen[1].multi);
-    EXPECT_EQ(nullptr, seen[2].multi);
-    ASSERT_NE(nullptr, made[2]);
-    EXPECT_EQ(made[2], seen[3].multi);
-    EXPECT_EQ((std::vector<CURLM *>{multi, nullptr, nullptr}), cleaned);
+    ASSERT_EQ(made.size(), 3U);
+    EXPECT_EQ(seen[1].multi, nullptr);
+    EXPECT_EQ(seen[2].multi, nullptr);
+    ASSERT_NE(made[2], nullptr);
+    EXPECT_EQ(seen[3].multi, made[2]);
+    EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, nullptr, nullptr}));
     Lines expected = Replaced(multi, nullptr);
     for (const Lines &lines : {Replaced(nullptr, nullptr), Replaced(nullptr, made[2])}) {
         expected.insert(expected.end(), lines.begin(), lines.end());
     }
-    EXPECT_EQ(expected, LoopLines());
+    ExpectLoopLines(expected);
     Stop();
-    EXPECT_EQ((std::vector<CURLM *>{multi, nullptr, nullptr, made[2]}), cleaned);
+    EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, nullptr, nullptr, made[2]}));
 }
 
 TEST_F(WorkerBadHandle, LeavingWithoutAnyHandleReleasesNothingTwice)
 {
     noHandles = 1;
-    Run({{CURLM_BAD_HANDLE, kKeepCount, false}});
-    EXPECT_EQ(nullptr, task->ptCurlMultiHandle);
+    Run({{CURLM_BAD_HANDLE, KEEP_COUNT, false}});
+    EXPECT_EQ(task->ptCurlMultiHandle, nullptr);
     Stop();
-    EXPECT_EQ((std::vector<CURLM *>{multi, nullptr}), cleaned);
+    EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, nullptr}));
 }
 
 TEST_F(WorkerBadHandle, EachOfTwoIsReleasedOnce)
 {
-    Run({{CURLM_BAD_HANDLE, kKeepCount, false}, {CURLM_BAD_HANDLE, kKeepCount, false}});
-    ASSERT_EQ(2U, made.size());
-    EXPECT_EQ(multi, seen[2].multiOfTask);
+    Run({{CURLM_BAD_HANDLE, KEEP_COUNT, false}, {CURLM_BAD_HANDLE, KEEP_COUNT, false}});
+    ASSERT_EQ(made.size(), 2U);
+    EXPECT_EQ(seen[2].multiOfTask, multi);
     Stop();
-    EXPECT_EQ((std::vector<CURLM *>{multi, made[0], made[1]}), cleaned);
+    EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, made[0], made[1]}));
 }
 
 TEST_F(WorkerBadHandle, WhatWasInTheOldHandleIsNotAddedAgain)
@@ -1287,11 +1257,11 @@ TEST_F(WorkerBadHandle, WhatWasInTheOldHandleIsNotAddedAgain)
             second = Queue();
         }
     };
-    Run({{CURLM_BAD_HANDLE, kKeepCount, false}, {CURLM_OK, 0, false}});
-    ASSERT_EQ(1U, made.size());
-    ASSERT_NE(nullptr, second);
-    EXPECT_EQ((std::vector<std::pair<CURLM *, CURL *>>{{multi, first->ptReq}, {made[0], second->ptReq}}), added);
-    EXPECT_TRUE(g_completions.empty());
+    Run({{CURLM_BAD_HANDLE, KEEP_COUNT, false}, {CURLM_OK, 0, false}});
+    ASSERT_EQ(made.size(), 1U);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(added, (std::vector<std::pair<CURLM *, CURL *>>{{multi, first->ptReq}, {made[0], second->ptReq}}));
+    EXPECT_TRUE(completions.empty());
 }
 
 /* --- passes that add requests ------------------------------------------------------------------------------------- */
@@ -1301,17 +1271,17 @@ TEST_F(WorkerLoop, EachPassAddsWhatWasQueuedEvenWithoutAWakeUp)
     PlayLibcurl();
     Queue();
     onWait = [this](size_t index) {
-        EXPECT_EQ(index + 1, hooks::Calls("curl_multi_add_handle"));
+        EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), index + 1);
         if (index < 2) {
             Queue();
         }
     };
     Run({{CURLM_OK, 0, false}, {CURLM_OK, 1, true}});
-    EXPECT_EQ(3U, hooks::Calls("curl_multi_add_handle"));
-    EXPECT_EQ(1U, Performs(0));
-    EXPECT_EQ(1U, Performs(1));
-    EXPECT_EQ(kOneRest, DelaysOf(0));
-    EXPECT_EQ(kNoRest, DelaysOf(1));
+    EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 3U);
+    EXPECT_EQ(Performs(0), 1U);
+    EXPECT_EQ(Performs(1), 1U);
+    EXPECT_EQ(DelaysOf(0), ONE_REST);
+    EXPECT_EQ(DelaysOf(1), NO_REST);
 }
 
 TEST_F(WorkerLoop, ARefusedHandleIsTriedAgainInTheNextPass)
@@ -1321,28 +1291,27 @@ TEST_F(WorkerLoop, ARefusedHandleIsTriedAgainInTheNextPass)
     size_t tries = 0;
     hooks::multi_add_handle = [&](CURLM *, CURL *) { return ++tries == 1 ? CURLM_OUT_OF_MEMORY : CURLM_OK; };
     Run({{CURLM_OK, 0, false}, {CURLM_OK, 0, false}});
-    EXPECT_EQ(2U, tries);
-    EXPECT_EQ((Lines{AddBegins(req), AddFailed(req, CURLM_OUT_OF_MEMORY), AddBegins(req), AddDone(req),
-                     Running(kPerformEx, 0)}),
-              LoopLines());
+    EXPECT_EQ(tries, 2U);
+    ExpectLoopLines(
+        {AddBegins(req), AddFailed(req, CURLM_OUT_OF_MEMORY), AddBegins(req), AddDone(req), Running(PERFORM_EX, 0)});
 }
 
 TEST_F(WorkerLoop, ASecondSubmissionFromTheCallbackRunsInTheNextPass)
 {
     PlayLibcurl();
     HNvrHttpCurlCltReq req = Queue();
-    g_onCompletion = [&](const Completion &) {
-        if (g_completions.size() == 1) {
-            EXPECT_EQ(0U, Submit(req));
+    onCompletion = [&](const Completion &) {
+        if (completions.size() == 1) {
+            EXPECT_EQ(Submit(req), 0U);
         }
     };
-    onWait = [&](size_t) { g_messages.push_back(Done(req->ptReq)); };
+    onWait = [&](size_t) { messages.push_back(Done(req->ptReq)); };
     Run({{CURLM_OK, 1, false}, {CURLM_OK, 1, false}});
-    EXPECT_EQ(2U, hooks::Calls("curl_multi_add_handle"));
-    EXPECT_EQ(2U, g_completions.size());
-    EXPECT_EQ(1U, task->tFinList.dwNumOfElem);
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
-    g_messages.clear();
+    EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 2U);
+    EXPECT_EQ(completions.size(), 2U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 1U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
+    messages.clear();
 }
 
 /* --- real transfers --------------------------------------------------------------------------------------------------
@@ -1354,12 +1323,11 @@ class WorkerTransfer : public Worker
     /* Runs the worker over the real libcurl until the condition holds when a wait begins. */
     void RunUntil(const std::function<bool()> &condition)
     {
-        using Clock = std::chrono::steady_clock;
-        const Clock::time_point limit = Clock::now() + std::chrono::seconds(60);
         __atomic_store_n(&task->bExit, 0U, __ATOMIC_RELAXED);
+        const auto limit = std::chrono::steady_clock::now() + PATIENCE;
         hooks::multi_wait = [&](CURLM *waited, curl_waitfd *fds, unsigned number, int timeout, int *count) {
             ++waits;
-            const bool late = Clock::now() > limit;
+            const bool late = std::chrono::steady_clock::now() > limit;
             EXPECT_FALSE(late) << fake::Transcript();
             if (late || condition()) {
                 __atomic_store_n(&task->bExit, 1U, __ATOMIC_RELAXED);
@@ -1373,7 +1341,7 @@ class WorkerTransfer : public Worker
     HNvrHttpCurlCltReq QueueTo(const std::string &url, void *buf, uint32_t timeoutMS)
     {
         HNvrHttpCurlCltReq req = CreatePrepared(url, "question");
-        EXPECT_EQ(0U, NvrHttpCurlCltProcessReq(req, timeoutMS, 20000, NVRHTTPCURLCLT_MODE_ASYNC, Ntf, buf));
+        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, timeoutMS, 20000, NVRHTTPCURLCLT_MODE_ASYNC, Notify, buf), 0U);
         requests.push_back(req);
         return req;
     }
@@ -1383,40 +1351,40 @@ class WorkerTransfer : public Worker
 
 TEST_F(WorkerTransfer, ReportsSuccessWithTheBody)
 {
-    fixture::LoopbackServer server(fixture::Reply("the answer"));
+    LoopbackServer server(Reply("the answer"));
     char buffer[32] = "##############";
     HNvrHttpCurlCltReq req = QueueTo(server.Url(), buffer, 20000);
-    RunUntil([] { return !g_completions.empty(); });
-    ASSERT_EQ(1U, g_completions.size());
-    EXPECT_EQ(req, g_completions[0].req);
-    EXPECT_EQ(1U, g_completions[0].prog);
-    EXPECT_EQ(0U, g_completions[0].result);
-    EXPECT_STREQ("the answer####", buffer);
-    EXPECT_NE(nullptr, FindListNode(task->tFinList, req));
+    RunUntil([] { return !completions.empty(); });
+    ASSERT_EQ(completions.size(), 1U);
+    EXPECT_EQ(completions[0].req, req);
+    EXPECT_EQ(completions[0].progress, 1U);
+    EXPECT_EQ(completions[0].result, 0U);
+    EXPECT_STREQ(buffer, "the answer####");
+    EXPECT_NE(FindListNode(task->tFinList, req), nullptr);
 
     /* The same request again, over the same node. */
-    EXPECT_EQ(0U, Submit(req, nullptr));
-    RunUntil([] { return g_completions.size() == 2; });
-    EXPECT_EQ(1U, g_completions[1].prog);
-    EXPECT_EQ(2U, server.Requests().size());
-    EXPECT_EQ(1U, inst->dwAsyncReqNum);
+    EXPECT_EQ(Submit(req, nullptr), 0U);
+    RunUntil([] { return completions.size() == 2; });
+    EXPECT_EQ(completions[1].progress, 1U);
+    EXPECT_EQ(server.Requests().size(), 2U);
+    EXPECT_EQ(inst->dwAsyncReqNum, 1U);
 }
 
 TEST_F(WorkerTransfer, ReportsARefusedConnection)
 {
-    const fixture::ClosedPort closed;
+    const ClosedPort closed;
     HNvrHttpCurlCltReq req = QueueTo(closed.Url(), nullptr, 20000);
-    RunUntil([] { return !g_completions.empty(); });
-    ASSERT_EQ(1U, g_completions.size());
-    EXPECT_EQ(req, g_completions[0].req);
-    EXPECT_EQ(0U, g_completions[0].prog);
-    EXPECT_EQ(11U, g_completions[0].result);
+    RunUntil([] { return !completions.empty(); });
+    ASSERT_EQ(completions.size(), 1U);
+    EXPECT_EQ(completions[0].req, req);
+    EXPECT_EQ(completions[0].progress, 0U);
+    EXPECT_EQ(completions[0].result, 11U);
 }
 
 TEST_F(WorkerTransfer, ATimeoutIsNoticedWithTheNextSubmissionOnly)
 {
     using Clock = std::chrono::steady_clock;
-    fixture::LoopbackServer silent("");
+    LoopbackServer silent("");
     const uint32_t timeoutMS = 300;
     const Clock::time_point start = Clock::now();
     HNvrHttpCurlCltReq req = QueueTo(silent.Url(), nullptr, timeoutMS);
@@ -1430,20 +1398,20 @@ TEST_F(WorkerTransfer, ATimeoutIsNoticedWithTheNextSubmissionOnly)
         waitsAtExpiry = waitsAtExpiry == 0 ? waits : waitsAtExpiry;
         return waits >= waitsAtExpiry + 5;
     });
-    EXPECT_TRUE(g_completions.empty());
+    EXPECT_TRUE(completions.empty());
 
     /* A datagram alone changes nothing either. */
     _NvrHttpCurlClt_SocketNotify(task->tUdpMonitorSock.nSock, task->tUdpMonitorSock.wPort);
     const size_t before = waits;
     RunUntil([&] { return waits >= before + 5; });
-    EXPECT_TRUE(g_completions.empty());
+    EXPECT_TRUE(completions.empty());
 
     QueueTo(silent.Url(), nullptr, 60000);
-    RunUntil([] { return !g_completions.empty(); });
-    ASSERT_EQ(1U, g_completions.size());
-    EXPECT_EQ(req, g_completions[0].req);
-    EXPECT_EQ(0U, g_completions[0].prog);
-    EXPECT_EQ(10U, g_completions[0].result);
+    RunUntil([] { return !completions.empty(); });
+    ASSERT_EQ(completions.size(), 1U);
+    EXPECT_EQ(completions[0].req, req);
+    EXPECT_EQ(completions[0].progress, 0U);
+    EXPECT_EQ(completions[0].result, 10U);
 
     /* The second one is still in flight: the instance's end releases it. */
     Disown(requests.back());
