@@ -16,7 +16,9 @@
 #include "tests/support/fake_platform.h"
 #include "tests/support/hooks.h"
 #include "tests/support/log_lines.h"
-#include "tests/support/request_fixture.h"
+#include "tests/support/loopback.h"
+#include "tests/support/process_state.h"
+#include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
 namespace test
@@ -57,6 +59,13 @@ inline testing::AssertionResult IsFree(const TNvrHttpCurlCltInst *slot)
                                        << ", dwAsyncReqNum " << slot->dwAsyncReqNum << ", dwAsyncReqMaxNum "
                                        << slot->dwAsyncReqMaxNum << ", callbacks " << Ptr(slot->tMemCB.pfMalloc)
                                        << Ptr(slot->tMemCB.pfRealloc) << Ptr(slot->tMemCB.pfFree);
+}
+
+/* --- descriptors ------------------------------------------------------------------------------- */
+
+inline bool IsOpen(int fd)
+{
+    return OpenDescriptors().count(fd) != 0;
 }
 
 /* --- requests and their completion ----------------------------------------------------------- */

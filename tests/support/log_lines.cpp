@@ -188,12 +188,4 @@ void ExpectConventions()
     }
 }
 
-std::string Printed(const std::function<void()> &run)
-{
-    testing::internal::CaptureStdout();
-    run();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
-
 } // namespace test

@@ -11,7 +11,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -78,9 +77,6 @@ void ExpectInOrder(const Lines &expected, FROM_TEST);
 
 /* What holds for every line: module, opening, newline, and the error tag on errors alone. */
 void ExpectConventions();
-
-/* What was printed to standard output meanwhile. */
-std::string Printed(const std::function<void()> &run);
 
 } // namespace test
 

@@ -180,6 +180,11 @@ std::string Reply(int status, const std::string &body, const std::string &header
            headers + "\r\n" + body;
 }
 
+Script Answering(const std::string &body, int status)
+{
+    return {When::REQUEST, {Send(Reply(status, body))}};
+}
+
 Script Echoing()
 {
     return {When::REQUEST, {Echo()}};

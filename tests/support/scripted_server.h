@@ -69,6 +69,8 @@ struct Script {
     std::vector<Step> steps;
 };
 
+/* Answers each request with this. */
+Script Answering(const std::string &body, int status = 200);
 /* Answers each request with its own body. */
 Script Echoing();
 /* Reads everything and says nothing. */

@@ -24,7 +24,9 @@
 #include "tests/support/fake_platform.h"
 #include "tests/support/hooks.h"
 #include "tests/support/log_lines.h"
-#include "tests/support/request_fixture.h"
+#include "tests/support/loopback.h"
+#include "tests/support/process_state.h"
+#include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
 namespace test
@@ -101,14 +103,15 @@ inline Texts HeaderLines()
 
 /* --- answers without a network -------------------------------------------------------------- */
 
-struct Answer {
+/* How a transfer goes. */
+struct Outcome {
     long status;   /* as libcurl reports it afterwards; 0 for none */
     Texts pieces;  /* what the write function is given, piece by piece */
     CURLcode code; /* what curl_easy_perform returns if all pieces were taken */
 };
 
 /* Gives the pieces to the write function that was last set on the handle. */
-inline CURLcode Deliver(CURL *easy, const Answer &answer)
+inline CURLcode Deliver(CURL *easy, const Outcome &outcome)
 {
     uintptr_t function = 0;
     uintptr_t data = 0;
@@ -120,7 +123,7 @@ inline CURLcode Deliver(CURL *easy, const Answer &answer)
             data = each.value;
         }
     }
-    for (const std::string &piece : answer.pieces) {
+    for (const std::string &piece : outcome.pieces) {
         if (function == 0) {
             break;
         }
@@ -130,18 +133,18 @@ inline CURLcode Deliver(CURL *easy, const Answer &answer)
             return CURLE_WRITE_ERROR;
         }
     }
-    return answer.code;
+    return outcome.code;
 }
 
 /* From now on every transfer ends so, and nothing is sent. */
-inline void AnswerWith(const Answer &answer)
+inline void AnswerWith(const Outcome &outcome)
 {
-    hooks::easy_perform = [answer](CURL *easy) { return Deliver(easy, answer); };
-    hooks::easy_getinfo = [answer](CURL *easy, CURLINFO info, void *value) {
+    hooks::easy_perform = [outcome](CURL *easy) { return Deliver(easy, outcome); };
+    hooks::easy_getinfo = [outcome](CURL *easy, CURLINFO info, void *value) {
         if (info != CURLINFO_RESPONSE_CODE) {
             return hooks::real::easy_getinfo(easy, info, value);
         }
-        *static_cast<long *>(value) = answer.status;
+        *static_cast<long *>(value) = outcome.status;
         return CURLE_OK;
     };
 }

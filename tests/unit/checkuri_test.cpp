@@ -185,7 +185,7 @@ TEST_F(CheckUriTest, AnswerIsDiscarded)
     };
 
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = NvrHttpCurlCltCheckUri(URL, 3); });
+    const std::string printed = StandardOutputOf([&] { result = NvrHttpCurlCltCheckUri(URL, 3); });
 
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(taken, 12U);
@@ -320,18 +320,18 @@ TEST_F(CheckUriTest, RacingFirstChecksShareOneLock)
 
 TEST_F(CheckUriTest, RealServerThatAnswersWithAnErrorIsReachable)
 {
-    for (const char *status : {"404 Not Found", "500 Internal Server Error", "200 OK"}) {
+    for (const int status : {404, 500, 200}) {
         SCOPED_TRACE(status);
-        LoopbackServer server("HTTP/1.1 " + std::string(status) +
-                              "\r\nContent-Length: 4\r\nConnection: close\r\n\r\nbody");
+        ScriptedServer server(Answering("body", status));
 
         uint32_t result = 99;
-        const std::string printed = Printed([&] { result = NvrHttpCurlCltCheckUri(server.Url().c_str(), 20); });
+        const std::string printed =
+            StandardOutputOf([&] { result = NvrHttpCurlCltCheckUri(server.Url().c_str(), 20); });
 
         EXPECT_EQ(result, 0U);
         EXPECT_EQ(printed, "");
-        ASSERT_EQ(server.Requests().size(), 1U);
-        EXPECT_EQ(server.Requests()[0].compare(0, 5, "POST "), 0) << server.Requests()[0];
+        ASSERT_EQ(server.RequestCount(), 1U);
+        EXPECT_EQ(server.Requests()[0].Line(), "POST / HTTP/1.1");
     }
 }
 

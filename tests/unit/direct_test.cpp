@@ -95,7 +95,7 @@ TEST_F(DirectTest, GoesOnWhereTheModuleCannotStart)
     fake::FailDebugLogRegist(true);
     int ok = 0;
 
-    const std::string printed = Printed([&] { ok += Qelvo_SyncSendStrByHttp_Ext(&param) == 0 ? 1 : 0; });
+    const std::string printed = StandardOutputOf([&] { ok += Qelvo_SyncSendStrByHttp_Ext(&param) == 0 ? 1 : 0; });
 
     EXPECT_EQ(ok, 1);
     ExpectLine(InitFailed(EXT, 1));
@@ -454,7 +454,7 @@ TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsNotReadForALineThatNobodyWants)
     param.pchRecvBuf = exact.get();
     g_bySendCurlLogType = 0;
 
-    const std::string printed = Printed([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
+    const std::string printed = StandardOutputOf([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
 
     EXPECT_EQ(printed, "");
     EXPECT_EQ(fake::Transcript(), "");
@@ -469,7 +469,7 @@ TEST_F(DirectTest, AnswerOfExactlyTheCapacityIsPrintedTerminatedToo)
     param.pchRecvBuf = exact.get();
     g_bySendCurlLogType = 2;
 
-    const std::string printed = Printed([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
+    const std::string printed = StandardOutputOf([&] { EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U); });
 
     EXPECT_NE(printed.find("] RecvLen:16, pchRecvBuf:0123456789abcdef\n"), std::string::npos) << printed;
     EXPECT_EQ(fake::Transcript(), "");
@@ -527,7 +527,7 @@ TEST_F(DirectTest, ReceiveWithoutDataRecordOrLengthSaysSoOnStandardOutput)
     char data[] = "data";
     size_t taken[4] = {9, 9, 9, 9};
 
-    const std::string printed = Printed([&] {
+    const std::string printed = StandardOutputOf([&] {
         taken[0] = Qelvo_Receive_Data(nullptr, 1, 4, &param);
         taken[1] = Qelvo_Receive_Data(data, 1, 4, nullptr);
         taken[2] = Qelvo_Receive_Data(data, 0, 4, &param);
@@ -885,7 +885,7 @@ TEST_F(ShareTest, RacingFirstUsesShareOneHandle)
 
 TEST_F(DirectTest, RealPostEndsAtTheFirstZeroByte)
 {
-    LoopbackServer server(Reply("pong"));
+    ScriptedServer server(Answering("pong"));
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.pchSendBuf = "ab\0cd";
@@ -895,17 +895,17 @@ TEST_F(DirectTest, RealPostEndsAtTheFirstZeroByte)
     EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U) << fake::Transcript();
 
     EXPECT_STREQ(received, "pong");
-    ASSERT_EQ(server.Requests().size(), 1U);
-    const std::string request = server.Requests()[0];
-    EXPECT_EQ(request.compare(0, 5, "POST "), 0) << request;
-    EXPECT_NE(request.find("\r\nContent-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << request;
-    EXPECT_NE(request.find("\r\nContent-Length: 2\r\n"), std::string::npos) << request;
-    EXPECT_EQ(request.substr(request.size() - 6), "\r\n\r\nab");
+    ASSERT_EQ(server.RequestCount(), 1U);
+    const Request sent = server.Requests()[0];
+    EXPECT_EQ(sent.Line(), "POST / HTTP/1.1");
+    EXPECT_TRUE(sent.HasLine("Content-Type:application/json;charset=UTF-8")) << sent.head;
+    EXPECT_TRUE(sent.HasLine("Content-Length: 2")) << sent.head;
+    EXPECT_EQ(sent.body, "ab");
 }
 
 TEST_F(DirectTest, RealSendOfAnotherHeadTypeIsAGetWithoutBody)
 {
-    LoopbackServer server(Reply("pong"));
+    ScriptedServer server(Answering("pong"));
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
@@ -915,17 +915,18 @@ TEST_F(DirectTest, RealSendOfAnotherHeadTypeIsAGetWithoutBody)
         EXPECT_EQ(Qelvo_SyncSendStrByHttp_Ext(&param), 0U);
     }
 
-    ASSERT_EQ(server.Requests().size(), 2U);
-    for (const std::string &request : server.Requests()) {
-        EXPECT_EQ(request.compare(0, 4, "GET "), 0) << request;
-        EXPECT_EQ(request.substr(request.size() - 4), "\r\n\r\n");
-        EXPECT_EQ(request.find("Content-Length"), std::string::npos);
+    ASSERT_EQ(server.RequestCount(), 2U);
+    for (size_t i = 0; i < 2; ++i) {
+        const Request sent = server.Requests()[i];
+        EXPECT_EQ(sent.Line(), "GET / HTTP/1.1");
+        EXPECT_FALSE(sent.HasHeader("Content-Length")) << sent.head;
+        EXPECT_EQ(server.Received(i), sent.head + "\r\n\r\n");
     }
 }
 
 TEST_F(DirectTest, RealAnswerOfExactlyTheCapacity)
 {
-    const LoopbackServer server(Reply("0123456789abcdef"));
+    const ScriptedServer server(Answering("0123456789abcdef"));
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
@@ -937,7 +938,7 @@ TEST_F(DirectTest, RealAnswerOfExactlyTheCapacity)
 
 TEST_F(DirectTest, RealAnswerOneByteLonger)
 {
-    const LoopbackServer server(Reply("0123456789abcdefg"));
+    const ScriptedServer server(Answering("0123456789abcdefg"));
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.dwConnTimeOutMS = param.dwTimeoutMS = 20000;
@@ -950,12 +951,12 @@ TEST_F(DirectTest, RealAnswerOneByteLonger)
 
 TEST_F(DirectTest, RealAnswerWithoutBufferGoesToStandardOutput)
 {
-    const LoopbackServer server(Reply("pong"));
+    const ScriptedServer server(Answering("pong"));
     const std::string url = server.Url();
     uint32_t result = 99;
 
     const std::string printed =
-        Printed([&] { result = Qelvo_SyncSendStrByHttp(url.c_str(), "{}", 2, 20000, received, nullptr); });
+        StandardOutputOf([&] { result = Qelvo_SyncSendStrByHttp(url.c_str(), "{}", 2, 20000, received, nullptr); });
 
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(printed, "pong");
@@ -976,7 +977,7 @@ TEST_F(DirectTest, RealSendToARefusingPort)
 
 TEST_F(DirectTest, RealSendToASilentServerTimesOut)
 {
-    const LoopbackServer server("");
+    const ScriptedServer server(Silent());
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.dwConnTimeOutMS = 20000;

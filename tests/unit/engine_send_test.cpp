@@ -1343,7 +1343,7 @@ TEST_F(EngineSendTest, MethodNameWithoutBuffer)
 
 TEST_F(EngineSendTest, RealSyncSend)
 {
-    const LoopbackServer server(Reply("pong"));
+    const ScriptedServer server(Answering("pong"));
     const std::string url = server.Url();
     Start(true);
     param.pchURL = url.c_str();
@@ -1358,7 +1358,7 @@ TEST_F(EngineSendTest, RealSyncSend)
 TEST_F(EngineSendTest, RealAsyncSendsAreNotifiedOnceEachWithTheirAnswers)
 {
     enum { SENDS = 12 };
-    LoopbackServer server(Reply("pong"));
+    ScriptedServer server(Answering("pong"));
     const std::string url = server.Url();
     Start(true);
     static char answers[SENDS][16];
@@ -1389,16 +1389,16 @@ TEST_F(EngineSendTest, RealAsyncSendsAreNotifiedOnceEachWithTheirAnswers)
         EXPECT_STREQ(answer, "pong");
     }
     ExpectNoHandleLeft();
-    ASSERT_EQ(server.Requests().size(), static_cast<size_t>(SENDS));
-    const std::string request = server.Requests()[0];
-    EXPECT_NE(request.find("Content-Type:application/json;charset=UTF-8\r\n"), std::string::npos) << request;
-    EXPECT_EQ(request.find("Expect"), std::string::npos) << request;
-    EXPECT_EQ(request.substr(request.size() - 7), "{\"a\":1}");
+    ASSERT_EQ(server.RequestCount(), static_cast<size_t>(SENDS));
+    const Request sent = server.Requests()[0];
+    EXPECT_TRUE(sent.HasLine("Content-Type:application/json;charset=UTF-8")) << sent.head;
+    EXPECT_FALSE(sent.HasHeader("Expect")) << sent.head;
+    EXPECT_EQ(sent.body, "{\"a\":1}");
 }
 
 TEST_F(EngineSendTest, RealAsyncSendReportsAnyStatusAsSuccess)
 {
-    const LoopbackServer server("HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\nConnection: close\r\n\r\nnone");
+    const ScriptedServer server(Answering("none", 404));
     const std::string url = server.Url();
     Start(true);
     memset(received, 0, sizeof received);

@@ -1,5 +1,6 @@
 /* Execution of requests on the caller's thread, their submission to a task, their destruction. */
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 #include <cstring>
 #include <string>

@@ -1,4 +1,5 @@
-/* The fake platform and the substituted calls themselves: every other case rests on them. */
+/* The fakes, the hooks and the look at log lines themselves: every other case rests on them. */
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include "support/hcc_sem.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/hooks.h"
+#include "tests/support/log_lines.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -72,6 +74,82 @@ TEST(FakeLog, NamesTheSettingCallsInOrder)
                                             "DebugLogSetToFileLevel(123,2)",   "DebugLogRegist(5,,M)"};
     EXPECT_EQ(fake::DebugLogCalls(), expected);
 }
+
+/* --- log lines ----------------------------------------------------------------------------- */
+
+class LogLines : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        DebugLogPrint(123, 2, "%s[L:%d][Error] %s[%d] code %u\n", "First", 7, "First", 7, 9U);
+        DebugLogPrint(123, 4, "%s[L:%d] done\n", "Second", 8);
+    }
+
+    static Line First(unsigned code = 9)
+    {
+        return Error("First", "[Error] %s[%d] code %u\n", "First", OWN_NUMBER, code);
+    }
+
+    static Line Second()
+    {
+        return Info("Second", " done\n");
+    }
+};
+
+TEST_F(LogLines, AreFound)
+{
+    ExpectLine(First());
+    ExpectLinesOf("Second", {Second()});
+    ExpectLinesOf("Third", {});
+    ExpectInOrder({First(), Second()});
+    EXPECT_EQ(CountOf(" done\n"), 1U);
+    ExpectConventions();
+    ExpectLines({First(), Second()});
+    ExpectLines({});
+}
+
+TEST_F(LogLines, AreMissed)
+{
+    EXPECT_NONFATAL_FAILURE(ExpectLine(First(8)), "code 8");
+    EXPECT_NONFATAL_FAILURE(ExpectLine(Trace("Second", " done\n")), "not once");
+    EXPECT_NONFATAL_FAILURE(ExpectLine(Info("First", " done\n")), "not once");
+    EXPECT_NONFATAL_FAILURE(ExpectLine(Info("Second", " gone\n")), "not once");
+    EXPECT_NONFATAL_FAILURE(ExpectInOrder({Second(), First()}), "not in order");
+    EXPECT_NONFATAL_FAILURE(ExpectLinesOf("Second", {}), "expected {}");
+    EXPECT_NONFATAL_FAILURE(ExpectLines({Second(), First()}), "expected");
+    DebugLogPrint(123, 4, "%s[L:%d] done\n", "Second", 8);
+    DebugLogPrint(123, 4, "%s[L:%d] done\n", "Second", 9);
+    EXPECT_NONFATAL_FAILURE(ExpectLine(Second()), "not once");
+}
+
+TEST_F(LogLines, OfAnotherModuleNumberOrFormatAreOthers)
+{
+    fake::ClearLines();
+    DebugLogPrint(1, 4, "%s[L:%d] done\n", "Second", 8);
+    EXPECT_NONFATAL_FAILURE(ExpectLines({Second()}), "module 1 Second");
+    DebugLogPrint(123, 4, "%s[L:%d] done\n", "Second", 0);
+    EXPECT_NONFATAL_FAILURE(ExpectLines({Second()}), "without opening");
+    DebugLogPrint(123, 4, "Second[L:8] done\n");
+    EXPECT_NONFATAL_FAILURE(ExpectLines({Second()}), "without opening");
+    DebugLogPrint(123, 2, "%s[L:%d][Error] %s[%d] code %u\n", "First", 7, "First", 8, 9U);
+    EXPECT_NONFATAL_FAILURE(ExpectLines({First()}), "First[8] code 9");
+}
+
+TEST_F(LogLines, AgainstTheConventionsAreNoticed)
+{
+    fake::ClearLines();
+    DebugLogPrint(123, 4, "%s[L:%d][Error] tagged\n", "First", 7);
+    EXPECT_NONFATAL_FAILURE(ExpectConventions(), "tagged");
+    fake::ClearLines();
+    DebugLogPrint(123, 2, "%s[L:%d] untagged\n", "First", 7);
+    EXPECT_NONFATAL_FAILURE(ExpectConventions(), "untagged");
+    fake::ClearLines();
+    DebugLogPrint(123, 4, "%s[L:%d] endless", "First", 7);
+    EXPECT_NONFATAL_FAILURE(ExpectConventions(), "endless");
+}
+
+/* --- semaphores ------------------------------------------------------------------------------ */
 
 TEST(FakeSem, IsBinaryAndMakesASecondTakeWait)
 {

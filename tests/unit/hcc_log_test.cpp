@@ -35,7 +35,7 @@ TEST(HccLog, WritesToTheDebugLogUnlessToldOtherwise)
 {
     EXPECT_EQ(g_bySendCurlLogType, 1);
     EXPECT_EQ(sizeof(g_bySendCurlLogType), 1U);
-    EXPECT_EQ(Printed([] { SayError(7); }), "");
+    EXPECT_EQ(StandardOutputOf([] { SayError(7); }), "");
     EXPECT_EQ(fake::Lines().size(), 1U);
 }
 
@@ -86,14 +86,14 @@ TEST(HccLog, ALineMayCarryAnotherOperationsName)
 TEST(HccLog, TypeOneIsForTheDebugLogOnly)
 {
     g_bySendCurlLogType = 1;
-    EXPECT_EQ(Printed([] { SayError(1); }), "");
+    EXPECT_EQ(StandardOutputOf([] { SayError(1); }), "");
     EXPECT_EQ(fake::CountTexts("number 1, text {t}"), 1U);
 }
 
 TEST(HccLog, TypeTwoIsForTheConsoleOnly)
 {
     g_bySendCurlLogType = 2;
-    const std::string printed = Printed([] { SayError(2); });
+    const std::string printed = StandardOutputOf([] { SayError(2); });
     EXPECT_TRUE(fake::Lines().empty());
     EXPECT_EQ(printed.rfind("SayError[L:", 0), 0U) << printed;
     EXPECT_NE(printed.find("][Error] number 2, text {t}\n"), std::string::npos) << printed;
@@ -102,7 +102,7 @@ TEST(HccLog, TypeTwoIsForTheConsoleOnly)
 TEST(HccLog, TypeThreeIsForBothWithTheSameText)
 {
     g_bySendCurlLogType = 3;
-    const std::string printed = Printed([] { SayError(3); });
+    const std::string printed = StandardOutputOf([] { SayError(3); });
     ASSERT_EQ(fake::Lines().size(), 1U);
     EXPECT_EQ(printed, fake::Lines()[0].text);
 }
@@ -110,7 +110,7 @@ TEST(HccLog, TypeThreeIsForBothWithTheSameText)
 TEST(HccLog, TheConsoleTakesEveryLevel)
 {
     g_bySendCurlLogType = 2;
-    const std::string printed = Printed([] {
+    const std::string printed = StandardOutputOf([] {
         HCC_LOG_AT(HCC_LEVEL_TRACE, "F", 1, " trace\n");
         HCC_LOG_AT(HCC_LEVEL_ERROR, "F", 2, "[Error] error\n");
         HCC_LOG_AT(HCC_LEVEL_SHOW, "F", 3, " show\n");
@@ -122,7 +122,7 @@ TEST(HccLog, TheConsoleTakesEveryLevel)
 TEST(HccLog, ArgumentsAreNotEvaluatedWhenNobodyWantsTheLine)
 {
     g_bySendCurlLogType = 0;
-    const std::string printed = Printed([] { HCC_LOG(HCC_LEVEL_INFO, " %d\n", Count()); });
+    const std::string printed = StandardOutputOf([] { HCC_LOG(HCC_LEVEL_INFO, " %d\n", Count()); });
     EXPECT_EQ(counted, 0);
     EXPECT_EQ(printed, "");
     EXPECT_TRUE(fake::Lines().empty());
@@ -134,7 +134,7 @@ TEST(HccLog, ArgumentsAreEvaluatedOnceForOneSide)
     HCC_LOG(HCC_LEVEL_INFO, " %d\n", Count());
     EXPECT_EQ(counted, 1);
     g_bySendCurlLogType = 2;
-    EXPECT_NE(Printed([] { HCC_LOG(HCC_LEVEL_INFO, " %d\n", Count()); }).find("] 2\n"), std::string::npos);
+    EXPECT_NE(StandardOutputOf([] { HCC_LOG(HCC_LEVEL_INFO, " %d\n", Count()); }).find("] 2\n"), std::string::npos);
     EXPECT_EQ(counted, 2);
 }
 
@@ -190,7 +190,7 @@ TEST(HccLog, TheSwitchMayBeTurnedWhileOthersLog)
 TEST(HccLogOfTheEngine, GoesToTheDebugLogAlone)
 {
     fake::RunTasks(false);
-    EXPECT_EQ(Printed([] { NvrHttpCurlCltUninit(MustStart(1)); }), "");
+    EXPECT_EQ(StandardOutputOf([] { NvrHttpCurlCltUninit(MustStart(1)); }), "");
     EXPECT_GT(fake::Lines().size(), 0U);
 }
 
@@ -198,7 +198,7 @@ TEST(HccLogOfTheEngine, GoesToTheConsoleAlone)
 {
     fake::RunTasks(false);
     g_bySendCurlLogType = 2;
-    const std::string printed = Printed([] { NvrHttpCurlCltUninit(MustStart(1)); });
+    const std::string printed = StandardOutputOf([] { NvrHttpCurlCltUninit(MustStart(1)); });
     EXPECT_TRUE(fake::Lines().empty()) << fake::Transcript();
     EXPECT_EQ(printed.rfind("NvrHttpCurlCltInit[L:", 0), 0U) << printed;
     EXPECT_NE(printed.find("szThreadName {NvrHttpCurlClt0000}\n"), std::string::npos) << printed;
@@ -208,7 +208,7 @@ TEST(HccLogOfTheEngine, GoesToBothAlike)
 {
     fake::RunTasks(false);
     g_bySendCurlLogType = 3;
-    const std::string printed = Printed([] { NvrHttpCurlCltUninit(MustStart(2)); });
+    const std::string printed = StandardOutputOf([] { NvrHttpCurlCltUninit(MustStart(2)); });
     std::string logged;
     for (const fake::LogLine &line : fake::Lines()) {
         logged += line.text;

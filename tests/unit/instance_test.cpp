@@ -125,7 +125,7 @@ class InitArguments : public InstanceTest
     {
         const std::vector<unsigned char> before = TableBytes();
         uint32_t got = 0;
-        const std::string printed = Printed([&] { got = NvrHttpCurlCltInit(param, memoryCB, result); });
+        const std::string printed = StandardOutputOf([&] { got = NvrHttpCurlCltInit(param, memoryCB, result); });
         EXPECT_EQ(got, 4U);
         EXPECT_EQ(printed,
                   Text("invalid arg, ptInitParam %p, dwThreadNum %u, dwMaxAsycReqNum %u, ptMemCB %p, pfMalloc %p, "

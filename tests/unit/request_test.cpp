@@ -1066,7 +1066,7 @@ TEST_F(Request, ResetDoesNotWithdrawFromTheTask)
 
 TEST_F(Request, AnEmptyBodyIsPosted)
 {
-    LoopbackServer server(Reply("ok"));
+    ScriptedServer server(Answering("ok"));
     HNvrHttpCurlCltReq req = Create();
     ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url("/empty").c_str()), 0U);
     ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "POST"), 0U);
@@ -1075,17 +1075,17 @@ TEST_F(Request, AnEmptyBodyIsPosted)
     int32_t code = 0;
     EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
     EXPECT_EQ(code, 200);
-    const std::vector<std::string> requests = server.Requests();
-    ASSERT_EQ(requests.size(), 1U);
-    EXPECT_EQ(requests[0].find("POST /empty HTTP/1.1\r\n"), 0U) << requests[0];
-    EXPECT_NE(requests[0].find("\r\nContent-Length: 0\r\n"), std::string::npos) << requests[0];
-    EXPECT_EQ(requests[0].find("\r\n\r\n") + 4, requests[0].size()) << requests[0];
+    ASSERT_EQ(server.RequestCount(), 1U);
+    const test::Request sent = server.Requests()[0];
+    EXPECT_EQ(sent.Line(), "POST /empty HTTP/1.1");
+    EXPECT_TRUE(sent.HasLine("Content-Length: 0")) << sent.head;
+    EXPECT_EQ(server.Received(0), sent.head + "\r\n\r\n");
     NvrHttpCurlCltReqDestroy(req);
 }
 
 TEST_F(Request, ALongHeaderLineIsSentCutAndNothingIsExpected)
 {
-    LoopbackServer server(Reply("ok"));
+    ScriptedServer server(Answering("ok"));
     const std::string value(200, 'v');
     const std::string body(2000000, 'b'); /* libcurl would ask for a "100 Continue" */
     HNvrHttpCurlCltReq req = Create();
@@ -1094,13 +1094,12 @@ TEST_F(Request, ALongHeaderLineIsSentCutAndNothingIsExpected)
     ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "X-Short", "1"), 0U);
     ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, body.data(), static_cast<uint32_t>(body.size())), 0U);
     ASSERT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
-    const std::vector<std::string> requests = server.Requests();
-    ASSERT_EQ(requests.size(), 1U);
-    const std::string head = requests[0].substr(0, requests[0].find("\r\n\r\n") + 4);
-    EXPECT_NE(head.find("\r\nX-Long:" + value.substr(0, 120) + "\r\n"), std::string::npos) << head;
-    EXPECT_NE(head.find("\r\nX-Short:1\r\n"), std::string::npos) << head;
-    EXPECT_EQ(head.find("Expect"), std::string::npos) << head;
-    EXPECT_EQ(requests[0], head + body);
+    ASSERT_EQ(server.RequestCount(), 1U);
+    const test::Request sent = server.Requests()[0];
+    EXPECT_TRUE(sent.HasLine("X-Long:" + value.substr(0, 120))) << sent.head;
+    EXPECT_TRUE(sent.HasLine("X-Short:1")) << sent.head;
+    EXPECT_FALSE(sent.HasHeader("Expect")) << sent.head;
+    EXPECT_EQ(server.Received(0), sent.head + "\r\n\r\n" + body);
     NvrHttpCurlCltReqDestroy(req);
 }
 
@@ -1109,13 +1108,13 @@ class RequestMethodOnTheWire : public Request
 {
   protected:
     /* The request as the server has read it. */
-    std::string Send(HNvrHttpCurlCltReq req)
+    test::Request Send(HNvrHttpCurlCltReq req)
     {
         EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
-        const std::vector<std::string> requests = server.Requests();
-        EXPECT_EQ(requests.size(), 1U);
         NvrHttpCurlCltReqDestroy(req);
-        return requests.empty() ? "" : requests[0];
+        const std::vector<test::Request> requests = server.Requests();
+        EXPECT_EQ(requests.size(), 1U);
+        return requests.empty() ? test::Request() : requests[0];
     }
 
     HNvrHttpCurlCltReq CreateWithMethodThenBody(const char *method)
@@ -1128,51 +1127,41 @@ class RequestMethodOnTheWire : public Request
         return req;
     }
 
-    static bool EndsWith(const std::string &text, const std::string &end)
-    {
-        return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-    }
-
-    LoopbackServer server{Reply("ok")};
+    ScriptedServer server{Answering("ok")};
 };
 
 TEST_F(RequestMethodOnTheWire, GetBeforeTheBodyLeavesAsPost)
 {
-    const std::string sent = Send(CreateWithMethodThenBody("GET"));
-    EXPECT_EQ(sent.find("POST /path HTTP/1.1\r\n"), 0U) << sent;
-    EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
+    const test::Request sent = Send(CreateWithMethodThenBody("GET"));
+    EXPECT_EQ(sent.Line(), "POST /path HTTP/1.1");
+    EXPECT_EQ(sent.body, "the body");
 }
 
 TEST_F(RequestMethodOnTheWire, PutBeforeTheBodyLeavesAsPost)
 {
-    const std::string sent = Send(CreateWithMethodThenBody("PUT"));
-    EXPECT_EQ(sent.find("POST /path HTTP/1.1\r\n"), 0U) << sent;
-    EXPECT_TRUE(EndsWith(sent, "\r\n\r\nthe body")) << sent;
+    const test::Request sent = Send(CreateWithMethodThenBody("PUT"));
+    EXPECT_EQ(sent.Line(), "POST /path HTTP/1.1");
+    EXPECT_EQ(sent.body, "the body");
 }
 
 TEST_F(RequestMethodOnTheWire, GetAfterTheBodyHasNone)
 {
     HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
     ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "GET"), 0U);
-    const std::string sent = Send(req);
-    EXPECT_EQ(sent.find("GET /path HTTP/1.1\r\n"), 0U) << sent;
-    EXPECT_TRUE(EndsWith(sent, "\r\n\r\n")) << sent;
+    const test::Request sent = Send(req);
+    EXPECT_EQ(sent.Line(), "GET /path HTTP/1.1");
+    EXPECT_EQ(server.Received(0), sent.head + "\r\n\r\n");
 }
 
 TEST_F(RequestMethodOnTheWire, PutAfterTheBodyReadsStandardInput)
 {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    ASSERT_EQ(write(ends[1], "typed", 5), 5);
-    close(ends[1]);
-    ASSERT_EQ(dup2(ends[0], 0), 0);
-    close(ends[0]);
+    FeedStandardInput("typed");
     HNvrHttpCurlCltReq req = CreateWithMethodThenBody("POST");
     ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "PUT"), 0U);
-    const std::string sent = Send(req);
-    EXPECT_EQ(sent.find("PUT /path HTTP/1.1\r\n"), 0U) << sent;
-    EXPECT_NE(sent.find("\r\n5\r\ntyped\r\n0\r\n\r\n"), std::string::npos) << sent;
-    EXPECT_EQ(sent.find("the body"), std::string::npos) << sent;
+    const test::Request sent = Send(req);
+    EXPECT_EQ(sent.Line(), "PUT /path HTTP/1.1");
+    EXPECT_TRUE(sent.chunked);
+    EXPECT_EQ(sent.body, "typed");
 }
 
 } // namespace

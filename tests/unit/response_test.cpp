@@ -528,7 +528,7 @@ class ResponseTransfer : public EngineTest
 
 TEST_F(ResponseTransfer, WithHeaderLinesIsTheBodyAlone)
 {
-    LoopbackServer server(Reply("the answer"));
+    ScriptedServer server(Answering("the answer"));
     HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
     Run(req);
     EXPECT_EQ(Body(req), "the answer");
@@ -537,18 +537,18 @@ TEST_F(ResponseTransfer, WithHeaderLinesIsTheBodyAlone)
 
 TEST_F(ResponseTransfer, WithoutHeaderLinesBeginsWithTheStatusLine)
 {
-    LoopbackServer server(Reply("the answer"));
+    ScriptedServer server(Answering("the answer"));
     HNvrHttpCurlCltReq req = Create();
     ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url().c_str()), 0U);
     ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "question", 8), 0U);
     Run(req);
-    EXPECT_EQ(Body(req), Reply("the answer"));
+    EXPECT_EQ(Body(req), Reply(200, "the answer"));
     NvrHttpCurlCltReqReset(req);
 }
 
 TEST_F(ResponseTransfer, OfNoByteHasLengthZero)
 {
-    LoopbackServer server(Reply(""));
+    ScriptedServer server(Answering(""));
     HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
     Run(req);
     uint32_t size = 7;
@@ -575,7 +575,7 @@ TEST_F(ResponseTransfer, WithoutAnAnswerHasCodeZeroAndNoBody)
 
 TEST_F(ResponseTransfer, EndsAtAFailedRealloc)
 {
-    LoopbackServer server(Reply("the answer"));
+    ScriptedServer server(Answering("the answer"));
     HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
     fake::FailRealloc(1);
     Run(req);

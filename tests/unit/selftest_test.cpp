@@ -297,7 +297,7 @@ TEST_F(SelftestTest, AsynchronousSubmissionThatFailsLeavesTheBuffer)
 
 TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
 {
-    LoopbackServer server(Reply("warm enough"));
+    ScriptedServer server(Answering("warm enough"));
     const std::string url = server.Url();
     Start(true);
 
@@ -307,8 +307,8 @@ TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
     NvrHttpCurlCltUninit(g_hInitHandle);
     ExpectLine(Info("SendByCurlReqProgressNtf", " eErrCode:%d\n", 0));
     ExpectLine(Info("SendByCurlReqProgressNtf", " pvContext:%s\n", "warm enough"));
-    ASSERT_EQ(server.Requests().size(), 1U);
-    EXPECT_NE(server.Requests()[0].find(JSON), std::string::npos);
+    ASSERT_EQ(server.RequestCount(), 1U);
+    EXPECT_EQ(server.Requests()[0].body, JSON);
 }
 
 /* --- failures before the send -------------------------------------------------------------------------- */

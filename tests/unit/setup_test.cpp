@@ -434,7 +434,7 @@ TEST_F(SetupTest, RefusedLogIsToldOnTheConsoleAndToModuleOne)
     fake::FailDebugLogRegist(true);
 
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlLogInit(); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlLogInit(); });
 
     EXPECT_EQ(result, 1U);
     EXPECT_EQ(g_bRegistedDebuglog, 0U);
@@ -452,7 +452,7 @@ TEST_F(SetupTest, RefusedLogIsToldWhateverTheSwitchSays)
     g_bySendCurlLogType = 2;
 
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlLogInit(); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlLogInit(); });
 
     EXPECT_EQ(result, 1U);
     EXPECT_EQ(fake::Transcript(), "1/2 DebugLogRegist() failed\n");
@@ -480,7 +480,7 @@ TEST_F(SetupTest, RefusedLevelLeavesAnyOtherSettingToo)
     g_bySendCurlLogType = 3;
 
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(4); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlSetLogLevel(4); });
 
     EXPECT_EQ(result, 1U);
     EXPECT_EQ(g_bySendCurlLogType, 3);
@@ -493,7 +493,7 @@ TEST_F(SetupTest, LevelOneConfirmsInTheDebugLogOnly)
     g_bySendCurlLogType = 2;
 
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(1); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlSetLogLevel(1); });
 
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 1);
@@ -504,7 +504,7 @@ TEST_F(SetupTest, LevelOneConfirmsInTheDebugLogOnly)
 TEST_F(SetupTest, LevelTwoConfirmsOnTheConsoleOnly)
 {
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(2); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlSetLogLevel(2); });
 
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 2);
@@ -517,7 +517,7 @@ TEST_F(SetupTest, LevelTwoConfirmsOnTheConsoleOnly)
 TEST_F(SetupTest, LevelThreeConfirmsOnBothSides)
 {
     uint32_t result = 99;
-    const std::string printed = Printed([&] { result = SendByCurlSetLogLevel(3); });
+    const std::string printed = StandardOutputOf([&] { result = SendByCurlSetLogLevel(3); });
 
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 3);

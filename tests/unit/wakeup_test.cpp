@@ -1,5 +1,6 @@
 /* The wake-up socket: its creation, the choice of its port, the datagram. */
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <unistd.h>

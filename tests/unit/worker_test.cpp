@@ -5,6 +5,7 @@
  * libcurl's part through the hooks.
  */
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 #include <algorithm>
 #include <chrono>
@@ -1351,7 +1352,7 @@ class WorkerTransfer : public Worker
 
 TEST_F(WorkerTransfer, ReportsSuccessWithTheBody)
 {
-    LoopbackServer server(Reply("the answer"));
+    ScriptedServer server(Answering("the answer"));
     char buffer[32] = "##############";
     HNvrHttpCurlCltReq req = QueueTo(server.Url(), buffer, 20000);
     RunUntil([] { return !completions.empty(); });
@@ -1366,7 +1367,7 @@ TEST_F(WorkerTransfer, ReportsSuccessWithTheBody)
     EXPECT_EQ(Submit(req, nullptr), 0U);
     RunUntil([] { return completions.size() == 2; });
     EXPECT_EQ(completions[1].progress, 1U);
-    EXPECT_EQ(server.Requests().size(), 2U);
+    EXPECT_EQ(server.RequestCount(), 2U);
     EXPECT_EQ(inst->dwAsyncReqNum, 1U);
 }
 
@@ -1384,7 +1385,7 @@ TEST_F(WorkerTransfer, ReportsARefusedConnection)
 TEST_F(WorkerTransfer, ATimeoutIsNoticedWithTheNextSubmissionOnly)
 {
     using Clock = std::chrono::steady_clock;
-    LoopbackServer silent("");
+    ScriptedServer silent(Silent());
     const uint32_t timeoutMS = 300;
     const Clock::time_point start = Clock::now();
     HNvrHttpCurlCltReq req = QueueTo(silent.Url(), nullptr, timeoutMS);
@@ -1392,7 +1393,7 @@ TEST_F(WorkerTransfer, ATimeoutIsNoticedWithTheNextSubmissionOnly)
     /* Once the server has the request nothing happens on the task any more. */
     size_t waitsAtExpiry = 0;
     RunUntil([&] {
-        if (silent.Requests().empty() || Clock::now() - start < std::chrono::milliseconds(2 * timeoutMS)) {
+        if (silent.RequestCount() == 0 || Clock::now() - start < std::chrono::milliseconds(2 * timeoutMS)) {
             return false;
         }
         waitsAtExpiry = waitsAtExpiry == 0 ? waits : waitsAtExpiry;
