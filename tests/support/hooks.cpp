@@ -36,17 +36,17 @@ namespace
 {
 
 /* Set once the hooks above are constructed; calls come before that. */
-bool ready = false;
+bool constructed = false;
 struct Readiness {
     Readiness()
     {
-        __atomic_store_n(&ready, true, __ATOMIC_RELAXED);
+        __atomic_store_n(&constructed, true, __ATOMIC_RELAXED);
     }
 } readiness;
 
 template <typename TFunc> MAY_RUN_EARLY bool IsSet(const TFunc &hook)
 {
-    return __atomic_load_n(&ready, __ATOMIC_RELAXED) && hook != nullptr;
+    return __atomic_load_n(&constructed, __ATOMIC_RELAXED) && hook != nullptr;
 }
 
 /* --- counters ------------------------------------------------------------------------------- */

@@ -167,7 +167,7 @@ TEST_F(ExecuteSync, SetsTheTimeoutsAndPerforms)
     hooks::sys_times = [&](struct tms *) { return now; };
     hooks::easy_perform = [&](CURL *easy) {
         performed = easy;
-        now += 250; /* in ticks of 10 ms; elapsed time is told in whole seconds */
+        now += 250; /* ticks of 10 ms; the library rounds down to whole seconds */
         EXPECT_EQ(hooks::OptionOrder(), TIMEOUTS);
         EXPECT_EQ(fake::HeldByThisThread(), 0U);
         return CURLE_OK;

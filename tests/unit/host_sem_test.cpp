@@ -122,7 +122,7 @@ TEST_F(HostSem, OneGiveLetsOneOfManyOn)
     }
 }
 
-/* A plain counter: a lost update, or the thread sanitizer, tells if the semaphore guards nothing. */
+/* A plain counter: a semaphore that guards nothing loses updates or alarms the thread sanitizer. */
 TEST_F(HostSem, WhatIsWrittenBeforeTheGiveIsSeenAfterTheTake)
 {
     const unsigned count = 4;

@@ -27,7 +27,7 @@ namespace
 
 enum { STACK_SIZE = 256 * 1024, PRIORITY = 99 };
 
-/* What a task sees of itself. Two semaphores let a case act while the task stands still. */
+/* What a task sees of itself. A semaphore lets a case act while the task waits. */
 struct Probe {
     HOspSem mayGo = nullptr; /* taken by the task if it is not null */
     uint64_t id = 0;

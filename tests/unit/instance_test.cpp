@@ -1037,7 +1037,7 @@ TEST_F(Uninit, MarksEveryTaskBeforeItWaitsForTheFirst)
         }
         return true;
     };
-    /* Once armed, no worker leaves its wait before all of them have been told to stop. */
+    /* Once armed, no worker leaves its wait before all of them are marked for their end. */
     hooks::multi_wait = [&](CURLM *multi, curl_waitfd *extra, unsigned number, int, int *ready) {
         if (armed) {
             ++waiting;

@@ -62,7 +62,7 @@ class SelftestTest : public SendTest
         SendTest::TearDown();
     }
 
-    /* Where the command is told to leave its buffer behind. */
+    /* For the ways out on which the command leaves its buffer behind. */
     void FreeLeftBuffer()
     {
         ASSERT_EQ(buffers, 1U);
@@ -240,7 +240,7 @@ TEST_F(SelftestTest, AnyModeButOneIsSynchronous)
     EXPECT_EQ(hooks::Calls("curl_easy_perform"), 4U);
 }
 
-/* The readout terminates behind the capacity it was told. */
+/* The readout puts a terminator behind the capacity that it is given. */
 TEST_F(SelftestTest, SynchronousAnswerOfExactlyOneMebibyte)
 {
     Start();

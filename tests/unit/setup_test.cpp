@@ -574,7 +574,7 @@ TEST_F(SetupTest, ShowListsTakenSlotsInOrder)
     Start();
     TNvrHttpCurlCltReqInner reqs[2] = {};
     g_pfASnycCBParam[0] = {1, &reqs[0], Collect};
-    g_pfASnycCBParam[1] = {0, &reqs[0], Collect}; /* free, whatever else stands there */
+    g_pfASnycCBParam[1] = {0, &reqs[0], Collect}; /* free, whatever else it holds */
     g_pfASnycCBParam[700] = {7, &reqs[1], OtherNotification};
     g_pfASnycCBParam[1023] = {1, nullptr, nullptr};
 

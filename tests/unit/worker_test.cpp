@@ -76,7 +76,7 @@ class Worker : public EngineTest
         EngineTest::TearDown();
     }
 
-    /* libcurl takes and gives back handles, transfers nothing and tells of messages. */
+    /* libcurl takes and gives back handles, transfers nothing and hands out the messages. */
     void PlayLibcurl()
     {
         hooks::multi_add_handle = [](CURLM *, CURL *) { return CURLM_OK; };
@@ -674,7 +674,7 @@ TEST_P(WorkerComplete, AStrangerAfterAMatchCompletesTheNodeLastLookedAt)
     EXPECT_STREQ(oldest, "oldest##");
     ExpectLine(FailedLine(stranger.easy, CURLE_OPERATION_TIMEDOUT, 10));
 
-    /* Its list node stays where it was, so it stands in both lists now. */
+    /* Its list node stays where it was, so it is in both lists now. */
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tFinList).back();
     EXPECT_EQ(node->ptReqIn, last);
     EXPECT_EQ(Nodes(task->tRunList).back(), node);
@@ -810,7 +810,7 @@ class WorkerLoop : public Worker
                         AnyLockTaken(), __atomic_load_n(&task->ptCurlMultiHandle, __ATOMIC_RELAXED)});
     }
 
-    /* Runs the routine until the waits told have been made, one more, which asks it to leave. */
+    /* Runs the routine for these waits and one more, which asks it to leave. */
     void Run(const std::vector<Step> &steps)
     {
         hooks::multi_wait = [this, steps](CURLM *waited, curl_waitfd *fds, unsigned number, int timeout, int *count) {
