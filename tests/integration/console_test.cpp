@@ -104,7 +104,7 @@ class Console : public test::IntegrationTest
         test::ChildProcess console(ConsoleProgram());
         console.Write(input);
         console.CloseInput();
-        const std::string output = console.ReadToEnd();
+        std::string output = console.ReadToEnd();
         exitStatus = console.Wait();
         return output;
     }
@@ -209,56 +209,51 @@ TEST_F(Console, AnUnknownCommandGetsOneLineAndTheLoopGoesOn)
     EXPECT_EQ(exitStatus, 0);
 }
 
+struct BadLine {
+    std::string line;
+    std::string answer;
+};
+
+const std::string LEVEL_USAGE = "; usage: sendbycurlsetlog LEVEL";
+const std::string TEST_USAGE = "; usage: sendbycurltest [MODE [URL]]";
+const std::string NO_LEVEL = "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not ";
+const std::string NO_MODE = "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not ";
+const std::string NO_URL = "sendbycurltest: URL must be a text, not a number" + TEST_USAGE;
+
+const std::vector<BadLine> BAD_LINES{
+    {"sendbycurlsetlog", "sendbycurlsetlog: LEVEL is missing" + LEVEL_USAGE},
+    {"sendbycurlsetlog two", NO_LEVEL + "\"two\"" + LEVEL_USAGE},
+    {"sendbycurlsetlog \"2\"", NO_LEVEL + "\"2\"" + LEVEL_USAGE},
+    {"sendbycurlsetlog 256", NO_LEVEL + "\"256\"" + LEVEL_USAGE},
+    {"sendbycurlsetlog -1", NO_LEVEL + "\"-1\"" + LEVEL_USAGE},
+    {"sendbycurlsetlog 1 2", "sendbycurlsetlog: too many arguments" + LEVEL_USAGE},
+    {"sendbycurltest http://127.0.0.1/", NO_MODE + "\"http://127.0.0.1/\"" + TEST_USAGE},
+    {"sendbycurltest 99999999999999999999 http://127.0.0.1/", NO_MODE + "\"99999999999999999999\"" + TEST_USAGE},
+    {"sendbycurltest 0 0x7f000001", NO_URL},
+    {"sendbycurltest 0 9223372036854775808", NO_URL},
+    {"sendbycurltest 0 0xffffffffffffffff", NO_URL},
+    {"sendbycurltest 0 -5", NO_URL},
+    {"sendbycurltest 0 99999999999999999999", NO_URL},
+    {"sendbycurltest 0 \"http://127.0.0.1/", "a quote is not closed: sendbycurltest 0 \"http://127.0.0.1/"},
+    {"sendbycurlshow 1", "sendbycurlshow: too many arguments; usage: sendbycurlshow"},
+    {"NvrHttpCurlCltshow all", "NvrHttpCurlCltshow: too many arguments; usage: NvrHttpCurlCltshow"},
+    {"NvrHttpCurlCltver 1 2 3 4 5 6 7", "NvrHttpCurlCltver: too many arguments; usage: NvrHttpCurlCltver"},
+    {"help me", "help: too many arguments; usage: help"},
+    {"quit now", "quit: too many arguments; usage: quit"},
+    {"nonsense 1 2 3 4 5 6 7", "nonsense: more than six arguments"},
+};
+
+/* With the log on the console a command that ran would be seen. */
 TEST_F(Console, ABadArgumentGetsOneLineAndNothingIsCalled)
 {
-    EXPECT_EQ(Lines(Run("sendbycurlsetlog 2\n"
-                        "sendbycurlsetlog\n"
-                        "sendbycurlsetlog two\n"
-                        "sendbycurlsetlog \"2\"\n"
-                        "sendbycurlsetlog 256\n"
-                        "sendbycurlsetlog -1\n"
-                        "sendbycurlsetlog 1 2\n"
-                        "sendbycurltest http://127.0.0.1/\n"
-                        "sendbycurltest 99999999999999999999 http://127.0.0.1/\n"
-                        "sendbycurltest 0 0x7f000001\n"
-                        "sendbycurltest 0 9223372036854775808\n"
-                        "sendbycurltest 0 0xffffffffffffffff\n"
-                        "sendbycurltest 0 -5\n"
-                        "sendbycurltest 0 99999999999999999999\n"
-                        "sendbycurltest 0 \"http://127.0.0.1/\n"
-                        "sendbycurlshow 1\n"
-                        "NvrHttpCurlCltshow all\n"
-                        "NvrHttpCurlCltver 1 2 3 4 5 6 7\n"
-                        "help me\n"
-                        "quit now\n"
-                        "nonsense 1 2 3 4 5 6 7\n"
-                        "sendbycurlsetlog 0x2\n")),
-              (std::vector<std::string>{
-                  "SendByCurlSetLogLevel[L:#] Log level 2",
-                  "sendbycurlsetlog: LEVEL is missing; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"two\"; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"2\"; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"256\"; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurlsetlog: LEVEL must be a number from 0 to 255, not \"-1\"; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurlsetlog: too many arguments; usage: sendbycurlsetlog LEVEL",
-                  "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not \"http://127.0.0.1/\"; "
-                  "usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: MODE must be a number from -2147483648 to 2147483647, not "
-                  "\"99999999999999999999\"; usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
-                  "sendbycurltest: URL must be a text, not a number; usage: sendbycurltest [MODE [URL]]",
-                  "a quote is not closed: sendbycurltest 0 \"http://127.0.0.1/",
-                  "sendbycurlshow: too many arguments; usage: sendbycurlshow",
-                  "NvrHttpCurlCltshow: too many arguments; usage: NvrHttpCurlCltshow",
-                  "NvrHttpCurlCltver: too many arguments; usage: NvrHttpCurlCltver",
-                  "help: too many arguments; usage: help",
-                  "quit: too many arguments; usage: quit",
-                  "nonsense: more than six arguments",
-                  "SendByCurlSetLogLevel[L:#] Log level 2",
-              }));
+    std::string input = "sendbycurlsetlog 2\n";
+    std::vector<std::string> expected{"SendByCurlSetLogLevel[L:#] Log level 2"};
+    for (const BadLine &bad : BAD_LINES) {
+        input += bad.line + "\n";
+        expected.push_back(bad.answer);
+    }
+    expected.push_back(expected.front());
+    EXPECT_EQ(Lines(Run(input + "sendbycurlsetlog 0x2\n")), expected);
     EXPECT_EQ(exitStatus, 0);
 }
 

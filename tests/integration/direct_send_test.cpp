@@ -16,103 +16,80 @@
 namespace
 {
 
-/* A record and all that it points to. */
-struct Direct {
-    std::string url;
-    std::string body;
-    std::vector<char> answer;
-    TSendByCurlParam param;
-
-    Direct(const std::string &target, const std::string &text, uint32_t capacity = 4096)
-        : url(target), body(text), answer(size_t{capacity} + 1, '#'),
-          param(test::Param(url, body, answer.data(), capacity))
-    {
-    }
-
-    ESendByCurlRet Send()
-    {
-        return Qelvo_SyncSendStrByHttp_Ext(&param);
-    }
-
-    std::string Received() const
-    {
-        return std::string(answer.data(), param.dwRecvLen);
-    }
-};
+using test::Post;
 
 using DirectSend = test::NginxTest;
-
 using DirectSendToScriptedServer = test::IntegrationTest;
 
 TEST_F(DirectSend, BringsTheAnswerAndStartsTheModule)
 {
-    Direct direct(nginx.Http("/echo"), "{\"record\":1}");
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.Received(), "{\"record\":1}");
+    Post post(nginx.Http("/echo"), "{\"record\":1}");
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.Received(), "{\"record\":1}");
     EXPECT_EQ(test::SendAndWait(nginx.Http("/echo"), "{}").result, SENDBYCURL_OK);
 }
 
 TEST_F(DirectSend, ChecksTheCertificateOnlyWhereAskedTo)
 {
-    Direct unchecked(nginx.Https("/echo"), "{\"record\":2}");
-    EXPECT_EQ(unchecked.Send(), SENDBYCURL_OK);
+    Post unchecked(nginx.Https("/echo"), "{\"record\":2}");
+    EXPECT_EQ(unchecked.SendDirect(), SENDBYCURL_OK);
     EXPECT_EQ(unchecked.Received(), "{\"record\":2}");
 
-    Direct capitals(nginx.Https("/echo", "HTTPS"), "{\"record\":3}");
-    EXPECT_EQ(capitals.Send(), SENDBYCURL_OK);
+    Post capitals(nginx.Https("/echo", "HTTPS"), "{\"record\":3}");
+    EXPECT_EQ(capitals.SendDirect(), SENDBYCURL_OK);
 
     ASSERT_TRUE(nginx.WaitForRequests(2));
-    Direct checked(nginx.Https("/echo"), "{\"record\":4}");
+    Post checked(nginx.Https("/echo"), "{\"record\":4}");
     checked.param.bSSLserver = 1;
-    EXPECT_EQ(checked.Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(checked.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
     EXPECT_EQ(checked.param.dwRecvLen, 0U);
     EXPECT_EQ(nginx.RequestCount(), 2U);
 }
 
 TEST_F(DirectSend, AnyStatusIsAnAnswer)
 {
-    Direct direct(nginx.Http("/status/404"), "{}");
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.Received(), "nothing here, says the server");
+    Post post(nginx.Http("/status/404"), "{}");
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.Received(), "nothing here, says the server");
 }
 
 TEST_F(DirectSend, AnAnswerOfExactlyTheCapacityFitsWithoutTerminator)
 {
-    Direct direct(nginx.Http("/echo"), test::SampleText(100), 100);
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.param.dwRecvLen, 100U);
-    EXPECT_EQ(direct.Received(), direct.body);
-    EXPECT_EQ(direct.answer[100], '#');
+    Post post(nginx.Http("/echo"), test::SampleText(100), 100);
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.param.dwRecvLen, 100U);
+    EXPECT_EQ(post.Received(), post.body);
+    EXPECT_EQ(post.answer[100], '#');
 }
 
 TEST_F(DirectSend, AnAnswerOneByteLongerFails)
 {
-    Direct direct(nginx.Http("/echo"), test::SampleText(101), 100);
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
-    EXPECT_LE(direct.param.dwRecvLen, 100U);
-    EXPECT_EQ(direct.answer[100], '#');
+    Post post(nginx.Http("/echo"), test::SampleText(101), 100);
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_LE(post.param.dwRecvLen, 100U);
+    EXPECT_EQ(post.answer[100], '#');
 }
 
 TEST_F(DirectSend, CarriesTwoMegabytesThereAndBack)
 {
-    Direct direct(nginx.Http("/echo"), test::SampleText(2000000), 2000000);
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.param.dwRecvLen, 2000000U);
-    EXPECT_TRUE(direct.body == direct.Received());
+    Post post(nginx.Http("/echo"), test::SampleText(2000000), 2000000);
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.param.dwRecvLen, 2000000U);
+    EXPECT_TRUE(post.body == post.Received());
 }
 
 TEST_F(DirectSend, PlainPortAskedForTlsReturns5)
 {
-    EXPECT_EQ(Direct(nginx.Http("/echo", "https"), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(Post(nginx.Http("/echo", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
 }
 
 TEST_F(DirectSend, NothingOfTheAnswerReachesStandardOutput)
 {
-    Direct direct(nginx.Http("/echo"), "{\"secret\":1}");
+    Post post(nginx.Http("/echo"), "{\"secret\":1}");
     ESendByCurlRet result = SENDBYCURL_INVALID_PARAM;
-    const std::string output = test::StandardOutputOf([&] { result = direct.Send(); });
+    const std::string output = test::StandardOutputOf([&] { result = post.SendDirect(); });
     EXPECT_EQ(result, SENDBYCURL_OK);
-    EXPECT_EQ(direct.Received(), "{\"secret\":1}");
+    EXPECT_EQ(post.Received(), "{\"secret\":1}");
     EXPECT_EQ(output.find("secret"), std::string::npos) << output;
 }
 
@@ -145,10 +122,10 @@ TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
     for (size_t t = 0; t < problems.size(); ++t) {
         threads.emplace_back([this, t, &problems] {
             for (size_t i = 0; i < 10; ++i) {
-                Direct direct(nginx.Http("/echo"), "thread " + std::to_string(t) + " send " + std::to_string(i));
-                const ESendByCurlRet result = direct.Send();
-                if (result != SENDBYCURL_OK || direct.Received() != direct.body) {
-                    problems[t] += direct.body + " -> " + std::to_string(result) + " " + direct.Received() + "\n";
+                Post post(nginx.Http("/echo"), "thread " + std::to_string(t) + " send " + std::to_string(i));
+                const ESendByCurlRet result = post.SendDirect();
+                if (result != SENDBYCURL_OK || post.Received() != post.body) {
+                    problems[t] += post.body + " -> " + std::to_string(result) + " " + post.Received() + "\n";
                 }
             }
         });
@@ -166,8 +143,8 @@ TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
 TEST_F(DirectSendToScriptedServer, APostCarriesTheBodyUpToItsFirstZeroByte)
 {
     const test::ScriptedServer server(test::Echoing());
-    Direct direct(server.Url("/place"), std::string("{\"a\":1}\0more", 12));
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
+    Post post(server.Url("/place"), std::string("{\"a\":1}\0more", 12));
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     ASSERT_EQ(server.RequestCount(), 1U);
     const test::Request seen = server.Requests()[0];
     EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
@@ -180,10 +157,10 @@ TEST_F(DirectSendToScriptedServer, TheOtherMethodsLeaveAsGetWithoutBody)
 {
     for (const uint32_t method : {SENDBYCURL_METHOD_PUT, SENDBYCURL_METHOD_GET}) {
         const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "here"))}});
-        Direct direct(server.Url("/place"), "{\"a\":1}");
-        direct.param.eHeadType = method;
-        EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-        EXPECT_EQ(direct.Received(), "here");
+        Post post(server.Url("/place"), "{\"a\":1}");
+        post.param.eHeadType = method;
+        EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+        EXPECT_EQ(post.Received(), "here");
         ASSERT_EQ(server.RequestCount(), 1U);
         EXPECT_EQ(server.Requests()[0].Line(), "GET /place HTTP/1.1");
         EXPECT_FALSE(server.Requests()[0].HasHeader("Content-Length"));
@@ -194,17 +171,17 @@ TEST_F(DirectSendToScriptedServer, TheOtherMethodsLeaveAsGetWithoutBody)
 TEST_F(DirectSendToScriptedServer, TheAnswerIsPutWhereTheLengthPoints)
 {
     const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "answer"))}});
-    Direct direct(server.Url(), "{}", 16);
-    direct.param.dwRecvLen = 4;
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.param.dwRecvLen, 10U);
-    EXPECT_EQ(direct.Received(), std::string("\0\0\0\0answer", 10));
+    Post post(server.Url(), "{}", 16);
+    post.param.dwRecvLen = 4;
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.param.dwRecvLen, 10U);
+    EXPECT_EQ(post.Received(), std::string("\0\0\0\0answer", 10));
     /* And behind it the next time, until it is full. */
-    EXPECT_EQ(direct.Send(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.param.dwRecvLen, 16U);
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
-    EXPECT_EQ(direct.param.dwRecvLen, 16U);
-    EXPECT_EQ(direct.answer[16], '#');
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(post.param.dwRecvLen, 16U);
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(post.param.dwRecvLen, 16U);
+    EXPECT_EQ(post.answer[16], '#');
 }
 
 /* --- how it fails ------------------------------------------------------------------------------- */
@@ -214,17 +191,17 @@ TEST_F(DirectSendToScriptedServer, AnOverflowKeepsTheChunksThatFitted)
     const test::ScriptedServer server({test::When::REQUEST,
                                        {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n12345678"),
                                         test::Pause(std::chrono::milliseconds(300)), test::Send("9abc")}});
-    Direct direct(server.Url(), "{}", 10);
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
-    EXPECT_EQ(direct.Received(), "12345678");
+    Post post(server.Url(), "{}", 10);
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(post.Received(), "12345678");
 }
 
 TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 {
     const test::ScriptedServer server(test::Silent());
-    Direct direct(server.Url(), "{}");
-    direct.param.dwTimeoutMS = 300;
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TIMED_OUT);
+    Post post(server.Url(), "{}");
+    post.param.dwTimeoutMS = 300;
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TIMED_OUT);
     EXPECT_EQ(server.RequestCount(), 1U);
 
     char answer[16] = "";
@@ -236,29 +213,29 @@ TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 TEST_F(DirectSendToScriptedServer, AnAddressThatDoesNotAnswerReturns7)
 {
     const test::SilentAddress silent;
-    Direct direct(silent.Url(), "{}");
-    direct.param.dwConnTimeOutMS = 300;
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TIMED_OUT);
+    Post post(silent.Url(), "{}");
+    post.param.dwConnTimeOutMS = 300;
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TIMED_OUT);
 }
 
 TEST_F(DirectSendToScriptedServer, ARefusedConnectionReturns5)
 {
     const test::ClosedPort closed;
-    EXPECT_EQ(Direct(closed.Url(), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(Post(closed.Url(), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
 }
 
 TEST_F(DirectSendToScriptedServer, AHandshakeBrokenOffReturns5)
 {
     const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
-    EXPECT_EQ(Direct(server.Url("/", "https"), "{}").Send(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(Post(server.Url("/", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
 }
 
 TEST_F(DirectSendToScriptedServer, ATransferCutOffReturns5WithWhatCame)
 {
     const test::ScriptedServer server(test::CuttingOff());
-    Direct direct(server.Url(), "{}");
-    EXPECT_EQ(direct.Send(), SENDBYCURL_TRANSFER_FAILED);
-    EXPECT_EQ(direct.Received(), "part");
+    Post post(server.Url(), "{}");
+    EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
+    EXPECT_EQ(post.Received(), "part");
 }
 
 } // namespace

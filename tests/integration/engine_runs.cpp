@@ -103,8 +103,8 @@ std::string AnswerOf(HNvrHttpCurlCltReq request)
         return "(no answer)";
     }
     std::vector<char> answer(size_t{length} + 2, '\0');
-    uint32_t room = length + 1;
-    if (NvrHttpCurlCltGetRespBody(request, answer.data(), &room) != NVRHTTPCURLCLT_OK || room != length) {
+    uint32_t capacity = length + 1;
+    if (NvrHttpCurlCltGetRespBody(request, answer.data(), &capacity) != NVRHTTPCURLCLT_OK || capacity != length) {
         return "(no body)";
     }
     return std::string(answer.data(), length);

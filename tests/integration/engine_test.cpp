@@ -43,6 +43,18 @@ void Prepare(std::vector<Submission> &all, const Engine &engine, const std::stri
     }
 }
 
+bool SubmitAll(std::vector<Submission> &all)
+{
+    return std::all_of(all.begin(), all.end(), [](Submission &run) { return run.Submit() == NVRHTTPCURLCLT_OK; });
+}
+
+/* Waits until each has been called back that often. */
+bool AwaitAll(const std::vector<Submission> &all, uint32_t callbacks = 1)
+{
+    return std::all_of(all.begin(), all.end(),
+                       [callbacks](const Submission &run) { return run.WaitForCallbacks(callbacks); });
+}
+
 void Destroy(std::vector<Submission> &all)
 {
     for (Submission &run : all) {
@@ -103,11 +115,9 @@ TEST_F(EngineRunWithNginx, EachAsynchronousRequestIsCalledBackOnceWithItsOwnAnsw
     Engine engine(4);
     std::vector<Submission> all(100);
     Prepare(all, engine, nginx.Http("/echo"));
-    for (Submission &run : all) {
-        ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
-    }
+    ASSERT_TRUE(SubmitAll(all));
+    ASSERT_TRUE(AwaitAll(all));
     for (size_t i = 0; i < all.size(); ++i) {
-        ASSERT_TRUE(all[i].WaitForCallbacks(1));
         EXPECT_EQ(all[i].callbacks.load(), 1U);
         EXPECT_EQ(all[i].seen, all[i].request);
         EXPECT_EQ(all[i].progress, NVRHTTPCURLCLT_PROGRESS_FINISHED);
@@ -259,8 +269,8 @@ TEST_F(EngineRunWithNginx, RequestsMayBeSubmittedAgainFromTheirCallbacks)
         };
         ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
     }
+    ASSERT_TRUE(AwaitAll(all, ROUNDS));
     for (size_t i = 0; i < all.size(); ++i) {
-        ASSERT_TRUE(all[i].WaitForCallbacks(ROUNDS)) << i << ": " << all[i].returned.load();
         EXPECT_EQ(all[i].callbacks.load(), ROUNDS);
         EXPECT_EQ(all[i].result, NVRHTTPCURLCLT_OK);
         EXPECT_EQ(std::string(all[i].answer).size(), Body(i).size() * ROUNDS);
@@ -298,8 +308,8 @@ TEST_F(EngineRunWithNginx, ACallbackMayDestroyItsRequest)
         run.inCallback = [](Submission &self) { NvrHttpCurlCltReqDestroy(self.request); };
         ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
     }
+    ASSERT_TRUE(AwaitAll(all));
     for (size_t i = 0; i < all.size(); ++i) {
-        ASSERT_TRUE(all[i].WaitForCallbacks(1));
         EXPECT_EQ(std::string(all[i].answer), Body(i));
     }
     engine.Stop();
@@ -322,8 +332,7 @@ TEST_F(EngineRun, ATimeoutIsReportedWithTheTasksNextActivityOnly)
     EXPECT_EQ(all[0].callbacks.load(), 0U);
 
     ASSERT_EQ(all[1].Submit(), NVRHTTPCURLCLT_OK);
-    ASSERT_TRUE(all[0].WaitForCallbacks(1));
-    ASSERT_TRUE(all[1].WaitForCallbacks(1));
+    ASSERT_TRUE(AwaitAll(all));
     EXPECT_EQ(all[0].progress, NVRHTTPCURLCLT_PROGRESS_ERROR);
     EXPECT_EQ(all[0].result, NVRHTTPCURLCLT_TIMED_OUT);
     EXPECT_EQ(all[1].progress, NVRHTTPCURLCLT_PROGRESS_FINISHED);
@@ -344,8 +353,7 @@ TEST_F(EngineRun, AConnectTimeoutIsReportedWithTheTasksNextActivityOnly)
     EXPECT_EQ(all[0].callbacks.load(), 0U);
 
     ASSERT_EQ(all[1].Submit(), NVRHTTPCURLCLT_OK);
-    ASSERT_TRUE(all[0].WaitForCallbacks(1));
-    ASSERT_TRUE(all[1].WaitForCallbacks(1));
+    ASSERT_TRUE(AwaitAll(all));
     EXPECT_EQ(all[0].result, NVRHTTPCURLCLT_TIMED_OUT);
     EXPECT_EQ(all[1].result, NVRHTTPCURLCLT_OK);
     Destroy(all);
@@ -405,9 +413,7 @@ TEST_F(EngineRun, UninitReleasesEverythingThatIsOutstanding)
         ASSERT_EQ(engine.Result(), NVRHTTPCURLCLT_OK);
         std::vector<Submission> all(COUNT);
         Prepare(all, engine, server.Url());
-        for (Submission &run : all) {
-            ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
-        }
+        ASSERT_TRUE(SubmitAll(all));
         /* Some are on their way, and with them some that the server holds. */
         ASSERT_TRUE(server.WaitForRequests(before + COUNT / 4));
         EXPECT_GT(BlocksAlive(), 0);
@@ -428,12 +434,8 @@ TEST_F(EngineRun, UninitReleasesFinishedRequestsToo)
     Engine engine(4);
     std::vector<Submission> all(40);
     Prepare(all, engine, server.Url());
-    for (Submission &run : all) {
-        ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
-    }
-    for (Submission &run : all) {
-        ASSERT_TRUE(run.WaitForCallbacks(1));
-    }
+    ASSERT_TRUE(SubmitAll(all));
+    ASSERT_TRUE(AwaitAll(all));
     engine.Stop();
     EXPECT_EQ(BlocksAlive(), 0);
     EXPECT_EQ(CallbacksOf(all), all.size());
@@ -448,9 +450,7 @@ milliseconds EndOf(uint32_t tasks, const test::ScriptedServer &server)
         Engine engine(tasks);
         std::vector<Submission> all(size_t{2} * tasks);
         Prepare(all, engine, server.Url());
-        for (Submission &run : all) {
-            run.Submit();
-        }
+        EXPECT_TRUE(SubmitAll(all));
         EXPECT_TRUE(server.WaitForRequests(before + all.size()));
         const auto start = Clock::now();
         engine.Stop();
@@ -566,8 +566,8 @@ TEST_F(EngineRun, SixteenInstancesServeAtOnceAndTheNextIsRefused)
     }
     const Engine surplus(1, 4);
     EXPECT_EQ(surplus.Result(), NVRHTTPCURLCLT_LIMIT_REACHED);
-    for (Submission &run : all) {
-        ASSERT_TRUE(run.WaitForCallbacks(1));
+    ASSERT_TRUE(AwaitAll(all));
+    for (const Submission &run : all) {
         EXPECT_STREQ(run.answer, "one of sixteen");
     }
     Destroy(all);

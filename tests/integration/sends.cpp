@@ -20,12 +20,31 @@ TSendByCurlParam Param(const std::string &url, const std::string &body, char *an
     return param;
 }
 
+Post::Post(const std::string &target, const std::string &text, uint32_t capacity)
+    : url(target), body(text), answer(size_t{capacity} + 2, '#'), param(Param(url, body, answer.data(), capacity))
+{
+}
+
+ESendByCurlRet Post::SendSync()
+{
+    return Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC);
+}
+
+ESendByCurlRet Post::SendDirect()
+{
+    return Qelvo_SyncSendStrByHttp_Ext(&param);
+}
+
+std::string Post::Received() const
+{
+    return answer.substr(0, param.dwRecvLen);
+}
+
 Outcome SendAndWait(const std::string &url, const std::string &body, uint32_t capacity)
 {
-    std::vector<char> answer(size_t{capacity} + 1, '\0');
-    TSendByCurlParam param = Param(url, body, answer.data(), capacity);
-    const ESendByCurlRet result = Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC);
-    return {result, param.dwRecvLen, std::string(answer.data())};
+    Post post(url, body, capacity);
+    const ESendByCurlRet result = post.SendSync();
+    return {result, post.param.dwRecvLen, post.answer.c_str()};
 }
 
 Batch::Batch(size_t count) : entries(count)

@@ -35,6 +35,23 @@ template <typename Fixture> class WithSendModule : public Fixture
     }
 };
 
+/* A record and all that it points to. */
+struct Post {
+    std::string url;
+    std::string body;
+    std::string answer; /* '#' where nothing was written, also behind the capacity and a terminator */
+    TSendByCurlParam param;
+
+    Post(const std::string &target, const std::string &text, uint32_t capacity = 4096);
+    Post(const Post &) = delete;
+    Post &operator=(const Post &) = delete;
+
+    ESendByCurlRet SendSync();
+    ESendByCurlRet SendDirect();
+    /* As much of the answer as dwRecvLen counts. */
+    std::string Received() const;
+};
+
 /* A synchronous send with all that comes back. */
 struct Outcome {
     ESendByCurlRet result;

@@ -18,10 +18,8 @@ namespace
 {
 
 using test::Outcome;
-using test::Param;
+using test::Post;
 using test::SendAndWait;
-
-const std::string EMPTY_OBJECT = "{}";
 
 class SyncSend : public test::WithSendModule<test::NginxTest>
 {
@@ -29,14 +27,11 @@ class SyncSend : public test::WithSendModule<test::NginxTest>
     /* A send with credentials. */
     Outcome SendAs(const std::string &credentials, uint32_t use)
     {
-        char answer[256] = "";
-        const std::string url = nginx.Http("/auth");
-        const std::string body = "{\"secret\":1}";
-        TSendByCurlParam param = Param(url, body, answer, sizeof(answer) - 1);
-        param.bCurlAuth = use;
-        strncpy(param.achUserAndPassWd, credentials.c_str(), sizeof(param.achUserAndPassWd) - 1);
-        const ESendByCurlRet result = Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC);
-        return {result, param.dwRecvLen, answer};
+        Post post(nginx.Http("/auth"), "{\"secret\":1}");
+        post.param.bCurlAuth = use;
+        strncpy(post.param.achUserAndPassWd, credentials.c_str(), sizeof(post.param.achUserAndPassWd) - 1);
+        const ESendByCurlRet result = post.SendSync();
+        return {result, post.param.dwRecvLen, post.answer.c_str()};
     }
 };
 
@@ -79,30 +74,18 @@ TEST_F(SyncSend, IsTurnedAwayWithTheWrongPasswordOrNone)
 
 TEST_F(SyncSend, AnAnswerOfExactlyTheCapacityFits)
 {
-    const std::string body = test::SampleText(100);
-    const std::string url = nginx.Http("/echo");
-    char answer[102];
-    memset(answer, '#', sizeof(answer));
-    TSendByCurlParam param = Param(url, body, answer, 100);
-
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_OK);
-    EXPECT_EQ(param.dwRecvLen, 100U);
-    EXPECT_EQ(std::string(answer, 100), body);
-    EXPECT_EQ(answer[100], '\0');
-    EXPECT_EQ(answer[101], '#');
+    Post post(nginx.Http("/echo"), test::SampleText(100), 100);
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_OK);
+    EXPECT_EQ(post.param.dwRecvLen, 100U);
+    EXPECT_EQ(post.answer, post.body + std::string("\0#", 2));
 }
 
-TEST_F(SyncSend, AnAnswerOneByteLongerCopiesNothingAndTellsItsLength)
+TEST_F(SyncSend, AnAnswerOneByteLongerCopiesNothingAndReportsItsLength)
 {
-    const std::string body = test::SampleText(101);
-    const std::string url = nginx.Http("/echo");
-    char answer[102];
-    memset(answer, '#', sizeof(answer));
-    TSendByCurlParam param = Param(url, body, answer, 100);
-
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_BUFFER_TOO_SMALL);
-    EXPECT_EQ(param.dwRecvLen, 101U);
-    EXPECT_EQ(std::string(answer, sizeof(answer)), std::string(102, '#'));
+    Post post(nginx.Http("/echo"), test::SampleText(101), 100);
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_BUFFER_TOO_SMALL);
+    EXPECT_EQ(post.param.dwRecvLen, 101U);
+    EXPECT_EQ(post.answer, std::string(102, '#'));
 }
 
 TEST_F(SyncSend, AnEmptyAnswerIsAnAnswer)
@@ -116,12 +99,10 @@ TEST_F(SyncSend, AnEmptyAnswerIsAnAnswer)
 TEST_F(SyncSend, AnotherStatusThan200LeavesTheBufferAlone)
 {
     for (const char *path : {"/status/404", "/status/500"}) {
-        const std::string url = nginx.Http(path);
-        char answer[65] = "before";
-        TSendByCurlParam param = Param(url, EMPTY_OBJECT, answer, 64);
-        EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_HTTP_STATUS) << path;
-        EXPECT_STREQ(answer, "before");
-        EXPECT_EQ(param.dwRecvLen, 64U);
+        Post post(nginx.Http(path), "{}", 64);
+        EXPECT_EQ(post.SendSync(), SENDBYCURL_HTTP_STATUS) << path;
+        EXPECT_EQ(post.answer, std::string(66, '#'));
+        EXPECT_EQ(post.param.dwRecvLen, 64U);
     }
 }
 
@@ -179,26 +160,21 @@ TEST_F(SyncSendToBadServer, ARefusedConnectionReturns10)
 TEST_F(SyncSendToBadServer, ASilentServerReturns10AfterTheTimeout)
 {
     const test::ScriptedServer server(test::Silent());
-    const std::string url = server.Url();
-    char answer[65] = "before";
-    TSendByCurlParam param = Param(url, EMPTY_OBJECT, answer, 64);
-    param.dwTimeoutMS = 300;
+    Post post(server.Url(), "{}", 64);
+    post.param.dwTimeoutMS = 300;
     const auto start = std::chrono::steady_clock::now();
-
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_HTTP_STATUS);
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_HTTP_STATUS);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(290));
-    EXPECT_STREQ(answer, "before");
+    EXPECT_EQ(post.answer, std::string(66, '#'));
     EXPECT_EQ(server.RequestCount(), 1U);
 }
 
 TEST_F(SyncSendToBadServer, AnAddressThatDoesNotAnswerReturns10AfterTheConnectTimeout)
 {
     const test::SilentAddress silent;
-    const std::string url = silent.Url();
-    char answer[65] = "";
-    TSendByCurlParam param = Param(url, EMPTY_OBJECT, answer, 64);
-    param.dwConnTimeOutMS = 300;
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_HTTP_STATUS);
+    Post post(silent.Url(), "{}");
+    post.param.dwConnTimeOutMS = 300;
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_HTTP_STATUS);
 }
 
 TEST_F(SyncSendToBadServer, ATransferCutOffAfterA200Returns0WithWhatCame)
@@ -214,12 +190,10 @@ TEST_F(SyncSendToBadServer, ATransferThatTimesOutAfterA200Returns0WithWhatCame)
 {
     const test::ScriptedServer server(
         {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::Hold()}});
-    const std::string url = server.Url();
-    char answer[65] = "";
-    TSendByCurlParam param = Param(url, EMPTY_OBJECT, answer, 64);
-    param.dwTimeoutMS = 500;
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_OK);
-    EXPECT_STREQ(answer, "part");
+    Post post(server.Url(), "{}", 64);
+    post.param.dwTimeoutMS = 500;
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_OK);
+    EXPECT_STREQ(post.answer.c_str(), "part");
 }
 
 TEST_F(SyncSendToBadServer, AConnectionClosedWithoutAnAnswerReturns10)

@@ -79,13 +79,11 @@ TEST_F(UriCheck, WorksBesideAnInstanceAndAfterItsEnd)
 
 TEST_F(UriCheckOfScriptedServer, SendsAPostWithAnEmptyBody)
 {
-    const test::ScriptedServer server({test::When::HEADERS, {test::Send(test::Reply(200, "here")), test::Await()}});
+    const test::ScriptedServer server(test::Echoing());
     EXPECT_EQ(NvrHttpCurlCltCheckUri(server.Url("/place").c_str(), 10), NVRHTTPCURLCLT_OK);
-    ASSERT_TRUE(server.WaitForHeads(1));
-    EXPECT_EQ(server.Received(0).find("POST /place HTTP/1.1\r\n"), 0U) << server.Received(0);
-    for (const test::Request &seen : server.Requests()) {
-        EXPECT_EQ(seen.body, "");
-    }
+    ASSERT_EQ(server.RequestCount(), 1U);
+    EXPECT_EQ(server.Requests()[0].Line(), "POST /place HTTP/1.1");
+    EXPECT_EQ(server.Requests()[0].body, "");
 }
 
 TEST_F(UriCheckOfScriptedServer, ARefusedConnectionReturns1)

@@ -3,6 +3,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -209,14 +210,11 @@ class ModuleWire : public test::WithSendModule<test::IntegrationTest>, public te
 TEST_P(ModuleWire, EverySendLeavesAsPostOfJson)
 {
     const test::ScriptedServer server(test::Echoing());
-    const std::string url = server.Url("/place");
-    const std::string body = "{\"name\":\"\xE8\xAE\xB0\"}";
-    char answer[128] = "";
-    TSendByCurlParam param = test::Param(url, body, answer, sizeof(answer) - 1);
-    param.eHeadType = GetParam();
-    ASSERT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_OK);
+    test::Post post(server.Url("/place"), "{\"name\":\"\xE8\xAE\xB0\"}");
+    post.param.eHeadType = GetParam();
+    ASSERT_EQ(post.SendSync(), SENDBYCURL_OK);
     test::Batch batch(1);
-    ASSERT_EQ(batch.Send(0, param), SENDBYCURL_OK);
+    ASSERT_EQ(batch.Send(0, post.param), SENDBYCURL_OK);
     ASSERT_TRUE(batch.WaitFor(1));
 
     ASSERT_EQ(server.RequestCount(), 2U);
@@ -226,10 +224,10 @@ TEST_P(ModuleWire, EverySendLeavesAsPostOfJson)
         EXPECT_TRUE(seen.HasLine("Content-Length: 14")) << seen.head;
         EXPECT_FALSE(seen.HasHeader("Expect")) << seen.head;
         EXPECT_FALSE(seen.HasHeader("Authorization")) << seen.head;
-        EXPECT_EQ(seen.body, body);
+        EXPECT_EQ(seen.body, post.body);
     }
-    EXPECT_EQ(std::string(answer), body);
-    EXPECT_EQ(batch.Answer(0), body);
+    EXPECT_STREQ(post.answer.c_str(), post.body.c_str());
+    EXPECT_EQ(batch.Answer(0), post.body);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryHeadType, ModuleWire,
@@ -250,13 +248,10 @@ TEST_F(ModuleWire, CredentialsLeaveOnlyOnceTheServerAsksForThem)
 {
     const test::ScriptedServer server(
         {test::When::REQUEST, {test::Send(test::Reply(401, "who? ", "WWW-Authenticate: Basic realm=\"r\"\r\n"))}});
-    const std::string url = server.Url();
-    char answer[64] = "";
-    const std::string body = "{}";
-    TSendByCurlParam param = test::Param(url, body, answer, sizeof(answer) - 1);
-    param.bCurlAuth = 1;
-    snprintf(param.achUserAndPassWd, sizeof(param.achUserAndPassWd), "%s", "user:secret");
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_SYNC), SENDBYCURL_HTTP_STATUS);
+    test::Post post(server.Url(), "{}");
+    post.param.bCurlAuth = 1;
+    strcpy(post.param.achUserAndPassWd, "user:secret");
+    EXPECT_EQ(post.SendSync(), SENDBYCURL_HTTP_STATUS);
     ASSERT_EQ(server.RequestCount(), 2U);
     EXPECT_FALSE(server.Requests()[0].HasHeader("Authorization"));
     EXPECT_TRUE(server.Requests()[1].HasLine("Authorization: Basic dXNlcjpzZWNyZXQ=")) << server.Requests()[1].head;

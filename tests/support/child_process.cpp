@@ -183,7 +183,7 @@ std::string ChildProcess::ReadUntil(const std::string &text)
             return "";
         }
     }
-    const std::string before = pending.substr(0, at);
+    std::string before = pending.substr(0, at);
     pending.erase(0, at + text.size());
     return before;
 }

@@ -1,5 +1,5 @@
 /*
- * Files of a test: a folder that goes with its owner, a file in memory that stands in for a
+ * Files of a test: a folder that is removed with its owner, a file in memory in place of a
  * standard stream, whole files as texts.
  */
 #ifndef TESTS_SUPPORT_FILES_H

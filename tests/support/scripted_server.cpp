@@ -325,7 +325,7 @@ bool ScriptedServer::State::MayStart(const Connection &connection) const
     return connection.complete;
 }
 
-/* False where the step ends the connection. *advance tells whether the step is over. */
+/* False where the step ends the connection. *advance is set to whether the step is over. */
 bool ScriptedServer::State::PlayStep(Connection &connection, const Step &step, bool *advance)
 {
     const linger atOnce{1, 0};
