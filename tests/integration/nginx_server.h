@@ -50,7 +50,7 @@ class NginxServer
     /* 1 TB of zeros that take no space: an answer without end. */
     bool MakeHugeFile(const std::string &name) const;
 
-    /* Requests that it has answered. */
+    /* Requests that it has answered, and so those that got past a handshake. */
     size_t RequestCount() const;
     bool WaitForRequests(size_t count) const;
 

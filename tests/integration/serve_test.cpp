@@ -2,7 +2,6 @@
  * nvrhttp serve: every path of the echo server, over HTTP and TLS, and the end of the program.
  */
 #include <curl/curl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -228,20 +227,16 @@ TEST_F(ServeOverTls, EchoesWithACertificateForItsAddressThatNobodySigned)
 TEST_F(ServeProgram, APortMayBeChosenUnlessItIsTaken)
 {
     uint16_t port = 0;
-    const int taken = test::BindLoopback(&port);
-    ASSERT_GE(taken, 0);
-    ASSERT_EQ(listen(taken, 1), 0);
-    const std::vector<std::string> options = {"--port", std::to_string(port)};
-
-    const Finished refused = RunProgram(Nvrhttp({"serve", options[0], options[1]}));
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.output, "");
-    EXPECT_EQ(refused.errors, "nvrhttp serve: port " + options[1] + " of 127.0.0.1 cannot be taken\n");
-
-    close(taken);
-    const ServeProcess server(options);
+    close(test::BindLoopback(&port));
+    const std::string number = std::to_string(port);
+    const ServeProcess server({"--port", number});
     EXPECT_EQ(server.Url(), test::LoopbackUrl(port));
     EXPECT_EQ(Client().Ask("POST", server.Url(), "[4]").body, "[4]");
+
+    const Finished second = RunProgram(Nvrhttp({"serve", "--port", number}));
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.output, "");
+    EXPECT_EQ(second.errors, "nvrhttp serve: port " + number + " of 127.0.0.1 cannot be taken\n");
 }
 
 TEST_F(ServeProgram, BadArgumentsAreRefused)
@@ -262,7 +257,7 @@ TEST_F(ServeProgram, AnInterruptEndsItAndWhatItDelays)
     const std::string url = server.ReadUntil("\n");
     Answer answer;
     std::thread asking([&] { answer = Client().Ask("POST", url + "delay/60000", "[6]"); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
     server.Signal(SIGINT);
     EXPECT_EQ(server.Wait(std::chrono::seconds(20)), 0);
     asking.join();

@@ -57,7 +57,7 @@ pid_t Fork(const Program &program, const std::function<void()> &prepare)
         return child;
     }
     /* It ends with the test, also where the test is killed. */
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
         _exit(STATUS_NOT_RUN);
     }

@@ -29,7 +29,7 @@ struct Program {
     bool onTerminal = false;                /* a terminal of its own, 200 by 50 characters, in place of pipes */
 };
 
-/* A program that runs; it is killed where it still does at the end, of this object or of the test. */
+/* A program that runs; it ends with this object, and with the test. */
 class ChildProcess
 {
   public:
