@@ -43,7 +43,7 @@ void ExpectOwnAnswers(const Batch &batch, size_t first, size_t end)
     EXPECT_EQ(wrong, 0U);
 }
 
-class AsyncSend : public test::WithSendModule<test::NginxTest>
+template <typename Fixture> class AsyncSendOver : public test::WithSendModule<Fixture>
 {
   protected:
     /* Sends once and waits for the notification. */
@@ -56,6 +56,9 @@ class AsyncSend : public test::WithSendModule<test::NginxTest>
 
     Batch one{1};
 };
+
+using AsyncSend = AsyncSendOver<test::NginxTest>;
+using AsyncSendToScriptedServer = AsyncSendOver<test::IntegrationTest>;
 
 TEST_F(AsyncSend, IsNotifiedWithTheAnswerOverHttp)
 {
@@ -178,39 +181,31 @@ TEST_F(AsyncSend, SendsOfBothKindsFromManyThreadsAtOnce)
 
 /* --- servers that misbehave, or take their time ------------------------------------------ */
 
-using AsyncSendToScriptedServer = test::WithSendModule<test::IntegrationTest>;
-
 TEST_F(AsyncSendToScriptedServer, ARefusedConnectionIsNotifiedAs14)
 {
     const test::ClosedPort closed;
-    Batch batch(1);
-    ASSERT_EQ(batch.Send(0, closed.Url(), Record(0)), SENDBYCURL_OK);
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(batch.Result(0), SENDBYCURL_CONNECT_FAILED);
+    SendOne(closed.Url());
+    EXPECT_EQ(one.Result(0), SENDBYCURL_CONNECT_FAILED);
 }
 
 TEST_F(AsyncSendToScriptedServer, AHandshakeBrokenOffIsNotifiedAs15)
 {
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
-    Batch batch(1);
-    ASSERT_EQ(batch.Send(0, server.Url("/", "https"), Record(0)), SENDBYCURL_OK);
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(batch.Result(0), SENDBYCURL_TLS_FAILED);
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
+    SendOne(server.Url("/", "https"));
+    EXPECT_EQ(one.Result(0), SENDBYCURL_TLS_FAILED);
 }
 
 TEST_F(AsyncSendToScriptedServer, ATransferCutOffIsNotifiedAs1WithWhatCame)
 {
-    const test::ScriptedServer server(test::CuttingOff());
-    Batch batch(1);
-    ASSERT_EQ(batch.Send(0, server.Url(), Record(0)), SENDBYCURL_OK);
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(batch.Result(0), SENDBYCURL_INVALID_PARAM);
-    EXPECT_EQ(batch.Answer(0), "part");
+    const test::ScriptedServer server(test::CUTTING_OFF);
+    SendOne(server.Url());
+    EXPECT_EQ(one.Result(0), SENDBYCURL_INVALID_PARAM);
+    EXPECT_EQ(one.Answer(0), "part");
 }
 
 TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
 {
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     Batch batch(PLACES + 2);
     ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < PLACES; ++i) {
@@ -236,7 +231,7 @@ TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
 
 TEST_F(AsyncSendToScriptedServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
 {
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     Batch batch(PLACES);
     ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < 1000; ++i) {
@@ -256,7 +251,7 @@ TEST_F(AsyncSendToScriptedServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
 
 TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     const std::string url = server.Url();
     std::vector<std::vector<char>> answers(2 * PLACES, std::vector<char>(64, '\0'));
     for (size_t i = 0; i < answers.size(); ++i) {
@@ -272,7 +267,7 @@ TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
     ASSERT_TRUE(server.WaitForRequests(answers.size()));
 
     /* All places are free again, and with them the buffers, once as many sends fit in as there are places. */
-    test::ScriptedServer holding(test::EchoingOnRelease());
+    test::ScriptedServer holding(test::ECHOING_ON_RELEASE);
     Batch batch(PLACES);
     for (size_t i = 0; i < PLACES; ++i) {
         ASSERT_TRUE(test::WaitUntil([&] { return batch.Send(i, holding.Url(), Record(i)) == SENDBYCURL_OK; })) << i;
@@ -291,8 +286,8 @@ TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
 TEST_F(AsyncSendToScriptedServer, ATimeoutIsNotifiedWithTheWorkersNextActivity)
 {
     constexpr size_t WORKERS = 8;
-    const test::ScriptedServer silent(test::Silent());
-    test::ScriptedServer holding(test::EchoingOnRelease());
+    const test::ScriptedServer silent(test::SILENT);
+    test::ScriptedServer holding(test::ECHOING_ON_RELEASE);
     Batch overdue(WORKERS);
     Batch next(2 * WORKERS);
     overdue.SetTimeout(1000);

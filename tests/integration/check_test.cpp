@@ -46,7 +46,7 @@ TEST_F(Check, RefusedConnection)
 
 TEST_F(Check, PlainPortAskedForTls)
 {
-    const test::ScriptedServer plain({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::Close()}});
+    const test::ScriptedServer plain({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::CLOSE}});
     const Finished run = RunProgram(Nvrhttp({"check", plain.Url("/", "https")}));
     EXPECT_EQ(run.status, 12) << run.output << run.errors;
     EXPECT_TRUE(Has(run.output, "result 12: not reachable: the TLS connection failed")) << run.output;
@@ -62,7 +62,7 @@ TEST_F(Check, NoConnectionInTime)
 
 TEST_F(Check, StandardInputIsNotSent)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     const Finished run = RunProgram(Nvrhttp({"check", server.Url()}), "SECRET");
     EXPECT_EQ(run.status, 0) << run.errors;
     ASSERT_EQ(server.RequestCount(), 1U);

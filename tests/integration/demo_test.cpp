@@ -96,7 +96,7 @@ TEST_F(Demo, AProxyOfTheEnvironmentDoesNotSeeWhatGoesToItsOwnServer)
 
 TEST_F(Demo, AServerThatIsGivenGetsTwoPostsAndNoOthers)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     const Finished run = RunProgram(DemoProgram({server.Url("/place"), "{\"a\":1}"}));
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
     ExpectInOrder(run.output, {"Server: " + server.Url("/place") + "\n", "   sent    {\"a\":1}\n",
@@ -149,7 +149,7 @@ TEST_F(Demo, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
 
 TEST_F(Demo, WithoutPortsItSaysWhatIsMissing)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     test::Program own = DemoProgram({});
     test::Program given = DemoProgram({server.Url()});
     own.inChild = test::RefuseAllPorts;
@@ -168,7 +168,7 @@ TEST_F(Demo, WithoutPortsItSaysWhatIsMissing)
 
 TEST_F(Demo, BadArgumentsSendNothing)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     const std::vector<std::vector<std::string>> bad = {
         {server.Url(), "--count", "0"},    {server.Url(), "--count", "1000001"}, {server.Url(), "--deadline", "0"},
         {server.Url(), "--deadline", "x"}, {server.Url(), "{}", "third"},        {server.Url(), "--unknown"},

@@ -142,7 +142,7 @@ TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
 
 TEST_F(DirectSendToScriptedServer, APostCarriesTheBodyUpToItsFirstZeroByte)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     Post post(server.Url("/place"), std::string("{\"a\":1}\0more", 12));
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     ASSERT_EQ(server.RequestCount(), 1U);
@@ -198,7 +198,7 @@ TEST_F(DirectSendToScriptedServer, AnOverflowKeepsTheChunksThatFitted)
 
 TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 {
-    const test::ScriptedServer server(test::Silent());
+    const test::ScriptedServer server(test::SILENT);
     Post post(server.Url(), "{}");
     post.param.dwTimeoutMS = 300;
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TIMED_OUT);
@@ -226,13 +226,13 @@ TEST_F(DirectSendToScriptedServer, ARefusedConnectionReturns5)
 
 TEST_F(DirectSendToScriptedServer, AHandshakeBrokenOffReturns5)
 {
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
     EXPECT_EQ(Post(server.Url("/", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
 }
 
 TEST_F(DirectSendToScriptedServer, ATransferCutOffReturns5WithWhatCame)
 {
-    const test::ScriptedServer server(test::CuttingOff());
+    const test::ScriptedServer server(test::CUTTING_OFF);
     Post post(server.Url(), "{}");
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
     EXPECT_EQ(post.Received(), "part");

@@ -134,8 +134,8 @@ TEST_F(EngineRunWithNginx, EachAsynchronousRequestIsCalledBackOnceWithItsOwnAnsw
 TEST_F(EngineRun, HowATransferFailedReachesTheCallback)
 {
     const test::ClosedPort closed;
-    const test::ScriptedServer notTls({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::Close()}});
-    const test::ScriptedServer cutting(test::CuttingOff());
+    const test::ScriptedServer notTls({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::CLOSE}});
+    const test::ScriptedServer cutting(test::CUTTING_OFF);
     const std::string urls[] = {closed.Url(), notTls.Url("/", "https"), cutting.Url()};
     const ENvrHttpCurlCltRet results[] = {NVRHTTPCURLCLT_CONNECT_FAILED, NVRHTTPCURLCLT_TLS_FAILED,
                                           NVRHTTPCURLCLT_FAILED};
@@ -185,7 +185,7 @@ TEST_F(EngineRunWithNginx, ALargeAnswerComesWhole)
 TEST_F(EngineRun, ARequestKeepsItsPlaceUntilItIsDestroyed)
 {
     constexpr size_t LIMIT = NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS;
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     Engine engine(8, LIMIT);
     std::vector<Submission> all(LIMIT + 1);
     ASSERT_TRUE(test::AllowDescriptors(2 * LIMIT + 200)) << "too few descriptors allowed";
@@ -222,7 +222,7 @@ TEST_F(EngineRun, ARequestKeepsItsPlaceUntilItIsDestroyed)
 
 TEST_F(EngineRun, ARequestMayBeSubmittedAgainAfterItsCallback)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     Engine engine(2, 1);
     std::vector<Submission> all(1);
     Prepare(all, engine, server.Url());
@@ -283,7 +283,7 @@ TEST_F(EngineRunWithNginx, RequestsMayBeSubmittedAgainFromTheirCallbacks)
 
 TEST_F(EngineRun, ARequestThatIsStillRunningIsNotTakenAgain)
 {
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     Engine engine(1);
     std::vector<Submission> all(1);
     Prepare(all, engine, server.Url());
@@ -320,8 +320,8 @@ TEST_F(EngineRunWithNginx, ACallbackMayDestroyItsRequest)
 
 TEST_F(EngineRun, ATimeoutIsReportedWithTheTasksNextActivityOnly)
 {
-    const test::ScriptedServer silent(test::Silent());
-    const test::ScriptedServer echoing(test::Echoing());
+    const test::ScriptedServer silent(test::SILENT);
+    const test::ScriptedServer echoing(test::ECHOING);
     Engine engine(1);
     std::vector<Submission> all(2);
     all[0].request = engine.MakeRequest(silent.Url(), Body(0));
@@ -343,7 +343,7 @@ TEST_F(EngineRun, ATimeoutIsReportedWithTheTasksNextActivityOnly)
 TEST_F(EngineRun, AConnectTimeoutIsReportedWithTheTasksNextActivityOnly)
 {
     const test::SilentAddress silent;
-    const test::ScriptedServer echoing(test::Echoing());
+    const test::ScriptedServer echoing(test::ECHOING);
     Engine engine(1);
     std::vector<Submission> all(2);
     all[0].request = engine.MakeRequest(silent.Url(), Body(0));
@@ -363,10 +363,10 @@ TEST_F(EngineRun, ALongBodyWithoutHeaderLinesWaitsForTheServerOrTheTasksNextActi
 {
     const std::string body = test::SampleText(1500000);
     test::ScriptedServer holding({test::When::HEADERS,
-                                  {test::Hold(), test::Send("HTTP/1.1 100 Continue\r\n\r\n"), test::Await(),
+                                  {test::HOLD, test::Send("HTTP/1.1 100 Continue\r\n\r\n"), test::AWAIT,
                                    test::Send(test::Reply(200, "taken"))}});
     const test::ScriptedServer unwilling({test::When::REQUEST, {test::Send(test::Reply(200, "taken"))}});
-    const test::ScriptedServer echoing(test::Echoing());
+    const test::ScriptedServer echoing(test::ECHOING);
     Engine engine(1);
     std::vector<Submission> all(3);
     all[0].request = engine.MakeRequest(holding.Url(), body, false);
@@ -378,7 +378,7 @@ TEST_F(EngineRun, ALongBodyWithoutHeaderLinesWaitsForTheServerOrTheTasksNextActi
     ASSERT_TRUE(holding.WaitForHeads(1));
     const size_t headLength = holding.Received(0).find("\r\n\r\n") + 4;
     std::this_thread::sleep_for(milliseconds(300));
-    EXPECT_EQ(holding.ReceivedLength(0), headLength);
+    EXPECT_EQ(holding.Received(0).size(), headLength);
     holding.Release();
     ASSERT_TRUE(all[0].WaitForCallbacks(1));
     EXPECT_EQ(all[0].result, NVRHTTPCURLCLT_OK);
@@ -403,7 +403,7 @@ TEST_F(EngineRun, ALongBodyWithoutHeaderLinesWaitsForTheServerOrTheTasksNextActi
 TEST_F(EngineRun, UninitReleasesEverythingThatIsOutstanding)
 {
     constexpr size_t COUNT = 160;
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     /* What libcurl keeps for the process exists after a first round. */
     for (int round = 0; round < 2; ++round) {
         const std::set<int> descriptors = test::OpenDescriptors();
@@ -430,7 +430,7 @@ TEST_F(EngineRun, UninitReleasesEverythingThatIsOutstanding)
 
 TEST_F(EngineRun, UninitReleasesFinishedRequestsToo)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     Engine engine(4);
     std::vector<Submission> all(40);
     Prepare(all, engine, server.Url());
@@ -461,7 +461,7 @@ milliseconds EndOf(uint32_t tasks, const test::ScriptedServer &server)
 
 TEST_F(EngineRun, SixteenWorkersEndInAboutTheTimeOfOne)
 {
-    const test::ScriptedServer server(test::Silent());
+    const test::ScriptedServer server(test::SILENT);
     const milliseconds waitPeriod(50);
     const milliseconds one = EndOf(1, server);
     const milliseconds sixteen = EndOf(16, server);
@@ -475,7 +475,7 @@ TEST_F(EngineRun, NoCallbackComesAfterUninitReturned)
 {
     uint32_t interrupted = 0;
     for (int round = 0; round < 12; ++round) {
-        test::ScriptedServer server(test::EchoingOnRelease());
+        test::ScriptedServer server(test::ECHOING_ON_RELEASE);
         Engine engine(4);
         std::vector<Submission> all(64);
         std::atomic<bool> over{false};
@@ -503,7 +503,7 @@ TEST_F(EngineRun, NoCallbackComesAfterUninitReturned)
 
 TEST_F(EngineRun, UninitWaitsForACallbackThatIsUnderWay)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     Engine engine(2);
     std::vector<Submission> all(1);
     std::atomic<bool> go{false};
@@ -555,7 +555,7 @@ TEST_F(EngineRunWithNginx, InstancesComeAndGoUnderLoad)
 
 TEST_F(EngineRun, SixteenInstancesServeAtOnceAndTheNextIsRefused)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     std::vector<std::unique_ptr<Engine>> engines;
     std::vector<Submission> all(NVRHTTPCURLCLT_MAX_INSTANCES);
     for (Submission &run : all) {

@@ -53,7 +53,7 @@ class ModuleState : public test::WithSendModule<test::IntegrationTest>
 TEST_F(ModuleState, SendsAreSpreadEvenlyAndLeaveNothingBehind)
 {
     constexpr size_t COUNT = SENDBYCURL_ASYNC_SLOTS;
-    test::ScriptedServer server(test::EchoingOnRelease());
+    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
     Batch batch(COUNT);
     ASSERT_TRUE(test::AllowDescriptors(2 * COUNT + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < COUNT; ++i) {
@@ -98,7 +98,7 @@ TEST_F(ModuleState, AFailedTransferGivesItsPlaceBack)
 
 TEST_F(ModuleState, SynchronousSendsTakeNoPlace)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     EXPECT_EQ(test::SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
     EXPECT_EQ(PlacesTaken(), 0U);
     EXPECT_EQ(EngineRequests(), 0U);

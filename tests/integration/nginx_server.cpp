@@ -67,7 +67,7 @@ http {
 
 const char *const LOCATIONS = R"(    ssl_certificate certificate.pem;
     ssl_certificate_key key.pem;
-    location /ready { access_log off; return 200 ready; }
+    location /ready { return 200 ready; }
     location /echo { echo_read_request_body; echo_request_body; }
     location /late { echo_sleep 0.3; echo -n ok; }
     location /pieces { echo -n one; echo_flush; echo_sleep 0.1; echo -n two; echo_flush;
@@ -107,9 +107,6 @@ NginxServer::NginxServer()
     }
     for (int fd : sockets) {
         close(fd);
-    }
-    if (problem.empty() && !Answers()) {
-        problem = "nginx does not answer: " + ReadFile(folder.Path() + "/error.log");
     }
 }
 
@@ -159,24 +156,10 @@ void NginxServer::Launch(const std::vector<int> &sockets)
         return std::all_of(sockets.begin(), sockets.end(), [](int fd) { return fcntl(fd, F_SETFD, 0) == 0; });
     };
     process.emplace(program);
-}
-
-/* The connection is accepted by the kernel at once; the answer comes as soon as nginx is up. */
-bool NginxServer::Answers() const
-{
-    const std::string question = "GET /ready HTTP/1.0\r\n\r\n";
-    const timeval limit{PATIENCE.count(), 0};
-    std::string answer;
-    char part[512];
-    const int fd = ConnectLoopback(plainPort, true);
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    if (send(fd, question.data(), question.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(question.size())) {
-        for (ssize_t got = recv(fd, part, sizeof(part), 0); got > 0; got = recv(fd, part, sizeof(part), 0)) {
-            answer.append(part, static_cast<size_t>(got));
-        }
+    /* The kernel accepts connections already; they are served once it is up. */
+    if (!WaitUntil([this] { return !ReadFile(folder.Path() + "/nginx.pid").empty(); })) {
+        problem = "nginx does not start: " + ReadFile(folder.Path() + "/error.log");
     }
-    close(fd);
-    return Has(answer, "\r\n\r\nready");
 }
 
 bool NginxServer::IsRunning() const

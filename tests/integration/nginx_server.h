@@ -58,7 +58,6 @@ class NginxServer
     bool MakeCertificate();
     void WriteConfiguration(const std::string &modulesFolder) const;
     void Launch(const std::vector<int> &sockets);
-    bool Answers() const;
 
     const TemporaryFolder folder;
     std::string problem;

@@ -166,7 +166,7 @@ TEST_P(PostInEachMode, EveryFailureOfManyIsCounted)
 
 TEST_P(PostInEachMode, SilentServerEndsInABoundedTime)
 {
-    const test::ScriptedServer silent(test::Silent());
+    const test::ScriptedServer silent(test::SILENT);
     const Finished run = RunProgram(Post(silent.Url(), {"--timeout", "300"}));
     EXPECT_EQ(run.status, Is("sync") ? 10 : 7) << run.errors;
     EXPECT_EQ(run.output, "");
@@ -293,7 +293,7 @@ TEST_F(PostMany, OneThousandAndTwentyFourOutstanding)
 
 TEST_F(PostMany, NeverReportedCountAsLost)
 {
-    const test::ScriptedServer silent(test::Silent());
+    const test::ScriptedServer silent(test::SILENT);
     const Finished run = RunProgram(
         Nvrhttp({"post", silent.Url(), "--mode", "async", "--count", "5", "--parallel", "3", "--timeout", "300"}));
     EXPECT_EQ(run.status, 7) << run.errors;

@@ -159,7 +159,7 @@ TEST_F(SyncSendToBadServer, ARefusedConnectionReturns10)
 
 TEST_F(SyncSendToBadServer, ASilentServerReturns10AfterTheTimeout)
 {
-    const test::ScriptedServer server(test::Silent());
+    const test::ScriptedServer server(test::SILENT);
     Post post(server.Url(), "{}", 64);
     post.param.dwTimeoutMS = 300;
     const auto start = std::chrono::steady_clock::now();
@@ -179,7 +179,7 @@ TEST_F(SyncSendToBadServer, AnAddressThatDoesNotAnswerReturns10AfterTheConnectTi
 
 TEST_F(SyncSendToBadServer, ATransferCutOffAfterA200Returns0WithWhatCame)
 {
-    const test::ScriptedServer server(test::CuttingOff());
+    const test::ScriptedServer server(test::CUTTING_OFF);
     const Outcome outcome = SendAndWait(server.Url(), "{}");
     EXPECT_EQ(outcome.result, SENDBYCURL_OK);
     EXPECT_EQ(outcome.answer, "part");
@@ -189,7 +189,7 @@ TEST_F(SyncSendToBadServer, ATransferCutOffAfterA200Returns0WithWhatCame)
 TEST_F(SyncSendToBadServer, ATransferThatTimesOutAfterA200Returns0WithWhatCame)
 {
     const test::ScriptedServer server(
-        {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::Hold()}});
+        {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::HOLD}});
     Post post(server.Url(), "{}", 64);
     post.param.dwTimeoutMS = 500;
     EXPECT_EQ(post.SendSync(), SENDBYCURL_OK);
@@ -199,8 +199,8 @@ TEST_F(SyncSendToBadServer, ATransferThatTimesOutAfterA200Returns0WithWhatCame)
 TEST_F(SyncSendToBadServer, AConnectionClosedWithoutAnAnswerReturns10)
 {
     for (const test::Script &script :
-         {test::Script{test::When::REQUEST, {test::Close()}}, test::Script{test::When::FIRST_BYTE, {test::Reset()}},
-          test::Script{test::When::CONNECTED, {test::Close()}}}) {
+         {test::Script{test::When::REQUEST, {test::CLOSE}}, test::Script{test::When::FIRST_BYTE, {test::RESET}},
+          test::Script{test::When::CONNECTED, {test::CLOSE}}}) {
         const test::ScriptedServer server(script);
         EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_HTTP_STATUS);
     }
@@ -220,7 +220,7 @@ TEST_F(SyncSendToBadServer, AnAnswerInSlowPiecesComesWhole)
 
 TEST_F(SyncSendToBadServer, SomethingThatIsNoHttpReturns10)
 {
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send("220 mail ready\r\n"), test::Close()}});
+    const test::ScriptedServer server({test::When::REQUEST, {test::Send("220 mail ready\r\n"), test::CLOSE}});
     EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_HTTP_STATUS);
 }
 

@@ -79,7 +79,7 @@ TEST_F(UriCheck, WorksBesideAnInstanceAndAfterItsEnd)
 
 TEST_F(UriCheckOfScriptedServer, SendsAPostWithAnEmptyBody)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     EXPECT_EQ(NvrHttpCurlCltCheckUri(server.Url("/place").c_str(), 10), NVRHTTPCURLCLT_OK);
     ASSERT_EQ(server.RequestCount(), 1U);
     EXPECT_EQ(server.Requests()[0].Line(), "POST /place HTTP/1.1");
@@ -104,13 +104,13 @@ TEST_F(UriCheckOfScriptedServer, AnAddressThatDoesNotAnswerReturns10AfterTheTime
 
 TEST_F(UriCheckOfScriptedServer, AHandshakeBrokenOffReturns12)
 {
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
     EXPECT_EQ(NvrHttpCurlCltCheckUri(server.Url("/", "https").c_str(), 10), NVRHTTPCURLCLT_TLS_FAILED);
 }
 
 TEST_F(UriCheckOfScriptedServer, AConnectionClosedWithoutAnAnswerReturns1)
 {
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::Close()}});
+    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
     EXPECT_EQ(NvrHttpCurlCltCheckUri(server.Url().c_str(), 10), NVRHTTPCURLCLT_FAILED);
 }
 

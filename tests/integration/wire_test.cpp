@@ -20,7 +20,7 @@ using test::Engine;
 class Wire : public test::IntegrationTest
 {
   protected:
-    Wire() : engine(0, 0), server(test::Echoing())
+    Wire() : engine(0, 0), server(test::ECHOING)
     {
     }
 
@@ -209,7 +209,7 @@ class ModuleWire : public test::WithSendModule<test::IntegrationTest>, public te
 
 TEST_P(ModuleWire, EverySendLeavesAsPostOfJson)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     test::Post post(server.Url("/place"), "{\"name\":\"\xE8\xAE\xB0\"}");
     post.param.eHeadType = GetParam();
     ASSERT_EQ(post.SendSync(), SENDBYCURL_OK);
@@ -235,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(EveryHeadType, ModuleWire,
 
 TEST_F(ModuleWire, TwoMegabytesLeaveWithoutExpect)
 {
-    const test::ScriptedServer server(test::Echoing());
+    const test::ScriptedServer server(test::ECHOING);
     const std::string body = test::SampleText(2000000);
     const test::Outcome outcome = test::SendAndWait(server.Url(), body, 2000000);
     EXPECT_EQ(outcome.result, SENDBYCURL_OK);

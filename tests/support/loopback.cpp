@@ -41,14 +41,6 @@ int BindLoopback(uint16_t *port)
     return fd;
 }
 
-int ConnectLoopback(uint16_t port, bool blocking)
-{
-    const sockaddr_in address = AddressOf(port);
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (blocking ? 0 : SOCK_NONBLOCK), 0);
-    (void)connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-    return fd;
-}
-
 std::string LoopbackUrl(uint16_t port, const std::string &path, const std::string &scheme)
 {
     return scheme + "://127.0.0.1:" + std::to_string(port) + path;
@@ -78,9 +70,11 @@ SilentAddress::SilentAddress() : fd(BindLoopback(&port))
 /* Nobody accepts: the first connections fill it, the one that stays pending proves it. */
 bool SilentAddress::FillBacklog()
 {
+    const sockaddr_in address = AddressOf(port);
     while (fillers.size() < 16) {
-        fillers.push_back(ConnectLoopback(port, false));
+        fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         pollfd waiting{fillers.back(), POLLOUT, 0};
+        (void)connect(fillers.back(), reinterpret_cast<const sockaddr *>(&address), sizeof(address));
         if (poll(&waiting, 1, 200) == 0) {
             return true;
         }

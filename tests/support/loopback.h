@@ -14,9 +14,6 @@ namespace test
 /* Opens a TCP socket on a loopback port that was free; -1 with errno set. */
 int BindLoopback(uint16_t *port);
 
-/* Connects a TCP socket to a loopback port, which a non-blocking one only begins; -1 without a socket. */
-int ConnectLoopback(uint16_t port, bool blocking);
-
 std::string LoopbackUrl(uint16_t port, const std::string &path = "/", const std::string &scheme = "http");
 
 /* A port that refuses every connection and that nobody else can take meanwhile. */

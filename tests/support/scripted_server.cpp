@@ -154,26 +154,6 @@ Step Pause(std::chrono::milliseconds time)
     return {Step::Kind::PAUSE, {}, time};
 }
 
-Step Hold()
-{
-    return {Step::Kind::HOLD, {}, {}};
-}
-
-Step Await()
-{
-    return {Step::Kind::AWAIT, {}, {}};
-}
-
-Step Close()
-{
-    return {Step::Kind::CLOSE, {}, {}};
-}
-
-Step Reset()
-{
-    return {Step::Kind::RESET, {}, {}};
-}
-
 std::string Reply(int status, const std::string &body, const std::string &headers)
 {
     return "HTTP/1.1 " + std::to_string(status) + " Reply\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
@@ -183,26 +163,6 @@ std::string Reply(int status, const std::string &body, const std::string &header
 Script Answering(const std::string &body, int status)
 {
     return {When::REQUEST, {Send(Reply(status, body))}};
-}
-
-Script Echoing()
-{
-    return {When::REQUEST, {Echo()}};
-}
-
-Script Silent()
-{
-    return {When::REQUEST, {}};
-}
-
-Script EchoingOnRelease()
-{
-    return {When::REQUEST, {Hold(), Echo()}};
-}
-
-Script CuttingOff()
-{
-    return {When::REQUEST, {Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), Close()}};
 }
 
 struct ScriptedServer::State {
@@ -511,12 +471,6 @@ std::string ScriptedServer::Received(size_t connection) const
 {
     std::lock_guard<std::mutex> guard(state->lock);
     return connection < state->received.size() ? state->received[connection] : std::string();
-}
-
-size_t ScriptedServer::ReceivedLength(size_t connection) const
-{
-    std::lock_guard<std::mutex> guard(state->lock);
-    return connection < state->received.size() ? state->received[connection].size() : 0;
 }
 
 bool ScriptedServer::WaitForRequests(size_t count) const

@@ -43,23 +43,23 @@ using Answerer = std::function<std::string(const Request &)>;
 struct Step {
     enum class Kind { SEND, PAUSE, HOLD, AWAIT, CLOSE, RESET };
     Kind kind;
-    Answerer answerer;
+    Answerer answerer{};
     std::chrono::milliseconds time{0};
 };
 
+/* Waits for ScriptedServer::Release. */
+inline const Step HOLD{Step::Kind::HOLD};
+/* Waits until the request is complete. */
+inline const Step AWAIT{Step::Kind::AWAIT};
+/* Closes in the ordinary way, or with a reset. */
+inline const Step CLOSE{Step::Kind::CLOSE};
+inline const Step RESET{Step::Kind::RESET};
+Step Pause(std::chrono::milliseconds time);
 Step Send(const std::string &bytes);
-/* What the function makes of the request; it runs in the server's thread. */
+/* Sends what the function makes of the request; it runs in the server's thread. */
 Step Answer(const Answerer &answerer);
 /* 200 with the request's own body. */
 Step Echo();
-Step Pause(std::chrono::milliseconds time);
-/* Waits for ScriptedServer::Release. */
-Step Hold();
-/* Waits until the request is complete. */
-Step Await();
-/* Closes in the ordinary way, or with a reset. */
-Step Close();
-Step Reset();
 
 /* Status line, Content-Length, more header lines, each with its line end, empty line, body. */
 std::string Reply(int status, const std::string &body, const std::string &headers = "");
@@ -72,13 +72,13 @@ struct Script {
 /* Answers each request with this. */
 Script Answering(const std::string &body, int status = 200);
 /* Answers each request with its own body. */
-Script Echoing();
+inline const Script ECHOING{When::REQUEST, {Echo()}};
+/* As ECHOING, but only after ScriptedServer::Release. */
+inline const Script ECHOING_ON_RELEASE{When::REQUEST, {HOLD, Echo()}};
 /* Reads everything and says nothing. */
-Script Silent();
-/* As Echoing, but only after ScriptedServer::Release. */
-Script EchoingOnRelease();
+inline const Script SILENT{When::REQUEST, {}};
 /* Announces 100 bytes and closes after "part". */
-Script CuttingOff();
+inline const Script CUTTING_OFF{When::REQUEST, {Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), CLOSE}};
 
 class ScriptedServer
 {
@@ -99,7 +99,6 @@ class ScriptedServer
     size_t RequestCount() const;
     /* All bytes of a connection, counted from 0 in the order of their coming. */
     std::string Received(size_t connection) const;
-    size_t ReceivedLength(size_t connection) const;
 
     /* Waits for that many complete requests, or headers. */
     bool WaitForRequests(size_t count) const;

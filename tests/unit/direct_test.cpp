@@ -977,7 +977,7 @@ TEST_F(DirectTest, RealSendToARefusingPort)
 
 TEST_F(DirectTest, RealSendToASilentServerTimesOut)
 {
-    const ScriptedServer server(Silent());
+    const ScriptedServer server(SILENT);
     const std::string url = server.Url();
     param.pchURL = url.c_str();
     param.dwConnTimeOutMS = 20000;

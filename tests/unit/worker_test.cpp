@@ -1381,7 +1381,7 @@ TEST_F(WorkerTransfer, ReportsARefusedConnection)
 TEST_F(WorkerTransfer, ATimeoutIsNoticedWithTheNextSubmissionOnly)
 {
     using Clock = std::chrono::steady_clock;
-    ScriptedServer silent(Silent());
+    ScriptedServer silent(SILENT);
     const uint32_t timeoutMS = 300;
     const Clock::time_point start = Clock::now();
     HNvrHttpCurlCltReq req = QueueTo(silent.Url(), nullptr, timeoutMS);
