@@ -1,0 +1,155 @@
+#include "tools/console/line_source.h"
+
+#include <histedit.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
+
+namespace
+{
+
+const int s_nHistorySize = 500;
+
+// What the completion, a plain callback of libedit, knows of its source.
+std::vector<std::string> (*s_pfWords)() = nullptr;
+
+std::vector<std::string> Matches(const std::string &strHead)
+{
+    std::vector<std::string> atMatches;
+
+    for (std::string &strWord : s_pfWords()) {
+        if (strncasecmp(strWord.c_str(), strHead.c_str(), strHead.size()) == 0) {
+            atMatches.push_back(std::move(strWord));
+        }
+    }
+    return atMatches;
+}
+
+std::string CommonPrefix(const std::vector<std::string> &atWords)
+{
+    std::string strCommon = atWords.front();
+
+    for (const std::string &strWord : atWords) {
+        size_t nShorter = std::min(strCommon.size(), strWord.size());
+        auto itEnd = strCommon.begin() + static_cast<std::ptrdiff_t>(nShorter);
+        auto itDiffers = std::mismatch(strCommon.begin(), itEnd, strWord.begin()).first;
+        strCommon.erase(itDiffers, strCommon.end());
+    }
+    return strCommon;
+}
+
+unsigned char Complete(EditLine *ptEdit, int)
+{
+    const LineInfo *ptLine = el_line(ptEdit);
+    std::string strHead(ptLine->buffer, ptLine->cursor);
+    if (strHead.find_first_of(" \t") != std::string::npos) {
+        return CC_ERROR;
+    }
+    std::vector<std::string> atMatches = Matches(strHead);
+    if (atMatches.empty()) {
+        return CC_ERROR;
+    }
+    std::string strNew = CommonPrefix(atMatches) + (atMatches.size() == 1 ? " " : "");
+    if (strNew.size() > strHead.size()) {
+        el_deletestr(ptEdit, static_cast<int>(strHead.size()));
+        return el_insertstr(ptEdit, strNew.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+    }
+    std::printf("\n");
+    for (const std::string &strWord : atMatches) {
+        std::printf("%s\n", strWord.c_str());
+    }
+    std::fflush(stdout);
+    return CC_REDISPLAY;
+}
+
+// libedit declares its texts writable, though it does not write them.
+char *Prompt(EditLine *)
+{
+    static char szPrompt[] = "nvrhttp> ";
+    return szPrompt;
+}
+
+class CEditedLines : public CLineSource
+{
+  public:
+    CEditedLines();
+    ~CEditedLines() override;
+    CEditedLines(const CEditedLines &) = delete;
+    CEditedLines &operator=(const CEditedLines &) = delete;
+    bool Next(std::string &strLine) override;
+
+  private:
+    EditLine *m_ptEdit;
+    History *m_ptHistory;
+};
+
+CEditedLines::CEditedLines() : m_ptEdit(el_init("nvrhttp", stdin, stdout, stderr)), m_ptHistory(history_init())
+{
+    if (m_ptEdit == nullptr || m_ptHistory == nullptr) {
+        throw std::runtime_error("the terminal cannot be set up");
+    }
+    HistEvent tEvent;
+    history(m_ptHistory, &tEvent, H_SETSIZE, s_nHistorySize);
+    history(m_ptHistory, &tEvent, H_SETUNIQUE, 1);
+    el_set(m_ptEdit, EL_PROMPT, Prompt);
+    el_set(m_ptEdit, EL_EDITOR, "emacs");
+    el_set(m_ptEdit, EL_SIGNAL, 1);
+    el_set(m_ptEdit, EL_HIST, history, m_ptHistory);
+    // The wide form keeps these very texts; the other would keep copies that nobody frees.
+    el_wset(m_ptEdit, EL_ADDFN, L"complete-command", L"Complete the command's name", Complete);
+    el_set(m_ptEdit, EL_BIND, "^I", "complete-command", nullptr);
+    el_set(m_ptEdit, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+}
+
+CEditedLines::~CEditedLines()
+{
+    history_end(m_ptHistory);
+    el_end(m_ptEdit);
+}
+
+bool CEditedLines::Next(std::string &strLine)
+{
+    int nLen = 0;
+    const char *pchLine = el_gets(m_ptEdit, &nLen);
+
+    if (pchLine == nullptr || nLen <= 0) {
+        std::printf("\n");
+        return false;
+    }
+    strLine.assign(pchLine, static_cast<size_t>(nLen));
+    strLine.erase(strLine.find_last_not_of("\r\n") + 1);
+    if (strLine.find_first_not_of(" \t") != std::string::npos) {
+        HistEvent tEvent;
+        history(m_ptHistory, &tEvent, H_ENTER, strLine.c_str());
+    }
+    return true;
+}
+
+class CPlainLines : public CLineSource
+{
+  public:
+    bool Next(std::string &strLine) override
+    {
+        if (!std::getline(std::cin, strLine)) {
+            return false;
+        }
+        strLine.erase(strLine.find_last_not_of('\r') + 1);
+        return true;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<CLineSource> MakeLineSource(bool bTerminal, std::vector<std::string> (*pfWords)())
+{
+    if (!bTerminal) {
+        return std::make_unique<CPlainLines>();
+    }
+    std::setlocale(LC_CTYPE, "");
+    s_pfWords = pfWords;
+    return std::make_unique<CEditedLines>();
+}

@@ -1,0 +1,48 @@
+/*
+ * nvrhttp: the library from the command line, over the host platform.
+ */
+#include "tools/nvrhttp/commands.h"
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+static const char *const s_szExamples = R"(Examples:
+  nvrhttp serve                                    an echo server; prints its URL first
+  nvrhttp post http://127.0.0.1:8080/ --data '{"a":1}'
+  nvrhttp check http://127.0.0.1:8080/
+  nvrhttp console                                  the five console commands, with editing
+  printf 'NvrHttpCurlCltver\nquit\n' | nvrhttp console
+  nvrhttp doctor                                   what this machine offers the library
+
+Each command has its own --help.)";
+
+static int ParseAndRun(int nArgc, char **ppchArgv)
+{
+    CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
+    int nStatus = 0;
+
+    tApp.set_version_flag("--version", std::string("nvrhttp ") + NVRHTTP_VERSION);
+    tApp.footer(s_szExamples);
+    tApp.require_subcommand(1);
+    AddConsoleCommand(tApp, nStatus);
+    AddServeCommand(tApp, nStatus);
+    AddPostCommand(tApp, nStatus);
+    AddCheckCommand(tApp, nStatus);
+    AddDoctorCommand(tApp, nStatus);
+    CLI11_PARSE(tApp, nArgc, ppchArgv);
+    return nStatus;
+}
+
+int main(int nArgc, char **ppchArgv)
+{
+    // A peer that closes early, or a closed pipe behind the output, is an error to report,
+    // not a reason to die.
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return ParseAndRun(nArgc, ppchArgv);
+    } catch (const std::exception &tError) {
+        std::fprintf(stderr, "nvrhttp: %s\n", tError.what());
+        return 1;
+    }
+}
