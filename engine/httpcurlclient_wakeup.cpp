@@ -13,6 +13,7 @@
 #include "engine/httpcurlclient_inner.h"
 #include "platform/appbase.h"
 #include "support/hcc_log.h"
+#include "support/hcc_numbers.h"
 
 static const char s_szLoopback[] = "127.0.0.1";
 
@@ -29,8 +30,6 @@ inline const char *ErrorText(const char *szText, const char *)
 {
     return szText;
 }
-
-enum { WAKEUP_PORT_FIRST = 46990, WAKEUP_PORT_EXHAUSTED = 39999 };
 
 int32_t _NvrHttpCurlCltSocket_CreateUdpSocket(const char *szIP, uint32_t nPort, int32_t *pnSock)
 {
@@ -77,8 +76,8 @@ uint32_t _NvrHttpCurlCltCreateUdpMonitor(const char *szIP, uint16_t *pwPort, int
         return 0xFFFFFFFFU;
     }
 
-    uint16_t wPortII = WAKEUP_PORT_FIRST;
-    for (; wPortII > WAKEUP_PORT_EXHAUSTED; --wPortII) {
+    uint16_t wPortII = HCC_WAKEUP_PORT_FIRST;
+    for (; wPortII >= HCC_WAKEUP_PORT_LAST; --wPortII) {
         if (_NvrHttpCurlCltSocket_CreateUdpSocket(szIP, wPortII, pnSock) == 0) {
             HCC_LOG(HCC_LEVEL_INFO, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", s_szLoopback, wPortII);
             break;
@@ -87,7 +86,7 @@ uint32_t _NvrHttpCurlCltCreateUdpMonitor(const char *szIP, uint16_t *pwPort, int
     }
 
     HCC_LOG(HCC_LEVEL_INFO, " get socket port wPortII %d\n", wPortII);
-    if (wPortII <= WAKEUP_PORT_EXHAUSTED) {
+    if (wPortII < HCC_WAKEUP_PORT_LAST) {
         HCC_LOG(HCC_LEVEL_ERROR, "[Error] wPortII %d\n", wPortII);
         return NVRHTTPCURLCLT_LIMIT_REACHED;
     }

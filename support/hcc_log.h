@@ -15,6 +15,7 @@
 
 #include "platform/debuglog.h"
 #include "support/hcc_atomic.h"
+#include "support/hcc_numbers.h"
 
 #if defined(__clang__)
 /* ", ##__VA_ARGS__" is needed for formats without arguments; C++17 has no other spelling. */
@@ -33,10 +34,6 @@ inline bool HCCLogGoesTo(uint8_t bySide)
     return (HCCLoadRelaxed(&g_bySendCurlLogType) & bySide) != 0;
 }
 }
-
-/* The library's module in the debug log, and the levels of its lines there. */
-enum { HCC_LOG_MODULE = 123 };
-enum { HCC_LEVEL_TRACE = 1, HCC_LEVEL_ERROR = 2, HCC_LEVEL_SHOW = 3, HCC_LEVEL_INFO = 4 };
 
 /* A pointer to anything, including functions, for "%p". */
 template <typename T> inline const void *HCCLogPtr(T *ptAny)
