@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/host/console_words.h"
 #include "platform/osp.h"
 
 namespace
@@ -21,40 +22,13 @@ struct TCommand {
     std::string strHelp;
 };
 
-struct TWord {
-    std::string strText;
-    bool bQuoted;
-};
-
 std::mutex s_tLock; /* guards the registry */
 
 /* Never destroyed: tasks may still come here while the process ends. */
 std::map<std::string, TCommand> &Registry()
 {
-    static auto *ptRegistry = new std::map<std::string, TCommand>;
-    return *ptRegistry;
-}
-
-const char szBlanks[] = " \t\r\n\v\f";
-
-/* Splits a line into words; false if a quote is not closed. */
-bool Split(const std::string &strLine, std::vector<TWord> &rtWords)
-{
-    size_t uAt = strLine.find_first_not_of(szBlanks);
-    while (uAt != std::string::npos) {
-        const bool bQuoted = strLine[uAt] == '"';
-        const size_t uBegin = bQuoted ? uAt + 1 : uAt;
-        size_t uEnd = bQuoted ? strLine.find('"', uBegin) : strLine.find_first_of(szBlanks, uBegin);
-        if (uEnd == std::string::npos) {
-            if (bQuoted) {
-                return false;
-            }
-            uEnd = strLine.size();
-        }
-        rtWords.push_back({strLine.substr(uBegin, uEnd - uBegin), bQuoted});
-        uAt = strLine.find_first_not_of(szBlanks, bQuoted ? uEnd + 1 : uEnd);
-    }
-    return true;
+    static auto *s_ptRegistry = new std::map<std::string, TCommand>;
+    return *s_ptRegistry;
 }
 
 /* Reads all of [szBegin, szEnd) as a number; false if it is none or does not fit. */
@@ -81,7 +55,7 @@ bool ToNumber(const std::string &strWord, uintptr_t &ruNumber)
     return ReadAll(szBegin[0] == '+' ? szBegin + 1 : szBegin, szEnd, 10, ruNumber);
 }
 
-uintptr_t ToArgument(const TWord &tWord)
+uintptr_t ToArgument(const TConsoleWord &tWord)
 {
     uintptr_t uNumber = 0;
     if (!tWord.bQuoted && ToNumber(tWord.strText, uNumber)) {
@@ -115,8 +89,8 @@ void Call(PFOspCommand pfCommand, const uintptr_t (&auArgs)[MAX_ARGS])
 
 uint32_t RunLine(const std::string &strLine)
 {
-    std::vector<TWord> atWords;
-    if (!Split(strLine, atWords) || atWords.size() > 1 + MAX_ARGS) {
+    std::vector<TConsoleWord> atWords;
+    if (!SplitConsoleLine(strLine, atWords) || atWords.size() > 1 + MAX_ARGS) {
         return OSP_CONSOLE_BAD_LINE;
     }
     if (atWords.empty()) {
