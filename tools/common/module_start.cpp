@@ -1,18 +1,20 @@
 #include "tools/common/module_start.h"
 
 #include "platform/debuglog.h"
+#include "support/hcc_numbers.h"
 
-// The library's module in the debug log, and the level it lets through to the console.
-static const uint32_t s_dwLogModule = 123;
-static const uint32_t s_dwConsoleLevel = 2;
-
-ESendByCurlRet StartSendModule()
+void StartLog(uint32_t dwConsoleLevel)
 {
-    // Registered here, the log keeps this setting; the module's start would choose its own.
-    if (SendByCurlLogInit() == 0) {
-        DebugLogSetToStdioPrintf(s_dwLogModule, 0);
+    if (SendByCurlLogInit() == SENDBYCURL_OK) {
+        DebugLogMoudlePrintLevelOn(HCC_LOG_MODULE, dwConsoleLevel, 1);
+        DebugLogSetToStdioPrintf(HCC_LOG_MODULE, dwConsoleLevel);
     }
-    ESendByCurlRet eRet = Qelvo_SyncSendStrByHttp_Init();
-    DebugLogSetToStdioPrintf(s_dwLogModule, s_dwConsoleLevel);
+}
+
+ESendByCurlRet StartModuleQuietly()
+{
+    StartLog(0);
+    const ESendByCurlRet eRet = Qelvo_SyncSendStrByHttp_Init();
+    DebugLogSetToStdioPrintf(HCC_LOG_MODULE, HCC_LEVEL_ERROR);
     return eRet;
 }

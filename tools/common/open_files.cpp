@@ -4,8 +4,7 @@
 
 void RaiseOpenFiles()
 {
-    rlimit tLimit{};
-
+    rlimit tLimit = {};
     if (getrlimit(RLIMIT_NOFILE, &tLimit) == 0 && tLimit.rlim_cur < tLimit.rlim_max) {
         tLimit.rlim_cur = tLimit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &tLimit);

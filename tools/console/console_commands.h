@@ -21,7 +21,7 @@ struct TConsoleResult {
 /* Names of all commands, in their order. */
 std::vector<std::string> ConsoleNames();
 
-/* Runs a line. What is wrong with it, if anything, is told in one line on standard output. */
+/* Runs a line. What is wrong with it, if anything, is printed in one line. */
 TConsoleResult RunConsoleLine(const std::string &strLine);
 
 #endif

@@ -1,43 +1,39 @@
 #include "tools/console/line_source.h"
 
-#include <histedit.h>
-#include <strings.h>
-
-#include <algorithm>
 #include <clocale>
 #include <cstdio>
-#include <iostream>
+#include <histedit.h>
 #include <stdexcept>
+#include <strings.h>
 
 namespace
 {
 
-const int s_nHistorySize = 500;
+enum { HISTORY_SIZE = 500 };
 
-// What the completion, a plain callback of libedit, knows of its source.
+/* What the completion, a plain callback of libedit, knows of its source. */
 std::vector<std::string> (*s_pfWords)() = nullptr;
 
 std::vector<std::string> Matches(const std::string &strHead)
 {
-    std::vector<std::string> atMatches;
-
+    std::vector<std::string> astrMatches;
     for (std::string &strWord : s_pfWords()) {
         if (strncasecmp(strWord.c_str(), strHead.c_str(), strHead.size()) == 0) {
-            atMatches.push_back(std::move(strWord));
+            astrMatches.push_back(std::move(strWord));
         }
     }
-    return atMatches;
+    return astrMatches;
 }
 
-std::string CommonPrefix(const std::vector<std::string> &atWords)
+std::string CommonPrefix(const std::vector<std::string> &astrWords)
 {
-    std::string strCommon = atWords.front();
-
-    for (const std::string &strWord : atWords) {
-        size_t nShorter = std::min(strCommon.size(), strWord.size());
-        auto itEnd = strCommon.begin() + static_cast<std::ptrdiff_t>(nShorter);
-        auto itDiffers = std::mismatch(strCommon.begin(), itEnd, strWord.begin()).first;
-        strCommon.erase(itDiffers, strCommon.end());
+    std::string strCommon = astrWords.front();
+    for (const std::string &strWord : astrWords) {
+        size_t uLen = 0;
+        while (uLen < strCommon.size() && uLen < strWord.size() && strCommon[uLen] == strWord[uLen]) {
+            uLen++;
+        }
+        strCommon.resize(uLen);
     }
     return strCommon;
 }
@@ -45,32 +41,32 @@ std::string CommonPrefix(const std::vector<std::string> &atWords)
 unsigned char Complete(EditLine *ptEdit, int)
 {
     const LineInfo *ptLine = el_line(ptEdit);
-    std::string strHead(ptLine->buffer, ptLine->cursor);
+    const std::string strHead(ptLine->buffer, ptLine->cursor);
     if (strHead.find_first_of(" \t") != std::string::npos) {
         return CC_ERROR;
     }
-    std::vector<std::string> atMatches = Matches(strHead);
-    if (atMatches.empty()) {
+    const std::vector<std::string> astrMatches = Matches(strHead);
+    if (astrMatches.empty()) {
         return CC_ERROR;
     }
-    std::string strNew = CommonPrefix(atMatches) + (atMatches.size() == 1 ? " " : "");
+    const std::string strNew = CommonPrefix(astrMatches) + (astrMatches.size() == 1 ? " " : "");
     if (strNew.size() > strHead.size()) {
         el_deletestr(ptEdit, static_cast<int>(strHead.size()));
         return el_insertstr(ptEdit, strNew.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     }
-    std::printf("\n");
-    for (const std::string &strWord : atMatches) {
-        std::printf("%s\n", strWord.c_str());
+    printf("\n");
+    for (const std::string &strWord : astrMatches) {
+        printf("%s\n", strWord.c_str());
     }
-    std::fflush(stdout);
+    fflush(stdout);
     return CC_REDISPLAY;
 }
 
-// libedit declares its texts writable, though it does not write them.
+/* libedit declares its texts writable, though it does not write them. */
 char *Prompt(EditLine *)
 {
-    static char szPrompt[] = "nvrhttp> ";
-    return szPrompt;
+    static char s_szPrompt[] = "nvrhttp> ";
+    return s_szPrompt;
 }
 
 class CEditedLines : public CLineSource
@@ -93,13 +89,13 @@ CEditedLines::CEditedLines() : m_ptEdit(el_init("nvrhttp", stdin, stdout, stderr
         throw std::runtime_error("the terminal cannot be set up");
     }
     HistEvent tEvent;
-    history(m_ptHistory, &tEvent, H_SETSIZE, s_nHistorySize);
+    history(m_ptHistory, &tEvent, H_SETSIZE, HISTORY_SIZE);
     history(m_ptHistory, &tEvent, H_SETUNIQUE, 1);
     el_set(m_ptEdit, EL_PROMPT, Prompt);
     el_set(m_ptEdit, EL_EDITOR, "emacs");
     el_set(m_ptEdit, EL_SIGNAL, 1);
     el_set(m_ptEdit, EL_HIST, history, m_ptHistory);
-    // The wide form keeps these very texts; the other would keep copies that nobody frees.
+    /* The wide form keeps these very texts; the other would keep copies that nobody frees. */
     el_wset(m_ptEdit, EL_ADDFN, L"complete-command", L"Complete the command's name", Complete);
     el_set(m_ptEdit, EL_BIND, "^I", "complete-command", nullptr);
     el_set(m_ptEdit, EL_BIND, "^R", "em-inc-search-prev", nullptr);
@@ -115,9 +111,8 @@ bool CEditedLines::Next(std::string &strLine)
 {
     int nLen = 0;
     const char *pchLine = el_gets(m_ptEdit, &nLen);
-
     if (pchLine == nullptr || nLen <= 0) {
-        std::printf("\n");
+        printf("\n");
         return false;
     }
     strLine.assign(pchLine, static_cast<size_t>(nLen));
@@ -132,15 +127,20 @@ bool CEditedLines::Next(std::string &strLine)
 class CPlainLines : public CLineSource
 {
   public:
-    bool Next(std::string &strLine) override
-    {
-        if (!std::getline(std::cin, strLine)) {
-            return false;
-        }
-        strLine.erase(strLine.find_last_not_of('\r') + 1);
-        return true;
-    }
+    bool Next(std::string &strLine) override;
 };
+
+bool CPlainLines::Next(std::string &strLine)
+{
+    strLine.clear();
+    int nChar = 0;
+    while ((nChar = getc(stdin)) != EOF && nChar != '\n') {
+        strLine += static_cast<char>(nChar);
+    }
+    const bool bLine = nChar != EOF || !strLine.empty();
+    strLine.erase(strLine.find_last_not_of('\r') + 1);
+    return bLine;
+}
 
 } // namespace
 
@@ -149,7 +149,7 @@ std::unique_ptr<CLineSource> MakeLineSource(bool bTerminal, std::vector<std::str
     if (!bTerminal) {
         return std::make_unique<CPlainLines>();
     }
-    std::setlocale(LC_CTYPE, "");
+    setlocale(LC_CTYPE, "");
     s_pfWords = pfWords;
     return std::make_unique<CEditedLines>();
 }

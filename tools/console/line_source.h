@@ -18,8 +18,8 @@ class CLineSource
 };
 
 /*
- * On a terminal prompt, editing, history and completion of the first word (pfWords tells the
- * words); otherwise no prompt, and lines as they stand. One source at a time. Throws
+ * On a terminal: prompt, editing, history and completion of the first word, one of those that
+ * pfWords returns. Otherwise no prompt, and lines as they are. One source at a time. Throws
  * std::runtime_error where the terminal cannot be set up.
  */
 std::unique_ptr<CLineSource> MakeLineSource(bool bTerminal, std::vector<std::string> (*pfWords)());

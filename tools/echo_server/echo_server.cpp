@@ -1,138 +1,69 @@
 #include "tools/echo_server/echo_server.h"
 
-#include <httplib.h>
-
-#include <openssl/evp.h>
-#include <openssl/rand.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
-
-#include <sys/socket.h>
-
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
+#include <httplib.h>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <thread>
 
-const char *const g_szEchoServerHelp =
-    R"(POST is answered with the body itself, byte for byte; GET and PUT with a JSON
-object that tells method, target, headers and body. Paths that do more, with
-each of the three:
-  /status/NNN   the same answer with HTTP status NNN (200 to 599)
-  /delay/MS     the same answer MS milliseconds later (at most 60000)
-  /size/N       a JSON text of exactly N bytes instead (at most 16777216))";
+#include "tools/echo_server/certificate.h"
+
+const char g_szEchoServerHelp[] = "POST is answered with the body itself, byte for byte; GET and PUT with a JSON\n"
+                                  "object that tells method, target, headers and body. Paths that do more, with\n"
+                                  "each of the three:\n"
+                                  "  /status/NNN   the same answer with HTTP status NNN (200 to 599)\n"
+                                  "  /delay/MS     the same answer MS milliseconds later (at most 60000)\n"
+                                  "  /size/N       a JSON text of exactly N bytes instead (at most 16777216)";
 
 namespace
 {
 
-const char *const s_szLoopback = "127.0.0.1";
-const char *const s_szJson = "application/json";
-const int s_nBacklog = 1024;
-const size_t s_nThreads = 64;
-const size_t s_nMaxBody = 64U << 20;
-const unsigned s_dwMaxDelayMS = 60000;
-const unsigned s_dwMaxSize = 16U << 20;
-const long s_nDaySeconds = 24L * 60 * 60;
+const char s_szLoopback[] = "127.0.0.1";
+const char s_szJson[] = "application/json";
 
-struct TFreeKey {
-    void operator()(EVP_PKEY *ptKey) const
-    {
-        EVP_PKEY_free(ptKey);
-    }
+enum {
+    BACKLOG = 1024,
+    THREADS = 64,
+    MAX_BODY = 64 << 20,
+    MIN_STATUS = 200,
+    MAX_STATUS = 599,
+    MAX_DELAY_MS = 60000,
+    MAX_SIZE = 16 << 20
 };
-struct TFreeCertificate {
-    void operator()(X509 *ptCertificate) const
-    {
-        X509_free(ptCertificate);
-    }
-};
-struct TFreeExtension {
-    void operator()(X509_EXTENSION *ptExtension) const
-    {
-        X509_EXTENSION_free(ptExtension);
-    }
-};
-using CKey = std::unique_ptr<EVP_PKEY, TFreeKey>;
-using CCertificate = std::unique_ptr<X509, TFreeCertificate>;
-
-void Require(bool bDone, const char *szWhat)
-{
-    if (!bDone) {
-        throw std::runtime_error(szWhat);
-    }
-}
-
-void AddSubjectAltName(X509 *ptCertificate)
-{
-    X509V3_CTX tContext;
-    X509V3_set_ctx_nodb(&tContext);
-    X509V3_set_ctx(&tContext, ptCertificate, ptCertificate, nullptr, nullptr, 0);
-    std::unique_ptr<X509_EXTENSION, TFreeExtension> ptName(
-        X509V3_EXT_conf_nid(nullptr, &tContext, NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"));
-    Require(ptName && X509_add_ext(ptCertificate, ptName.get(), -1) == 1, "the certificate's names could not be set");
-}
-
-CCertificate MakeCertificate(EVP_PKEY *ptKey)
-{
-    CCertificate ptCertificate(X509_new());
-    Require(ptCertificate != nullptr, "no memory for a certificate");
-
-    // A client that remembers an earlier certificate of this issuer may refuse a second
-    // one with the same serial number.
-    unsigned char abySerial[8];
-    Require(RAND_bytes(abySerial, sizeof(abySerial)) == 1, "no random serial number for the certificate");
-    uint64_t qwSerial = 1;
-    for (unsigned char byPart : abySerial) {
-        qwSerial = (qwSerial << 7) | (byPart & 0x7FU);
-    }
-
-    X509_NAME *ptSubject = X509_get_subject_name(ptCertificate.get());
-    const auto *pbyCommonName = reinterpret_cast<const unsigned char *>("localhost");
-    bool bDone = X509_set_version(ptCertificate.get(), 2) == 1 &&
-                 ASN1_INTEGER_set_uint64(X509_get_serialNumber(ptCertificate.get()), qwSerial) == 1 &&
-                 X509_gmtime_adj(X509_getm_notBefore(ptCertificate.get()), -s_nDaySeconds) != nullptr &&
-                 X509_gmtime_adj(X509_getm_notAfter(ptCertificate.get()), 30 * s_nDaySeconds) != nullptr &&
-                 X509_NAME_add_entry_by_txt(ptSubject, "CN", MBSTRING_ASC, pbyCommonName, -1, -1, 0) == 1 &&
-                 X509_set_issuer_name(ptCertificate.get(), ptSubject) == 1 &&
-                 X509_set_pubkey(ptCertificate.get(), ptKey) == 1;
-    Require(bDone, "the certificate could not be filled in");
-    AddSubjectAltName(ptCertificate.get());
-    Require(X509_sign(ptCertificate.get(), ptKey, EVP_sha256()) != 0, "the certificate could not be signed");
-    return ptCertificate;
-}
 
 std::unique_ptr<httplib::Server> MakeServer(bool bTls)
 {
     if (!bTls) {
         return std::make_unique<httplib::Server>();
     }
-    CKey ptKey(EVP_EC_gen("P-256"));
-    Require(ptKey != nullptr, "no key for the certificate");
-    CCertificate ptCertificate = MakeCertificate(ptKey.get());
-    // The TLS context takes references of its own.
+    const CKey ptKey = MakeKey();
+    const CCertificate ptCertificate = MakeCertificate(ptKey.get());
+    /* The TLS context takes references of its own. */
     auto ptServer = std::make_unique<httplib::SSLServer>(ptCertificate.get(), ptKey.get());
-    Require(ptServer->is_valid(), "TLS could not be set up");
+    if (!ptServer->is_valid()) {
+        throw std::runtime_error("TLS could not be set up");
+    }
     return ptServer;
 }
 
-// Bytes from 0x80 on go through as they came.
+/* Bytes from 0x80 on go through as they came. */
 void AppendJsonText(std::string &strOut, const std::string &strText)
 {
-    static const char achDigits[] = "0123456789abcdef";
-
+    static const char s_achDigits[] = "0123456789abcdef";
     strOut += '"';
-    for (char chOne : strText) {
-        auto byOne = static_cast<unsigned char>(chOne);
+    for (const char chOne : strText) {
+        const auto byOne = static_cast<unsigned char>(chOne);
         if (chOne == '"' || chOne == '\\') {
             strOut += '\\';
             strOut += chOne;
         } else if (byOne < 0x20) {
             strOut += "\\u00";
-            strOut += achDigits[byOne >> 4];
-            strOut += achDigits[byOne & 0xF];
+            strOut += s_achDigits[byOne >> 4];
+            strOut += s_achDigits[byOne & 0xF];
         } else {
             strOut += chOne;
         }
@@ -140,7 +71,7 @@ void AppendJsonText(std::string &strOut, const std::string &strText)
     strOut += '"';
 }
 
-// The server adds the addresses of both ends to the headers of a request.
+/* The server adds the addresses of both ends to the headers of a request. */
 bool IsFromClient(const std::string &strHeader)
 {
     return strHeader != "REMOTE_ADDR" && strHeader != "REMOTE_PORT" && strHeader != "LOCAL_ADDR" &&
@@ -180,7 +111,7 @@ std::string TextOfSize(unsigned dwSize)
 struct TOutOfRange {
 };
 
-// The number behind a prefix of the path; nothing where the path has another prefix.
+/* The number behind a prefix of the path; nothing where the path has another prefix. */
 std::optional<unsigned> NumberBehind(const std::string &strPath, const std::string &strPrefix, unsigned dwMin,
                                      unsigned dwMax)
 {
@@ -189,7 +120,7 @@ std::optional<unsigned> NumberBehind(const std::string &strPath, const std::stri
     }
     unsigned dwNumber = 0;
     const char *pchEnd = strPath.data() + strPath.size();
-    auto [pchStop, eError] = std::from_chars(strPath.data() + strPrefix.size(), pchEnd, dwNumber);
+    const auto [pchStop, eError] = std::from_chars(strPath.data() + strPrefix.size(), pchEnd, dwNumber);
     if (eError != std::errc() || pchStop != pchEnd || dwNumber < dwMin || dwNumber > dwMax) {
         throw TOutOfRange();
     }
@@ -225,7 +156,7 @@ void CEchoServer::TImpl::Delay(unsigned dwMS)
 
 bool CEchoServer::TImpl::HasEnded()
 {
-    std::lock_guard<std::mutex> tGuard(tLock);
+    const std::lock_guard<std::mutex> tGuard(tLock);
     return bEnded;
 }
 
@@ -233,18 +164,18 @@ void CEchoServer::TImpl::Answer(const httplib::Request &tRequest, httplib::Respo
                                 const std::string &strBody)
 {
     try {
-        auto nStatus = NumberBehind(tRequest.path, "/status/", 200, 599);
-        auto nDelay = NumberBehind(tRequest.path, "/delay/", 0, s_dwMaxDelayMS);
-        auto nSize = NumberBehind(tRequest.path, "/size/", 0, s_dwMaxSize);
-        if (nDelay) {
-            Delay(*nDelay);
+        const auto dwStatus = NumberBehind(tRequest.path, "/status/", MIN_STATUS, MAX_STATUS);
+        const auto dwDelay = NumberBehind(tRequest.path, "/delay/", 0, MAX_DELAY_MS);
+        const auto dwSize = NumberBehind(tRequest.path, "/size/", 0, MAX_SIZE);
+        if (dwDelay) {
+            Delay(*dwDelay);
         }
-        if (nSize) {
-            tResponse.set_content(TextOfSize(*nSize), s_szJson);
+        if (dwSize) {
+            tResponse.set_content(TextOfSize(*dwSize), s_szJson);
         } else {
             tResponse.set_content(tRequest.method == "POST" ? strBody : Describe(tRequest, strBody), s_szJson);
         }
-        tResponse.status = static_cast<int>(nStatus.value_or(200));
+        tResponse.status = static_cast<int>(dwStatus.value_or(200));
     } catch (const TOutOfRange &) {
         tResponse.status = 400;
         tResponse.set_content("{\"error\":\"number out of range\"}", s_szJson);
@@ -253,17 +184,19 @@ void CEchoServer::TImpl::Answer(const httplib::Request &tRequest, httplib::Respo
 
 void CEchoServer::TImpl::AddHandlers()
 {
-    // Read with a content reader, a body comes as it was sent; otherwise the server parses
-    // it by its type, and refuses one longer than 8 KiB of libcurl's default type.
-    auto pfWithBody = [this](const httplib::Request &tRequest, httplib::Response &tResponse,
-                             const httplib::ContentReader &tReader) {
+    /*
+     * Read with a content reader, a body comes as it was sent; otherwise the server parses
+     * it by its type, and refuses one longer than 8 KiB of libcurl's default type.
+     */
+    const auto pfWithBody = [this](const httplib::Request &tRequest, httplib::Response &tResponse,
+                                   const httplib::ContentReader &tReader) {
         if (tRequest.is_multipart_form_data()) {
             tResponse.status = 415;
             return;
         }
         std::string strBody;
-        bool bRead = tReader([&strBody](const char *pchData, size_t nLen) {
-            strBody.append(pchData, nLen);
+        const bool bRead = tReader([&strBody](const char *pchData, size_t uLen) {
+            strBody.append(pchData, uLen);
             return true;
         });
         if (bRead) {
@@ -279,14 +212,18 @@ void CEchoServer::TImpl::AddHandlers()
 
 void CEchoServer::TImpl::Configure()
 {
-    // An idle connection occupies one of the threads: with more connections kept than
-    // there are threads, new ones would wait for the idle ones to time out.
+    /*
+     * An idle connection occupies one of the threads: with more connections kept than
+     * there are threads, new ones would wait for the idle ones to time out.
+     */
     ptServer->set_keep_alive_max_count(1);
     ptServer->set_tcp_nodelay(true);
-    ptServer->set_payload_max_length(s_nMaxBody);
-    ptServer->new_task_queue = [] { return new httplib::ThreadPool(s_nThreads); };
-    // Not the default options: with SO_REUSEPORT a second server on the same port would
-    // silently take half of its connections.
+    ptServer->set_payload_max_length(MAX_BODY);
+    ptServer->new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
+    /*
+     * Not the default options: with SO_REUSEPORT a second server on the same port would
+     * silently take half of its connections.
+     */
     ptServer->set_socket_options([this](int nSock) {
         int nOn = 1;
         setsockopt(nSock, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof(nOn));
@@ -305,15 +242,18 @@ void CEchoServer::TImpl::Listen(uint16_t wPort)
         throw std::runtime_error(wPort == 0 ? "no free port on 127.0.0.1"
                                             : "port " + std::to_string(wPort) + " of 127.0.0.1 cannot be taken");
     }
-    // The library listens with a backlog of 5, which a burst of connections overruns:
-    // each one dropped comes again a second later.
-    Require(::listen(nListenSock, s_nBacklog) == 0, "the listening socket's queue could not be enlarged");
+    /*
+     * The library listens with a backlog of 5, which a burst of connections overruns:
+     * each one dropped comes again a second later.
+     */
+    if (::listen(nListenSock, BACKLOG) != 0) {
+        throw std::runtime_error("the listening socket's queue could not be enlarged");
+    }
 }
 
 CEchoServer::CEchoServer(const TEchoServerOptions &tOptions) : m_ptImpl(std::make_unique<TImpl>())
 {
     TImpl &tImpl = *m_ptImpl;
-
     tImpl.bTls = tOptions.bTls;
     tImpl.ptServer = MakeServer(tOptions.bTls);
     tImpl.Configure();
@@ -321,10 +261,10 @@ CEchoServer::CEchoServer(const TEchoServerOptions &tOptions) : m_ptImpl(std::mak
     tImpl.Listen(tOptions.wPort);
     tImpl.tThread = std::thread([&tImpl] {
         tImpl.ptServer->listen_after_bind();
-        std::lock_guard<std::mutex> tGuard(tImpl.tLock);
+        const std::lock_guard<std::mutex> tGuard(tImpl.tLock);
         tImpl.bEnded = true;
     });
-    // A stop before the server runs would be lost.
+    /* A stop before the server runs would be lost. */
     while (!tImpl.ptServer->is_running() && !tImpl.HasEnded()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -344,7 +284,7 @@ std::string CEchoServer::Url() const
 void CEchoServer::Stop()
 {
     {
-        std::lock_guard<std::mutex> tGuard(m_ptImpl->tLock);
+        const std::lock_guard<std::mutex> tGuard(m_ptImpl->tLock);
         m_ptImpl->bStopping = true;
     }
     m_ptImpl->tStopped.notify_all();

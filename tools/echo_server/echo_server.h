@@ -24,7 +24,7 @@
 #include <string>
 
 /* What the server can do, for a --help. */
-extern const char *const g_szEchoServerHelp;
+extern const char g_szEchoServerHelp[];
 
 struct TEchoServerOptions {
     uint16_t wPort = 0; /* 0: any free one */

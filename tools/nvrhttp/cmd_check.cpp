@@ -11,31 +11,27 @@
 #include <unistd.h>
 
 #include "nvrhttpcurl/httpcurlclient.h"
-#include "nvrhttpcurl/sendbycurl.h"
-#include "platform/debuglog.h"
+#include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
 
 namespace
 {
-
-constexpr uint32_t kLogModule = 123;
 
 struct TCheckOptions {
     std::string strUrl;
     uint32_t dwConnTimeOutSec = 5;
 };
 
-const char *const kHelp =
-    "Sends one POST with no data and tells whether an answer came; any HTTP status counts as one,\n"
-    "and an https server's certificate is not checked. Only the connection is bounded: a server\n"
-    "that takes it and never answers is waited for. The exit status is the check's result: 0\n"
-    "reachable, 10 no connection in time, 12 no TLS, 1 anything else.\n"
-    "\n"
-    "Examples:\n"
-    "  nvrhttp check http://127.0.0.1:8080/\n"
-    "  nvrhttp check https://192.0.2.7:3789/ --connect-timeout 2";
+const char s_szHelp[] = "Sends one POST with no data and tells whether an answer came; any HTTP status counts as one,\n"
+                        "and an https server's certificate is not checked. Only the connection is bounded: a server\n"
+                        "that takes it and never answers is waited for. The exit status is the check's result: 0\n"
+                        "reachable, 10 no connection in time, 12 no TLS, 1 anything else.\n"
+                        "\n"
+                        "Examples:\n"
+                        "  nvrhttp check http://127.0.0.1:8080/\n"
+                        "  nvrhttp check https://192.0.2.7:3789/ --connect-timeout 2";
 
-/* The check posts whatever stands on the process's standard input: nothing may stand there. */
+/* The check posts whatever it can read of standard input: there must be nothing. */
 bool EmptyStandardInput()
 {
     const int nNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -55,8 +51,7 @@ int Check(const TCheckOptions &tOptions)
     if (!EmptyStandardInput()) {
         return EXIT_FAILURE;
     }
-    SendByCurlLogInit();
-    DebugLogSetToStdioPrintf(kLogModule, 0);
+    StartLog(0);
     curl_global_init(CURL_GLOBAL_ALL);
     const ENvrHttpCurlCltRet eRet = NvrHttpCurlCltCheckUri(tOptions.strUrl.c_str(), tOptions.dwConnTimeOutSec);
     curl_global_cleanup();
@@ -76,6 +71,6 @@ void AddCheckCommand(CLI::App &tApp, int &nStatus)
                      "Seconds for the connection; 0 leaves it to libcurl (300)")
         ->check(CLI::Range(0U, 86400U))
         ->capture_default_str();
-    ptCheck->footer(kHelp);
+    ptCheck->footer(s_szHelp);
     ptCheck->callback([ptOptions, &nStatus] { nStatus = Check(*ptOptions); });
 }

@@ -15,25 +15,24 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/hcc_numbers.h"
+
 namespace
 {
 
-constexpr unsigned kOldestCurl = 0x074200; /* 7.66.0 */
-constexpr uint16_t kFirstPort = 46990;
-constexpr uint16_t kLastPort = 40000;
-constexpr unsigned kWorkers = 8;
-constexpr rlim_t kOutstanding = 1024;
+enum { OLDEST_CURL = 0x074200 }; /* 7.66.0 */
+enum { WORKERS = 8, OUTSTANDING = 1024 };
 /* Standard streams, the log file, and of each worker its socket and its libcurl handle's own. */
-constexpr rlim_t kOwnFiles = 64;
+enum { OWN_FILES = 64 };
 
-const char *const kHelp = "Each line begins with ok, warning or missing. The exit status is 1 if something is missing\n"
-                          "that the library needs, 0 otherwise, whatever the warnings.\n"
-                          "\n"
-                          "Examples:\n"
-                          "  nvrhttp doctor\n"
-                          "  nvrhttp doctor | grep -v '^ok'";
+const char s_szHelp[] = "Each line begins with ok, warning or missing. The exit status is 1 if something is missing\n"
+                        "that the library needs, 0 otherwise, whatever the warnings.\n"
+                        "\n"
+                        "Examples:\n"
+                        "  nvrhttp doctor\n"
+                        "  nvrhttp doctor | grep -v '^ok'";
 
-enum class EFinding { Ok, Warning, Missing };
+enum EFinding { FINDING_OK, FINDING_WARNING, FINDING_MISSING };
 
 struct TFindings {
     unsigned dwWarnings = 0;
@@ -44,9 +43,9 @@ __attribute__((format(printf, 4, 5))) void Report(TFindings &tFindings, EFinding
                                                   const char *szFormat, ...)
 {
     static const char *const s_aszWords[] = {"ok", "warning", "missing"};
-    tFindings.dwWarnings += eFinding == EFinding::Warning ? 1 : 0;
-    tFindings.dwMissing += eFinding == EFinding::Missing ? 1 : 0;
-    printf("%-8s %-13s ", s_aszWords[static_cast<int>(eFinding)], szTopic);
+    tFindings.dwWarnings += eFinding == FINDING_WARNING ? 1 : 0;
+    tFindings.dwMissing += eFinding == FINDING_MISSING ? 1 : 0;
+    printf("%-8s %-13s ", s_aszWords[eFinding], szTopic);
     va_list tArgs;
     va_start(tArgs, szFormat);
     vprintf(szFormat, tArgs);
@@ -58,14 +57,13 @@ void ExamineResolver(TFindings &tFindings, const curl_version_info_data &tCurl)
 {
     const bool bAsync = (tCurl.features & CURL_VERSION_ASYNCHDNS) != 0;
     if (!bAsync) {
-        Report(tFindings, EFinding::Missing, "threads",
+        Report(tFindings, FINDING_MISSING, "threads",
                "this libcurl resolves host names on the calling thread: a slow name stops every request of a worker; "
                "use a libcurl built with the threaded resolver");
     } else if (tCurl.ares != nullptr) {
-        Report(tFindings, EFinding::Ok, "threads", "host names are resolved in the background, by c-ares %s",
-               tCurl.ares);
+        Report(tFindings, FINDING_OK, "threads", "host names are resolved in the background, by c-ares %s", tCurl.ares);
     } else {
-        Report(tFindings, EFinding::Ok, "threads", "host names are resolved in threads of their own (AsynchDNS)");
+        Report(tFindings, FINDING_OK, "threads", "host names are resolved in threads of their own (AsynchDNS)");
     }
 }
 
@@ -78,9 +76,9 @@ void ExamineGlobalInit(TFindings &tFindings, const curl_version_info_data &tCurl
     (void)tCurl;
 #endif
     if (bSafe) {
-        Report(tFindings, EFinding::Ok, "threads", "libcurl's global initialisation is thread-safe");
+        Report(tFindings, FINDING_OK, "threads", "libcurl's global initialisation is thread-safe");
     } else {
-        Report(tFindings, EFinding::Warning, "threads",
+        Report(tFindings, FINDING_WARNING, "threads",
                "libcurl's global initialisation is not thread-safe: start the send module, or call curl_global_init, "
                "before other threads use libcurl");
     }
@@ -89,21 +87,21 @@ void ExamineGlobalInit(TFindings &tFindings, const curl_version_info_data &tCurl
 void ExamineCurl(TFindings &tFindings)
 {
     const curl_version_info_data &tCurl = *curl_version_info(CURLVERSION_NOW);
-    if (tCurl.version_num >= kOldestCurl) {
-        Report(tFindings, EFinding::Ok, "libcurl", "%s (needed: 7.66.0 or later)", tCurl.version);
+    if (tCurl.version_num >= OLDEST_CURL) {
+        Report(tFindings, FINDING_OK, "libcurl", "%s (needed: 7.66.0 or later)", tCurl.version);
     } else {
-        Report(tFindings, EFinding::Missing, "libcurl",
+        Report(tFindings, FINDING_MISSING, "libcurl",
                "%s, but 7.66.0 or later is needed: an older one's resolver does not wake a waiting worker",
                tCurl.version);
     }
     if ((tCurl.features & CURL_VERSION_SSL) != 0 && tCurl.ssl_version != nullptr) {
-        Report(tFindings, EFinding::Ok, "TLS", "%s", tCurl.ssl_version);
+        Report(tFindings, FINDING_OK, "TLS", "%s", tCurl.ssl_version);
     } else {
-        Report(tFindings, EFinding::Missing, "TLS", "this libcurl has none: no https URL can be used");
+        Report(tFindings, FINDING_MISSING, "TLS", "this libcurl has none: no https URL can be used");
     }
     ExamineResolver(tFindings, tCurl);
     ExamineGlobalInit(tFindings, tCurl);
-    Report(tFindings, EFinding::Ok, "HTTP/2", "%s",
+    Report(tFindings, FINDING_OK, "HTTP/2", "%s",
            (tCurl.features & CURL_VERSION_HTTP2) != 0 ? "libcurl offers it to https servers"
                                                       : "libcurl does not have it; not needed");
 }
@@ -126,14 +124,15 @@ bool PortIsFree(uint16_t wPort)
 void ExamineWakeupPorts(TFindings &tFindings)
 {
     unsigned dwFree = 0;
-    for (uint16_t wPort = kFirstPort; wPort >= kLastPort; --wPort) {
+    for (uint16_t wPort = HCC_WAKEUP_PORT_FIRST; wPort >= HCC_WAKEUP_PORT_LAST; --wPort) {
         dwFree += PortIsFree(wPort) ? 1 : 0;
     }
-    const bool bEnough = dwFree >= kWorkers;
-    Report(tFindings, bEnough ? EFinding::Ok : EFinding::Missing, "wake-up ports",
+    const bool bEnough = dwFree >= WORKERS;
+    Report(tFindings, bEnough ? FINDING_OK : FINDING_MISSING, "wake-up ports",
            "%u of %u UDP ports of 127.0.0.1 from %u down to %u are free (needed: %u for each process that starts the "
            "send module)%s",
-           dwFree, unsigned{kFirstPort} - kLastPort + 1, unsigned{kFirstPort}, unsigned{kLastPort}, kWorkers,
+           dwFree, unsigned{HCC_WAKEUP_PORT_FIRST - HCC_WAKEUP_PORT_LAST + 1}, unsigned{HCC_WAKEUP_PORT_FIRST},
+           unsigned{HCC_WAKEUP_PORT_LAST}, unsigned{WORKERS},
            bEnough ? "" : "; is the loopback interface up, and who holds them (ss -lunp)?");
 }
 
@@ -177,19 +176,19 @@ void ExamineProxies(TFindings &tFindings)
         const char *szValue = Variable(tProxy.szName);
         if (szValue != nullptr) {
             bAny = true;
-            Report(tFindings, EFinding::Warning, "proxy",
+            Report(tFindings, FINDING_WARNING, "proxy",
                    "%s=%s: libcurl sends requests for %s there; unset it, or list hosts in no_proxy", tProxy.szName,
                    WithoutPassword(szValue).c_str(), tProxy.szUsed);
         }
     }
     if (!bAny) {
-        Report(tFindings, EFinding::Ok, "proxy", "no variable that libcurl obeys is set");
+        Report(tFindings, FINDING_OK, "proxy", "no variable that libcurl obeys is set");
     }
     if (Variable(szExcept) != nullptr) {
-        Report(tFindings, EFinding::Ok, "proxy", "%s=%s: no proxy for these", szExcept, Variable(szExcept));
+        Report(tFindings, FINDING_OK, "proxy", "%s=%s: no proxy for these", szExcept, Variable(szExcept));
     }
     if (Variable("HTTP_PROXY") != nullptr) {
-        Report(tFindings, EFinding::Ok, "proxy", "HTTP_PROXY is set: libcurl ignores it in capitals");
+        Report(tFindings, FINDING_OK, "proxy", "HTTP_PROXY is set: libcurl ignores it in capitals");
     }
 }
 
@@ -202,18 +201,18 @@ void ExamineOpenFiles(TFindings &tFindings)
 {
     rlimit tLimit = {};
     if (getrlimit(RLIMIT_NOFILE, &tLimit) != 0) {
-        Report(tFindings, EFinding::Warning, "open files", "the limit cannot be read");
+        Report(tFindings, FINDING_WARNING, "open files", "the limit cannot be read");
         return;
     }
-    const rlim_t qwNeeded = kOutstanding + kOwnFiles;
+    const rlim_t qwNeeded = OUTSTANDING + OWN_FILES;
     const std::string strSoft = LimitText(tLimit.rlim_cur);
     const auto qwWanted = static_cast<unsigned long>(qwNeeded);
     if (tLimit.rlim_cur >= qwNeeded) {
-        Report(tFindings, EFinding::Ok, "open files",
+        Report(tFindings, FINDING_OK, "open files",
                "%s (1024 outstanding requests take about %lu, two more for each host name being resolved)",
                strSoft.c_str(), qwWanted);
     } else {
-        Report(tFindings, EFinding::Warning, "open files",
+        Report(tFindings, FINDING_WARNING, "open files",
                "%s, but 1024 outstanding requests take about %lu: transfers beyond it fail; %s (hard limit: %s)",
                strSoft.c_str(), qwWanted,
                tLimit.rlim_max >= qwNeeded ? "raise it with ulimit -n 4096" : "have the hard limit raised",
@@ -237,6 +236,6 @@ int Doctor()
 void AddDoctorCommand(CLI::App &tApp, int &nStatus)
 {
     CLI::App *ptDoctor = tApp.add_subcommand("doctor", "Tell what this machine offers the library, and what it lacks");
-    ptDoctor->footer(kHelp);
+    ptDoctor->footer(s_szHelp);
     ptDoctor->callback([&nStatus] { nStatus = Doctor(); });
 }

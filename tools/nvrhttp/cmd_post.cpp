@@ -6,24 +6,29 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <unistd.h>
 
 #include "nvrhttpcurl/sendbycurl.h"
-#include "platform/debuglog.h"
+#include "support/hcc_numbers.h"
+#include "tools/common/module_start.h"
 #include "tools/common/open_files.h"
+#include "tools/common/read_all.h"
 #include "tools/common/result_text.h"
+#include "tools/post/post_report.h"
 #include "tools/post/post_run.h"
 
 namespace
 {
 
-constexpr uint32_t kLogModule = 123;
-constexpr uint32_t kLogAll = 4;
-constexpr uint32_t kMaxAnswerOfOne = 16U << 20;
-constexpr uint32_t kMaxAnswerOfMany = 64U << 10;
+enum { MAX_ANSWER_OF_ONE = 16 << 20, MAX_ANSWER_OF_MANY = 64 << 10 };
+
+const char s_szOverrun[] =
+    "\nnvrhttp post: an answer is longer than --max-answer (result 11); the asynchronous copy has no bound, so the "
+    "program ends here\n";
 
 /* The command line as it was given. */
 struct TPostOptions {
@@ -32,12 +37,13 @@ struct TPostOptions {
     std::string strSource;
     std::string strMode = "sync";
     std::string strMethod = "post";
+    bool bQuiet = false; /* answers are not written */
     bool bLog = false;
     CLI::Option *ptData = nullptr;
     CLI::Option *ptMaxAnswer = nullptr;
 };
 
-const char *const kHelp =
+const char s_szHelp[] =
     "The answer goes to standard output as it came; of many, each ends its line. Everything else\n"
     "goes to standard error. The exit status is 0 only if all posts succeeded, otherwise the send\n"
     "module's result of the first failure (over 100: the command line was refused).\n"
@@ -73,17 +79,13 @@ const char *const kHelp =
 }
 
 /* Reads to the end and closes; nFd may be the failed result of an open. */
-std::string ReadAll(int nFd, const char *szOption, const std::string &strName)
+std::string ReadData(int nFd, const char *szOption, const std::string &strName)
 {
     std::string strText;
-    char achPart[65536];
-    ssize_t nRead = nFd;
-    while (nRead >= 0 && (nRead = read(nFd, achPart, sizeof(achPart))) > 0) {
-        strText.append(achPart, static_cast<size_t>(nRead));
-    }
+    const bool bRead = nFd >= 0 && ReadAll(nFd, strText);
     const int nErrno = errno;
     close(nFd);
-    if (nRead < 0) {
+    if (!bRead) {
         Refuse(szOption, "cannot read " + strName + ": " + strerror(nErrno));
     }
     return strText;
@@ -96,7 +98,7 @@ std::string LoadData(const TPostOptions &tOptions)
         Refuse("-", "give either --data or -, not both");
     }
     if (!tOptions.strSource.empty() || tOptions.strData == "-") {
-        return ReadAll(STDIN_FILENO, "-", "standard input");
+        return ReadData(STDIN_FILENO, "-", "standard input");
     }
     if (!bGiven) {
         return "{}";
@@ -105,15 +107,15 @@ std::string LoadData(const TPostOptions &tOptions)
         return tOptions.strData;
     }
     const std::string strPath = tOptions.strData.substr(1);
-    return ReadAll(open(strPath.c_str(), O_RDONLY | O_CLOEXEC), "--data", strPath);
+    return ReadData(open(strPath.c_str(), O_RDONLY | O_CLOEXEC), "--data", strPath);
 }
 
 EPostMode ModeOf(const std::string &strMode)
 {
     if (strMode == "direct") {
-        return EPostMode::Direct;
+        return POST_MODE_DIRECT;
     }
-    return strMode == "async" ? EPostMode::Async : EPostMode::Sync;
+    return strMode == "async" ? POST_MODE_ASYNC : POST_MODE_SYNC;
 }
 
 uint32_t MethodOf(const std::string &strMethod)
@@ -127,10 +129,10 @@ uint32_t MethodOf(const std::string &strMethod)
 /* Refuses what the chosen mode would silently leave undone. */
 void CheckJob(const TPostJob &tJob)
 {
-    if (tJob.bVerify && tJob.eMode != EPostMode::Direct) {
+    if (tJob.bVerify && tJob.eMode != POST_MODE_DIRECT) {
         Refuse("--verify", "works with --mode direct only: the other modes never verify an https server");
     }
-    if (!tJob.strUserAndPassWd.empty() && tJob.eMode != EPostMode::Sync) {
+    if (!tJob.strUserAndPassWd.empty() && tJob.eMode != POST_MODE_SYNC) {
         Refuse("--user", "works with --mode sync only: the other modes never authenticate");
     }
     if (tJob.strUserAndPassWd.size() >= sizeof(TSendByCurlParam::achUserAndPassWd)) {
@@ -139,10 +141,10 @@ void CheckJob(const TPostJob &tJob)
     if (tJob.strBody.size() > UINT32_MAX) {
         Refuse("--data", "is longer than 4294967295 bytes");
     }
-    const size_t qwZero = tJob.strBody.find('\0');
-    if (tJob.eMode == EPostMode::Direct && qwZero != std::string::npos) {
+    const size_t uZero = tJob.strBody.find('\0');
+    if (tJob.eMode == POST_MODE_DIRECT && uZero != std::string::npos) {
         Refuse("--data",
-               "holds a zero byte, and direct mode would send only the " + std::to_string(qwZero) + " bytes before it");
+               "holds a zero byte, and direct mode would send only the " + std::to_string(uZero) + " bytes before it");
     }
 }
 
@@ -151,12 +153,13 @@ TPostJob MakeJob(const TPostOptions &tOptions)
     TPostJob tJob = tOptions.tJob;
     tJob.eMode = ModeOf(tOptions.strMode);
     tJob.eHeadType = MethodOf(tOptions.strMethod);
+    tJob.szOverrun = s_szOverrun;
     tJob.strBody = LoadData(tOptions);
     CheckJob(tJob);
     if (tOptions.ptMaxAnswer->count() == 0) {
-        /* Room for the data come back, too. */
-        const size_t qwMany = std::min<size_t>(kMaxAnswerOfMany + tJob.strBody.size(), UINT32_MAX - 1);
-        tJob.dwMaxAnswer = tJob.dwCount > 1 ? static_cast<uint32_t>(qwMany) : kMaxAnswerOfOne;
+        /* The data may come back, too. */
+        const size_t uMany = std::min<size_t>(MAX_ANSWER_OF_MANY + tJob.strBody.size(), UINT32_MAX - 1);
+        tJob.dwMaxAnswer = tJob.dwCount > 1 ? static_cast<uint32_t>(uMany) : uint32_t{MAX_ANSWER_OF_ONE};
     }
     return tJob;
 }
@@ -177,35 +180,48 @@ int ReserveStandardOutput()
     return nAnswerFd;
 }
 
-/* The log is registered first, so that it can be turned down before the module starts. */
+/* The log is registered first, so that it can be set before the module starts. */
 ESendByCurlRet StartModule(bool bLog)
 {
-    SendByCurlLogInit();
-    if (bLog) {
-        DebugLogMoudlePrintLevelOn(kLogModule, kLogAll, 1);
+    StartLog(bLog ? uint32_t{HCC_LEVEL_INFO} : 0);
+    const ESendByCurlRet eRet = Qelvo_SyncSendStrByHttp_Init();
+    if (eRet != SENDBYCURL_OK) {
+        fprintf(stderr, "nvrhttp post: the module could not be started, result %u: %s; try nvrhttp doctor\n", eRet,
+                ModuleStartText(eRet));
     }
-    DebugLogSetToStdioPrintf(kLogModule, bLog ? kLogAll : 0);
-    return Qelvo_SyncSendStrByHttp_Init();
+    return eRet;
+}
+
+int RunJob(TPostJob &tJob, bool bQuiet, int nAnswerFd)
+{
+    TPostTally tTally;
+    TPostReport tReport;
+    ReportBegin(tReport, tJob, nAnswerFd);
+    if (!bQuiet) {
+        tJob.pfEnded = [&tReport](const TPostEnd &tEnd) { ReportAnswer(tReport, tEnd); };
+    }
+    if (!RunPosts(tJob, tTally, tReport.bMany ? &tReport.tStatus : nullptr)) {
+        fprintf(stderr, "nvrhttp post: no memory for the answers; ask for less with --max-answer or --parallel\n");
+        return SENDBYCURL_NO_MEMORY;
+    }
+    ReportOutcome(tReport, tTally);
+    return ReportStatus(tReport, tTally);
 }
 
 int Post(const TPostOptions &tOptions)
 {
-    const TPostJob tJob = MakeJob(tOptions);
+    TPostJob tJob = MakeJob(tOptions);
     const int nAnswerFd = ReserveStandardOutput();
     if (nAnswerFd < 0) {
         return EXIT_FAILURE;
     }
     RaiseOpenFiles();
     const ESendByCurlRet eRet = StartModule(tOptions.bLog);
-    if (eRet != SENDBYCURL_OK) {
-        fprintf(stderr, "nvrhttp post: the module could not be started, result %u: %s; try nvrhttp doctor\n", eRet,
-                ModuleStartText(eRet));
-    }
     /* A direct send does without the engine. */
-    if (eRet != SENDBYCURL_OK && tJob.eMode != EPostMode::Direct) {
+    if (eRet != SENDBYCURL_OK && tJob.eMode != POST_MODE_DIRECT) {
         return static_cast<int>(eRet);
     }
-    return RunPosts(tJob, nAnswerFd);
+    return RunJob(tJob, tOptions.bQuiet, nAnswerFd);
 }
 
 void AddRequestOptions(CLI::App &tPost, TPostOptions &tOptions)
@@ -258,7 +274,7 @@ void AddRunOptions(CLI::App &tPost, TPostOptions &tOptions)
         ->type_name("K")
         ->check(CLI::Range(1U, uint32_t{POST_MAX_PARALLEL}))
         ->capture_default_str();
-    tPost.add_flag("-q,--quiet", tJob.bQuiet, "Do not write the answers");
+    tPost.add_flag("-q,--quiet", tOptions.bQuiet, "Do not write the answers");
     tPost.add_flag("--log", tOptions.bLog, "Show the library's log lines on standard error");
 }
 
@@ -270,6 +286,6 @@ void AddPostCommand(CLI::App &tApp, int &nStatus)
     auto ptOptions = std::make_shared<TPostOptions>();
     AddRequestOptions(*ptPost, *ptOptions);
     AddRunOptions(*ptPost, *ptOptions);
-    ptPost->footer(kHelp);
+    ptPost->footer(s_szHelp);
     ptPost->callback([ptOptions, &nStatus] { nStatus = Post(*ptOptions); });
 }

@@ -5,23 +5,24 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
-static const char *const s_szExamples = R"(Examples:
-  nvrhttp serve                                    an echo server; prints its URL first
-  nvrhttp post http://127.0.0.1:8080/ --data '{"a":1}'
-  nvrhttp check http://127.0.0.1:8080/
-  nvrhttp console                                  the five console commands, with editing
-  printf 'NvrHttpCurlCltver\nquit\n' | nvrhttp console
-  nvrhttp doctor                                   what this machine offers the library
-
-Each command has its own --help.)";
+static const char s_szExamples[] =
+    "Examples:\n"
+    "  nvrhttp serve                                    an echo server; prints its URL first\n"
+    "  nvrhttp post http://127.0.0.1:8080/ --data '{\"a\":1}'\n"
+    "  nvrhttp check http://127.0.0.1:8080/\n"
+    "  nvrhttp console                                  the five console commands, with editing\n"
+    "  printf 'NvrHttpCurlCltver\\nquit\\n' | nvrhttp console\n"
+    "  nvrhttp doctor                                   what this machine offers the library\n"
+    "\n"
+    "Each command has its own --help.";
 
 static int ParseAndRun(int nArgc, char **ppchArgv)
 {
     CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
     int nStatus = 0;
-
     tApp.set_version_flag("--version", std::string("nvrhttp ") + NVRHTTP_VERSION);
     tApp.footer(s_szExamples);
     tApp.require_subcommand(1);
@@ -36,13 +37,12 @@ static int ParseAndRun(int nArgc, char **ppchArgv)
 
 int main(int nArgc, char **ppchArgv)
 {
-    // A peer that closes early, or a closed pipe behind the output, is an error to report,
-    // not a reason to die.
-    std::signal(SIGPIPE, SIG_IGN);
+    /* A peer that closes early, or a closed pipe behind the output, is an error to report. */
+    signal(SIGPIPE, SIG_IGN);
     try {
         return ParseAndRun(nArgc, ppchArgv);
     } catch (const std::exception &tError) {
-        std::fprintf(stderr, "nvrhttp: %s\n", tError.what());
-        return 1;
+        fprintf(stderr, "nvrhttp: %s\n", tError.what());
+        return EXIT_FAILURE;
     }
 }

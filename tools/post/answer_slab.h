@@ -14,8 +14,8 @@
 
 struct TAnswerSlab {
     char *pchMap;        /* null: not created */
-    size_t qwStride;     /* from one buffer's pages to the next one's */
-    size_t qwDataLen;    /* accessible bytes of each */
+    size_t uStride;      /* from one buffer's pages to the next one's */
+    size_t uDataLen;     /* accessible bytes of each */
     uint32_t dwCapacity; /* longest answer; one byte more is there for a terminator */
     uint32_t dwCount;
 };
@@ -28,6 +28,9 @@ void AnswerSlabDestroy(TAnswerSlab &tSlab);
 
 /* dwCapacity + 1 bytes. */
 char *AnswerSlabText(const TAnswerSlab &tSlab, uint32_t dwIndex);
+
+/* Whether this is the text of one of the buffers. */
+bool AnswerSlabHas(const TAnswerSlab &tSlab, const char *pchText);
 
 /* The buffer whose text this is. */
 uint32_t AnswerSlabIndex(const TAnswerSlab &tSlab, const char *pchText);

@@ -7,10 +7,10 @@
 namespace
 {
 
-double NearestRank(const std::vector<double> &adSorted, size_t qwPercent)
+double NearestRank(const std::vector<double> &adSorted, size_t uPercent)
 {
-    const size_t qwRank = (adSorted.size() * qwPercent + 99) / 100;
-    return adSorted[std::max<size_t>(qwRank, 1) - 1];
+    const size_t uRank = (adSorted.size() * uPercent + 99) / 100;
+    return adSorted[std::max<size_t>(uRank, 1) - 1];
 }
 
 } // namespace

@@ -1,146 +1,93 @@
 #include "tools/post/post_board.h"
 
-#include <condition_variable>
-#include <cstdlib>
-#include <cstring>
-#include <map>
+#include <algorithm>
 #include <memory>
 #include <mutex>
-#include <new>
 
 namespace
 {
 
-const uint32_t s_dwConnectMS = 5000;
-const uint32_t s_dwTotalMS = 10000;
+std::mutex s_tLock; /* guards the list of boards and the ends of each */
 
-struct TBoard {
-    std::mutex tLock;
-    std::condition_variable tChanged;
-    std::map<void *, std::unique_ptr<TPost>> tPosts; /* by receive buffer, all that a notification tells */
-    TBoardCount tCount{};
-};
-
-TBoard &Board()
+/* Never destroyed: workers may still notify while the process ends. */
+std::vector<TPostBoard *> &Boards()
 {
-    static auto *ptBoard = new TBoard;
-    return *ptBoard;
+    static auto *s_paptBoards = new std::vector<TPostBoard *>;
+    return *s_paptBoards;
 }
 
-// With the board locked.
-void Finish(TPost &tPost, ESendByCurlRet eResult)
+/* A notification brings nothing but the receive buffer. */
+uint32_t OnNotified(ESendByCurlRet eRet, void *pvAnswer)
 {
-    tPost.bFinished = true;
-    tPost.eResult = eResult;
-    tPost.dMillis = std::chrono::duration<double, std::milli>(CBoardClock::now() - tPost.tStart).count();
-}
-
-uint32_t Notified(ESendByCurlRet eResult, void *pvContext)
-{
-    TBoard &tBoard = Board();
-    std::lock_guard<std::mutex> tGuard(tBoard.tLock);
-    auto itPost = tBoard.tPosts.find(pvContext);
-
-    // A second notification of the same post must not pass for one of another.
-    if (itPost != tBoard.tPosts.end() && !itPost->second->bFinished) {
-        Finish(*itPost->second, eResult);
-        tBoard.tCount.dwNotified++;
-        tBoard.tChanged.notify_all();
+    const CPostClock::time_point tNow = CPostClock::now();
+    const char *pchAnswer = static_cast<const char *>(pvAnswer);
+    const std::lock_guard<std::mutex> tGuard(s_tLock);
+    for (TPostBoard *ptBoard : Boards()) {
+        if (AnswerSlabHas(ptBoard->tSlab, pchAnswer)) {
+            ptBoard->atEnds.push_back({AnswerSlabIndex(ptBoard->tSlab, pchAnswer), eRet, tNow});
+            ptBoard->tNotified.notify_one();
+        }
     }
     return 0;
 }
 
-TSendByCurlParam MakeParam(const TPost &tPost)
-{
-    TSendByCurlParam tParam{};
-
-    tParam.pchURL = tPost.strUrl.c_str();
-    tParam.eHeadType = SENDBYCURL_METHOD_POST;
-    tParam.pchSendBuf = tPost.strSent.data();
-    tParam.dwSendLen = static_cast<uint32_t>(tPost.strSent.size());
-    tParam.dwConnTimeOutMS = s_dwConnectMS;
-    tParam.dwTimeoutMS = s_dwTotalMS;
-    tParam.dwMaxRecvLen = tPost.dwCapacity;
-    tParam.pchRecvBuf = tPost.pchAnswer;
-    tParam.pfNtf = Notified;
-    return tParam;
-}
-
 } // namespace
 
-TPost *NewPost(const std::string &strUrl, const std::string &strText, uint32_t dwCapacity)
+TPostBoard *BoardCreate(uint32_t dwPlaces, uint32_t dwMaxAnswer)
 {
-    auto ptPost = std::make_unique<TPost>();
-    TPost *ptNew = ptPost.get();
-
-    ptNew->strUrl = strUrl;
-    ptNew->strSent = strText;
-    ptNew->dwCapacity = dwCapacity;
-    // One byte more: a synchronous send terminates the answer behind its capacity.
-    ptNew->pchAnswer = static_cast<char *>(std::calloc(size_t{dwCapacity} + 1, 1));
-    if (ptNew->pchAnswer == nullptr) {
-        throw std::bad_alloc();
+    auto ptBoard = std::make_unique<TPostBoard>();
+    if (!AnswerSlabCreate(ptBoard->tSlab, dwPlaces, dwMaxAnswer)) {
+        return nullptr;
     }
-    std::lock_guard<std::mutex> tGuard(Board().tLock);
-    Board().tPosts.emplace(ptNew->pchAnswer, std::move(ptPost));
-    return ptNew;
-}
-
-void SendSync(TPost &tPost)
-{
-    TSendByCurlParam tParam = MakeParam(tPost);
-
-    tPost.tStart = CBoardClock::now();
-    ESendByCurlRet eResult = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_SYNC);
-    std::lock_guard<std::mutex> tGuard(Board().tLock);
-    Finish(tPost, eResult);
-}
-
-void SendAsync(TPost &tPost)
-{
-    TSendByCurlParam tParam = MakeParam(tPost);
-    TBoard &tBoard = Board();
-
-    // Counted beforehand, since the notification may be here before the call has returned.
-    {
-        std::lock_guard<std::mutex> tGuard(tBoard.tLock);
-        tPost.tStart = CBoardClock::now();
-        tPost.bAccepted = true;
-        tBoard.tCount.dwAccepted++;
+    ptBoard->atPlaces.resize(dwPlaces);
+    for (uint32_t dwPlace = dwPlaces; dwPlace > 0; dwPlace--) {
+        ptBoard->adwFree.push_back(dwPlace - 1);
     }
-    ESendByCurlRet eResult = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_ASYNC);
-    if (eResult != SENDBYCURL_OK) {
-        std::lock_guard<std::mutex> tGuard(tBoard.tLock);
-        tPost.bAccepted = false;
-        tBoard.tCount.dwAccepted--;
-        Finish(tPost, eResult);
+    const std::lock_guard<std::mutex> tGuard(s_tLock);
+    Boards().push_back(ptBoard.get());
+    return ptBoard.release();
+}
+
+void BoardDestroy(TPostBoard *ptBoard)
+{
+    if (!BoardIsIdle(*ptBoard)) {
+        return;
     }
+    const std::lock_guard<std::mutex> tGuard(s_tLock);
+    Boards().erase(std::find(Boards().begin(), Boards().end(), ptBoard));
+    AnswerSlabDestroy(ptBoard->tSlab);
+    delete ptBoard;
 }
 
-TBoardCount CountPosts()
+ESendByCurlRet BoardSubmit(TPostBoard &tBoard, uint32_t dwPost, TSendByCurlParam tParam)
 {
-    std::lock_guard<std::mutex> tGuard(Board().tLock);
-    return Board().tCount;
+    const uint32_t dwPlace = tBoard.adwFree.back();
+    tParam.pchRecvBuf = AnswerSlabText(tBoard.tSlab, dwPlace);
+    tParam.pfNtf = OnNotified;
+    tBoard.atPlaces[dwPlace] = {dwPost, CPostClock::now()};
+    const ESendByCurlRet eRet = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_ASYNC);
+    if (eRet == SENDBYCURL_OK) {
+        tBoard.adwFree.pop_back();
+    }
+    return eRet;
 }
 
-bool WaitUntilOutstanding(uint32_t dwMost, CBoardClock::time_point tDeadline)
+std::vector<TBoardEnd> BoardTakeEnds(TPostBoard &tBoard, CPostClock::time_point tDeadline)
 {
-    TBoard &tBoard = Board();
-    std::unique_lock<std::mutex> tGuard(tBoard.tLock);
-
-    return tBoard.tChanged.wait_until(
-        tGuard, tDeadline, [&tBoard, dwMost] { return tBoard.tCount.dwAccepted - tBoard.tCount.dwNotified <= dwMost; });
+    std::vector<TBoardEnd> atEnds;
+    std::unique_lock<std::mutex> tGuard(s_tLock);
+    tBoard.tNotified.wait_until(tGuard, tDeadline, [&tBoard] { return !tBoard.atEnds.empty(); });
+    atEnds.swap(tBoard.atEnds);
+    return atEnds;
 }
 
-bool IsFinished(const TPost &tPost)
+void BoardFree(TPostBoard &tBoard, uint32_t dwPlace)
 {
-    std::lock_guard<std::mutex> tGuard(Board().tLock);
-    return tPost.bFinished;
+    AnswerSlabClear(tBoard.tSlab, dwPlace);
+    tBoard.adwFree.push_back(dwPlace);
 }
 
-bool IsEchoed(const TPost &tPost)
+bool BoardIsIdle(const TPostBoard &tBoard)
 {
-    return IsFinished(tPost) && tPost.eResult == SENDBYCURL_OK &&
-           strnlen(tPost.pchAnswer, size_t{tPost.dwCapacity} + 1) == tPost.strSent.size() &&
-           std::memcmp(tPost.pchAnswer, tPost.strSent.data(), tPost.strSent.size()) == 0;
+    return tBoard.adwFree.size() == tBoard.atPlaces.size();
 }

@@ -1,57 +1,59 @@
 /*
- * Posts of the demo: each with its text, its receive buffer and what became of it.
+ * Asynchronous posts under way. Each has a place of the board: a receive buffer, its number and
+ * the time of its submission. What the module reports is kept until the board's owner takes it.
  *
  * A worker may write into the buffer of a post, and notify it, at any time until it has been
- * notified once. Posts are therefore never released: they live as long as the process.
+ * notified once. A board with posts under way is therefore never released.
  */
 #ifndef TOOLS_POST_POST_BOARD_H
 #define TOOLS_POST_POST_BOARD_H
 
-#include <chrono>
+#include <condition_variable>
 #include <cstdint>
-#include <string>
+#include <vector>
 
 #include "nvrhttpcurl/sendbycurl.h"
+#include "tools/post/answer_slab.h"
+#include "tools/post/post_tally.h"
 
-using CBoardClock = std::chrono::steady_clock;
-
-struct TPost {
-    std::string strUrl;
-    std::string strSent;
-    char *pchAnswer = nullptr; /* zeroed; read it only of a post that is finished */
-    uint32_t dwCapacity = 0;
-    bool bAccepted = false; /* a notification is to come, or has come */
-    bool bFinished = false;
-    ESendByCurlRet eResult = SENDBYCURL_OK;
-    double dMillis = 0; /* from its sending to its end */
-    CBoardClock::time_point tStart;
+struct TBoardPlace {
+    uint32_t dwPost; /* number of the post */
+    CPostClock::time_point tStart;
 };
 
-/* How the posts submitted so far stand. */
-struct TBoardCount {
-    uint32_t dwAccepted;
-    uint32_t dwNotified;
+/* A notification. */
+struct TBoardEnd {
+    uint32_t dwPlace;
+    ESendByCurlRet eRet;
+    CPostClock::time_point tWhen;
 };
 
-/* A post that is not sent yet. Throws std::bad_alloc. */
-TPost *NewPost(const std::string &strUrl, const std::string &strText, uint32_t dwCapacity);
+struct TPostBoard {
+    TAnswerSlab tSlab; /* a buffer for each place */
+    std::vector<TBoardPlace> atPlaces;
+    std::vector<uint32_t> adwFree; /* places without a post; the last one is taken first */
+    std::condition_variable tNotified;
+    std::vector<TBoardEnd> atEnds; /* notified and not taken yet; under a lock that all boards share */
+};
 
-/* Posts it and waits for the answer; it is finished then. */
-void SendSync(TPost &tPost);
+/* A board whose places are all free; null without memory for it. */
+TPostBoard *BoardCreate(uint32_t dwPlaces, uint32_t dwMaxAnswer);
 
-/* Posts it and returns at once. If it was refused, it is finished, and not accepted. */
-void SendAsync(TPost &tPost);
+/* Leaves a board with posts under way as it is. */
+void BoardDestroy(TPostBoard *ptBoard);
 
-/* Accepted and notified, of all posts. */
-TBoardCount CountPosts();
+/*
+ * Submits a post from a free place; its receive buffer and its notification are set here. The
+ * place stays free unless the result is success.
+ */
+ESendByCurlRet BoardSubmit(TPostBoard &tBoard, uint32_t dwPost, TSendByCurlParam tParam);
 
-/* Waits until no more than dwMost accepted posts are not notified yet; false at the deadline. */
-bool WaitUntilOutstanding(uint32_t dwMost, CBoardClock::time_point tDeadline);
+/* Waits for notifications, until tDeadline at most, and takes those that have come. */
+std::vector<TBoardEnd> BoardTakeEnds(TPostBoard &tBoard, CPostClock::time_point tDeadline);
 
-/* What became of it. A post that is not finished stays the worker's. */
-bool IsFinished(const TPost &tPost);
+/* The place of a post that has been notified is free again, its buffer zeroed. */
+void BoardFree(TPostBoard &tBoard, uint32_t dwPlace);
 
-/* Finished with success, the answer being what was sent. */
-bool IsEchoed(const TPost &tPost);
+bool BoardIsIdle(const TPostBoard &tBoard);
 
 #endif

@@ -3,40 +3,43 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
-#include "tools/common/result_text.h"
 #include "tools/post/answer_slab.h"
-#include "tools/post/post_tally.h"
+#include "tools/post/post_board.h"
 
 namespace
 {
 
 /* How long after its time-out an asynchronous send may still be reported. */
-constexpr std::chrono::milliseconds kGrace{2000};
+const std::chrono::milliseconds s_tGrace(2000);
 /* A place in the module's table becomes free a moment after its notification. */
-constexpr std::chrono::milliseconds kPlacePause{2};
+const std::chrono::milliseconds s_tPlacePause(2);
 
-constexpr char kOverrunMessage[] =
-    "\nnvrhttp post: an answer is longer than --max-answer (result 11); the asynchronous copy has no bound, so the "
-    "program ends here\n";
+/* The body of a post; strOwn holds it if it is the post's own. */
+const std::string &BodyOf(const TPostJob &tJob, uint32_t dwPost, std::string &strOwn)
+{
+    if (tJob.pfBody == nullptr) {
+        return tJob.strBody;
+    }
+    strOwn = tJob.pfBody(dwPost);
+    return strOwn;
+}
 
-TSendByCurlParam MakeParam(const TPostJob &tJob, char *pchRecvBuf)
+/* All of a send's record but its receive buffer. */
+TSendByCurlParam MakeParam(const TPostJob &tJob, const std::string &strBody)
 {
     TSendByCurlParam tParam = {};
     tParam.pchURL = tJob.strUrl.c_str();
     tParam.eHeadType = tJob.eHeadType;
-    tParam.pchSendBuf = tJob.strBody.c_str();
-    tParam.dwSendLen = static_cast<uint32_t>(tJob.strBody.size());
+    tParam.pchSendBuf = strBody.c_str();
+    tParam.dwSendLen = static_cast<uint32_t>(strBody.size());
     tParam.dwConnTimeOutMS = tJob.dwConnTimeOutMS;
     tParam.dwTimeoutMS = tJob.dwTimeoutMS;
     tParam.dwMaxRecvLen = tJob.dwMaxAnswer;
     tParam.bSSLserver = tJob.bVerify ? 1 : 0;
-    tParam.pchRecvBuf = pchRecvBuf;
     if (!tJob.strUserAndPassWd.empty()) {
         tParam.bCurlAuth = 1;
         memcpy(tParam.achUserAndPassWd, tJob.strUserAndPassWd.c_str(), tJob.strUserAndPassWd.size() + 1);
@@ -44,24 +47,39 @@ TSendByCurlParam MakeParam(const TPostJob &tJob, char *pchRecvBuf)
     return tParam;
 }
 
-/* One thread of the modes that block: posts until none is left. */
-void PostBlocking(const TPostJob &tJob, TPostTally &tTally, char *pchRecvBuf)
+void Report(const TPostJob &tJob, const TPostEnd &tEnd)
 {
-    while (TallyStart(tTally)) {
-        TSendByCurlParam tParam = MakeParam(tJob, pchRecvBuf);
-        const TPostClock::time_point tStart = TPostClock::now();
-        const ESendByCurlRet eRet = tJob.eMode == EPostMode::Direct
-                                        ? Qelvo_SyncSendStrByHttp_Ext(&tParam)
-                                        : Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_SYNC);
-        TallyEnd(tTally, eRet, TPostClock::now() - tStart, tJob.bQuiet ? nullptr : pchRecvBuf, tParam.dwRecvLen);
+    if (tJob.pfEnded) {
+        tJob.pfEnded(tEnd);
     }
 }
 
-void RunBlocking(const TPostJob &tJob, TPostTally &tTally, const TAnswerSlab &tSlab)
+/* One thread of the modes that block: posts until none is left. */
+void PostBlocking(const TPostJob &tJob, TPostTally &tTally, char *pchRecvBuf)
 {
+    uint32_t dwPost = 0;
+    while (TallyStart(tTally, dwPost)) {
+        std::string strOwn;
+        TSendByCurlParam tParam = MakeParam(tJob, BodyOf(tJob, dwPost, strOwn));
+        tParam.pchRecvBuf = pchRecvBuf;
+        const CPostClock::time_point tStart = CPostClock::now();
+        const ESendByCurlRet eRet = tJob.eMode == POST_MODE_DIRECT ? Qelvo_SyncSendStrByHttp_Ext(&tParam)
+                                                                   : Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_SYNC);
+        const CPostClock::duration tTook = CPostClock::now() - tStart;
+        TallyEnd(tTally, eRet, tTook);
+        Report(tJob, {dwPost, eRet, tTook, pchRecvBuf, tParam.dwRecvLen});
+    }
+}
+
+bool RunBlocking(const TPostJob &tJob, TPostTally &tTally, uint32_t dwThreads)
+{
+    TAnswerSlab tSlab;
+    if (!AnswerSlabCreate(tSlab, dwThreads, tJob.dwMaxAnswer)) {
+        return false;
+    }
     std::vector<std::thread> atThreads;
     try {
-        while (atThreads.size() + 1 < tSlab.dwCount) {
+        while (atThreads.size() + 1 < dwThreads) {
             char *pchRecvBuf = AnswerSlabText(tSlab, static_cast<uint32_t>(atThreads.size()));
             atThreads.emplace_back([&tJob, &tTally, pchRecvBuf] { PostBlocking(tJob, tTally, pchRecvBuf); });
         }
@@ -72,183 +90,127 @@ void RunBlocking(const TPostJob &tJob, TPostTally &tTally, const TAnswerSlab &tS
     for (std::thread &tThread : atThreads) {
         tThread.join();
     }
+    AnswerSlabDestroy(tSlab);
+    return true;
 }
 
-struct TAsyncEnd {
-    uint32_t dwIndex;
-    ESendByCurlRet eRet;
-    TPostClock::time_point tWhen;
-};
-
+/* What the functions of an asynchronous run share. */
 struct TAsyncRun {
-    TAnswerSlab tSlab = {};
-    std::mutex mtxEnds;
-    std::condition_variable cvEnds;
-    std::vector<TAsyncEnd> atEnds; /* notified and not looked at yet */
-
-    /* The submitting thread's alone. */
-    std::vector<uint32_t> adwFree;
-    std::vector<TPostClock::time_point> atStart; /* by buffer */
-    TPostClock::time_point tLastEvent;           /* a submission or a notification */
+    const TPostJob &tJob;
+    TPostTally &tTally;
+    TPostBoard &tBoard;
+    CPostClock::time_point tLastEvent; /* a submission or a notification */
 };
-
-/* A notification is told nothing but its buffer. Never released once a send was lost. */
-TAsyncRun *g_ptAsyncRun;
-
-uint32_t OnAsyncEnd(ESendByCurlRet eErrCode, void *pvContext)
-{
-    const TPostClock::time_point tNow = TPostClock::now();
-    TAsyncRun &tRun = *g_ptAsyncRun;
-    std::lock_guard<std::mutex> tLock(tRun.mtxEnds);
-    tRun.atEnds.push_back({AnswerSlabIndex(tRun.tSlab, static_cast<char *>(pvContext)), eErrCode, tNow});
-    tRun.cvEnds.notify_one();
-    return 0;
-}
 
 /* When whatever is outstanding has to have been reported. */
-TPostClock::time_point Deadline(const TPostJob &tJob, const TAsyncRun &tRun)
+CPostClock::time_point Deadline(const TAsyncRun &tRun)
 {
-    return tRun.tLastEvent + std::chrono::milliseconds(tJob.dwTimeoutMS) + kGrace;
+    return tRun.tJob.dwDeadlineS != 0 ? tRun.tTally.tBegin + std::chrono::seconds(tRun.tJob.dwDeadlineS)
+                                      : tRun.tLastEvent + std::chrono::milliseconds(tRun.tJob.dwTimeoutMS) + s_tGrace;
 }
 
-/* Hands one post to the module; one that is refused has ended. False if no place came free. */
-bool SubmitOne(const TPostJob &tJob, TPostTally &tTally, TAsyncRun &tRun)
+/* Hands a post to the module, for as long as that has no place for it. */
+ESendByCurlRet Submit(TAsyncRun &tRun, uint32_t dwPost)
 {
-    const uint32_t dwIndex = tRun.adwFree.back();
-    TSendByCurlParam tParam = MakeParam(tJob, AnswerSlabText(tRun.tSlab, dwIndex));
-    tParam.pfNtf = OnAsyncEnd;
-    ESendByCurlRet eRet = SENDBYCURL_OK;
-    do {
-        tRun.atStart[dwIndex] = TPostClock::now();
-        eRet = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_ASYNC);
-        if (eRet == SENDBYCURL_NO_SLOT) {
-            std::this_thread::sleep_for(kPlacePause);
-        }
-    } while (eRet == SENDBYCURL_NO_SLOT && TPostClock::now() < Deadline(tJob, tRun));
+    std::string strOwn;
+    const TSendByCurlParam tParam = MakeParam(tRun.tJob, BodyOf(tRun.tJob, dwPost, strOwn));
+    ESendByCurlRet eRet = BoardSubmit(tRun.tBoard, dwPost, tParam);
+    while (eRet == SENDBYCURL_NO_SLOT && CPostClock::now() < Deadline(tRun)) {
+        std::this_thread::sleep_for(s_tPlacePause);
+        eRet = BoardSubmit(tRun.tBoard, dwPost, tParam);
+    }
+    return eRet;
+}
+
+/* Starts one post; one that is refused has ended. False if no place came free. */
+bool StartOne(TAsyncRun &tRun, uint32_t dwPost)
+{
+    const ESendByCurlRet eRet = Submit(tRun, dwPost);
     if (eRet == SENDBYCURL_NO_SLOT) {
-        TallyUnstart(tTally, eRet);
+        TallyUnstart(tRun.tTally);
         return false;
     }
-    tRun.tLastEvent = TPostClock::now();
-    if (eRet == SENDBYCURL_OK) {
-        tRun.adwFree.pop_back();
-    } else {
-        TallyEnd(tTally, eRet, tRun.tLastEvent - tRun.atStart[dwIndex], nullptr, 0);
+    tRun.tLastEvent = CPostClock::now();
+    if (eRet != SENDBYCURL_OK) {
+        TallyRefuse(tRun.tTally, eRet);
+        Report(tRun.tJob, {dwPost, eRet, {}, nullptr, 0});
+    } else if (tRun.tJob.pfAccepted) {
+        tRun.tJob.pfAccepted();
     }
     return true;
 }
 
-void TakeEnd(const TPostJob &tJob, TPostTally &tTally, TAsyncRun &tRun, const TAsyncEnd &tEnd)
+void StartPosts(TAsyncRun &tRun)
 {
-    const char *pchText = AnswerSlabText(tRun.tSlab, tEnd.dwIndex);
-    const size_t qwRoom = size_t{tJob.dwMaxAnswer} + 1;
-    const size_t qwLen = strnlen(pchText, qwRoom);
-    const bool bTooLong = tEnd.eRet == SENDBYCURL_OK && qwLen == qwRoom;
-    TallyEnd(tTally, bTooLong ? ESendByCurlRet{SENDBYCURL_BUFFER_TOO_SMALL} : tEnd.eRet,
-             tEnd.tWhen - tRun.atStart[tEnd.dwIndex], tJob.bQuiet ? nullptr : pchText, qwLen);
-    AnswerSlabClear(tRun.tSlab, tEnd.dwIndex);
-    tRun.adwFree.push_back(tEnd.dwIndex);
+    bool bGoesOn = tRun.tJob.dwDeadlineS == 0 || CPostClock::now() < Deadline(tRun);
+    uint32_t dwPost = 0;
+    while (bGoesOn && !tRun.tBoard.adwFree.empty() && TallyStart(tRun.tTally, dwPost)) {
+        bGoesOn = StartOne(tRun, dwPost);
+    }
+}
+
+void TakeEnd(TAsyncRun &tRun, const TBoardEnd &tEnd)
+{
+    const TBoardPlace tPlace = tRun.tBoard.atPlaces[tEnd.dwPlace];
+    const char *pchAnswer = AnswerSlabText(tRun.tBoard.tSlab, tEnd.dwPlace);
+    const size_t uSize = size_t{tRun.tJob.dwMaxAnswer} + 1;
+    const size_t uLen = strnlen(pchAnswer, uSize);
+    const bool bTooLong = tEnd.eRet == SENDBYCURL_OK && uLen == uSize;
+    const ESendByCurlRet eRet = bTooLong ? ESendByCurlRet{SENDBYCURL_BUFFER_TOO_SMALL} : tEnd.eRet;
+    const CPostClock::duration tTook = tEnd.tWhen - tPlace.tStart;
+    TallyEnd(tRun.tTally, eRet, tTook);
+    Report(tRun.tJob, {tPlace.dwPost, eRet, tTook, pchAnswer, uLen});
+    BoardFree(tRun.tBoard, tEnd.dwPlace);
     tRun.tLastEvent = std::max(tRun.tLastEvent, tEnd.tWhen);
 }
 
-/* Waits for notifications and takes what came; false if the wait ended without any. */
-bool TakeEnds(const TPostJob &tJob, TPostTally &tTally, TAsyncRun &tRun)
+/* Posts until all have ended, or nothing ended before the deadline. */
+void Drive(TAsyncRun &tRun)
 {
-    std::vector<TAsyncEnd> atEnds;
-    {
-        std::unique_lock<std::mutex> tLock(tRun.mtxEnds);
-        tRun.cvEnds.wait_until(tLock, Deadline(tJob, tRun), [&tRun] { return !tRun.atEnds.empty(); });
-        atEnds.swap(tRun.atEnds);
-    }
-    for (const TAsyncEnd &tEnd : atEnds) {
-        TakeEnd(tJob, tTally, tRun, tEnd);
-    }
-    return !atEnds.empty();
-}
-
-/* True if nothing is outstanding any more. */
-bool DriveAsync(const TPostJob &tJob, TPostTally &tTally, TAsyncRun &tRun)
-{
-    for (;;) {
-        bool bRefused = false;
-        while (!bRefused && !tRun.adwFree.empty() && TallyStart(tTally)) {
-            bRefused = !SubmitOne(tJob, tTally, tRun);
+    StartPosts(tRun);
+    while (!BoardIsIdle(tRun.tBoard)) {
+        const std::vector<TBoardEnd> atEnds = BoardTakeEnds(tRun.tBoard, Deadline(tRun));
+        if (atEnds.empty()) {
+            TallyLoseRest(tRun.tTally);
+            return;
         }
-        if (tRun.adwFree.size() == tRun.tSlab.dwCount) {
-            return true;
+        for (const TBoardEnd &tEnd : atEnds) {
+            TakeEnd(tRun, tEnd);
         }
-        if (!TakeEnds(tJob, tTally, tRun)) {
-            TallyLoseRest(tTally);
-            return false;
-        }
+        StartPosts(tRun);
     }
 }
 
-void RunAsync(const TPostJob &tJob, TPostTally &tTally, TAnswerSlab &tSlab)
+bool RunAsync(const TPostJob &tJob, TPostTally &tTally, uint32_t dwPlaces)
 {
-    auto ptRun = std::make_unique<TAsyncRun>();
-    ptRun->tSlab = tSlab;
-    ptRun->atStart.resize(tSlab.dwCount);
-    for (uint32_t dwIndex = tSlab.dwCount; dwIndex > 0; --dwIndex) {
-        ptRun->adwFree.push_back(dwIndex - 1);
+    TPostBoard *ptBoard = BoardCreate(dwPlaces, tJob.dwMaxAnswer);
+    if (ptBoard == nullptr) {
+        return false;
     }
-    ptRun->tLastEvent = TPostClock::now();
-    g_ptAsyncRun = ptRun.get();
-    AnswerSlabReportOverrun(tSlab, kOverrunMessage, SENDBYCURL_BUFFER_TOO_SMALL);
-    if (!DriveAsync(tJob, tTally, *ptRun)) {
-        (void)ptRun.release();
-        tSlab.pchMap = nullptr;
+    if (tJob.szOverrun != nullptr) {
+        AnswerSlabReportOverrun(ptBoard->tSlab, tJob.szOverrun, SENDBYCURL_BUFFER_TOO_SMALL);
     }
-}
-
-void ShowOne(TPostTally &tTally, TPostClock::duration tTook)
-{
-    const TPostCounts tCounts = TallyCounts(tTally);
-    if (tCounts.dwLost != 0) {
-        fprintf(stderr, "nvrhttp post: result 7: no notification came within the time-out and 2 s more\n");
-    } else if (tCounts.dwFailed != 0) {
-        fprintf(stderr, "nvrhttp post: result %u: %s\n", tTally.eFirstFailure,
-                tTally.pfResultText(tTally.eFirstFailure));
-    } else {
-        const double dMillis = std::chrono::duration<double, std::milli>(tTook).count();
-        fprintf(stderr, "succeeded in %.1f ms\n", dMillis);
-    }
+    TAsyncRun tRun = {tJob, tTally, *ptBoard, CPostClock::now()};
+    Drive(tRun);
+    BoardDestroy(ptBoard);
+    return true;
 }
 
 } // namespace
 
-int RunPosts(const TPostJob &tJob, int nAnswerFd)
+bool RunPosts(const TPostJob &tJob, TPostTally &tTally, TPostStatus *ptStatus)
 {
-    TAnswerSlab tSlab;
-    if (!AnswerSlabCreate(tSlab, std::min(tJob.dwCount, tJob.dwParallel), tJob.dwMaxAnswer)) {
-        fprintf(stderr, "nvrhttp post: no memory for the answers; ask for less with --max-answer or --parallel\n");
-        return SENDBYCURL_NO_MEMORY;
-    }
-    TPostTally tTally;
-    tTally.tCounts.dwTotal = tJob.dwCount;
-    tTally.adMillis.reserve(tJob.dwCount);
-    tTally.nAnswerFd = nAnswerFd;
-    tTally.bAnswersOnTerminal = isatty(nAnswerFd) != 0;
-    tTally.bStatusOnTerminal = isatty(STDERR_FILENO) != 0;
-    tTally.pfResultText = tJob.eMode == EPostMode::Direct ? DirectSendText : EngineSendText;
-    tTally.tBegin = TPostClock::now();
-
+    TallyBegin(tTally, tJob.dwCount);
     std::thread tStatus;
-    if (tJob.dwCount > 1) {
-        tStatus = std::thread([&tTally] { TallyShowStatus(tTally); });
+    if (ptStatus != nullptr) {
+        tStatus = std::thread([ptStatus, &tTally] { ShowStatus(*ptStatus, tTally); });
     }
-    if (tJob.eMode == EPostMode::Async) {
-        RunAsync(tJob, tTally, tSlab);
-    } else {
-        RunBlocking(tJob, tTally, tSlab);
-    }
+    const uint32_t dwAtOnce = std::min(tJob.dwCount, tJob.dwParallel);
+    const bool bRun =
+        tJob.eMode == POST_MODE_ASYNC ? RunAsync(tJob, tTally, dwAtOnce) : RunBlocking(tJob, tTally, dwAtOnce);
     TallyOver(tTally);
     if (tStatus.joinable()) {
         tStatus.join();
-        TallyShowSummary(tTally);
-    } else {
-        ShowOne(tTally, TPostClock::now() - tTally.tBegin);
     }
-    AnswerSlabDestroy(tSlab);
-    return TallyExitStatus(tTally);
+    return bRun;
 }

@@ -5,36 +5,53 @@
 #define TOOLS_POST_POST_RUN_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "nvrhttpcurl/sendbycurl.h"
+#include "tools/post/post_status.h"
+#include "tools/post/post_tally.h"
 
-enum class EPostMode { Sync, Async, Direct };
+enum EPostMode { POST_MODE_SYNC, POST_MODE_ASYNC, POST_MODE_DIRECT };
 
 enum { POST_MAX_PARALLEL = 1024 };
+
+/* A post that has ended. */
+struct TPostEnd {
+    uint32_t dwPost; /* 0 is the first one that was started */
+    ESendByCurlRet eRet;
+    CPostClock::duration tTook;
+    const char *pchAnswer; /* after success, until pfEnded returns */
+    size_t uAnswerLen;
+};
 
 struct TPostJob {
     std::string strUrl;
     std::string strBody;
-    std::string strUserAndPassWd; /* empty: none; at most 127 characters; synchronous only */
-    EPostMode eMode = EPostMode::Sync;
+    std::string (*pfBody)(uint32_t dwPost) = nullptr; /* the body of each post in place of strBody */
+    std::string strUserAndPassWd;                     /* empty: none; at most 127 characters; synchronous only */
+    EPostMode eMode = POST_MODE_SYNC;
     uint32_t eHeadType = SENDBYCURL_METHOD_POST;
     uint32_t dwTimeoutMS = 0;
     uint32_t dwConnTimeOutMS = 0;
     uint32_t dwMaxAnswer = 0;
     uint32_t dwCount = 1;
-    uint32_t dwParallel = 1; /* at most POST_MAX_PARALLEL */
-    bool bVerify = false;    /* direct only */
-    bool bQuiet = false;     /* answers are not written */
+    uint32_t dwParallel = 1;          /* at most POST_MAX_PARALLEL */
+    uint32_t dwDeadlineS = 0;         /* asynchronous only: for the whole run; 0: as long as posts end */
+    bool bVerify = false;             /* direct only */
+    const char *szOverrun = nullptr;  /* last words of the process if an asynchronous answer exceeds dwMaxAnswer */
+    std::function<void()> pfAccepted; /* asynchronous only: the module has accepted a post */
+    /* Not called for lost posts; in the modes that block, several threads call it at once. */
+    std::function<void(const TPostEnd &tEnd)> pfEnded;
 };
 
 /*
- * Writes the answers to nAnswerFd, everything else to standard error. The module must have
- * been started. Returns the exit status: 0, or the module's result of the first failure.
+ * Runs the job and fills the tally, which must be new. With ptStatus its line is shown meanwhile.
+ * The module must have been started. False if there is no memory for the answers.
  *
  * Asynchronous sends that are lost keep their buffers until the process ends: their workers
  * may still write there.
  */
-int RunPosts(const TPostJob &tJob, int nAnswerFd);
+bool RunPosts(const TPostJob &tJob, TPostTally &tTally, TPostStatus *ptStatus);
 
 #endif

@@ -1,6 +1,6 @@
 /*
- * What becomes of the posts of one run: counts, times, answers written out, the live status
- * line and the summary. All calls may be made from any thread.
+ * What becomes of the posts of one run: counts, results and times. All calls may be made from
+ * any thread.
  */
 #ifndef TOOLS_POST_POST_TALLY_H
 #define TOOLS_POST_POST_TALLY_H
@@ -8,67 +8,69 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "nvrhttpcurl/sendbycurl.h"
 
-using TPostClock = std::chrono::steady_clock;
+using CPostClock = std::chrono::steady_clock;
 
 struct TPostCounts {
     uint32_t dwTotal = 0;
     uint32_t dwStarted = 0;
     uint32_t dwOk = 0;
     uint32_t dwFailed = 0;
-    uint32_t dwLost = 0; /* started, and no word of them within the wait */
+    uint32_t dwRefused = 0; /* of the failed: the module did not accept the submission */
+    uint32_t dwLost = 0;    /* started, and not reported by the end of the run */
 };
 
 struct TPostTally {
-    std::mutex mtxCounts; /* guards everything down to bOver */
-    std::condition_variable cvOver;
+    std::mutex tLock; /* guards all below but tBegin */
+    std::condition_variable tChanged;
     TPostCounts tCounts;
     std::array<uint32_t, 16> adwFailures = {}; /* by result */
     ESendByCurlRet eFirstFailure = SENDBYCURL_OK;
-    std::vector<double> adMillis; /* of those that succeeded */
+    std::vector<double> adMillis;    /* of those that succeeded */
+    uint32_t dwAwaited = UINT32_MAX; /* ends that TallyAwait waits for */
     bool bOver = false;
 
-    std::mutex mtxOutput; /* answers and status lines do not mix; guards what follows */
-    int nAnswerFd = -1;
-    bool bAnswersOnTerminal = false;
-    bool bStatusOnTerminal = false;
-    bool bStatusShown = false; /* a status line stands on the terminal */
-    bool bWriteFailed = false;
-
-    const char *(*pfResultText)(ESendByCurlRet) = nullptr;
-    TPostClock::time_point tBegin;
+    CPostClock::time_point tBegin;
 };
 
-/* The next post to start, counted as started; false if all have been. */
-bool TallyStart(TPostTally &tTally);
+double Seconds(CPostClock::duration tSpan);
+double Millis(CPostClock::duration tSpan);
 
-/* One that was started was refused for want of a place and is not to be tried again. */
-void TallyUnstart(TPostTally &tTally, ESendByCurlRet eRet);
+/* Those that are not outstanding any more, whatever became of them. */
+uint32_t EndedOf(const TPostCounts &tCounts);
 
-/* One has ended. The answer is written out after a success; null writes none. */
-void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, TPostClock::duration tTook, const char *pchAnswer,
-              size_t qwAnswerLen);
+/* Begins a run of dwTotal posts. */
+void TallyBegin(TPostTally &tTally, uint32_t dwTotal);
+
+/* The number of the next post to start, counted as started; false if all have been. */
+bool TallyStart(TPostTally &tTally, uint32_t &dwPost);
+
+/* One that was started found all places taken and is not to be tried again. */
+void TallyUnstart(TPostTally &tTally);
+
+/* One has ended. */
+void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, CPostClock::duration tTook);
+
+/* One was refused with a result other than success. */
+void TallyRefuse(TPostTally &tTally, ESendByCurlRet eRet);
 
 /* All that have been started and have not ended count as lost. */
 void TallyLoseRest(TPostTally &tTally);
 
 TPostCounts TallyCounts(TPostTally &tTally);
 
-/* Shows the status line again and again until TallyOver; runs on a thread of its own. */
-void TallyShowStatus(TPostTally &tTally);
+/* The run is over: TallyAwait waits no longer. */
 void TallyOver(TPostTally &tTally);
 
-/* The summary of a run, to standard error. */
-void TallyShowSummary(TPostTally &tTally);
-
-/* 0 only if every post succeeded and every answer could be written. */
-int TallyExitStatus(TPostTally &tTally);
+/*
+ * Waits until dwEnded posts have ended, the run is over or tLongest has passed. False if the run
+ * is over. For one thread at a time.
+ */
+bool TallyAwait(TPostTally &tTally, uint32_t dwEnded, CPostClock::duration tLongest);
 
 #endif

@@ -1,0 +1,145 @@
+#include "tools/post/post_report.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "tools/common/result_text.h"
+#include "tools/post/latency.h"
+
+namespace
+{
+
+const std::chrono::milliseconds s_tTerminalInterval(200);
+const std::chrono::milliseconds s_tPlainInterval(2000);
+
+bool WriteAll(int nFd, const char *pchData, size_t uLen)
+{
+    while (uLen > 0) {
+        const ssize_t nWritten = write(nFd, pchData, uLen);
+        if (nWritten < 0 && errno != EINTR) {
+            return false;
+        }
+        if (nWritten > 0) {
+            pchData += nWritten;
+            uLen -= static_cast<size_t>(nWritten);
+        }
+    }
+    return true;
+}
+
+std::string StatusLine(const TPostCounts &tCounts, double dRate)
+{
+    char achLine[80];
+    snprintf(achLine, sizeof(achLine), "%u of %u done, %.0f/s, %u failed, %u in flight", EndedOf(tCounts),
+             tCounts.dwTotal, dRate, tCounts.dwFailed + tCounts.dwLost, tCounts.dwStarted - EndedOf(tCounts));
+    return achLine;
+}
+
+void ShowOne(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
+{
+    if (tTally.tCounts.dwLost != 0) {
+        fprintf(stderr, "nvrhttp post: result 7: no notification came within the time-out and 2 s more\n");
+    } else if (tTally.eFirstFailure != SENDBYCURL_OK) {
+        fprintf(stderr, "nvrhttp post: result %u: %s\n", tTally.eFirstFailure,
+                tReport.pfResultText(tTally.eFirstFailure));
+    } else {
+        fprintf(stderr, "succeeded in %.1f ms\n", Millis(tTook));
+    }
+}
+
+void ShowTimes(const TPostTally &tTally)
+{
+    if (!tTally.adMillis.empty()) {
+        const TLatencySummary tTimes = SummarizeLatency(tTally.adMillis);
+        fprintf(stderr, "time of the succeeded: p50 %s, p95 %s, p99 %s, longest %s\n", MillisText(tTimes.dP50).c_str(),
+                MillisText(tTimes.dP95).c_str(), MillisText(tTimes.dP99).c_str(), MillisText(tTimes.dMax).c_str());
+    }
+}
+
+void ShowFailures(const TPostReport &tReport, const TPostTally &tTally)
+{
+    for (uint32_t eRet = 0; eRet < tTally.adwFailures.size(); eRet++) {
+        if (tTally.adwFailures[eRet] != 0) {
+            fprintf(stderr, "  %u failed with result %u: %s\n", tTally.adwFailures[eRet], eRet,
+                    tReport.pfResultText(eRet));
+        }
+    }
+}
+
+void ShowUnfinished(const TPostCounts &tCounts)
+{
+    if (tCounts.dwLost != 0) {
+        fprintf(stderr,
+                "  %u lost: no notification within the time-out and 2 s more (a server that falls silent is noticed "
+                "only with its worker's next activity)\n",
+                tCounts.dwLost);
+    }
+    if (tCounts.dwStarted != tCounts.dwTotal) {
+        fprintf(stderr, "  %u not sent, since no place came free\n", tCounts.dwTotal - tCounts.dwStarted);
+    }
+}
+
+void ShowSummary(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
+{
+    const TPostCounts &tCounts = tTally.tCounts;
+    fprintf(stderr, "%u posts in %.2f s (%.0f/s): %u succeeded, %u failed, %u lost\n", tCounts.dwTotal, Seconds(tTook),
+            EndedOf(tCounts) / Seconds(tTook), tCounts.dwOk, tCounts.dwFailed, tCounts.dwLost);
+    ShowTimes(tTally);
+    ShowFailures(tReport, tTally);
+    ShowUnfinished(tCounts);
+}
+
+} // namespace
+
+void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd)
+{
+    tReport.nAnswerFd = nAnswerFd;
+    tReport.bMany = tJob.dwCount > 1;
+    tReport.bAnswersOnTerminal = isatty(nAnswerFd) != 0;
+    tReport.pfResultText = tJob.eMode == POST_MODE_DIRECT ? DirectSendText : EngineSendText;
+    tReport.tStatus.ptFile = stderr;
+    tReport.tStatus.bTerminal = isatty(STDERR_FILENO) != 0;
+    tReport.tStatus.tInterval = tReport.tStatus.bTerminal ? s_tTerminalInterval : s_tPlainInterval;
+    tReport.tStatus.pfLine = StatusLine;
+}
+
+void ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd)
+{
+    if (tEnd.eRet != SENDBYCURL_OK) {
+        return;
+    }
+    const bool bLine = tReport.bMany || tReport.bAnswersOnTerminal;
+    const bool bEndLine = bLine && (tEnd.uAnswerLen == 0 || tEnd.pchAnswer[tEnd.uAnswerLen - 1] != '\n');
+    const std::lock_guard<std::mutex> tGuard(tReport.tStatus.tLock);
+    if (tReport.bAnswersOnTerminal) {
+        EraseStatus(tReport.tStatus);
+    }
+    const bool bWritten = WriteAll(tReport.nAnswerFd, tEnd.pchAnswer, tEnd.uAnswerLen) &&
+                          (!bEndLine || WriteAll(tReport.nAnswerFd, "\n", 1));
+    if (!bWritten && !tReport.bWriteFailed) {
+        perror("nvrhttp post: an answer could not be written");
+        tReport.bWriteFailed = true;
+    }
+}
+
+void ReportOutcome(TPostReport &tReport, const TPostTally &tTally)
+{
+    const CPostClock::duration tTook = CPostClock::now() - tTally.tBegin;
+    if (!tReport.bMany) {
+        ShowOne(tReport, tTally, tTook);
+        return;
+    }
+    const std::lock_guard<std::mutex> tGuard(tReport.tStatus.tLock);
+    EraseStatus(tReport.tStatus);
+    ShowSummary(tReport, tTally, tTook);
+}
+
+int ReportStatus(const TPostReport &tReport, const TPostTally &tTally)
+{
+    if (tTally.eFirstFailure != SENDBYCURL_OK) {
+        return static_cast<int>(tTally.eFirstFailure);
+    }
+    return tReport.bWriteFailed ? EXIT_FAILURE : EXIT_SUCCESS;
+}
