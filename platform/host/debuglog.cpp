@@ -31,8 +31,8 @@ namespace
 
 enum { MODULES = 256, LINE_SIZE = 4096, DEFAULT_FILE_LEN = 0x20000, OLDER_FILES = 1 };
 
-const char szConsolePattern[] = "%n%v";
-const char szFilePattern[] = "%n%Y-%m-%d %H:%M:%S.%e %v";
+const char s_szConsolePattern[] = "%n%v";
+const char s_szFilePattern[] = "%n%Y-%m-%d %H:%M:%S.%e %v";
 
 /* Limits are the first level that does not pass; 64 bits hold the one after the last. */
 struct TModule {
@@ -126,7 +126,7 @@ void OpenFile(TModule &tModule)
     std::replace(strFile.begin(), strFile.end(), '/', '_'); /* the file stays in the folder */
     auto ptFile = std::make_unique<spdlog::sinks::rotating_file_sink_st>(Folder() + "/" + strFile, tModule.dwFileLen,
                                                                          OLDER_FILES);
-    ptFile->set_formatter(std::make_unique<spdlog::pattern_formatter>(szFilePattern));
+    ptFile->set_formatter(std::make_unique<spdlog::pattern_formatter>(s_szFilePattern));
     tModule.ptFile = std::move(ptFile);
 }
 
@@ -139,7 +139,7 @@ void WriteToConsole(const TModule &tModule, spdlog::string_view_t strText)
 {
     if (s_ptConsole == nullptr) {
         auto ptConsole = std::make_unique<spdlog::sinks::stdout_sink_st>();
-        ptConsole->set_pattern(szConsolePattern);
+        ptConsole->set_pattern(s_szConsolePattern);
         s_ptConsole = ptConsole.release();
     }
     s_ptConsole->log(Message(tModule, strText));

@@ -27,8 +27,8 @@ std::mutex s_tLock; /* guards the registry */
 /* Never destroyed: tasks may still come here while the process ends. */
 std::map<std::string, TCommand> &Registry()
 {
-    static auto *s_ptRegistry = new std::map<std::string, TCommand>;
-    return *s_ptRegistry;
+    static auto *ptRegistry = new std::map<std::string, TCommand>;
+    return *ptRegistry;
 }
 
 /* Reads all of [szBegin, szEnd) as a number; false if it is none or does not fit. */

@@ -30,7 +30,7 @@ struct TCommand {
 /* Never destroyed, as the registry that it describes. */
 const std::map<std::string, TCommand> &KnownCommands()
 {
-    static const auto *s_ptCommands = new std::map<std::string, TCommand>{
+    static const auto *ptCommands = new std::map<std::string, TCommand>{
         {"NvrHttpCurlCltshow", {"NvrHttpCurlCltshow", "list the engine's instances and workers", {}}},
         {"NvrHttpCurlCltver", {"NvrHttpCurlCltver", "show the engine's version", {}}},
         {"help", {"help", "list the commands", {}}},
@@ -45,7 +45,7 @@ const std::map<std::string, TCommand> &KnownCommands()
           "post a test text to URL (63 characters at most): MODE 1 asynchronously, else and wait",
           {{"MODE", false, true, INT_MIN, INT_MAX}, {"URL", false, false, 0, 0}}}},
     };
-    return *s_ptCommands;
+    return *ptCommands;
 }
 
 bool IsHex(const std::string &strText)

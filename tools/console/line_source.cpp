@@ -65,8 +65,8 @@ unsigned char Complete(EditLine *ptEdit, int)
 /* libedit declares its texts writable, though it does not write them. */
 char *Prompt(EditLine *)
 {
-    static char s_szPrompt[] = "nvrhttp> ";
-    return s_szPrompt;
+    static char szPrompt[] = "nvrhttp> ";
+    return szPrompt;
 }
 
 class CEditedLines : public CLineSource

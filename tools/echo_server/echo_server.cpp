@@ -53,7 +53,7 @@ std::unique_ptr<httplib::Server> MakeServer(bool bTls)
 /* Bytes from 0x80 on go through as they came. */
 void AppendJsonText(std::string &strOut, const std::string &strText)
 {
-    static const char s_achDigits[] = "0123456789abcdef";
+    static const char achDigits[] = "0123456789abcdef";
     strOut += '"';
     for (const char chOne : strText) {
         const auto byOne = static_cast<unsigned char>(chOne);
@@ -62,8 +62,8 @@ void AppendJsonText(std::string &strOut, const std::string &strText)
             strOut += chOne;
         } else if (byOne < 0x20) {
             strOut += "\\u00";
-            strOut += s_achDigits[byOne >> 4];
-            strOut += s_achDigits[byOne & 0xF];
+            strOut += achDigits[byOne >> 4];
+            strOut += achDigits[byOne & 0xF];
         } else {
             strOut += chOne;
         }

@@ -42,10 +42,10 @@ struct TFindings {
 __attribute__((format(printf, 4, 5))) void Report(TFindings &tFindings, EFinding eFinding, const char *szTopic,
                                                   const char *szFormat, ...)
 {
-    static const char *const s_aszWords[] = {"ok", "warning", "missing"};
+    static const char *const aszWords[] = {"ok", "warning", "missing"};
     tFindings.dwWarnings += eFinding == FINDING_WARNING ? 1 : 0;
     tFindings.dwMissing += eFinding == FINDING_MISSING ? 1 : 0;
-    printf("%-8s %-13s ", s_aszWords[eFinding], szTopic);
+    printf("%-8s %-13s ", aszWords[eFinding], szTopic);
     va_list tArgs;
     va_start(tArgs, szFormat);
     vprintf(szFormat, tArgs);

@@ -12,8 +12,8 @@ std::mutex s_tLock; /* guards the list of boards and the ends of each */
 /* Never destroyed: workers may still notify while the process ends. */
 std::vector<TPostBoard *> &Boards()
 {
-    static auto *s_paptBoards = new std::vector<TPostBoard *>;
-    return *s_paptBoards;
+    static auto *patBoards = new std::vector<TPostBoard *>;
+    return *patBoards;
 }
 
 /* A notification brings nothing but the receive buffer. */
