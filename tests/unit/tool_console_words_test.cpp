@@ -3,6 +3,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,11 @@ struct LineCase {
 class ConsoleWords : public testing::TestWithParam<LineCase>
 {
 };
+
+void PrintTo(const LineCase &which, std::ostream *out)
+{
+    *out << which.name;
+}
 
 std::string CaseName(const testing::TestParamInfo<LineCase> &info)
 {

@@ -55,8 +55,9 @@ TEST(Latency, RanksAreRoundedUp)
     const TLatencySummary summary = SummarizeLatency(Countdown(3));
     EXPECT_EQ(summary.dP50, 2);
     EXPECT_EQ(summary.dP95, 3);
-    EXPECT_EQ(SummarizeLatency(Countdown(101)).dP99, 100);
     EXPECT_EQ(SummarizeLatency(Countdown(2)).dP50, 1);
+    EXPECT_EQ(SummarizeLatency(Countdown(11)).dP95, 11);
+    EXPECT_EQ(SummarizeLatency(Countdown(101)).dP99, 100);
 }
 
 TEST(LatencyText, UnitFollowsTheSize)

@@ -3,6 +3,7 @@
  */
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <set>
 #include <string>
 
@@ -31,6 +32,11 @@ struct TextCase {
 class ResultText : public testing::TestWithParam<TextCase>
 {
 };
+
+void PrintTo(const TextCase &which, std::ostream *out)
+{
+    *out << which.name;
+}
 
 std::string CaseName(const testing::TestParamInfo<TextCase> &info)
 {
