@@ -104,7 +104,7 @@ std::string Complaint(const TCommand &tCommand, const std::vector<TConsoleWord> 
         if (!bGiven && atArguments[uIndex].bRequired) {
             return std::string(atArguments[uIndex].szName) + " is missing";
         }
-        const std::string strComplaint = bGiven ? Complaint(atArguments[uIndex], atWords[uIndex + 1]) : "";
+        std::string strComplaint = bGiven ? Complaint(atArguments[uIndex], atWords[uIndex + 1]) : "";
         if (!strComplaint.empty()) {
             return strComplaint;
         }
