@@ -75,7 +75,7 @@ PFOspCommand Find(const std::string &strName)
  * A command's parameters are known only to the one who registered it. In the calling
  * conventions of the hosts we run on, six integers or pointers are passed in registers and
  * a function that declares fewer leaves the rest alone, so one type serves for all. This is
- * the only cast back from PFOspCommand; checkers of indirect calls are told that it is meant.
+ * the only cast back from PFOspCommand, and exempt from checks of indirect calls.
  */
 #if defined(__clang__)
 __attribute__((no_sanitize("function")))

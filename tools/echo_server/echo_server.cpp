@@ -111,9 +111,9 @@ std::string TextOfSize(unsigned dwSize)
 struct TOutOfRange {
 };
 
-/* The number behind a prefix of the path; nothing where the path has another prefix. */
-std::optional<unsigned> NumberBehind(const std::string &strPath, const std::string &strPrefix, unsigned dwMin,
-                                     unsigned dwMax)
+/* The number after a prefix of the path; nothing where the path has another prefix. */
+std::optional<unsigned> NumberAfter(const std::string &strPath, const std::string &strPrefix, unsigned dwMin,
+                                    unsigned dwMax)
 {
     if (strPath.compare(0, strPrefix.size(), strPrefix) != 0) {
         return std::nullopt;
@@ -164,9 +164,9 @@ void CEchoServer::TImpl::Answer(const httplib::Request &tRequest, httplib::Respo
                                 const std::string &strBody)
 {
     try {
-        const auto dwStatus = NumberBehind(tRequest.path, "/status/", MIN_STATUS, MAX_STATUS);
-        const auto dwDelay = NumberBehind(tRequest.path, "/delay/", 0, MAX_DELAY_MS);
-        const auto dwSize = NumberBehind(tRequest.path, "/size/", 0, MAX_SIZE);
+        const auto dwStatus = NumberAfter(tRequest.path, "/status/", MIN_STATUS, MAX_STATUS);
+        const auto dwDelay = NumberAfter(tRequest.path, "/delay/", 0, MAX_DELAY_MS);
+        const auto dwSize = NumberAfter(tRequest.path, "/size/", 0, MAX_SIZE);
         if (dwDelay) {
             Delay(*dwDelay);
         }

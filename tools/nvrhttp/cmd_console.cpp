@@ -23,7 +23,7 @@ namespace
 
 using CClock = std::chrono::steady_clock;
 
-/* The self-test's own time-out, and a second for what comes behind it. */
+/* The self-test's own time-out, and a second for what follows it. */
 const std::chrono::seconds s_tLongestTest(6);
 const std::chrono::milliseconds s_tBetweenLooks(200);
 

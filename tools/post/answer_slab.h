@@ -39,7 +39,7 @@ uint32_t AnswerSlabIndex(const TAnswerSlab &tSlab, const char *pchText);
 void AnswerSlabClear(const TAnswerSlab &tSlab, uint32_t dwIndex);
 
 /*
- * From here on a write behind a buffer of this slab prints szMessage to standard error and
+ * From here on a write past the end of a buffer of this slab prints szMessage to standard error and
  * ends the process at once with nStatus. One slab in a process; szMessage is not copied.
  */
 bool AnswerSlabReportOverrun(const TAnswerSlab &tSlab, const char *szMessage, int nStatus);

@@ -23,7 +23,7 @@ struct TPostStatus {
     /* The line for these counts; dRate is posts a second since the line before. */
     std::string (*pfLine)(const TPostCounts &tCounts, double dRate) = nullptr;
 
-    std::mutex tLock;    /* whoever writes to the same terminal holds it; guards what follows */
+    std::mutex tLock;    /* held by each writer to the same terminal; guards what follows */
     bool bShown = false; /* the line is on the terminal */
 };
 
