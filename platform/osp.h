@@ -2,7 +2,7 @@
  * The device's operating-system layer: binary semaphores, tasks, console commands.
  *
  * On the device these calls are provided by a closed library; platform/host implements
- * them for any POSIX host. This header states what the library relies on, and what every
+ * them for Linux. This header states what the library relies on, and what every
  * implementation must therefore do. Nonzero is success unless a call says otherwise, and a
  * zero handle means "not created". All calls may be made from any thread.
  */
@@ -53,7 +53,8 @@ uint32_t OspSemDelete(HOspSem hSem);
  * byPriority:  a wish: an implementation may ignore it if the process may not set it.
  * dwStackSize: in bytes; the stack is at least this large.
  * wFlags:      0.
- * pqwTaskID:   receives an identifier for messages; may be null.
+ * pqwTaskID:   receives an identifier for messages, before the call returns: the library logs it
+ *              at once. May be null.
  * Returns the task, or null if it could not be started. For every task OspTaskWaitEnd must
  * be called once, which also releases it.
  */

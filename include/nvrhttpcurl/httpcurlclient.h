@@ -24,7 +24,9 @@
  * The process must call curl_global_init before several threads may start the first
  * instance; the send module (sendbycurl.h) does this for its users.
  *
- * docs/contracts.md collects what is easy to get wrong.
+ * docs/contracts.md collects what is easy to get wrong; its section "The process" says what
+ * fork, exec, SIGPIPE and the end of main mean for the library. docs/limits.md lists what the
+ * library does not do.
  */
 #ifndef NVRHTTPCURL_HTTPCURLCLIENT_H
 #define NVRHTTPCURL_HTTPCURLCLIENT_H
@@ -87,7 +89,8 @@ typedef struct TNvrHttpCurlCltReqInner *HNvrHttpCurlCltReq;
  * one after another. While it runs, its worker drives no transfer: be brief. It is never
  * called for requests that NvrHttpCurlCltUninit releases. The return value is ignored.
  *
- * It may submit the same request again, read the answer, and create and submit others.
+ * It may submit the same request again (after setting its body again: see pvUserBuf of
+ * NvrHttpCurlCltProcessReq), read the answer, and create and submit others.
  * It may destroy its request as its last use of it, or leave that to any thread after it
  * has returned. Either is safe provided that no request of this worker was ever destroyed
  * while it was running. It must not call NvrHttpCurlCltUninit.
@@ -109,8 +112,12 @@ typedef uint32_t (*PFNvrHttpCurlCltNtf)(HNvrHttpCurlCltReq hReq, ENvrHttpCurlClt
  *   8  16 instances are in use
  *   1  a thread, semaphore, multi handle or loopback port could not be created; everything
  *      that the call had created before is released again
- * Not thread-safe: only one thread at a time may be in Init or Uninit.
- * Cost: a thread with a 2 MiB stack, a descriptor and a libcurl multi handle per task.
+ * Not thread-safe: only one thread at a time may be in Init or Uninit. Trap: the start of the
+ * send module is an Init, too, and a first direct send starts it; start the module before other
+ * threads call Init.
+ * Trap: a forked child has no workers: what it submits is accepted and never reported.
+ * Cost: per task a thread with a 2 MiB stack, a libcurl multi handle and three descriptors,
+ * which programs that the process starts inherit.
  */
 ENvrHttpCurlCltRet NvrHttpCurlCltInit(const TNvrHttpCurlCltInitParam *ptInitParam, const TNvrHttpCurlCltMemCB *ptMemCB,
                                       HNvrHttpCurlCltInst *phResult);
@@ -145,6 +152,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltReqCreat(HNvrHttpCurlCltInst hInstance, HNvrHtt
  *
  * Trap: a URL that contains "https" anywhere, in lower case, is sent without any check of
  * the server's certificate or host name. "HTTPS://..." keeps libcurl's checks on.
+ * Trap: any scheme that libcurl knows is taken, so file:///etc/hostname comes back as an answer.
+ * Redirects are not followed. Check what comes from outside.
  * Returns 0; 4 for a null pointer; 1 if libcurl refused the URL (or, where the URL
  * contains "https", only if it refused CURLOPT_CAINFO).
  */
@@ -174,15 +183,19 @@ ENvrHttpCurlCltRet NvrHttpCurlCltSetAuthType(HNvrHttpCurlCltReq hReq, uint32_t b
  * Adds a header line "name:value", and with it the line "Expect:", which keeps libcurl
  * from sending "Expect: 100-continue".
  *
- * Traps: call it before NvrHttpCurlCltSetReqBody, which passes the lines to libcurl. A line
- * of more than 127 characters is cut, and nothing reports it.
+ * Traps: call it before NvrHttpCurlCltSetReqBody, which passes the lines to libcurl: a first line
+ * that comes later is not sent, and the answer keeps its status line and headers in front. A line
+ * of more than 127 characters is cut, and nothing reports it. Line ends (CR, LF) in the texts are
+ * sent as they are, so that a value from outside can add header lines.
  * Returns 0 (also if libcurl has no memory for the line); 4 for a null or empty text.
  */
 ENvrHttpCurlCltRet NvrHttpCurlCltSetReqHeader(HNvrHttpCurlCltReq hReq, const char *szName, const char *szValue);
 
 /*
  * Sets the body, passes the header lines to libcurl and installs the response buffer.
- * Required before execution if the answer is to be read, also for an empty body.
+ * Required before execution if the answer is to be read, also for an empty body. Trap: without
+ * this call the request is a GET, or what the method setter says, and libcurl writes the answer
+ * to the process's standard output.
  *
  * szBody: dwSize bytes, copied; NULs are allowed, a terminator is not needed. Null only
  *         with dwSize 0.
@@ -243,7 +256,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBody(HNvrHttpCurlCltReq hReq, char *szBo
  * pfNtf:           required in mode 1, ignored in mode 0.
  * pvUserBuf:       mode 1: passed to pfNtf; must hold any response body that may come, since
  *                  the copy has no bound, and stay valid until pfNtf is called, or until
- *                  Uninit has returned. May be null.
+ *                  Uninit has returned. May be null. Trap: a request that is submitted again
+ *                  copies all answers since its body was set: set the body again before.
  * Returns
  *   0  mode 0: the transfer ran; mode 1: queued
  *   4  a null pointer, a time-out of 0, an unknown mode, an instance without workers, or
@@ -254,7 +268,8 @@ ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBody(HNvrHttpCurlCltReq hReq, char *szBo
  *   5  mode 1: no memory
  *   1  mode 1: the request could not be queued. NEVER submit it asynchronously again, for the
  *      reason given under 4; destroy it.
- * A request stays with the worker of its first submission.
+ * A request stays with the worker of its first submission. Over https it may share a connection
+ * with others of this worker, see "HTTP/2" in docs/contracts.md.
  */
 ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS, uint32_t dwConnTimeOutMS,
                                             ENvrHttpCurlCltMode eMode, PFNvrHttpCurlCltNtf pfNtf, void *pvUserBuf);

@@ -4,7 +4,8 @@
  * Call Qelvo_SyncSendStrByHttp_Init once; then, from any number of threads,
  * Qelvo_SendStrByHttp in mode 0 (the answer is in the caller's buffer when it returns) or
  * mode 1 (a notification comes from a worker thread). The module is never torn down: its
- * 8 worker threads live as long as the process.
+ * 8 worker threads live as long as the process. Start it after fork, and wait for the
+ * notifications before leaving main: see "The process" in docs/contracts.md.
  */
 #ifndef NVRHTTPCURL_SENDBYCURL_H
 #define NVRHTTPCURL_SENDBYCURL_H
@@ -64,7 +65,7 @@ typedef uint32_t (*PFSendByCurlNtf)(ESendByCurlRet eErrCode, void *pvContext);
  * asynchronous send no longer uses it after it has returned, except pchRecvBuf.
  */
 typedef struct TSendByCurlParam {
-    const char *pchURL;         /* target, required */
+    const char *pchURL;         /* target, required; any scheme that libcurl knows, "file:" too: check it */
     uint32_t eHeadType;         /* method: 0 POST, 1 PUT, 2 GET; for what is really sent see Qelvo_SendStrByHttp */
     const char *pchSendBuf;     /* body, required */
     uint32_t dwSendLen;         /* its length in bytes */
@@ -85,7 +86,9 @@ typedef struct TSendByCurlParam {
  *
  * Returns 0; 1 if the log module, a semaphore or the engine could not be set up; 12 if no
  * engine instance is free; 9 if memory is exhausted. May be called from several threads at
- * once: one engine is started. Cost: 8 threads.
+ * once: one engine is started. Trap: this is a NvrHttpCurlCltInit; call it before other threads
+ * call that one, and before a first direct send, which starts the module, too.
+ * Cost: 8 threads, 24 descriptors.
  */
 ESendByCurlRet Qelvo_SyncSendStrByHttp_Init(void);
 
@@ -180,7 +183,8 @@ uint32_t SendByCurlReqProgressNtf(ESendByCurlRet eErrCode, void *pvContext);
 
 /*
  * The direct send: one libcurl handle, created, used and released within the call, without
- * the engine. It starts the module if that has not been done, and goes on if that fails.
+ * the engine. It starts the module if that has not been done, and goes on if that fails. Its log
+ * lines, which are off by default, contain URL, body and answer.
  *
  * What is sent: for eHeadType 0 a POST of pchSendBuf up to its first zero byte (dwSendLen is
  * only logged, so the text must be terminated); for any other value a GET without body.
