@@ -1,19 +1,18 @@
 /*
  * How often the worker performs: until libcurl has nothing left to do at once.
  *
- * The task has no thread here. The cases call the worker's functions themselves and play
- * libcurl's part: what each perform returns, and when its next timer is due after it.
+ * The cases play libcurl's part: what each perform returns, and when its next timer is due
+ * after it.
  */
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
 #include <vector>
 
-#include "tests/support/engine_fixture.h"
+#include "tests/support/worker_fixture.h"
 
 namespace
 {
+
+using namespace test;
 
 constexpr long NO_TIMER = -1;
 constexpr long DUE = 0;
@@ -25,31 +24,15 @@ struct Perform {
     CURLMcode code = CURLM_OK;
 };
 
-struct Entry {
-    const char *name;
-    void (*call)(CURLM *, TNvrHttpCurlCltTask *);
-};
-
-void PrintTo(const Entry &entry, std::ostream *out)
-{
-    *out << entry.name;
-}
-
-class WorkerDrive : public test::EngineTest, public testing::WithParamInterface<Entry>
+class WorkerDrive : public WorkerTest, public testing::WithParamInterface<PerformEntry>
 {
   protected:
-    WorkerDrive()
-    {
-        Start(1, 8);
-        task = &inst->atTasks[0];
-    }
-
     void TearDown() override
     {
         hooks::multi_timeout = nullptr;
         hooks::multi_perform = nullptr;
         hooks::multi_info_read = nullptr;
-        EngineTest::TearDown();
+        WorkerTest::TearDown();
     }
 
     /* Plays the performs, the last one again and again; returns how many were made. */
@@ -68,23 +51,13 @@ class WorkerDrive : public test::EngineTest, public testing::WithParamInterface<
             *running = now.running;
             return now.code;
         };
-        GetParam().call(task->ptCurlMultiHandle, task);
+        GetParam().call(multi, task);
         return made;
     }
-
-    test::Line Running(int count) const
-    {
-        return test::Info(GetParam().name, " >>still_running %d\n", count);
-    }
-
-    TNvrHttpCurlCltTask *task;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    BothEntries, WorkerDrive,
-    testing::Values(Entry{"_NvrHttpCurlClt_CurlPerformAndReadInfo", _NvrHttpCurlClt_CurlPerformAndReadInfo},
-                    Entry{"_NvrHttpCurlClt_CurlPerformAndReadInfoEx", _NvrHttpCurlClt_CurlPerformAndReadInfoEx}),
-    [](const auto &test) { return std::string(test.param.name).find("Ex") == std::string::npos ? "plain" : "ex"; });
+INSTANTIATE_TEST_SUITE_P(BothEntries, WorkerDrive, testing::ValuesIn(PERFORM_ENTRIES),
+                         testing::PrintToStringParamName());
 
 TEST_P(WorkerDrive, OncePerformedIsEnoughWithoutATimer)
 {
@@ -121,16 +94,13 @@ TEST_P(WorkerDrive, StopsWhenNothingRunsAnyMore)
 TEST_P(WorkerDrive, WritesOneLineHoweverOftenItPerforms)
 {
     Drive(NO_TIMER, {{DUE, 3}, {DUE, 2}, {LATER, 1}});
-    test::ExpectLines({Running(1)});
+    ExpectLines({Running(GetParam().name, 1)});
 }
 
 TEST_P(WorkerDrive, AFailedRepetitionIsTheLast)
 {
     EXPECT_EQ(Drive(NO_TIMER, {{DUE, 2}, {DUE, 1, CURLM_INTERNAL_ERROR}}), 2U);
-    test::ExpectLines({test::Error(GetParam().name,
-                                   "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n",
-                                   CURLM_INTERNAL_ERROR, curl_multi_strerror(CURLM_INTERNAL_ERROR), 1),
-                       Running(1)});
+    ExpectLines(PerformFailed(GetParam().name, CURLM_INTERNAL_ERROR, 1));
 }
 
 TEST_P(WorkerDrive, ATimerThatCannotBeReadIsNotDue)
@@ -145,7 +115,7 @@ TEST_P(WorkerDrive, ATimerThatCannotBeReadIsNotDue)
         *running = 1;
         return CURLM_OK;
     };
-    GetParam().call(task->ptCurlMultiHandle, task);
+    GetParam().call(multi, task);
     EXPECT_EQ(performs, 1U);
 }
 
@@ -162,15 +132,13 @@ TEST_P(WorkerDrive, ReadsTheMessagesBehindTheLastPerform)
     EXPECT_EQ(performsAtRead, std::vector<size_t>{3});
 }
 
-class WorkerDriveLoop : public test::EngineTest
+class WorkerDriveLoop : public WorkerTest
 {
 };
 
 /* A due timer does not make a pass active whose wait ran out. */
 TEST_F(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
 {
-    Start(1, 8);
-    TNvrHttpCurlCltTask *task = &inst->atTasks[0];
     unsigned waits = 0;
     hooks::multi_timeout = [](CURLM *, long *result) {
         *result = DUE;
@@ -179,7 +147,7 @@ TEST_F(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
     hooks::multi_wait = [&](CURLM *, curl_waitfd *, unsigned, int, int *count) {
         *count = 0;
         if (++waits == 10) {
-            __atomic_store_n(&task->bExit, 1U, __ATOMIC_RELAXED);
+            AskToExit();
         }
         return CURLM_OK;
     };
