@@ -66,6 +66,29 @@ inline CURLMsg *NextMessage(CURLM *, int *left)
     return &current;
 }
 
+/* --- completions --------------------------------------------------------------------------------- */
+
+inline void ExpectCompletions(const std::vector<Completion> &expected)
+{
+    ASSERT_EQ(completions.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(completions[i].req, expected[i].req) << i;
+        EXPECT_EQ(completions[i].progress, expected[i].progress) << i;
+        EXPECT_EQ(completions[i].result, expected[i].result) << i;
+        EXPECT_EQ(completions[i].buf, expected[i].buf) << i;
+    }
+}
+
+/* The line of a failed transfer. */
+inline Line FailedLine(const std::string &func, CURL *easy, CURLcode code, uint32_t result)
+{
+    return func == PERFORM_EX
+               ? Error(func, "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n",
+                       Ptr(easy), code, curl_easy_strerror(code), result, 0)
+               : Error(func, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n", Ptr(easy), code, result,
+                       0);
+}
+
 /* --- the fixture ------------------------------------------------------------------------------- */
 
 class WorkerTest : public EngineTest
@@ -128,7 +151,7 @@ class WorkerTest : public EngineTest
     Lines Refused(HNvrHttpCurlCltReq req, CURLMcode code) const
     {
         return {AddBegins(req), Error(ADD, "[Error] curl_multi_add_handle{pMultHandle %p, hReq %p} fail{%d}\n",
-                                      Ptr(multi), Ptr(req->ptReq), static_cast<int>(code))};
+                                      Ptr(multi), Ptr(req->ptReq), code)};
     }
 
     static Line Running(const char *func, int count)
@@ -138,8 +161,8 @@ class WorkerTest : public EngineTest
 
     static Lines PerformFailed(const char *func, CURLMcode code, int count)
     {
-        return {Error(func, "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n",
-                      static_cast<int>(code), curl_multi_strerror(code), count),
+        return {Error(func, "[Error] curl_multi_perform fail{ErrorCode:%d}, {ErrorStr:%s}, still_running %d\n", code,
+                      curl_multi_strerror(code), count),
                 Running(func, count)};
     }
 

@@ -77,9 +77,7 @@ TEST_F(Registration, RunsTheCommands)
 
 /* --- NvrHttpCurlCltver ------------------------------------------------------------------------ */
 
-class Commands : public InstanceTest
-{
-};
+using Commands = InstanceTest;
 
 TEST_F(Commands, VersionLogsTheBuildTimeAsAnError)
 {

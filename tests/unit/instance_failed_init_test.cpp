@@ -84,19 +84,23 @@ const Failure FAILURES[] = {
 /* The flag: the tasks that start before the failure really run. */
 class FailedStep : public InstanceTest, public testing::WithParamInterface<std::tuple<Failure, bool>>
 {
+  protected:
+    void SetUp() override
+    {
+        hooks::multi_cleanup = [this](CURLM *multi) {
+            cleaned.push_back(multi);
+            return hooks::real::multi_cleanup(multi);
+        };
+    }
+
+    std::vector<CURLM *> cleaned;
 };
 
 TEST_P(FailedStep, ReleasesEverythingAndFreesTheSlot)
 {
     const auto &[failure, runTasks] = GetParam();
     fake::RunTasks(runTasks);
-    std::vector<CURLM *> cleaned;
-    hooks::multi_cleanup = [&cleaned](CURLM *multi) {
-        cleaned.push_back(multi);
-        return hooks::real::multi_cleanup(multi);
-    };
     failure.arm();
-
     HNvrHttpCurlCltInst instance = Slot(9);
     EXPECT_EQ(TryStart(8, &instance), 1U);
 
@@ -119,7 +123,6 @@ TEST_P(FailedStep, ReleasesEverythingAndFreesTheSlot)
 
     hooks::sys_bind = nullptr;
     hooks::multi_init = nullptr;
-    hooks::multi_cleanup = nullptr;
     EXPECT_EQ(TryStart(2, &instance), 0U);
     EXPECT_EQ(instance, Slot(0));
 }

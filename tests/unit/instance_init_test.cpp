@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include "support/hcc_log.h"
@@ -27,17 +26,16 @@ class InitArguments : public InstanceTest
                        HNvrHttpCurlCltInst *result)
     {
         const std::vector<unsigned char> before = TableBytes();
+        const TNvrHttpCurlCltInitParam seen = param != nullptr ? *param : TNvrHttpCurlCltInitParam{};
+        const TNvrHttpCurlCltMemCB callbacks = memoryCB != nullptr ? *memoryCB : TNvrHttpCurlCltMemCB{};
         uint32_t got = 0;
         const std::string printed = StandardOutputOf([&] { got = NvrHttpCurlCltInit(param, memoryCB, result); });
         EXPECT_EQ(got, 4U);
         EXPECT_EQ(printed,
                   Text("invalid arg, ptInitParam %p, dwThreadNum %u, dwMaxAsycReqNum %u, ptMemCB %p, pfMalloc %p, "
                        "pfRealloc %p, pfFree %p, phResult %p\n",
-                       Ptr(param), param != nullptr ? param->dwThreadNum : 0,
-                       param != nullptr ? param->dwMaxAsycReqNum : 0, Ptr(memoryCB),
-                       memoryCB != nullptr ? Ptr(memoryCB->pfMalloc) : nullptr,
-                       memoryCB != nullptr ? Ptr(memoryCB->pfRealloc) : nullptr,
-                       memoryCB != nullptr ? Ptr(memoryCB->pfFree) : nullptr, Ptr(result)));
+                       Ptr(param), seen.dwThreadNum, seen.dwMaxAsycReqNum, Ptr(memoryCB), Ptr(callbacks.pfMalloc),
+                       Ptr(callbacks.pfRealloc), Ptr(callbacks.pfFree), Ptr(result)));
         EXPECT_TRUE(fake::Lines().empty()) << fake::Transcript();
         EXPECT_TRUE(fake::Commands().empty());
         EXPECT_EQ(fake::SemsCreated(), 0U);
@@ -103,9 +101,7 @@ TEST_F(InitArguments, MayBeNoTasksAndNoRequests)
 
 /* --- slots -------------------------------------------------------------------------------------------- */
 
-class Slots : public InstanceTest
-{
-};
+using Slots = InstanceTest;
 
 TEST_F(Slots, AreTakenFromTheFirstOn)
 {
@@ -117,22 +113,16 @@ TEST_F(Slots, AreTakenFromTheFirstOn)
 
 TEST_F(Slots, TheFirstFreeOneIsTakenAgain)
 {
-    for (int i = 0; i < 3; ++i) {
-        MustStart(1);
-    }
+    NvrHttpCurlCltUninit(MustStart(2));
+    EXPECT_EQ(MustStart(2), Slot(0));
+    EXPECT_STREQ(Slot(0)->atTasks[0].szThreadName, "NvrHttpCurlClt0000");
+    EXPECT_STREQ(Slot(0)->atTasks[1].szThreadName, "NvrHttpCurlClt0001");
+    MustStart(1);
+    MustStart(1);
     NvrHttpCurlCltUninit(Slot(1));
     EXPECT_EQ(MustStart(1), Slot(1));
     EXPECT_STREQ(Slot(1)->atTasks[0].szThreadName, "NvrHttpCurlClt0100");
     EXPECT_EQ(MustStart(1), Slot(3));
-}
-
-TEST_F(Slots, InitAfterUninitOfTheOnlyInstanceTakesSlotZeroAgain)
-{
-    NvrHttpCurlCltUninit(MustStart(2));
-    HNvrHttpCurlCltInst instance = MustStart(2);
-    EXPECT_EQ(instance, Slot(0));
-    EXPECT_STREQ(instance->atTasks[0].szThreadName, "NvrHttpCurlClt0000");
-    EXPECT_STREQ(instance->atTasks[1].szThreadName, "NvrHttpCurlClt0001");
 }
 
 TEST_F(Slots, TheSeventeenthInitReturns8AndTouchesNone)
@@ -185,24 +175,18 @@ TEST(InstanceTable, ItsRecordsKeepTheirFieldOrder)
 
 /* --- what Init builds ---------------------------------------------------------------------------------- */
 
-class Init : public InstanceTest
+using Init = InstanceTest;
+
+/* Binds nothing, refuses nothing: the first task has 46990, the next 46989 and so on. */
+int PretendToBind(int, const sockaddr *address, socklen_t)
 {
-  protected:
-    /* Binds nothing, refuses nothing: the first task has 46990, the next 46989 and so on. */
-    static void PretendPorts()
-    {
-        static std::set<uint16_t> taken;
-        hooks::sys_bind = [](int, const sockaddr *address, socklen_t) {
-            sockaddr_in in = {};
-            memcpy(&in, address, sizeof(in));
-            if (taken.insert(ntohs(in.sin_port)).second) {
-                return 0;
-            }
-            errno = EADDRINUSE;
-            return -1;
-        };
+    static std::set<uint16_t> taken;
+    if (taken.insert(reinterpret_cast<const sockaddr_in *>(address)->sin_port).second) {
+        return 0;
     }
-};
+    errno = EADDRINUSE;
+    return -1;
+}
 
 TEST_F(Init, LogsAndPrimesTheTickRate)
 {
@@ -317,8 +301,10 @@ TEST_F(Init, NamesThreadsBySlotAndTask)
 
 TEST_F(Init, LogsEachStepInOrder)
 {
+    const char *const SOCKET = "_NvrHttpCurlCltSocket_CreateUdpSocket";
+    const char *const MONITOR = "_NvrHttpCurlCltCreateUdpMonitor";
     hooks::sys_sysconf = [](int) { return 100L; };
-    PretendPorts();
+    hooks::sys_bind = PretendToBind;
     HNvrHttpCurlCltInst instance = MustStart(2);
     Lines want = {Info(INIT, " NVRHCCTickToMS(1) return %u\n", 0U)};
     for (unsigned i = 0; i < 2; ++i) {
@@ -327,16 +313,13 @@ TEST_F(Init, LogsEachStepInOrder)
         const unsigned port = 46990 - i;
         EXPECT_EQ(task.tUdpMonitorSock.wPort, port);
         if (i == 1) {
-            want.push_back(Error("_NvrHttpCurlCltSocket_CreateUdpSocket", "[Error] bind() failed, errno %d{%s}\n",
-                                 EADDRINUSE, strerror(EADDRINUSE)));
-            want.push_back(Error("_NvrHttpCurlCltCreateUdpMonitor",
-                                 "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46990));
+            want.push_back(Error(SOCKET, "[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE)));
+            want.push_back(Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46990));
         }
-        want.push_back(Info("_NvrHttpCurlCltSocket_CreateUdpSocket", " create s_nTheUdpSock %d, %d\n", fd, fd));
-        want.push_back(
-            Info("_NvrHttpCurlCltCreateUdpMonitor", " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", port));
-        want.push_back(Info("_NvrHttpCurlCltCreateUdpMonitor", " get socket port wPortII %d\n", port));
-        want.push_back(Info("_NvrHttpCurlCltCreateUdpMonitor", " return *pwPort %d, *pbCreatSocket %d\n", port, 1));
+        want.push_back(Info(SOCKET, " create s_nTheUdpSock %d, %d\n", fd, fd));
+        want.push_back(Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", port));
+        want.push_back(Info(MONITOR, " get socket port wPortII %d\n", port));
+        want.push_back(Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", port, 1));
         want.push_back(Info(INIT, " Task[%p] szThreadName {%s}\n",
                             reinterpret_cast<void *>(static_cast<uintptr_t>(task.qwTaskID)),
                             Text("NvrHttpCurlClt000%u", i).c_str()));
@@ -382,13 +365,17 @@ class EasyInitLocker : public InstanceTest
     }
 };
 
-TEST_F(EasyInitLocker, OutlivesTheInstance)
+TEST_F(EasyInitLocker, OutlivesTheInstanceUntilTheNext)
 {
     EXPECT_EQ(g_sEasyInitLocker, nullptr);
     NvrHttpCurlCltUninit(MustStart(1));
-    ASSERT_NE(g_sEasyInitLocker, nullptr);
-    ExpectUsable(g_sEasyInitLocker);
+    const HOspSem old = g_sEasyInitLocker;
+    ASSERT_NE(old, nullptr);
+    ExpectUsable(old);
     EXPECT_EQ(fake::SemsAlive(), 1U);
+    NvrHttpCurlCltUninit(MustStart(0));
+    EXPECT_NE(g_sEasyInitLocker, old);
+    EXPECT_EQ(fake::SemsAlive(), 2U);
 }
 
 TEST_F(EasyInitLocker, IsReplacedByASecondInstanceAndNotDeleted)
@@ -403,15 +390,6 @@ TEST_F(EasyInitLocker, IsReplacedByASecondInstanceAndNotDeleted)
     NvrHttpCurlCltUninit(second);
     ExpectUsable(old);
     ExpectUsable(g_sEasyInitLocker);
-    EXPECT_EQ(fake::SemsAlive(), 2U);
-}
-
-TEST_F(EasyInitLocker, IsReplacedAfterUninitToo)
-{
-    NvrHttpCurlCltUninit(MustStart(0));
-    const HOspSem old = g_sEasyInitLocker;
-    NvrHttpCurlCltUninit(MustStart(0));
-    EXPECT_NE(g_sEasyInitLocker, old);
     EXPECT_EQ(fake::SemsAlive(), 2U);
 }
 

@@ -57,6 +57,7 @@ TEST_F(Uninit, ReleasesAllButTheEasyInitLocker)
     EXPECT_EQ(fake::SemsAlive(), 1U);
     EXPECT_EQ(fake::BlocksAlive(), 0U);
     EXPECT_EQ(hooks::Calls("curl_multi_cleanup"), 8U);
+    EXPECT_EQ(hooks::Calls("sendto"), 0U);
     EXPECT_EQ(fake::TasksWaited(), 8U);
     EXPECT_EQ(OpenDescriptors(), openBefore);
     ExpectLines({});
@@ -69,12 +70,6 @@ TEST_F(Uninit, OfAnInstanceWithoutTasks)
     EXPECT_EQ(fake::SemsAlive(), 1U);
     EXPECT_EQ(fake::Frees(), 0U);
     EXPECT_EQ(hooks::Calls("curl_multi_cleanup"), 0U);
-}
-
-TEST_F(Uninit, SendsNoDatagram)
-{
-    NvrHttpCurlCltUninit(MustStart(2));
-    EXPECT_EQ(hooks::Calls("sendto"), 0U);
 }
 
 TEST_F(Uninit, TrustsAnyOtherPointer)
@@ -147,22 +142,17 @@ TEST_F(Uninit, ClearsTheTaskRecordsBeforeItReleasesThem)
     }
 }
 
-TEST_F(Uninit, EndsSixteenRunningThreads)
+TEST_F(Uninit, EndsThreadsThatHaveHardlyBegun)
 {
     fake::RunTasks(true);
     NvrHttpCurlCltUninit(MustStart(16));
     EXPECT_EQ(fake::TasksWaited(), 16U);
     EXPECT_TRUE(IsFree(Slot(0)));
     EXPECT_EQ(fake::SemsAlive(), 1U);
-}
-
-TEST_F(Uninit, EndsThreadsThatHaveHardlyBegun)
-{
-    fake::RunTasks(true);
     for (int i = 0; i < 20; ++i) {
         NvrHttpCurlCltUninit(MustStart(4));
     }
-    EXPECT_EQ(fake::TasksWaited(), 80U);
+    EXPECT_EQ(fake::TasksWaited(), 96U);
 }
 
 TEST_F(Uninit, MarksEveryTaskBeforeItWaitsForTheFirst)
@@ -291,25 +281,19 @@ class UninitWithRequests : public InstanceTest
     std::vector<std::string> events;
 };
 
-TEST_F(UninitWithRequests, ReleasesQueuedOnes)
+TEST_F(UninitWithRequests, ReleasesQueuedAndFinishedOnes)
 {
-    Queue("a");
-    Queue("b");
-    Queue("c");
-    EXPECT_EQ(instance->dwAsyncReqNum, 3U);
-    EXPECT_EQ(instance->atTasks[0].tRunList.dwNumOfElem, 2U);
-    NvrHttpCurlCltUninit(instance);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 3U);
-    EXPECT_TRUE(IsFree(instance));
-}
-
-TEST_F(UninitWithRequests, ReleasesFinishedOnes)
-{
+    const TNvrHttpCurlCltTask &task = instance->atTasks[0];
     Finish(instance->atTasks[0], Queue("a"));
     Finish(instance->atTasks[0], Queue("b"));
-    EXPECT_EQ(instance->atTasks[0].tFinList.dwNumOfElem, 2U);
+    Queue("c");
+    Queue("d");
+    Queue("e");
+    EXPECT_EQ(instance->dwAsyncReqNum, 5U);
+    EXPECT_EQ(task.tRunList.dwNumOfElem, 2U);
+    EXPECT_EQ(task.tFinList.dwNumOfElem, 2U);
     NvrHttpCurlCltUninit(instance);
-    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 2U);
+    EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 5U);
     EXPECT_TRUE(IsFree(instance));
 }
 

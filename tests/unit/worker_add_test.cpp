@@ -144,12 +144,8 @@ TEST_F(WorkerAdd, CompletesWhatEndsAtOnce)
     HNvrHttpCurlCltReq req = Queue();
     messages = {Done(req->ptReq, CURLE_COULDNT_CONNECT)};
     EXPECT_EQ(Add(), 1U);
-    ASSERT_EQ(completions.size(), 1U);
-    EXPECT_EQ(completions[0].result, 11U);
-    ExpectLines(
-        Added(req) + performed +
-        Lines{Error(PERFORM_EX, "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n",
-                    Ptr(req->ptReq), 7, curl_easy_strerror(CURLE_COULDNT_CONNECT), 11, 0)});
+    ExpectCompletions({{req, 0, 11, nullptr}});
+    ExpectLines(Added(req) + performed + Lines{FailedLine(PERFORM_EX, req->ptReq, CURLE_COULDNT_CONNECT, 11)});
 }
 
 } // namespace

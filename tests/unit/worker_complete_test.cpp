@@ -68,31 +68,9 @@ class WorkerComplete : public WorkerTest, public testing::WithParamInterface<Per
         EXPECT_FALSE(AnyLockTaken());
     }
 
-    static void ExpectCompletions(const std::vector<Completion> &expected)
-    {
-        ASSERT_EQ(completions.size(), expected.size());
-        for (size_t i = 0; i < expected.size(); ++i) {
-            EXPECT_EQ(completions[i].req, expected[i].req) << i;
-            EXPECT_EQ(completions[i].progress, expected[i].progress) << i;
-            EXPECT_EQ(completions[i].result, expected[i].result) << i;
-            EXPECT_EQ(completions[i].buf, expected[i].buf) << i;
-        }
-    }
-
     bool HasFinished(HNvrHttpCurlCltReq req) const
     {
         return FindListNode(task->tFinList, req) != nullptr;
-    }
-
-    static Line FailedLine(CURL *easy, CURLcode code, int result)
-    {
-        if (GetParam().name == std::string(PERFORM_EX)) {
-            return Error(PERFORM_EX,
-                         "[Error] easy_handle %p, {ErrorCode:%d}, {ErrorStr:%s}, eCltErrCode %d, eProg %d\n", Ptr(easy),
-                         static_cast<int>(code), curl_easy_strerror(code), result, 0);
-        }
-        return Error(PERFORM, "[Error] easy_handle %p, eCurlRet %d, eCltErrCode %d, eProg %d\n", Ptr(easy),
-                     static_cast<int>(code), result, 0);
     }
 
     char buffer[64] = "";
@@ -194,24 +172,34 @@ TEST_P(WorkerComplete, KeepsItsOrderAndItsLocks)
     EXPECT_EQ(inst->dwAsyncReqNum, 2U);
 }
 
-TEST_P(WorkerComplete, MapsTheFailureAndCopiesAllTheSame)
+TEST_P(WorkerComplete, MapsTheFailureAndCopiesWhatThereIs)
 {
+    HNvrHttpCurlCltReq noBody = Queue(buffer);
+    ASSERT_EQ(noBody->ptRespData, nullptr);
     const struct {
+        HNvrHttpCurlCltReq req;
+        void *buf;
+        const char *copied;
         CURLcode code;
         uint32_t result;
-    } cases[] = {{CURLE_OPERATION_TIMEDOUT, 10},
-                 {CURLE_COULDNT_CONNECT, 11},
-                 {CURLE_SSL_CONNECT_ERROR, 12},
-                 {CURLE_WRITE_ERROR, 1}};
+    } cases[] = {{noBody, buffer, UNTOUCHED, CURLE_OK, 0},
+                 {QueueAnswered(nullptr, "answer"), nullptr, UNTOUCHED, CURLE_OK, 0},
+                 {QueueAnswered(buffer, ""), buffer, UNTOUCHED, CURLE_OK, 0},
+                 {QueueAnswered(buffer, "answer"), buffer, "answer##########", CURLE_OK, 0},
+                 {QueueAnswered(buffer, "part"), buffer, "part############", CURLE_OPERATION_TIMEDOUT, 10},
+                 {QueueAnswered(buffer, "part"), buffer, "part############", CURLE_COULDNT_CONNECT, 11},
+                 {QueueAnswered(buffer, "part"), buffer, "part############", CURLE_SSL_CONNECT_ERROR, 12},
+                 {QueueAnswered(buffer, "part"), buffer, "part############", CURLE_WRITE_ERROR, 1}};
     for (const auto &each : cases) {
         strcpy(buffer, UNTOUCHED);
-        HNvrHttpCurlCltReq req = QueueAnswered(buffer, "part");
         completions.clear();
-        Run({Done(req->ptReq, each.code)});
-        ExpectLines({performed, FailedLine(req->ptReq, each.code, static_cast<int>(each.result))});
-        ExpectCompletions({{req, 0, each.result, buffer}});
-        EXPECT_STREQ(buffer, "part############");
-        EXPECT_TRUE(HasFinished(req));
+        Run({Done(each.req->ptReq, each.code)});
+        const bool failed = each.code != CURLE_OK;
+        ExpectLines(failed ? Lines{performed, FailedLine(GetParam().name, each.req->ptReq, each.code, each.result)}
+                           : Lines{performed});
+        ExpectCompletions({{each.req, failed ? 0U : 1U, each.result, each.buf}});
+        EXPECT_STREQ(buffer, each.copied);
+        EXPECT_TRUE(HasFinished(each.req));
     }
 }
 
@@ -221,33 +209,11 @@ TEST_P(WorkerComplete, ARefusedRemovalIsOnlyLogged)
     hooks::multi_remove_handle = [](CURLM *, CURL *) { return CURLM_BAD_EASY_HANDLE; };
     Run({Done(req->ptReq, CURLE_WRITE_ERROR)});
     hooks::multi_remove_handle = nullptr;
-    ExpectLines({performed, FailedLine(req->ptReq, CURLE_WRITE_ERROR, 1),
+    ExpectLines({performed, FailedLine(GetParam().name, req->ptReq, CURLE_WRITE_ERROR, 1),
                  Error(GetParam().name, "[Error] curl_multi_remove_handle{%p} err{%d}.\n", Ptr(req->ptReq),
                        static_cast<int>(CURLM_BAD_EASY_HANDLE))});
     ExpectCompletions({{req, 0, 1, buffer}});
     EXPECT_TRUE(HasFinished(req));
-}
-
-TEST_P(WorkerComplete, CopiesWhatThereIsToCopy)
-{
-    HNvrHttpCurlCltReq noBody = Queue(buffer);
-    ASSERT_EQ(noBody->ptRespData, nullptr);
-    const struct {
-        HNvrHttpCurlCltReq req;
-        void *buf;
-        const char *copied;
-    } cases[] = {{noBody, buffer, UNTOUCHED},
-                 {QueueAnswered(nullptr, "answer"), nullptr, UNTOUCHED},
-                 {QueueAnswered(buffer, ""), buffer, UNTOUCHED},
-                 {QueueAnswered(buffer, "answer"), buffer, "answer##########"}};
-    for (const auto &each : cases) {
-        completions.clear();
-        Run({Done(each.req->ptReq)});
-        ExpectCompletions({{each.req, 1, 0, each.buf}});
-        EXPECT_STREQ(buffer, each.copied);
-        EXPECT_TRUE(HasFinished(each.req));
-        ExpectLines({performed});
-    }
 }
 
 TEST_P(WorkerComplete, ALostAnswerCopiesNothing)
@@ -341,7 +307,7 @@ TEST_P(WorkerComplete, PassesOverNodesWithoutARequestOrAHandle)
 
 /* --- messages that match no queued request -------------------------------------------------------------------- */
 
-TEST_P(WorkerComplete, AStrangersEndIsDroppedWithoutALine)
+TEST_P(WorkerComplete, AStrangerBeforeTheFirstMatchIsDropped)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     Run({Done(stranger.get())});
@@ -351,11 +317,6 @@ TEST_P(WorkerComplete, AStrangersEndIsDroppedWithoutALine)
     EXPECT_NE(FindListNode(task->tRunList, req), nullptr);
     EXPECT_EQ(task->tFinList.dwNumOfElem, 0U);
     EXPECT_STREQ(buffer, UNTOUCHED);
-}
-
-TEST_P(WorkerComplete, AStrangerBeforeTheFirstMatchIsDropped)
-{
-    HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
     Run({Done(stranger.get()), Done(req->ptReq)});
     ExpectCompletions({{req, 1, 0, buffer}});
 }
@@ -369,7 +330,7 @@ TEST_P(WorkerComplete, AStrangerAfterAMatchCompletesTheNodeLastLookedAt)
     Run({Done(matched->ptReq), Message(CURLMSG_LAST, nullptr), Done(stranger.get(), CURLE_OPERATION_TIMEDOUT)});
     ExpectCompletions({{matched, 1, 0, buffer}, {last, 0, 10, oldest}});
     EXPECT_STREQ(oldest, "oldest##");
-    ExpectLine(FailedLine(stranger.get(), CURLE_OPERATION_TIMEDOUT, 10));
+    ExpectLine(FailedLine(GetParam().name, stranger.get(), CURLE_OPERATION_TIMEDOUT, 10));
 
     /* Its list node stays where it was, so it is in both lists now. */
     TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tFinList).back();

@@ -59,36 +59,26 @@ class WorkerDrive : public WorkerTest, public testing::WithParamInterface<Perfor
 INSTANTIATE_TEST_SUITE_P(BothEntries, WorkerDrive, testing::ValuesIn(PERFORM_ENTRIES),
                          testing::PrintToStringParamName());
 
-TEST_P(WorkerDrive, OncePerformedIsEnoughWithoutATimer)
+TEST_P(WorkerDrive, PerformsAgainWhileATimerIsDueAndSomethingRuns)
 {
-    EXPECT_EQ(Drive(NO_TIMER, {{NO_TIMER}}), 1U);
-}
-
-TEST_P(WorkerDrive, ATimerThatIsDueLaterWaitsForTheNextActivity)
-{
-    EXPECT_EQ(Drive(LATER, {{LATER}}), 1U);
-}
-
-TEST_P(WorkerDrive, PerformsAgainWhileATimerIsDue)
-{
-    EXPECT_EQ(Drive(NO_TIMER, {{DUE}, {DUE}, {DUE}, {LATER}}), 5U) << "four, and one that no timer preceded";
-}
-
-/* libcurl 7.88 discards a request to be called again together with an older timer. */
-TEST_P(WorkerDrive, PerformsAgainAfterATimerThatWasDueBefore)
-{
-    EXPECT_EQ(Drive(DUE, {{NO_TIMER}}), 2U);
-}
-
-TEST_P(WorkerDrive, ATimerThatStaysDueIsServedWithABound)
-{
-    EXPECT_EQ(Drive(DUE, {{DUE}}), 1024U);
-}
-
-TEST_P(WorkerDrive, StopsWhenNothingRunsAnyMore)
-{
-    EXPECT_EQ(Drive(DUE, {{DUE, 0}}), 1U);
-    EXPECT_EQ(Drive(DUE, {{DUE, 2}, {DUE, 1}, {DUE, 0}}), 3U);
+    const struct {
+        const char *what;
+        long timeoutBefore;
+        std::vector<Perform> performs;
+        size_t made;
+    } cases[] = {
+        {"no timer", NO_TIMER, {{NO_TIMER}}, 1},
+        {"a timer that is due later waits for the next activity", LATER, {{LATER}}, 1},
+        {"four, and one that no timer preceded", NO_TIMER, {{DUE}, {DUE}, {DUE}, {LATER}}, 5},
+        /* libcurl 7.88 discards a request to be called again together with an older timer. */
+        {"a timer that was due before", DUE, {{NO_TIMER}}, 2},
+        {"a timer that stays due is served with a bound", DUE, {{DUE}}, 1024},
+        {"nothing runs", DUE, {{DUE, 0}}, 1},
+        {"nothing runs any more", DUE, {{DUE, 2}, {DUE, 1}, {DUE, 0}}, 3},
+    };
+    for (const auto &each : cases) {
+        EXPECT_EQ(Drive(each.timeoutBefore, each.performs), each.made) << each.what;
+    }
 }
 
 TEST_P(WorkerDrive, WritesOneLineHoweverOftenItPerforms)
@@ -132,9 +122,7 @@ TEST_P(WorkerDrive, ReadsTheMessagesBehindTheLastPerform)
     EXPECT_EQ(performsAtRead, std::vector<size_t>{3});
 }
 
-class WorkerDriveLoop : public WorkerTest
-{
-};
+using WorkerDriveLoop = WorkerTest;
 
 /* A due timer does not make a pass active whose wait ran out. */
 TEST_F(WorkerDriveLoop, APassWhoseWaitRanOutNeitherPerformsNorLooksAtTimers)
