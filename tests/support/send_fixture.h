@@ -8,10 +8,12 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -173,7 +175,7 @@ inline void Race(unsigned count, const std::function<void(unsigned)> &work)
 /* --- the module ---------------------------------------------------------------------------------- */
 
 /* Semaphores of an engine of 8 tasks: two in each, the count lock, the easy-handle lock. */
-enum : size_t { ENGINE_SEMS = 8 * 2 + 1 + 1 };
+constexpr size_t ENGINE_SEMS = 8 * 2 + 1 + 1;
 
 /* Puts the module back to its state at load. */
 inline void ForgetModule()
@@ -194,6 +196,27 @@ inline void ForgetModule()
     for (TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
         slot = TSendByCurlASyncCB{};
     }
+}
+
+/* --- the callback table ------------------------------------------------------------------------ */
+
+inline bool IsEmpty(const TSendByCurlASyncCB &slot)
+{
+    return slot.bUseFlag == 0 && slot.ptReq == nullptr && slot.pfNtf == nullptr;
+}
+
+inline size_t SlotsTaken()
+{
+    return static_cast<size_t>(std::count_if(std::begin(g_pfASnycCBParam), std::end(g_pfASnycCBParam),
+                                             [](const TSendByCurlASyncCB &slot) { return slot.bUseFlag != 0; }));
+}
+
+/* The line of a taken slot in "sendbycurlshow". */
+inline Line ShownSlot(int index)
+{
+    const TSendByCurlASyncCB &slot = g_pfASnycCBParam[index];
+    return Info("SendByCurlShow", " [%d] bUseFlag:%d, g_pfNtf:%p, ptReq:%p\n", index, slot.bUseFlag, Ptr(slot.pfNtf),
+                Ptr(slot.ptReq));
 }
 
 /* Notifications as they came. */
@@ -246,6 +269,12 @@ class SendTest : public testing::Test
     {
         fake::RunTasks(runTasks);
         ASSERT_EQ(SendByCurlInit(), 0U);
+        Forget();
+    }
+
+    /* Drops the lines and options recorded so far. */
+    static void Forget()
+    {
         fake::ClearLines();
         hooks::ClearOptions();
     }
