@@ -85,7 +85,7 @@ TEST_F(SyncSend, ReadsUserAndPasswordFilledToTheLastByteAndNotBeyond)
     memset(static_cast<void *>(filled.get()), 'X', sizeof(TSendByCurlParam));
     memcpy(static_cast<void *>(filled.get()), &param, offsetof(TSendByCurlParam, achUserAndPassWd));
     const std::string full = "user:" + std::string(sizeof filled->achUserAndPassWd - 5, 'p');
-    memcpy(filled->achUserAndPassWd, full.data(), full.size());
+    full.copy(filled->achUserAndPassWd, full.size());
 
     EXPECT_EQ(Qelvo_SendStrByHttp(filled.get(), 0), 0U);
 
