@@ -1,38 +1,34 @@
 /*
- * The debug log over spdlog's sinks.
+ * The host's debug log: modules and levels.
  *
  * The host has modules 0 to 255 and holds 4095 bytes in a line. At the start no level of a
  * module is switched on, neither console nor file takes a line, and a file's length is
- * 0x20000 bytes. The file is <folder>/<name>.log, the previous one <name>.1.log; the folder
- * is NVRHTTPCURL_LOG_DIR, else TMPDIR, else /tmp, and is created if it is missing. A line
- * begins with the prefix; in the file the time follows.
+ * 0x20000 bytes. The file is <name>.log, the previous one <name>.1.log, in the folder that
+ * debuglog_place.h describes; several processes may write it. The console is standard error, so
+ * that a program's standard output stays its own. A line begins with the prefix; in the file the
+ * time follows.
  */
 #include "platform/debuglog.h"
 
-#include <spdlog/details/log_msg.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <pthread.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 
+#include "debuglog_file.h"
+
 namespace
 {
 
-enum { MODULES = 256, LINE_SIZE = 4096, DEFAULT_FILE_LEN = 0x20000, OLDER_FILES = 1 };
-
-const char s_szConsolePattern[] = "%n%v";
-const char s_szFilePattern[] = "%n%Y-%m-%d %H:%M:%S.%e %v";
+enum { MODULES = 256, LINE_SIZE = 4096, DEFAULT_FILE_LEN = 0x20000 };
 
 /* Limits are the first level that does not pass; 64 bits hold the one after the last. */
 struct TModule {
@@ -42,19 +38,16 @@ struct TModule {
     uint64_t qwStdioLimit = 0;
     uint64_t qwFileLimit = 0;
     uint32_t dwFileLen = DEFAULT_FILE_LEN;
-    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> ptFile; /* opened by the first line for it */
-    bool bFileFailed = false;                                     /* no file until the module's file is set up again */
-    bool bFailureReported = false;
+    TLogFile tFile;
 };
 
-std::mutex s_tLock; /* guards the sinks and all below except the atomics */
+std::mutex s_tLock; /* guards the modules */
 
 /*
  * Created by the first call that names the module and never destroyed: tasks may still log
- * while the process ends. For the same reason each line is flushed at once.
+ * while the process ends.
  */
 TModule *s_aptModules[MODULES];
-spdlog::sinks::stdout_sink_st *s_ptConsole;
 
 /*
  * Per module, the first level that no sink takes: the only state that an unwanted line
@@ -79,8 +72,7 @@ TModule &GetModule(uint32_t dwModule)
 
 void UpdateWanted(uint32_t dwModule, const TModule &tModule)
 {
-    const uint64_t qwFileLimit = tModule.bFileFailed ? 0 : tModule.qwFileLimit;
-    const uint64_t qwSinkLimit = std::max(tModule.qwStdioLimit, qwFileLimit);
+    const uint64_t qwSinkLimit = std::max(tModule.qwStdioLimit, tModule.qwFileLimit);
     const uint64_t qwWanted = tModule.strName.empty() ? 0 : std::min(tModule.qwSwitchLimit, qwSinkLimit);
     s_aqwWantedLimit[dwModule].store(qwWanted, std::memory_order_relaxed);
 }
@@ -102,97 +94,46 @@ template <typename TChange> uint32_t Change(uint32_t dwModule, TChange pfChange)
     }
 }
 
-/* The next line for the file opens it again, also after a failure. */
-void CloseFile(TModule &tModule)
+std::string LocalTime()
 {
-    tModule.ptFile.reset();
-    tModule.bFileFailed = false;
+    timespec tNow;
+    clock_gettime(CLOCK_REALTIME, &tNow);
+    tm tLocal = {};
+    localtime_r(&tNow.tv_sec, &tLocal);
+    char achSecond[64];
+    strftime(achSecond, sizeof(achSecond), "%Y-%m-%d %H:%M:%S", &tLocal);
+    char achTime[80];
+    snprintf(achTime, sizeof(achTime), "%s.%03ld ", achSecond, tNow.tv_nsec / 1000000);
+    return achTime;
 }
 
-std::string Folder()
-{
-    for (const char *szVariable : {"NVRHTTPCURL_LOG_DIR", "TMPDIR"}) {
-        const char *szFolder = getenv(szVariable);
-        if (szFolder != nullptr && szFolder[0] != '\0') {
-            return szFolder;
-        }
-    }
-    return "/tmp";
-}
-
-void OpenFile(TModule &tModule)
-{
-    std::string strFile = tModule.strName + ".log";
-    std::replace(strFile.begin(), strFile.end(), '/', '_'); /* the file stays in the folder */
-    auto ptFile = std::make_unique<spdlog::sinks::rotating_file_sink_st>(Folder() + "/" + strFile, tModule.dwFileLen,
-                                                                         OLDER_FILES);
-    ptFile->set_formatter(std::make_unique<spdlog::pattern_formatter>(s_szFilePattern));
-    tModule.ptFile = std::move(ptFile);
-}
-
-spdlog::details::log_msg Message(const TModule &tModule, spdlog::string_view_t strText)
-{
-    return spdlog::details::log_msg(tModule.strPrefix, spdlog::level::info, strText);
-}
-
-void WriteToConsole(const TModule &tModule, spdlog::string_view_t strText)
-{
-    if (s_ptConsole == nullptr) {
-        auto ptConsole = std::make_unique<spdlog::sinks::stdout_sink_st>();
-        ptConsole->set_pattern(s_szConsolePattern);
-        s_ptConsole = ptConsole.release();
-    }
-    s_ptConsole->log(Message(tModule, strText));
-}
-
-/* A sink that failed may be half open and is not used again. */
-void GiveUpFile(TModule &tModule, const char *szReason)
-{
-    tModule.ptFile.reset();
-    tModule.bFileFailed = true;
-    if (!tModule.bFailureReported) {
-        tModule.bFailureReported = true;
-        fprintf(stderr, "debug log: no file for %s: %s\n", tModule.strName.c_str(), szReason);
-    }
-}
-
-void WriteToFile(TModule &tModule, spdlog::string_view_t strText)
-{
-    try {
-        if (tModule.ptFile == nullptr) {
-            OpenFile(tModule);
-        }
-        tModule.ptFile->log(Message(tModule, strText));
-        tModule.ptFile->flush();
-    } catch (const std::exception &tReason) {
-        GiveUpFile(tModule, tReason.what());
-    }
-}
-
-void WriteLine(uint32_t dwModule, uint32_t dwLevel, spdlog::string_view_t strText)
+/* Writes to the file; returns what is for the console. */
+std::string WriteToSinks(uint32_t dwModule, uint32_t dwLevel, const std::string &strText)
 {
     const std::lock_guard<std::mutex> tGuard(s_tLock);
     TModule *ptModule = s_aptModules[dwModule];
     if (ptModule == nullptr || ptModule->strName.empty() || dwLevel >= ptModule->qwSwitchLimit) {
-        return;
+        return std::string();
     }
+    std::string strConsole;
     if (dwLevel < ptModule->qwStdioLimit) {
-        WriteToConsole(*ptModule, strText);
+        strConsole = ptModule->strPrefix + strText;
     }
-    if (dwLevel < ptModule->qwFileLimit && !ptModule->bFileFailed) {
-        WriteToFile(*ptModule, strText);
-        UpdateWanted(dwModule, *ptModule);
+    if (dwLevel < ptModule->qwFileLimit) {
+        const std::string strLine = ptModule->strPrefix + LocalTime() + strText;
+        strConsole += LogFileAppend(ptModule->tFile, ptModule->strName, ptModule->dwFileLen, strLine);
     }
+    return strConsole;
 }
 
-/* The result of vsnprintf in a buffer of LINE_SIZE, without the newline, which the sinks add. */
-spdlog::string_view_t LineText(const char *achLine, int nLen)
+/* The result of vsnprintf in a buffer of LINE_SIZE, with a newline at its end. */
+std::string LineText(const char *achLine, int nLen)
 {
-    size_t uLen = std::min(static_cast<size_t>(nLen), static_cast<size_t>(LINE_SIZE - 1));
-    if (uLen > 0 && achLine[uLen - 1] == '\n') {
-        uLen--;
+    std::string strText(achLine, std::min(static_cast<size_t>(nLen), static_cast<size_t>(LINE_SIZE - 1)));
+    if (strText.empty() || strText.back() != '\n') {
+        strText += '\n';
     }
-    return spdlog::string_view_t(achLine, uLen);
+    return strText;
 }
 
 /* Formats a line that a sink takes. A function of its own: unwanted lines need no large stack frame. */
@@ -204,11 +145,42 @@ __attribute__((noinline, format(printf, 3, 0))) void PrintWanted(uint32_t dwModu
     const int nLen = vsnprintf(achLine, sizeof(achLine), szFormat, tArgs);
     if (nLen >= 0) { /* otherwise a text that the locale cannot convert */
         try {
-            WriteLine(dwModule, dwLevel, LineText(achLine, nLen));
+            /* Without the lock: whoever reads the console may be slow. */
+            LogWriteAll(STDERR_FILENO, WriteToSinks(dwModule, dwLevel, LineText(achLine, nLen)));
         } catch (...) { /* no memory: the line is lost, the caller goes on */
         }
     }
     errno = nErrno;
+}
+
+/*
+ * A thread that forks waits until no other one is in the log: its child finds everything whole and
+ * the lock free. The child opens the files anew: with the parent's descriptor it would share the
+ * parent's lock on the file, too.
+ */
+void LockForFork()
+{
+    s_tLock.lock();
+}
+
+void UnlockInParent()
+{
+    s_tLock.unlock();
+}
+
+void UnlockInChild()
+{
+    for (TModule *ptModule : s_aptModules) {
+        if (ptModule != nullptr) {
+            LogFileClose(ptModule->tFile);
+        }
+    }
+    s_tLock.unlock();
+}
+
+__attribute__((constructor)) void PrepareForForks()
+{
+    pthread_atfork(LockForFork, UnlockInParent, UnlockInChild);
 }
 
 } // namespace
@@ -222,7 +194,7 @@ uint32_t DebugLogRegist(uint32_t dwModule, const char *szPrefix, const char *szN
         std::string strPrefix = szPrefix[0] != '\0' ? std::string(szPrefix) + " " : std::string();
         std::string strName = szName;
         if (tModule.strName != strName) {
-            CloseFile(tModule);
+            LogFileRestart(tModule.tFile);
         }
         tModule.strPrefix = std::move(strPrefix);
         tModule.strName = std::move(strName);
@@ -248,17 +220,14 @@ uint32_t DebugLogSetLogFileLen(uint32_t dwModule, uint32_t dwBytes)
     if (dwBytes == 0) {
         return 0;
     }
-    return Change(dwModule, [dwBytes](TModule &tModule) {
-        tModule.dwFileLen = dwBytes;
-        CloseFile(tModule);
-    });
+    return Change(dwModule, [dwBytes](TModule &tModule) { tModule.dwFileLen = dwBytes; });
 }
 
 uint32_t DebugLogSetToFileLevel(uint32_t dwModule, uint32_t dwLevel)
 {
     return Change(dwModule, [dwLevel](TModule &tModule) {
         tModule.qwFileLimit = SinkLimit(dwLevel);
-        tModule.bFileFailed = false;
+        LogFileRestart(tModule.tFile);
     });
 }
 

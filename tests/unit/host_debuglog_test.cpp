@@ -1,120 +1,30 @@
-/* The host's debug log, against platform/debuglog.h. */
-#include <gtest/gtest.h>
+/* The host's debug log, against platform/debuglog.h: modules, levels and lines. */
+#include <fcntl.h>
 #include <printf.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <set>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "platform/debuglog.h"
+#include "host_debuglog_fixture.h"
+#include "tests/support/wait.h"
 
 namespace
 {
 
-namespace fs = std::filesystem;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
-enum { MODULE = 123, ALL_LEVELS = 100 };
-
-std::vector<std::string> LinesOf(const fs::path &file)
-{
-    std::vector<std::string> lines;
-    std::ifstream stream(file);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-/* The text with every digit made a 9. */
-std::string Shape(std::string text)
-{
-    for (char &rch : text) {
-        rch = rch >= '0' && rch <= '9' ? '9' : rch;
-    }
-    return text;
-}
-
-/* All of what the module's file says, without the times. */
-std::string TextsOf(const fs::path &file)
-{
-    const std::string time = "9999-99-99 99:99:99.999 ";
-    std::string all;
-    for (std::string line : LinesOf(file)) {
-        const size_t place = Shape(line).find(time);
-        if (place != std::string::npos) {
-            line.erase(place, time.size());
-        }
-        all += line + "\n";
-    }
-    return all;
-}
-
-/* Sets the log's folder to a new one of its own. */
-class HostDebugLog : public testing::Test
-{
-  protected:
-    void SetUp() override
-    {
-        std::string path = (fs::temp_directory_path() / "host_debuglog_XXXXXX").string();
-        ASSERT_NE(mkdtemp(path.data()), nullptr);
-        folder = path;
-        setenv("NVRHTTPCURL_LOG_DIR", folder.c_str(), 1);
-    }
-
-    void TearDown() override
-    {
-        std::error_code error;
-        fs::remove_all(folder, error);
-    }
-
-    fs::path File(const char *name = "Mod.log") const
-    {
-        return folder / name;
-    }
-
-    size_t FilesInFolder() const
-    {
-        return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
-    }
-
-    fs::path folder;
-};
-
-void SetLevels(uint32_t on, uint32_t stdio, uint32_t file, uint32_t module = MODULE)
-{
-    EXPECT_NE(DebugLogMoudlePrintLevelOn(module, on, 1), 0U);
-    EXPECT_NE(DebugLogSetToStdioPrintf(module, stdio), 0U);
-    EXPECT_NE(DebugLogSetToFileLevel(module, file), 0U);
-}
-
-void RegisterFor(uint32_t stdio, uint32_t file)
-{
-    ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "Mod"), 0U);
-    SetLevels(ALL_LEVELS, stdio, file);
-}
+using namespace test;
 
 /* Which of the levels 0 to 6 come out on the console. */
 std::string LevelsOnConsole()
 {
-    CaptureStdout();
+    CaptureStderr();
     for (uint32_t level = 0; level <= 6; level++) {
         DebugLogPrint(MODULE, level, "%u\n", level);
     }
     std::string levels;
-    for (const char ch : GetCapturedStdout()) {
+    for (const char ch : GetCapturedStderr()) {
         levels += ch >= '0' && ch <= '9' ? std::string(1, ch) : std::string();
     }
     return levels;
@@ -125,9 +35,9 @@ std::string LevelsOnConsole()
 TEST_F(HostDebugLog, PrefixOpensLinesAndNameNamesTheFile)
 {
     RegisterFor(2, 2);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "%s[L:%d] text %u\n", "Func", 12, 7U);
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] Func[L:12] text 7\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] Func[L:12] text 7\n");
     const std::vector<std::string> lines = LinesOf(File());
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_EQ(Shape(lines[0]), "[Mod] 9999-99-99 99:99:99.999 Func[L:99] text 9");
@@ -137,9 +47,9 @@ TEST_F(HostDebugLog, EmptyPrefixLeavesTheLineAsItIs)
 {
     ASSERT_NE(DebugLogRegist(MODULE, "", "Mod"), 0U);
     SetLevels(2, 2, 0);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(GetCapturedStdout(), "text\n");
+    EXPECT_EQ(GetCapturedStderr(), "text\n");
 }
 
 TEST_F(HostDebugLog, PrefixAndNameAreCopied)
@@ -150,9 +60,9 @@ TEST_F(HostDebugLog, PrefixAndNameAreCopied)
     prefix = "xxxxx";
     name = "xxx";
     SetLevels(2, 2, 2);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] text\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] text\n");
     EXPECT_EQ(TextsOf(File()), "[Mod] text\n");
 }
 
@@ -191,19 +101,19 @@ TEST_F(HostDebugLog, NoSuchModuleForAnyCall)
 TEST_F(HostDebugLog, LinesOfAnUnnamedModuleAreDroppedAndItsSettingsKept)
 {
     SetLevels(2, 2, 2);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "dropped\n");
     ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "Mod"), 0U);
     DebugLogPrint(MODULE, 2, "kept\n");
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] kept\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] kept\n");
     EXPECT_EQ(TextsOf(File()), "[Mod] kept\n");
 }
 
 TEST_F(HostDebugLog, NeverMentionedModuleSaysNothing)
 {
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(1, 0, "text\n");
-    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(GetCapturedStderr(), "");
     EXPECT_EQ(FilesInFolder(), 0U);
 }
 
@@ -222,11 +132,11 @@ TEST_F(HostDebugLog, ModulesAreIndependent)
     RegisterFor(6, 0);
     ASSERT_NE(DebugLogRegist(7, "[Other]", "Other"), 0U);
     SetLevels(1, 1, 1, 7);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(7, 2, "too low\n");
     DebugLogPrint(7, 1, "other\n");
     DebugLogPrint(MODULE, 2, "mod\n");
-    EXPECT_EQ(GetCapturedStdout(), "[Other] other\n[Mod] mod\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Other] other\n[Mod] mod\n");
     EXPECT_EQ(TextsOf(File("Other.log")), "[Other] other\n");
     EXPECT_EQ(FilesInFolder(), 1U);
 }
@@ -257,7 +167,7 @@ TEST_F(HostDebugLog, SwitchTurnsOffALevelAndAllLessSevereOnes)
     EXPECT_EQ(LevelsOnConsole(), "");
 }
 
-TEST_F(HostDebugLog, SwitchStandsBeforeEverySink)
+TEST_F(HostDebugLog, SwitchComesBeforeEverySink)
 {
     ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "Mod"), 0U);
     SetLevels(2, 4, 4);
@@ -301,22 +211,22 @@ TEST_F(HostDebugLog, TheGreatestLevelIsALevelToo)
 {
     ASSERT_NE(DebugLogRegist(MODULE, "", "Mod"), 0U);
     SetLevels(0xFFFFFFFEU, 0xFFFFFFFFU, 0);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 0xFFFFFFFFU, "off\n");
     DebugLogMoudlePrintLevelOn(MODULE, 0xFFFFFFFFU, 1);
     DebugLogPrint(MODULE, 0xFFFFFFFFU, "on\n");
-    EXPECT_EQ(GetCapturedStdout(), "on\n");
+    EXPECT_EQ(GetCapturedStderr(), "on\n");
 }
 
 /* --- what a line costs ------------------------------------------------------------------- */
 
-int formatted = 0;
+int formattedLines = 0;
 
 /* A conversion of our own, "%Y", which counts how often a line is really formatted. */
-int CountConversion(FILE *out, const printf_info *, const void *const *)
+int CountConversion(FILE *stream, const printf_info *, const void *const *)
 {
-    formatted++;
-    return fputs("counted", out) < 0 ? -1 : 7;
+    formattedLines++;
+    return fputs("counted", stream) < 0 ? -1 : 7;
 }
 
 int NoArguments(const printf_info *, size_t, int *, int *)
@@ -330,7 +240,7 @@ TEST_F(HostDebugLog, UnwantedLinesAreNotFormatted)
     const std::string format = "%Y\n";
     const auto Print = [&format](uint32_t level) { DebugLogPrint(MODULE, level, format.c_str(), 0); };
 
-    CaptureStdout();
+    CaptureStderr();
     Print(0); /* never mentioned */
     SetLevels(2, 2, 2);
     Print(2); /* not registered */
@@ -339,13 +249,13 @@ TEST_F(HostDebugLog, UnwantedLinesAreNotFormatted)
     SetLevels(ALL_LEVELS, 1, 2);
     Print(3); /* neither sink */
     DebugLogPrint(256, 0, format.c_str(), 0);
-    EXPECT_EQ(formatted, 0);
+    EXPECT_EQ(formattedLines, 0);
 
     Print(2); /* the file */
-    EXPECT_EQ(formatted, 1);
+    EXPECT_EQ(formattedLines, 1);
     Print(1); /* both sinks */
-    EXPECT_EQ(formatted, 2);
-    EXPECT_EQ(GetCapturedStdout(), "counted\n");
+    EXPECT_EQ(formattedLines, 2);
+    EXPECT_EQ(GetCapturedStderr(), "counted\n");
     EXPECT_EQ(LinesOf(File()).size(), 2U);
 }
 
@@ -354,35 +264,35 @@ TEST_F(HostDebugLog, UnwantedLinesAreNotFormatted)
 TEST_F(HostDebugLog, OneNewlineOfALineIsItsEnd)
 {
     RegisterFor(2, 0);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "one\n");
     DebugLogPrint(MODULE, 2, "two\n\n");
     DebugLogPrint(MODULE, 2, "none");
     DebugLogPrint(MODULE, 2, "\n");
     const std::string empty;
     DebugLogPrint(MODULE, 2, "%s", empty.c_str());
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] one\n[Mod] two\n\n[Mod] none\n[Mod] \n[Mod] \n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] one\n[Mod] two\n\n[Mod] none\n[Mod] \n[Mod] \n");
 }
 
 TEST_F(HostDebugLog, TextIsNotReadAsAPatternOrAFormat)
 {
     RegisterFor(2, 2);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "%s\n", "{} %v %n %s 100%");
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] {} %v %n %s 100%\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] {} %v %n %s 100%\n");
     EXPECT_EQ(TextsOf(File()), "[Mod] {} %v %n %s 100%\n");
 }
 
 TEST_F(HostDebugLog, LongLineIsCut)
 {
     RegisterFor(2, 2);
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, "%s\n", std::string(4094, 'a').c_str());
     DebugLogPrint(MODULE, 2, "%s\n", std::string(100000, 'b').c_str());
     DebugLogPrint(MODULE, 2, "next\n");
     const std::string wanted =
         "[Mod] " + std::string(4094, 'a') + "\n[Mod] " + std::string(4095, 'b') + "\n[Mod] next\n";
-    EXPECT_EQ(GetCapturedStdout(), wanted);
+    EXPECT_EQ(GetCapturedStderr(), wanted);
     EXPECT_EQ(TextsOf(File()), wanted);
 }
 
@@ -390,9 +300,9 @@ TEST_F(HostDebugLog, NullFormatIsNoLine)
 {
     RegisterFor(2, 0);
     const char *format = nullptr;
-    CaptureStdout();
+    CaptureStderr();
     DebugLogPrint(MODULE, 2, format, 0);
-    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(GetCapturedStderr(), "");
 }
 
 /* Also by a line whose file cannot be opened, which is an error inside. */
@@ -400,178 +310,23 @@ TEST_F(HostDebugLog, ErrnoIsLeftAsItWas)
 {
     std::ofstream(folder / "plain") << "no folder";
     setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain").c_str(), 1);
-    RegisterFor(2, 2);
-    CaptureStdout();
+    RegisterFor(0, 2);
     CaptureStderr();
     errno = EXDEV;
     DebugLogPrint(MODULE, 2, "text\n");
     const int after = errno;
-    GetCapturedStdout();
-    EXPECT_NE(GetCapturedStderr(), "");
+    ExpectOneReport(GetCapturedStderr(), "Not a directory");
     EXPECT_EQ(after, EXDEV);
 }
 
-/* --- the file ---------------------------------------------------------------------------------- */
-
-TEST_F(HostDebugLog, FileIsMadeByTheFirstLineForIt)
+TEST_F(HostDebugLog, StandardOutputStaysTheProgramsOwn)
 {
-    RegisterFor(6, 2);
-    DebugLogSetLogFileLen(MODULE, 1000);
-    CaptureStdout();
-    DebugLogPrint(MODULE, 3, "console only\n");
-    EXPECT_EQ(FilesInFolder(), 0U);
-    DebugLogPrint(MODULE, 2, "both\n");
-    GetCapturedStdout();
-    EXPECT_EQ(TextsOf(File()), "[Mod] both\n");
-}
-
-TEST_F(HostDebugLog, FileIsAppendedTo)
-{
-    std::ofstream(File()) << "from before\n";
-    RegisterFor(0, 2);
-    DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(TextsOf(File()), "from before\n[Mod] text\n");
-}
-
-TEST_F(HostDebugLog, FullFileIsStartedAfreshAndOneOlderKept)
-{
-    const unsigned size = 1000;
-    RegisterFor(0, 2);
-    ASSERT_NE(DebugLogSetLogFileLen(MODULE, size), 0U);
-    for (unsigned i = 1000; i < 1100; i++) {
-        DebugLogPrint(MODULE, 2, "line %u %s\n", i, std::string(50, '.').c_str());
-        EXPECT_LE(fs::file_size(File()), size);
-    }
-    EXPECT_EQ(FilesInFolder(), 2U);
-    EXPECT_LE(fs::file_size(File("Mod.1.log")), size);
-    EXPECT_GT(fs::file_size(File("Mod.1.log")), size - 100);
-
-    /* The two together hold the newest lines without a gap. */
-    std::vector<std::string> lines = LinesOf(File("Mod.1.log"));
-    for (const std::string &line : LinesOf(File())) {
-        lines.push_back(line);
-    }
-    for (size_t i = 0; i < lines.size(); i++) {
-        const std::string wanted = "line " + std::to_string(1100 - lines.size() + i) + " ";
-        EXPECT_NE(lines[i].find(wanted), std::string::npos) << lines[i];
-    }
-}
-
-TEST_F(HostDebugLog, LengthMayBeChangedLater)
-{
-    RegisterFor(0, 2);
-    const std::string text(500, '.');
-    for (int i = 0; i < 4; i++) {
-        DebugLogPrint(MODULE, 2, "%s\n", text.c_str());
-    }
-    EXPECT_EQ(FilesInFolder(), 1U);
-    EXPECT_GT(fs::file_size(File()), 2000U);
-    ASSERT_NE(DebugLogSetLogFileLen(MODULE, 1000), 0U);
-    DebugLogPrint(MODULE, 2, "fresh\n");
-    EXPECT_EQ(TextsOf(File()), "[Mod] fresh\n");
-    EXPECT_EQ(LinesOf(File("Mod.1.log")).size(), 4U);
-}
-
-TEST_F(HostDebugLog, FileOfNoLengthIsRefused)
-{
-    RegisterFor(0, 2);
-    EXPECT_EQ(DebugLogSetLogFileLen(MODULE, 0), 0U);
-    DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(TextsOf(File()), "[Mod] text\n");
-}
-
-TEST_F(HostDebugLog, NameLeadsOutOfNoFolder)
-{
-    ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "../Mod"), 0U);
-    SetLevels(2, 0, 2);
-    DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(TextsOf(File(".._Mod.log")), "[Mod] text\n");
-}
-
-TEST_F(HostDebugLog, MissingFolderIsMade)
-{
-    setenv("NVRHTTPCURL_LOG_DIR", (folder / "a" / "b").c_str(), 1);
-    RegisterFor(0, 2);
-    DebugLogPrint(MODULE, 2, "text\n");
-    EXPECT_EQ(TextsOf(folder / "a" / "b" / "Mod.log"), "[Mod] text\n");
-}
-
-TEST_F(HostDebugLog, DefaultFolderIsTheTemporaryOne)
-{
-    for (const char *unset : {"", static_cast<const char *>(nullptr)}) {
-        unset != nullptr ? setenv("NVRHTTPCURL_LOG_DIR", unset, 1) : unsetenv("NVRHTTPCURL_LOG_DIR");
-        setenv("TMPDIR", folder.c_str(), 1);
-        RegisterFor(0, 2);
-        DebugLogSetLogFileLen(MODULE, 5000); /* looks for the folder again */
-        DebugLogPrint(MODULE, 2, "text\n");
-    }
-    EXPECT_EQ(TextsOf(File()), "[Mod] text\n[Mod] text\n");
-}
-
-TEST_F(HostDebugLog, LastResortIsTmp)
-{
-    for (const char *tmpDir : {"", static_cast<const char *>(nullptr)}) {
-        unsetenv("NVRHTTPCURL_LOG_DIR");
-        tmpDir != nullptr ? setenv("TMPDIR", tmpDir, 1) : unsetenv("TMPDIR");
-        const std::string name = folder.filename().string() + (tmpDir != nullptr ? "_empty" : "_unset");
-        ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", name.c_str()), 0U);
-        SetLevels(2, 0, 2);
-        DebugLogPrint(MODULE, 2, "text\n");
-        const fs::path file = "/tmp/" + name + ".log";
-        EXPECT_EQ(TextsOf(file), "[Mod] text\n");
-        fs::remove(file);
-    }
-}
-
-/* --- a file that cannot be written: root may write anywhere, so the folder is below a file ------ */
-
-TEST_F(HostDebugLog, UnwritableFolderCostsTheFileOnlyAndIsToldOnce)
-{
-    std::ofstream(folder / "plain") << "no folder";
-    setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain" / "sub").c_str(), 1);
-    RegisterFor(2, 4);
-    CaptureStdout();
-    CaptureStderr();
-    for (uint32_t level = 1; level <= 4; level++) {
-        DebugLogPrint(MODULE, level, "level %u\n", level);
-    }
-    DebugLogSetToFileLevel(MODULE, 4);
-    DebugLogPrint(MODULE, 4, "again\n");
-    const std::string errors = GetCapturedStderr();
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] level 1\n[Mod] level 2\n");
-    EXPECT_EQ(errors.find("debug log: no file for Mod: "), 0U) << errors;
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
-}
-
-TEST_F(HostDebugLog, FileIsTriedAgainWhenItIsSetUpAgain)
-{
-    std::ofstream(folder / "plain") << "no folder";
-    setenv("NVRHTTPCURL_LOG_DIR", (folder / "plain" / "sub").c_str(), 1);
-    RegisterFor(0, 2);
-    CaptureStderr();
-    DebugLogPrint(MODULE, 2, "lost\n");
-    GetCapturedStderr();
-    setenv("NVRHTTPCURL_LOG_DIR", folder.c_str(), 1);
-    DebugLogPrint(MODULE, 2, "lost too\n");
-    DebugLogSetToFileLevel(MODULE, 2);
-    DebugLogPrint(MODULE, 2, "kept\n");
-    EXPECT_EQ(TextsOf(File()), "[Mod] kept\n");
-}
-
-TEST_F(HostDebugLog, FullDiskCostsTheFileOnly)
-{
-    if (access("/dev/full", W_OK) != 0) {
-        GTEST_SKIP() << "no /dev/full here";
-    }
-    fs::create_symlink("/dev/full", File());
     RegisterFor(2, 2);
-    CaptureStdout();
+    testing::internal::CaptureStdout();
     CaptureStderr();
-    DebugLogPrint(MODULE, 2, "one\n");
-    DebugLogPrint(MODULE, 2, "two\n");
-    const std::string errors = GetCapturedStderr();
-    EXPECT_EQ(GetCapturedStdout(), "[Mod] one\n[Mod] two\n");
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    DebugLogPrint(MODULE, 2, "text\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] text\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
 /* --- threads --------------------------------------------------------------------------------------- */
@@ -593,8 +348,8 @@ TEST_F(HostDebugLog, LinesOfManyThreadsStayWhole)
         thread.join();
     }
     std::set<std::string> lines;
-    std::istringstream all(TextsOf(File()));
-    for (std::string line; std::getline(all, line);) {
+    std::istringstream texts(TextsOf(File()));
+    for (std::string line; std::getline(texts, line);) {
         EXPECT_TRUE(lines.insert(line).second) << line;
     }
     std::set<std::string> wanted;
@@ -621,6 +376,28 @@ TEST_F(HostDebugLog, SettingsMayChangeWhileOthersLog)
         EXPECT_NE(DebugLogMoudlePrintLevelOn(MODULE, 3, round % 2), 0U);
     }
     logger.join();
+}
+
+/* Standard error is a pipe that nobody reads: who writes to it waits, the others go on. */
+TEST_F(HostDebugLog, ConsoleThatBlocksHoldsUpNoOtherThread)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string filler(static_cast<size_t>(fcntl(ends[1], F_GETPIPE_SZ)), '.');
+    ASSERT_EQ(write(ends[1], filler.data(), filler.size()), static_cast<ssize_t>(filler.size()));
+    RegisterFor(1, 2);
+    const int before = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    std::thread blocked([] { DebugLogPrint(MODULE, 1, "both\n"); });
+    const bool begun = WaitUntil([this] { return LinesOf(File()).size() == 1; });
+    std::thread other([] { DebugLogPrint(MODULE, 2, "file\n"); });
+    const bool written = WaitUntil([this] { return LinesOf(File()).size() == 2; }, std::chrono::seconds(5));
+    std::string drained(filler.size(), ' ');
+    EXPECT_EQ(read(ends[0], drained.data(), drained.size()), static_cast<ssize_t>(drained.size()));
+    blocked.join();
+    other.join();
+    dup2(before, STDERR_FILENO);
+    EXPECT_TRUE(begun && written);
 }
 
 } // namespace
