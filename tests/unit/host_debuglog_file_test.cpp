@@ -77,6 +77,16 @@ TEST_F(HostDebugLogFile, LengthMayBeChangedLater)
     EXPECT_EQ(LinesOf(File("Mod.1.log")).size(), 4U);
 }
 
+TEST_F(HostDebugLogFile, LineLongerThanAFileHasOneOfItsOwn)
+{
+    RegisterFor(0, 2);
+    ASSERT_NE(DebugLogSetLogFileLen(MODULE, 1), 0U);
+    DebugLogPrint(MODULE, 2, "one\n");
+    DebugLogPrint(MODULE, 2, "two\n");
+    EXPECT_EQ(TextsOf(File("Mod.1.log")), "[Mod] one\n");
+    EXPECT_EQ(TextsOf(File()), "[Mod] two\n");
+}
+
 TEST_F(HostDebugLogFile, FileOfNoLengthIsRefused)
 {
     RegisterFor(0, 2);
@@ -313,49 +323,61 @@ TEST_F(HostDebugLogFile, FileThatIsReplacedByALinkIsRefused)
 {
     RegisterFor(0, 2);
     DebugLogPrint(MODULE, 2, "one\n");
-    std::ofstream(File("victim")) << "as it was\n";
-    fs::remove(File());
-    fs::create_symlink(File("victim"), File());
-    ExpectRefused("a symbolic link is refused");
-    EXPECT_EQ(TextsOf(File("victim")), "as it was\n");
+    fs::rename(File(), File("kept.log"));
+    fs::create_symlink(File("kept.log"), File());
+    CaptureStderr();
+    DebugLogPrint(MODULE, 2, "two\n");
+    ExpectOneReport(GetCapturedStderr(), "a symbolic link is refused");
+    EXPECT_EQ(TextsOf(File("kept.log")), "[Mod] one\n");
 }
 
 /* --- its descriptor -------------------------------------------------------------------------------- */
-
-/* The descriptor that the path is open at; -1 if there is none. */
-int DescriptorOf(const fs::path &file)
-{
-    for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        if (fs::read_symlink(entry.path(), error) == file) {
-            return std::stoi(entry.path().filename().string());
-        }
-    }
-    return -1;
-}
 
 TEST_F(HostDebugLogFile, DescriptorDoesNotSurviveExec)
 {
     RegisterFor(0, 2);
     DebugLogPrint(MODULE, 2, "text\n");
-    const int descriptor = DescriptorOf(File());
-    ASSERT_GE(descriptor, 0);
-    EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    const std::vector<int> descriptors = DescriptorsOf(File());
+    ASSERT_EQ(descriptors.size(), 1U);
+    EXPECT_EQ(fcntl(descriptors[0], F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(HostDebugLogFile, FileThatWasLeftIsClosed)
+{
+    RegisterFor(0, 2);
+    DebugLogPrint(MODULE, 2, "text\n");
+    fs::remove(File());
+    DebugLogPrint(MODULE, 2, "text\n");
+    EXPECT_TRUE(DescriptorsOf(File("Mod.log (deleted)")).empty());
+    DebugLogSetToFileLevel(MODULE, 2);
+    EXPECT_TRUE(DescriptorsOf(File()).empty());
+}
+
+/* Closes the log's descriptor behind its back and opens another file, which gets its number. */
+int StealDescriptor(const fs::path &log, const fs::path &other)
+{
+    const std::vector<int> descriptors = DescriptorsOf(log);
+    EXPECT_EQ(descriptors.size(), 1U);
+    close(descriptors.at(0));
+    EXPECT_EQ(open(other.c_str(), O_WRONLY | O_CREAT, 0600), descriptors.at(0));
+    return descriptors.at(0);
 }
 
 TEST_F(HostDebugLogFile, DescriptorThatAnotherFileGotIsLeftAlone)
 {
     RegisterFor(0, 2);
     DebugLogPrint(MODULE, 2, "one\n");
-    const int descriptor = DescriptorOf(File());
-    ASSERT_GE(descriptor, 0);
-    close(descriptor);
-    ASSERT_EQ(open(File("other").c_str(), O_WRONLY | O_CREAT, 0600), descriptor);
+    const int first = StealDescriptor(File(), File("first"));
     DebugLogPrint(MODULE, 2, "two\n");
+    EXPECT_EQ(write(first, "mine\n", 5), 5);
+    EXPECT_EQ(TextsOf(File("first")), "mine\n");
+
+    const int second = StealDescriptor(File(), File("second"));
     DebugLogSetToFileLevel(MODULE, 2);
-    EXPECT_EQ(TextsOf(File()), "[Mod] one\n[Mod] two\n");
-    EXPECT_EQ(write(descriptor, "mine\n", 5), 5);
-    EXPECT_EQ(TextsOf(File("other")), "mine\n");
+    DebugLogPrint(MODULE, 2, "three\n");
+    EXPECT_EQ(write(second, "mine\n", 5), 5);
+    EXPECT_EQ(TextsOf(File("second")), "mine\n");
+    EXPECT_EQ(TextsOf(File()), "[Mod] one\n[Mod] two\n[Mod] three\n");
 }
 
 } // namespace

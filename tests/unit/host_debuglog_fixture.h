@@ -103,6 +103,19 @@ class HostDebugLog : public testing::Test
     fs::path folder;
 };
 
+/* The descriptors that are open at the path: "Mod.log (deleted)" is one of a removed file. */
+inline std::vector<int> DescriptorsOf(const fs::path &file)
+{
+    std::vector<int> descriptors;
+    for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (fs::read_symlink(entry.path(), error) == file) {
+            descriptors.push_back(std::stoi(entry.path().filename().string()));
+        }
+    }
+    return descriptors;
+}
+
 /* The one line on standard error that says why there is no file. */
 inline void ExpectOneReport(const std::string &errors, const std::string &reason)
 {

@@ -119,6 +119,7 @@ TEST_F(HostDebugLogPlace, WithoutAHomeItIsAFolderInTheTemporaryOne)
 TEST_F(HostDebugLogPlace, WhatIsNoHomeIsNotUsed)
 {
     std::ofstream(folder / "plain") << "no folder";
+    ASSERT_EQ(chdir(folder.c_str()), 0);
     for (const std::string &wrong :
          {std::string(), std::string("home"), (folder / "none").string(), (folder / "plain").string()}) {
         setenv("HOME", wrong.c_str(), 1);
@@ -149,6 +150,7 @@ TEST_F(HostDebugLogPlace, PlantedLinkToAFolderIsRefused)
 {
     unsetenv("HOME");
     fs::create_directory(folder / "victim");
+    ASSERT_EQ(chmod((folder / "victim").c_str(), 0700), 0);
     fs::create_directory_symlink(folder / "victim", own);
     ExpectFolderRefused();
     EXPECT_TRUE(fs::is_empty(folder / "victim"));

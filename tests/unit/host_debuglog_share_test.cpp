@@ -130,18 +130,6 @@ TEST_F(HostDebugLogShare, ManyRenamesLeaveNoGap)
     ExpectNoGap(History(), 400);
 }
 
-/* The children begin with the descriptor of their parent, whose lock they must not share. */
-TEST_F(HostDebugLogShare, ForkedProcessesLeaveNoGap)
-{
-    RegisterFor(0, 2);
-    DebugLogSetLogFileLen(MODULE, 3000);
-    LogLines(100, 1);
-    LogFromProcesses(4, 400);
-    EXPECT_LE(fs::file_size(File()), 3000U);
-    EXPECT_LE(fs::file_size(File("Mod.1.log")), 3000U);
-    ExpectNoGap(History(), 400);
-}
-
 TEST_F(HostDebugLogShare, LineGoesToTheFileThatAnotherProcessHasBegun)
 {
     RegisterFor(0, 2);
@@ -174,6 +162,20 @@ TEST_F(HostDebugLogShare, LockThatIsNotGivenBackHoldsUpNobody)
 }
 
 /* --- fork ------------------------------------------------------------------------------------------- */
+
+/* With its parent's descriptor it would share the parent's lock, too. */
+TEST_F(HostDebugLogShare, ChildOpensTheFileAnew)
+{
+    RegisterFor(0, 2);
+    DebugLogPrint(MODULE, 2, "parent\n");
+    EXPECT_TRUE(Finished(Start([this] {
+        if (!DescriptorsOf(File()).empty()) {
+            _exit(1);
+        }
+        DebugLogPrint(MODULE, 2, "child\n");
+    })));
+    EXPECT_EQ(TextsOf(File()), "[Mod] parent\n[Mod] child\n");
+}
 
 TEST_F(HostDebugLogShare, ChildMayLogAtOnce)
 {
