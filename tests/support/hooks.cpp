@@ -30,6 +30,13 @@ namespace hooks
 #define OWN_CALL(name, hook, result, declared, parameters) OPEN_CALL(name, hook, result, declared, parameters, ())
 #include "tests/support/hook_table.inc"
 
+namespace real
+{
+#define OPEN_CALL(name, hook, ...) decltype(__real_##name) &hook = __real_##name;
+#define OWN_CALL OPEN_CALL
+#include "tests/support/hook_table.inc"
+} // namespace real
+
 } // namespace hooks
 
 namespace

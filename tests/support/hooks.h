@@ -36,7 +36,7 @@ namespace hooks
 /* The calls behind the hooks. */
 namespace real
 {
-#define OPEN_CALL(name, hook, ...) inline auto &hook = __real_##name;
+#define OPEN_CALL(name, hook, ...) extern decltype(__real_##name) &hook;
 #define OWN_CALL OPEN_CALL
 #include "tests/support/hook_table.inc"
 } // namespace real

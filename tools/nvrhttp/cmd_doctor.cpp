@@ -204,7 +204,7 @@ void ExamineOpenFiles(TFindings &tFindings)
         Report(tFindings, FINDING_WARNING, "open files", "the limit cannot be read");
         return;
     }
-    const rlim_t qwNeeded = OUTSTANDING + OWN_FILES;
+    const rlim_t qwNeeded = rlim_t{OUTSTANDING} + OWN_FILES;
     const std::string strSoft = LimitText(tLimit.rlim_cur);
     const auto qwWanted = static_cast<unsigned long>(qwNeeded);
     if (tLimit.rlim_cur >= qwNeeded) {
