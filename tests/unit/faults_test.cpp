@@ -9,6 +9,7 @@
  */
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -77,43 +78,35 @@ uint32_t Configure(HNvrHttpCurlCltReq request)
 
 HNvrHttpCurlCltInst instanceOfScenario = nullptr;
 
-uint32_t CreateConfigureDestroy()
+/* Creates a request, runs the steps up to the first failure and releases the request. */
+uint32_t RunOnRequest(std::initializer_list<uint32_t (*)(HNvrHttpCurlCltReq)> steps,
+                      void (*release)(HNvrHttpCurlCltReq) = NvrHttpCurlCltReqDestroy)
 {
     HNvrHttpCurlCltReq request = nullptr;
     uint32_t result = NvrHttpCurlCltReqCreat(instanceOfScenario, &request);
-    if (result == 0) {
-        result = Configure(request);
-        NvrHttpCurlCltReqDestroy(request);
+    if (result != 0) {
+        return result;
     }
+    for (const auto step : steps) {
+        result = result != 0 ? result : step(request);
+    }
+    release(request);
     return result;
+}
+
+uint32_t CreateConfigureDestroy()
+{
+    return RunOnRequest({Configure});
 }
 
 uint32_t CreateConfigureTwiceReset()
 {
-    HNvrHttpCurlCltReq request = nullptr;
-    uint32_t result = NvrHttpCurlCltReqCreat(instanceOfScenario, &request);
-    if (result == 0) {
-        result = Configure(request);
-        if (result == 0) {
-            result = Configure(request);
-        }
-        NvrHttpCurlCltReqReset(request);
-    }
-    return result;
+    return RunOnRequest({Configure, Configure}, [](HNvrHttpCurlCltReq request) { NvrHttpCurlCltReqReset(request); });
 }
 
 uint32_t SubmitAndDestroy()
 {
-    HNvrHttpCurlCltReq request = nullptr;
-    uint32_t result = NvrHttpCurlCltReqCreat(instanceOfScenario, &request);
-    if (result == 0) {
-        result = Configure(request);
-        if (result == 0) {
-            result = Submit(request);
-        }
-        NvrHttpCurlCltReqDestroy(request);
-    }
-    return result;
+    return RunOnRequest({Configure, [](HNvrHttpCurlCltReq request) { return Submit(request); }});
 }
 
 uint32_t StartSubmitStop()

@@ -67,6 +67,24 @@ class HccList : public testing::Test
         return node;
     }
 
+    /* Makes the list anew, with the elements that have these names. */
+    void Fill(const std::string &names)
+    {
+        NVRHCCListCleanUp(&list, Release);
+        for (const char name : names) {
+            Append(name == 'a' ? &a : name == 'b' ? &b : &c);
+        }
+    }
+
+    std::vector<TNVRHCCListNode *> Nodes() const
+    {
+        std::vector<TNVRHCCListNode *> nodes;
+        for (TNVRHCCListNode *node = list.ptHead; node != nullptr; node = node->ptNext) {
+            nodes.push_back(node);
+        }
+        return nodes;
+    }
+
     /* The elements from the head on; also checks every link and the count. */
     std::string Order() const
     {
@@ -90,6 +108,18 @@ class HccList : public testing::Test
 
 /* --- initialisation ------------------------------------------------------------------------ */
 
+const TNvrHttpCurlCltMemCB SYSTEM = {malloc, realloc, free};
+
+void ExpectEmpty(const TNVRHCCList &list, const TNvrHttpCurlCltMemCB &memory)
+{
+    EXPECT_EQ(list.dwNumOfElem, 0U);
+    EXPECT_EQ(list.ptHead, nullptr);
+    EXPECT_EQ(list.ptTail, nullptr);
+    EXPECT_EQ(list.pfMalloc, memory.pfMalloc);
+    EXPECT_EQ(list.pfRealloc, memory.pfRealloc);
+    EXPECT_EQ(list.pfFree, memory.pfFree);
+}
+
 TEST(HccListInit, RefusesANullList)
 {
     EXPECT_EQ(NVRHCCListInit(nullptr, &SPY), 2U);
@@ -110,13 +140,6 @@ TEST(HccListInit, RefusesEveryMixtureOfCallbacksAndLeavesTheRecordUntouched)
     }
 }
 
-TEST(HccListInit, RefusesMallocAndFreeWithoutRealloc)
-{
-    const TNvrHttpCurlCltMemCB mixture = {SpyMalloc, nullptr, SpyFree};
-    TNVRHCCList list = {};
-    EXPECT_EQ(NVRHCCListInit(&list, &mixture), 2U);
-}
-
 TEST(HccListInit, CopiesTheCallbacksAndClearsTheRest)
 {
     TNVRHCCList list;
@@ -124,35 +147,18 @@ TEST(HccListInit, CopiesTheCallbacksAndClearsTheRest)
     TNvrHttpCurlCltMemCB memory = SPY;
     EXPECT_EQ(NVRHCCListInit(&list, &memory), 0U);
     memory = {};
-    EXPECT_EQ(list.dwNumOfElem, 0U);
-    EXPECT_EQ(list.ptHead, nullptr);
-    EXPECT_EQ(list.ptTail, nullptr);
-    EXPECT_EQ(list.pfMalloc, SpyMalloc);
-    EXPECT_EQ(list.pfRealloc, SpyRealloc);
-    EXPECT_EQ(list.pfFree, SpyFree);
+    ExpectEmpty(list, SPY);
 }
 
-TEST(HccListInit, WithoutARecordTakesTheSystemAllocator)
-{
-    TNVRHCCList list;
-    memset(&list, 0x5A, sizeof(list));
-    EXPECT_EQ(NVRHCCListInit(&list, nullptr), 0U);
-    EXPECT_EQ(list.dwNumOfElem, 0U);
-    EXPECT_EQ(list.ptHead, nullptr);
-    EXPECT_EQ(list.ptTail, nullptr);
-    EXPECT_EQ(list.pfMalloc, static_cast<void *(*)(size_t)>(malloc));
-    EXPECT_EQ(list.pfRealloc, static_cast<void *(*)(void *, size_t)>(realloc));
-    EXPECT_EQ(list.pfFree, static_cast<void (*)(void *)>(free));
-}
-
-TEST(HccListInit, WithThreeNullCallbacksTakesTheSystemAllocator)
+TEST(HccListInit, WithoutCallbacksTakesTheSystemAllocator)
 {
     const TNvrHttpCurlCltMemCB none = {};
-    TNVRHCCList list = {};
-    EXPECT_EQ(NVRHCCListInit(&list, &none), 0U);
-    EXPECT_EQ(list.pfMalloc, static_cast<void *(*)(size_t)>(malloc));
-    EXPECT_EQ(list.pfRealloc, static_cast<void *(*)(void *, size_t)>(realloc));
-    EXPECT_EQ(list.pfFree, static_cast<void (*)(void *)>(free));
+    for (const TNvrHttpCurlCltMemCB *memory : {static_cast<const TNvrHttpCurlCltMemCB *>(nullptr), &none}) {
+        TNVRHCCList list;
+        memset(&list, 0x5A, sizeof(list));
+        EXPECT_EQ(NVRHCCListInit(&list, memory), 0U);
+        ExpectEmpty(list, SYSTEM);
+    }
 }
 
 TEST(HccListInit, TheSystemAllocatorServesALife)
@@ -170,88 +176,34 @@ TEST(HccListInit, TheSystemAllocatorServesALife)
 
 /* --- insertion ------------------------------------------------------------------------------ */
 
-TEST_F(HccList, InsertBeforeWithoutAnchorOnAnEmptyListMakesTheOnlyNode)
-{
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, &a, &node), 0U);
-    EXPECT_NE(node, nullptr);
-    EXPECT_EQ(list.ptHead, node);
-    EXPECT_EQ(list.ptTail, node);
-    EXPECT_EQ(list.dwNumOfElem, 1U);
-    EXPECT_EQ(node->ptPrev, nullptr);
-    EXPECT_EQ(node->ptNext, nullptr);
-    EXPECT_EQ(node->pvData, &a);
-}
+using Insert = uint32_t (*)(TNVRHCCList *, TNVRHCCListNode *, void *, TNVRHCCListNode **);
+const Insert BEFORE = NVRHCCListInsertBefore;
+const Insert AFTER = NVRHCCListInsertAfter;
 
-TEST_F(HccList, InsertAfterWithoutAnchorOnAnEmptyListMakesTheOnlyNode)
+TEST_F(HccList, InsertLinksANewNodeBeforeOrAfterItsAnchor)
 {
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, nullptr, &a, &node), 0U);
-    EXPECT_NE(node, nullptr);
-    EXPECT_EQ(list.ptHead, node);
-    EXPECT_EQ(list.ptTail, node);
-    EXPECT_EQ(list.dwNumOfElem, 1U);
-    EXPECT_EQ(node->ptPrev, nullptr);
-    EXPECT_EQ(node->ptNext, nullptr);
-    EXPECT_EQ(node->pvData, &a);
-}
-
-TEST_F(HccList, InsertBeforeWithoutAnchorPutsTheElementFirst)
-{
-    Append(&a);
-    Append(&b);
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, &c, &node), 0U);
-    EXPECT_EQ(Order(), "cab");
-    EXPECT_EQ(list.ptHead, node);
-}
-
-TEST_F(HccList, InsertAfterWithoutAnchorPutsTheElementLast)
-{
-    Append(&a);
-    Append(&b);
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, nullptr, &c, &node), 0U);
-    EXPECT_EQ(Order(), "abc");
-    EXPECT_EQ(list.ptTail, node);
-}
-
-TEST_F(HccList, InsertBeforeTheHeadMakesANewHead)
-{
-    TNVRHCCListNode *anchor = Append(&a);
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, anchor, &b, &node), 0U);
-    EXPECT_EQ(Order(), "ba");
-    EXPECT_EQ(list.ptHead, node);
-    EXPECT_EQ(list.ptTail, anchor);
-}
-
-TEST_F(HccList, InsertBeforeAnInnerNodeLinksBetween)
-{
-    Append(&a);
-    TNVRHCCListNode *anchor = Append(&b);
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, anchor, &c, nullptr), 0U);
-    EXPECT_EQ(Order(), "acb");
-    EXPECT_EQ(list.ptTail, anchor);
-}
-
-TEST_F(HccList, InsertAfterTheTailMakesANewTail)
-{
-    TNVRHCCListNode *anchor = Append(&a);
-    TNVRHCCListNode *node = nullptr;
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, anchor, &b, &node), 0U);
-    EXPECT_EQ(Order(), "ab");
-    EXPECT_EQ(list.ptTail, node);
-    EXPECT_EQ(list.ptHead, anchor);
-}
-
-TEST_F(HccList, InsertAfterAnInnerNodeLinksBetween)
-{
-    TNVRHCCListNode *anchor = Append(&a);
-    Append(&b);
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, anchor, &c, nullptr), 0U);
-    EXPECT_EQ(Order(), "acb");
-    EXPECT_EQ(list.ptHead, anchor);
+    const struct {
+        Insert insert;
+        std::string before;
+        int anchor; /* its index; -1: none */
+        std::string after;
+    } cases[] = {{BEFORE, "", -1, "d"},     {AFTER, "", -1, "d"},     /* the only node */
+                 {BEFORE, "ab", -1, "dab"}, {AFTER, "ab", -1, "abd"}, /* at either end */
+                 {BEFORE, "a", 0, "da"},    {BEFORE, "ab", 1, "adb"}, /* a new head, between */
+                 {AFTER, "a", 0, "ad"},     {AFTER, "ab", 0, "adb"}}; /* a new tail, between */
+    for (const auto &each : cases) {
+        SCOPED_TRACE(each.before + " to " + each.after);
+        Fill(each.before);
+        std::vector<TNVRHCCListNode *> nodes = Nodes();
+        TNVRHCCListNode *anchor = each.anchor < 0 ? nullptr : nodes[static_cast<size_t>(each.anchor)];
+        TNVRHCCListNode *node = nullptr;
+        EXPECT_EQ(each.insert(&list, anchor, &d, &node), 0U);
+        ASSERT_NE(node, nullptr);
+        EXPECT_EQ(node->pvData, &d);
+        EXPECT_EQ(Order(), each.after);
+        nodes.insert(nodes.begin() + static_cast<std::ptrdiff_t>(each.after.find('d')), node);
+        EXPECT_EQ(Nodes(), nodes);
+    }
 }
 
 TEST_F(HccList, ANodeIsOneBlockOfTheListsOwnMalloc)
@@ -264,22 +216,14 @@ TEST_F(HccList, ANodeIsOneBlockOfTheListsOwnMalloc)
     EXPECT_TRUE(events.empty());
 }
 
-TEST_F(HccList, InsertBeforeRefusesAnAnchorOnAnEmptyListAndAllocatesNothing)
+TEST_F(HccList, InsertRefusesAnAnchorOnAnEmptyListAndAllocatesNothing)
 {
-    TNVRHCCListNode stray = {};
-    TNVRHCCListNode *node = &stray;
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, &stray, &a, &node), 2U);
-    EXPECT_EQ(node, &stray);
-    EXPECT_EQ(fake::Mallocs(), 0U);
-    EXPECT_EQ(Order(), "");
-}
-
-TEST_F(HccList, InsertAfterRefusesAnAnchorOnAnEmptyListAndAllocatesNothing)
-{
-    TNVRHCCListNode stray = {};
-    TNVRHCCListNode *node = &stray;
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, &stray, &a, &node), 2U);
-    EXPECT_EQ(node, &stray);
+    for (const Insert insert : {BEFORE, AFTER}) {
+        TNVRHCCListNode stray = {};
+        TNVRHCCListNode *node = &stray;
+        EXPECT_EQ(insert(&list, &stray, &a, &node), 2U);
+        EXPECT_EQ(node, &stray);
+    }
     EXPECT_EQ(fake::Mallocs(), 0U);
     EXPECT_EQ(Order(), "");
 }
@@ -288,78 +232,52 @@ TEST_F(HccList, InsertRefusesANullListAndANullElement)
 {
     Append(&a);
     const size_t before = fake::Mallocs();
-    EXPECT_EQ(NVRHCCListInsertBefore(nullptr, nullptr, &b, nullptr), 2U);
-    EXPECT_EQ(NVRHCCListInsertAfter(nullptr, nullptr, &b, nullptr), 2U);
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, nullptr, nullptr), 2U);
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, nullptr, nullptr, nullptr), 2U);
+    for (const Insert insert : {BEFORE, AFTER}) {
+        EXPECT_EQ(insert(nullptr, nullptr, &b, nullptr), 2U);
+        EXPECT_EQ(insert(&list, nullptr, nullptr, nullptr), 2U);
+    }
     EXPECT_EQ(fake::Mallocs(), before);
     EXPECT_EQ(Order(), "a");
 }
 
 TEST_F(HccList, InsertWithoutMemoryReturnsThreeAndChangesNothing)
 {
-    Append(&a);
-    TNVRHCCListNode *node = list.ptHead;
-    fake::FailMalloc(1, true);
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, &b, &node), 3U);
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, nullptr, &b, &node), 3U);
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, list.ptHead, &b, &node), 3U);
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, list.ptHead, &b, &node), 3U);
-    EXPECT_EQ(node, list.ptHead);
-    EXPECT_EQ(Order(), "a");
-}
-
-TEST_F(HccList, InsertWithoutMemoryLeavesAnEmptyListEmpty)
-{
-    fake::FailMalloc(1, true);
-    EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, &a, nullptr), 3U);
-    EXPECT_EQ(NVRHCCListInsertAfter(&list, nullptr, &a, nullptr), 3U);
-    EXPECT_EQ(Order(), "");
+    for (const std::string before : {"", "a"}) {
+        Fill(before);
+        fake::FailMalloc(1, true);
+        for (const Insert insert : {BEFORE, AFTER}) {
+            TNVRHCCListNode *node = list.ptHead;
+            EXPECT_EQ(insert(&list, nullptr, &b, &node), 3U);
+            EXPECT_EQ(insert(&list, list.ptHead, &b, &node), 3U);
+            EXPECT_EQ(node, list.ptHead);
+        }
+        EXPECT_EQ(Order(), before);
+        fake::FailMalloc(0);
+    }
 }
 
 /* --- removal -------------------------------------------------------------------------------- */
 
-TEST_F(HccList, RemovingTheOnlyNodeLeavesAnEmptyList)
+TEST_F(HccList, RemoveJoinsTheNeighbours)
 {
-    TNVRHCCListNode *node = Append(&a);
-    void *element = nullptr;
-    EXPECT_EQ(NVRHCCListRemove(&list, node, &element), 0U);
-    EXPECT_EQ(element, &a);
-    EXPECT_EQ(list.ptHead, nullptr);
-    EXPECT_EQ(list.ptTail, nullptr);
-    EXPECT_EQ(list.dwNumOfElem, 0U);
-    EXPECT_EQ(fake::BlocksAlive(), 0U);
-}
-
-TEST_F(HccList, RemovingTheHeadMakesItsSuccessorTheHead)
-{
-    TNVRHCCListNode *node = Append(&a);
-    TNVRHCCListNode *second = Append(&b);
-    Append(&c);
-    EXPECT_EQ(NVRHCCListRemove(&list, node, nullptr), 0U);
-    EXPECT_EQ(list.ptHead, second);
-    EXPECT_EQ(Order(), "bc");
-}
-
-TEST_F(HccList, RemovingTheTailMakesItsPredecessorTheTail)
-{
-    Append(&a);
-    TNVRHCCListNode *second = Append(&b);
-    TNVRHCCListNode *node = Append(&c);
-    EXPECT_EQ(NVRHCCListRemove(&list, node, nullptr), 0U);
-    EXPECT_EQ(list.ptTail, second);
-    EXPECT_EQ(Order(), "ab");
-}
-
-TEST_F(HccList, RemovingAnInnerNodeJoinsItsNeighbours)
-{
-    Append(&a);
-    TNVRHCCListNode *node = Append(&b);
-    Append(&c);
-    void *element = nullptr;
-    EXPECT_EQ(NVRHCCListRemove(&list, node, &element), 0U);
-    EXPECT_EQ(element, &b);
-    EXPECT_EQ(Order(), "ac");
+    const struct {
+        std::string before;
+        size_t index;
+        std::string after;
+    } cases[] = {{"a", 0, ""}, {"abc", 0, "bc"}, {"abc", 1, "ac"}, {"abc", 2, "ab"}};
+    for (const auto &each : cases) {
+        SCOPED_TRACE(each.before + " to " + each.after);
+        Fill(each.before);
+        std::vector<TNVRHCCListNode *> nodes = Nodes();
+        void *const expected = nodes[each.index]->pvData;
+        void *element = nullptr;
+        EXPECT_EQ(NVRHCCListRemove(&list, nodes[each.index], &element), 0U);
+        EXPECT_EQ(element, expected);
+        EXPECT_EQ(Order(), each.after);
+        nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(each.index));
+        EXPECT_EQ(Nodes(), nodes);
+        EXPECT_EQ(fake::BlocksAlive(), nodes.size());
+    }
 }
 
 TEST_F(HccList, RemoveGivesTheNodeBackThroughTheListsFreeAndLeavesTheElement)
@@ -389,28 +307,16 @@ TEST_F(HccList, RemoveRefusesNullsAndAnEmptyList)
 
 TEST_F(HccList, CleanUpWithoutReleaseCallbackDoesNothing)
 {
-    Append(&a);
-    Append(&b);
-    Append(&c);
+    Fill("abc");
     events.clear();
     NVRHCCListCleanUp(&list, nullptr);
-    EXPECT_EQ(list.dwNumOfElem, 3U);
     EXPECT_EQ(Order(), "abc");
-    EXPECT_TRUE(events.empty());
-}
-
-TEST_F(HccList, CleanUpOfANullListDoesNothing)
-{
-    events.clear();
-    NVRHCCListCleanUp(nullptr, Release);
-    NVRHCCListCleanUp(nullptr, nullptr);
     EXPECT_TRUE(events.empty());
 }
 
 TEST_F(HccList, CleanUpReleasesEachNodeBeforeItsElementFromTheHeadOn)
 {
-    Append(&b);
-    Append(&c);
+    Fill("bc");
     EXPECT_EQ(NVRHCCListInsertBefore(&list, nullptr, &a, nullptr), 0U);
     events.clear();
     released.clear();
@@ -418,15 +324,15 @@ TEST_F(HccList, CleanUpReleasesEachNodeBeforeItsElementFromTheHeadOn)
     EXPECT_EQ(events,
               (std::vector<std::string>{"free node", "release a", "free node", "release b", "free node", "release c"}));
     EXPECT_EQ(released, (std::vector<void *>{&a, &b, &c}));
-    EXPECT_EQ(list.dwNumOfElem, 0U);
-    EXPECT_EQ(list.ptHead, nullptr);
-    EXPECT_EQ(list.ptTail, nullptr);
+    ExpectEmpty(list, SPY);
     EXPECT_EQ(fake::BlocksAlive(), 0U);
 }
 
-TEST_F(HccList, CleanUpOfAnEmptyListCallsNothing)
+TEST_F(HccList, CleanUpOfANullOrEmptyListCallsNothing)
 {
     events.clear();
+    NVRHCCListCleanUp(nullptr, Release);
+    NVRHCCListCleanUp(nullptr, nullptr);
     NVRHCCListCleanUp(&list, Release);
     EXPECT_TRUE(events.empty());
     EXPECT_EQ(Order(), "");
@@ -436,11 +342,8 @@ TEST_F(HccList, CleanUpKeepsTheCallbacksSoThatTheListServesAgain)
 {
     Append(&a);
     NVRHCCListCleanUp(&list, Release);
-    EXPECT_EQ(list.pfMalloc, SpyMalloc);
-    EXPECT_EQ(list.pfRealloc, SpyRealloc);
-    EXPECT_EQ(list.pfFree, SpyFree);
-    Append(&b);
-    Append(&c);
+    ExpectEmpty(list, SPY);
+    Fill("bc");
     EXPECT_EQ(Order(), "bc");
 }
 
@@ -463,10 +366,9 @@ TEST_F(HccList, ReallocIsNeverCalled)
     EXPECT_EQ(fake::Reallocs(), 0U);
 }
 
-TEST_F(HccList, TheSameElementMayStandSeveralTimes)
+TEST_F(HccList, TheSameElementMayBeThereSeveralTimes)
 {
-    Append(&a);
-    Append(&a);
+    Fill("aa");
     EXPECT_EQ(Order(), "aa");
     EXPECT_EQ(NVRHCCListRemove(&list, list.ptHead, nullptr), 0U);
     EXPECT_EQ(Order(), "a");
