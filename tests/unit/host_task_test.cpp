@@ -1,4 +1,4 @@
-/* The host's tasks, against platform/osp.h. */
+/* What the host's tasks promise beyond platform/osp.h. */
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <pthread.h>
@@ -9,6 +9,7 @@
 
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -27,9 +28,9 @@ namespace
 
 enum { STACK_SIZE = 256 * 1024, PRIORITY = 99 };
 
-/* What a task sees of itself. A semaphore lets a case act while the task waits. */
+/* What a task sees of itself. */
 struct Probe {
-    HOspSem mayGo = nullptr; /* taken by the task if it is not null */
+    HOspSem mayGo = nullptr; /* the task takes it first */
     uint64_t id = 0;
 
     bool ran = false;
@@ -55,9 +56,7 @@ size_t OwnStackSize()
 void Look(void *arg)
 {
     Probe &probe = *static_cast<Probe *>(arg);
-    if (probe.mayGo != nullptr) {
-        OspSemTake(probe.mayGo);
-    }
+    OspSemTake(probe.mayGo);
     probe.idSeen = probe.id;
     probe.threadId = gettid();
     char name[64] = "";
@@ -72,55 +71,32 @@ void Look(void *arg)
     probe.ran = true;
 }
 
-HOspTask Start(Probe &probe, const char *name = "probe", uint8_t priority = PRIORITY, uint32_t stackSize = STACK_SIZE)
-{
-    return OspTaskCreate(Look, name, priority, stackSize, &probe, 0, &probe.id);
-}
+using Action = std::function<void(const Probe &)>;
 
-Probe RunOne(const char *name = "probe", uint8_t priority = PRIORITY, uint32_t stackSize = STACK_SIZE)
+/* Runs a task that looks only when the action, if any, is done. Without a task nothing is seen. */
+Probe RunOne(const char *name = "probe", uint8_t priority = PRIORITY, uint32_t stackSize = STACK_SIZE,
+             const Action &meanwhile = {})
 {
     Probe probe;
-    HOspTask task = Start(probe, name, priority, stackSize);
-    EXPECT_NE(task, nullptr);
-    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    EXPECT_NE(OspSemBCreate(&probe.mayGo), 0U);
+    OspSemTake(probe.mayGo);
+    HOspTask task = OspTaskCreate(Look, name, priority, stackSize, &probe, 0, &probe.id);
+    if (meanwhile) {
+        meanwhile(probe);
+    }
+    OspSemGive(probe.mayGo);
+    EXPECT_EQ(OspTaskWaitEnd(task) != 0, task != nullptr);
+    OspSemDelete(probe.mayGo);
     return probe;
-}
-
-TEST(HostTask, RunsItsEntryAndWhatItWroteIsSeenAfterTheWait)
-{
-    const Probe probe = RunOne();
-    EXPECT_TRUE(probe.ran);
-    EXPECT_NE(probe.threadId, gettid());
 }
 
 TEST(HostTask, IdentifierIsTheThreadsAndThereForBothSides)
 {
-    const Probe probe = RunOne();
-    EXPECT_EQ(probe.id, static_cast<uint64_t>(probe.threadId));
-    EXPECT_EQ(probe.idSeen, probe.id);
-}
-
-TEST(HostTask, IdentifierIsThereWhenTheCallReturns)
-{
-    Probe probe;
-    ASSERT_NE(OspSemBCreate(&probe.mayGo), 0U);
-    OspSemTake(probe.mayGo);
-    HOspTask task = Start(probe);
-    ASSERT_NE(task, nullptr);
-    const uint64_t id = probe.id;
-    OspSemGive(probe.mayGo);
-    EXPECT_NE(OspTaskWaitEnd(task), 0U);
+    uint64_t id = 0;
+    const Probe probe = RunOne("probe", PRIORITY, STACK_SIZE, [&](const Probe &waiting) { id = waiting.id; });
+    EXPECT_NE(probe.threadId, gettid());
     EXPECT_EQ(id, static_cast<uint64_t>(probe.threadId));
-    OspSemDelete(probe.mayGo);
-}
-
-TEST(HostTask, IdentifierMayBeUnwanted)
-{
-    Probe probe;
-    HOspTask task = OspTaskCreate(Look, "probe", PRIORITY, STACK_SIZE, &probe, 0, nullptr);
-    ASSERT_NE(task, nullptr);
-    EXPECT_NE(OspTaskWaitEnd(task), 0U);
-    EXPECT_TRUE(probe.ran);
+    EXPECT_EQ(probe.idSeen, id);
 }
 
 TEST(HostTask, NameIsCutToWhatTheKernelKeeps)
@@ -131,27 +107,13 @@ TEST(HostTask, NameIsCutToWhatTheKernelKeeps)
 
 TEST(HostTask, NameIsCopied)
 {
-    Probe probe;
-    ASSERT_NE(OspSemBCreate(&probe.mayGo), 0U);
-    OspSemTake(probe.mayGo);
     char name[] = "first";
-    HOspTask task = Start(probe, name);
-    ASSERT_NE(task, nullptr);
-    strcpy(name, "other");
-    OspSemGive(probe.mayGo);
-    OspTaskWaitEnd(task);
-    EXPECT_EQ(probe.name, "first");
-    OspSemDelete(probe.mayGo);
+    EXPECT_EQ(RunOne(name, PRIORITY, STACK_SIZE, [&](const Probe &) { strcpy(name, "other"); }).name, "first");
 }
 
 TEST(HostTask, NameMayBeNull)
 {
     EXPECT_TRUE(RunOne(nullptr).ran);
-}
-
-void MeasureStack(void *size)
-{
-    *static_cast<size_t *>(size) = OwnStackSize();
 }
 
 TEST(HostTask, StackHasAtLeastItsSize)
@@ -164,35 +126,17 @@ TEST(HostTask, StackHasAtLeastItsSize)
 /* The first thread of the process: a later one may be given the larger stack of one that has ended. */
 TEST(HostTask, StackIsNotTheHostsUsualOne)
 {
-    size_t size = 0;
-    HOspTask task = OspTaskCreate(MeasureStack, "modest", PRIORITY, 512 * 1024, &size, 0, nullptr);
-    ASSERT_NE(task, nullptr);
-    OspTaskWaitEnd(task);
+    const size_t size = RunOne("modest", PRIORITY, 512 * 1024).stackSize;
     EXPECT_GE(size, 512U * 1024);
     EXPECT_LT(size, 2U * 1024 * 1024);
 }
 
-TEST(HostTask, StackCanBeUsed)
-{
-    const PFOspTaskEntry use = [](void *sum) {
-        volatile char block[1024 * 1024];
-        for (size_t i = 0; i < sizeof(block); i += 1024) {
-            block[i] = 1;
-            *static_cast<int *>(sum) += block[i];
-        }
-    };
-    int sum = 0;
-    HOspTask task = OspTaskCreate(use, "deep", PRIORITY, 2 * 1024 * 1024, &sum, 0, nullptr);
-    ASSERT_NE(task, nullptr);
-    OspTaskWaitEnd(task);
-    EXPECT_EQ(sum, 1024);
-}
-
 TEST(HostTask, TooSmallAStackBecomesTheHostsSmallest)
 {
+    const PFOspTaskEntry measure = [](void *size) { *static_cast<size_t *>(size) = OwnStackSize(); };
     for (const uint32_t wanted : {0U, 1U}) {
         size_t size = 0;
-        HOspTask task = OspTaskCreate(MeasureStack, "small", 0, wanted, &size, 0, nullptr);
+        HOspTask task = OspTaskCreate(measure, "small", 0, wanted, &size, 0, nullptr);
         ASSERT_NE(task, nullptr);
         EXPECT_NE(OspTaskWaitEnd(task), 0U);
         EXPECT_GE(size, static_cast<size_t>(PTHREAD_STACK_MIN));
@@ -206,9 +150,7 @@ TEST(HostTask, NoTaskWithoutItsStack)
     ASSERT_EQ(getrlimit(RLIMIT_AS, &limit), 0);
     limit.rlim_cur = 1024UL * 1024 * 1024;
     ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
-    Probe probe;
-    EXPECT_EQ(Start(probe, "huge", PRIORITY, 0xFFFFFFFFU), nullptr);
-    EXPECT_FALSE(probe.ran);
+    EXPECT_FALSE(RunOne("huge", PRIORITY, 0xFFFFFFFFU).ran);
     EXPECT_TRUE(RunOne().ran);
 }
 #endif
@@ -271,57 +213,6 @@ TEST(HostTask, RefusesNoEntryAndFlags)
     EXPECT_EQ(OspTaskCreate(nullptr, "none", PRIORITY, STACK_SIZE, &probe, 0, nullptr), nullptr);
     EXPECT_EQ(OspTaskCreate(Look, "flags", PRIORITY, STACK_SIZE, &probe, 1, nullptr), nullptr);
     EXPECT_FALSE(probe.ran);
-}
-
-TEST(HostTask, WaitReturnsForATaskThatHasEndedAlready)
-{
-    HOspSem ended = nullptr;
-    ASSERT_NE(OspSemBCreate(&ended), 0U);
-    OspSemTake(ended);
-    const PFOspTaskEntry end = [](void *sem) { OspSemGive(static_cast<HOspSem>(sem)); };
-    HOspTask task = OspTaskCreate(end, "short", PRIORITY, STACK_SIZE, ended, 0, nullptr);
-    ASSERT_NE(task, nullptr);
-    OspSemTake(ended);
-    EXPECT_NE(OspTaskWaitEnd(task), 0U);
-    OspSemDelete(ended);
-}
-
-TEST(HostTask, AnyThreadMayWait)
-{
-    Probe probe;
-    HOspTask task = Start(probe);
-    ASSERT_NE(task, nullptr);
-    std::thread([task] { EXPECT_NE(OspTaskWaitEnd(task), 0U); }).join();
-    EXPECT_TRUE(probe.ran);
-}
-
-TEST(HostTask, WaitFailsForAZeroHandle)
-{
-    EXPECT_EQ(OspTaskWaitEnd(nullptr), 0U);
-}
-
-struct SelfWait {
-    HOspSem mayGo;
-    HOspTask task;
-    uint32_t result;
-};
-
-TEST(HostTask, WaitFailsForTheTaskItselfAndStillSucceedsForOthers)
-{
-    SelfWait self = {nullptr, nullptr, 7};
-    ASSERT_NE(OspSemBCreate(&self.mayGo), 0U);
-    OspSemTake(self.mayGo);
-    const PFOspTaskEntry wait = [](void *arg) {
-        SelfWait &waiter = *static_cast<SelfWait *>(arg);
-        OspSemTake(waiter.mayGo);
-        waiter.result = OspTaskWaitEnd(waiter.task);
-    };
-    self.task = OspTaskCreate(wait, "self", PRIORITY, STACK_SIZE, &self, 0, nullptr);
-    ASSERT_NE(self.task, nullptr);
-    OspSemGive(self.mayGo);
-    EXPECT_NE(OspTaskWaitEnd(self.task), 0U);
-    EXPECT_EQ(self.result, 0U);
-    OspSemDelete(self.mayGo);
 }
 
 } // namespace
