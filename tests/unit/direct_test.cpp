@@ -78,9 +78,11 @@ class DirectReal : public Direct
 
 /* --- start and arguments ------------------------------------------------------------------------ */
 
-TEST_F(Direct, StartsTheModule)
+TEST_F(Direct, StartsTheModuleAndAnnouncesTheRecord)
 {
+    param.bSSLserver = 3;
     EXPECT_EQ(Send(), 0U);
+    ExpectLine(Info(EXT, SENDING, "http://127.0.0.1:1/x", "{\"a\":1}", 7U, 1111U, 2222U, 16U, 0U, 3U));
     EXPECT_EQ(g_bInited, 1U);
     EXPECT_EQ(CountOf(INIT_FAILED), 0U);
     EXPECT_EQ(fake::NullTakes(), 0U);
@@ -110,13 +112,6 @@ TEST_F(Direct, NeedsARecordWithUrlAndBody)
     }
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
     EXPECT_EQ(received[0], '#');
-}
-
-TEST_F(Direct, AnnouncementIsExact)
-{
-    param.bSSLserver = 3;
-    EXPECT_EQ(Send(), 0U);
-    ExpectLine(Info(EXT, SENDING, "http://127.0.0.1:1/x", "{\"a\":1}", 7U, 1111U, 2222U, 16U, 0U, 3U));
 }
 
 /* --- buffer, handle and header list --------------------------------------------------------------- */
@@ -166,7 +161,9 @@ TEST_F(Direct, WithoutHeaderListItIsThreeAndTheHandleIsReleased)
     EXPECT_EQ(hooks::OptionOrder(), Order());
 }
 
-TEST_F(Direct, HeaderListIsOneLineWithoutABlank)
+/* --- options ------------------------------------------------------------------------------------------ */
+
+TEST_F(Direct, OptionsInOrderWithTheirValues)
 {
     Texts header;
     hooks::easy_perform = [&](CURL *) {
@@ -174,14 +171,7 @@ TEST_F(Direct, HeaderListIsOneLineWithoutABlank)
         return CURLE_OK;
     };
     EXPECT_EQ(Send(), 0U);
-    EXPECT_EQ(header, (Texts{"Content-Type:application/json;charset=UTF-8"}));
-}
-
-/* --- options ------------------------------------------------------------------------------------------ */
-
-TEST_F(Direct, OptionsInOrderWithTheirValues)
-{
-    EXPECT_EQ(Send(), 0U);
+    EXPECT_EQ(header, (Texts{"Content-Type:application/json;charset=UTF-8"})); /* without a blank */
     EXPECT_EQ(hooks::OptionOrder(), FULL_ORDER);
     EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111U);
     EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222U);
@@ -261,10 +251,14 @@ TEST_F(Direct, ARefusedOptionIsFourAndReleasesEverything)
 
 /* --- the transfer ------------------------------------------------------------------------------------------ */
 
-TEST_F(Direct, SuccessIsLoggedWithWhatWasReceived)
+TEST_F(Direct, SuccessIsLoggedWithWhatWasReceivedBeforeTheHandleIsReleased)
 {
     Start();
     AnswerWith({200, {"hel", "lo"}, CURLE_OK});
+    hooks::easy_cleanup = [](CURL *easy) {
+        EXPECT_EQ(CountOf(RECEIVED), 1U);
+        hooks::real::easy_cleanup(easy);
+    };
     EXPECT_EQ(Send(), 0U);
     ExpectLinesOf(EXT, {Sending(), Received(5, "hello")});
     EXPECT_EQ(CountOf(CURL_CONVERTED), 0U);
@@ -306,17 +300,6 @@ TEST_F(Direct, WithoutBufferTheOutcomeLineHasTwoBlanks)
     EXPECT_EQ(Send(), 0U);
     ExpectLine(Info(EXT, RECEIVED_NOWHERE, 9U));
     EXPECT_EQ(CountOf(RECEIVED), 0U);
-}
-
-TEST_F(Direct, OutcomeIsLoggedBeforeTheHandleIsReleased)
-{
-    size_t lines = 0;
-    hooks::easy_cleanup = [&](CURL *easy) {
-        lines = CountOf(RECEIVED);
-        hooks::real::easy_cleanup(easy);
-    };
-    EXPECT_EQ(Send(), 0U);
-    EXPECT_EQ(lines, 1U);
 }
 
 TEST_F(Direct, PartialAnswerIsKeptWithItsLength)
