@@ -31,7 +31,7 @@ const char *EngineSendText(ESendByCurlRet eRet)
     case SENDBYCURL_NO_MEMORY:
         return "memory is exhausted";
     case SENDBYCURL_HTTP_STATUS:
-        return "the HTTP status was not 200, or no answer came (refused, timed out, TLS failed)";
+        return "the HTTP status was not 200, or no answer came";
     case SENDBYCURL_BUFFER_TOO_SMALL:
         return "the answer is longer than --max-answer";
     case SENDBYCURL_LIMIT_REACHED:
@@ -59,7 +59,7 @@ const char *DirectSendText(ESendByCurlRet eRet)
     case SENDBYCURL_OPTION_REFUSED:
         return "libcurl refused an option";
     case SENDBYCURL_TRANSFER_FAILED:
-        return "the transfer failed (no connection, TLS or certificate refused, an answer longer than --max-answer)";
+        return "the transfer failed, or the answer is longer than --max-answer";
     case SENDBYCURL_TIMED_OUT:
         return "the transfer timed out";
     case SENDBYCURL_ACCEPT_TIMED_OUT:
@@ -75,7 +75,7 @@ const char *CheckUriText(ENvrHttpCurlCltRet eRet)
     case NVRHTTPCURLCLT_OK:
         return "reachable: the server answered, with whatever HTTP status";
     case NVRHTTPCURLCLT_FAILED:
-        return "not reachable: refused, no such host, or no URL that libcurl can use";
+        return "not reachable, or no complete answer";
     case NVRHTTPCURLCLT_TIMED_OUT:
         return "not reachable: no connection within the time-out";
     case NVRHTTPCURLCLT_TLS_FAILED:

@@ -13,12 +13,14 @@
 namespace
 {
 
+enum { LONGEST_TEST_URL = 63 };
+
 struct TArgument {
     const char *szName;
     bool bRequired;
     bool bNumber;
     int64_t nMin; /* of a number */
-    int64_t nMax;
+    int64_t nMax; /* of a number, or of a text's length */
 };
 
 struct TCommand {
@@ -43,7 +45,7 @@ const std::map<std::string, TCommand> &KnownCommands()
         {"sendbycurltest",
          {"sendbycurltest [MODE [URL]]",
           "post a test text to URL (63 characters at most): MODE 1 asynchronously, else and wait",
-          {{"MODE", false, true, INT_MIN, INT_MAX}, {"URL", false, false, 0, 0}}}},
+          {{"MODE", false, true, INT_MIN, INT_MAX}, {"URL", false, false, 0, LONGEST_TEST_URL}}}},
     };
     return *ptCommands;
 }
@@ -81,14 +83,22 @@ bool ToNumber(const TConsoleWord &tWord, int64_t &nNumber)
 /* What is wrong with one argument; empty if nothing is. */
 std::string Complaint(const TArgument &tArgument, const TConsoleWord &tWord)
 {
+    const std::string strName = tArgument.szName;
+    if (!tArgument.bNumber && LooksLikeNumber(tWord)) {
+        return strName + " must be a text, not a number";
+    }
     if (!tArgument.bNumber) {
-        return LooksLikeNumber(tWord) ? std::string(tArgument.szName) + " must be a text, not a number" : "";
+        const std::string strMost = std::to_string(tArgument.nMax);
+        return tWord.strText.size() <= static_cast<size_t>(tArgument.nMax)
+                   ? ""
+                   : strName + " has " + std::to_string(tWord.strText.size()) +
+                         " characters, and the library would cut it at " + strMost;
     }
     int64_t nNumber = 0;
     if (ToNumber(tWord, nNumber) && nNumber >= tArgument.nMin && nNumber <= tArgument.nMax) {
         return "";
     }
-    return std::string(tArgument.szName) + " must be a number from " + std::to_string(tArgument.nMin) + " to " +
+    return strName + " must be a number from " + std::to_string(tArgument.nMin) + " to " +
            std::to_string(tArgument.nMax) + ", not \"" + tWord.strText + "\"";
 }
 

@@ -1,6 +1,8 @@
 #include "tools/console/line_source.h"
 
+#include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <histedit.h>
 #include <stdexcept>
@@ -79,6 +81,8 @@ class CEditedLines : public CLineSource
     bool Next(std::string &strLine) override;
 
   private:
+    const char *Edit(int &nLen);
+
     EditLine *m_ptEdit;
     History *m_ptHistory;
 };
@@ -107,10 +111,31 @@ CEditedLines::~CEditedLines()
     el_end(m_ptEdit);
 }
 
+void OnInterrupt(int)
+{
+    /* It is enough that el_gets returns. */
+}
+
+/* A line, or null with nLen -1 after Ctrl-C, which ends the program only while a command runs. */
+const char *CEditedLines::Edit(int &nLen)
+{
+    struct sigaction tAction = {};
+    struct sigaction tBefore = {};
+    tAction.sa_handler = OnInterrupt;
+    sigaction(SIGINT, &tAction, &tBefore);
+    const char *pchLine = el_gets(m_ptEdit, &nLen);
+    sigaction(SIGINT, &tBefore, nullptr);
+    return pchLine;
+}
+
 bool CEditedLines::Next(std::string &strLine)
 {
     int nLen = 0;
-    const char *pchLine = el_gets(m_ptEdit, &nLen);
+    const char *pchLine = nullptr;
+    while ((pchLine = Edit(nLen)) == nullptr && nLen < 0 && errno == EINTR) {
+        el_reset(m_ptEdit);
+        printf("^C\n");
+    }
     if (pchLine == nullptr || nLen <= 0) {
         printf("\n");
         return false;

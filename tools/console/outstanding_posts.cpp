@@ -3,26 +3,17 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 #include "platform/host/osp_console.h"
-#include "tools/common/read_all.h"
+#include "tools/common/caught_output.h"
 
 namespace
 {
 
 /* A worker that saw the log on the console a moment ago has printed its line by then. */
 const std::chrono::milliseconds s_tStragglers(20);
-
-struct TCloseFile {
-    void operator()(FILE *ptFile) const
-    {
-        fclose(ptFile);
-    }
-};
 
 void ListOnConsole(int nLogType)
 {
@@ -31,27 +22,13 @@ void ListOnConsole(int nLogType)
     OspConsoleRun(("sendbycurlsetlog " + std::to_string(nLogType)).c_str());
 }
 
-/* All that is printed while the posts are listed, workers' lines among it; empty where it cannot be caught. */
+/* All that is printed while the posts are listed, workers' lines among it. */
 std::string CatchListing(int nLogType)
 {
-    const std::unique_ptr<FILE, TCloseFile> ptCaught(tmpfile());
-    fflush(stdout);
-    const int nStdout = ptCaught ? dup(STDOUT_FILENO) : -1;
-    if (nStdout < 0) {
-        return "";
-    }
-    const int nCaught = fileno(ptCaught.get());
-    std::string strListing;
-    if (dup2(nCaught, STDOUT_FILENO) >= 0) {
+    return CatchOutput(false, [nLogType] {
         ListOnConsole(nLogType);
         std::this_thread::sleep_for(s_tStragglers);
-        fflush(stdout);
-        dup2(nStdout, STDOUT_FILENO);
-        lseek(nCaught, 0, SEEK_SET);
-        ReadAll(nCaught, strListing);
-    }
-    close(nStdout);
-    return strListing;
+    });
 }
 
 bool Has(const std::string &strLine, const char *szPart)
@@ -71,7 +48,7 @@ bool HasOutstandingPosts(int nLogType)
         const std::string strLine = strListing.substr(uBegin, uEnd - uBegin);
         const bool bListed = Has(strLine, "SendByCurlShow[L:");
         const bool bOurs = bListed || Has(strLine, "SendByCurlSetLogLevel[L:");
-        const bool bWanted = nLogType != LOG_TYPE_AT_START || Has(strLine, "[Error]");
+        const bool bWanted = nLogType != LOG_TO_DEBUGLOG || Has(strLine, "[Error]");
         bOutstanding = bOutstanding || (bListed && Has(strLine, "bUseFlag:"));
         if (!bOurs && bWanted) {
             fputs(strLine.c_str(), stdout);

@@ -7,7 +7,8 @@
 #ifndef TOOLS_CONSOLE_OUTSTANDING_POSTS_H
 #define TOOLS_CONSOLE_OUTSTANDING_POSTS_H
 
-enum { LOG_TYPE_AT_START = 1 }; /* of the library's log switch */
+/* The library's log switch. */
+enum { LOG_TO_DEBUGLOG = 1, LOG_TO_CONSOLE = 2, LOG_TO_BOTH = 3 };
 
 /*
  * nLogType is the log switch as the operator has set it; it is the same again afterwards. Lines of

@@ -12,8 +12,10 @@
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
 
+#include "tools/common/http_url.h"
 #include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
+#include "tools/common/standard_streams.h"
 #include "tools/demo/demo_stages.h"
 #include "tools/echo_server/echo_server.h"
 
@@ -91,7 +93,8 @@ int ParseAndRun(int nArgc, char **ppchArgv)
     CLI::App tApp{"Shows the send module at work: one post synchronously, one asynchronously, then many"};
     TDemo tDemo;
     tApp.set_version_flag("--version", std::string("nvrhttp_demo ") + NVRHTTP_VERSION);
-    tApp.add_option("URL", tDemo.strUrl, "Send the first two posts there, and no others; without it, to an own server");
+    tApp.add_option("URL", tDemo.strUrl, "Send the first two posts there, and no others; without it, to an own server")
+        ->check(HttpUrlComplaint);
     tApp.add_option("JSON", tDemo.strJson, "The text of the first two posts");
     tApp.add_option("--count", tDemo.dwCount, "Number of posts of the batch")
         ->check(CLI::Range(1, 1000000))
@@ -101,18 +104,22 @@ int ParseAndRun(int nArgc, char **ppchArgv)
         ->capture_default_str();
     tApp.footer(s_szExamples);
     CLI11_PARSE(tApp, nArgc, ppchArgv);
-    return Run(tDemo) ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (!Run(tDemo)) {
+        LeaveAtOnce("nvrhttp_demo", EXIT_FAILURE); /* a lost post is still in flight */
+    }
+    return EXIT_SUCCESS;
 }
 
 } // namespace
 
 int main(int nArgc, char **ppchArgv)
 {
+    OpenStandardStreams();
     signal(SIGPIPE, SIG_IGN);
     try {
-        return ParseAndRun(nArgc, ppchArgv);
+        return CheckStandardOutput("nvrhttp_demo", ParseAndRun(nArgc, ppchArgv));
     } catch (const std::exception &tError) {
         printf("The demo cannot go on: %s\n", tError.what());
-        return EXIT_FAILURE;
     }
+    return CheckStandardOutput("nvrhttp_demo", EXIT_FAILURE);
 }

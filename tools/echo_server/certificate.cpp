@@ -1,6 +1,8 @@
 #include "tools/echo_server/certificate.h"
 
 #include <cstdint>
+#include <openssl/bio.h>
+#include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 #include <stdexcept>
@@ -14,6 +16,13 @@ struct TFreeExtension {
     void operator()(X509_EXTENSION *ptExtension) const
     {
         X509_EXTENSION_free(ptExtension);
+    }
+};
+
+struct TFreeBio {
+    void operator()(BIO *ptBio) const
+    {
+        BIO_free(ptBio);
     }
 };
 
@@ -76,4 +85,13 @@ CCertificate MakeCertificate(EVP_PKEY *ptKey)
     AddSubjectAltName(ptNew);
     Require(X509_sign(ptNew, ptKey, EVP_sha256()) != 0, "the certificate could not be signed");
     return ptCertificate;
+}
+
+std::string CertificateText(X509 *ptCertificate)
+{
+    const std::unique_ptr<BIO, TFreeBio> ptBio(BIO_new(BIO_s_mem()));
+    Require(ptBio && PEM_write_bio_X509(ptBio.get(), ptCertificate) == 1, "no memory for the certificate's text");
+    char *pchText = nullptr;
+    const long nLen = BIO_get_mem_data(ptBio.get(), &pchText);
+    return std::string(pchText, static_cast<size_t>(nLen));
 }

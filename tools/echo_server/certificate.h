@@ -7,6 +7,7 @@
 #include <memory>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <string>
 
 struct TFreeKey {
     void operator()(EVP_PKEY *ptKey) const
@@ -26,5 +27,8 @@ using CCertificate = std::unique_ptr<X509, TFreeCertificate>;
 /* A new key, and a certificate for it that holds from yesterday for 30 days. Both throw std::runtime_error. */
 CKey MakeKey();
 CCertificate MakeCertificate(EVP_PKEY *ptKey);
+
+/* As PEM. Throws std::runtime_error, too. */
+std::string CertificateText(X509 *ptCertificate);
 
 #endif

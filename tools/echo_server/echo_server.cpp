@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tools/echo_server/certificate.h"
+#include "tools/echo_server/connections.h"
 
 const char g_szEchoServerHelp[] = "POST is answered with the body itself, byte for byte; GET and PUT with a JSON\n"
                                   "object that tells method, target, headers and body. Paths that do more, with\n"
@@ -27,7 +28,6 @@ const char s_szJson[] = "application/json";
 
 enum {
     BACKLOG = 1024,
-    THREADS = 64,
     MAX_BODY = 64 << 20,
     MIN_STATUS = 200,
     MAX_STATUS = 599,
@@ -35,13 +35,26 @@ enum {
     MAX_SIZE = 16 << 20
 };
 
-std::unique_ptr<httplib::Server> MakeServer(bool bTls)
+/* How long a stopped server leaves requests under way, and looks again whether all have ended. */
+const std::chrono::milliseconds s_tLastAnswers(300);
+const std::chrono::milliseconds s_tBetweenLooks(10);
+
+/* What this thread knows of the request that it answers. */
+struct TExchange {
+    std::chrono::steady_clock::time_point tBegin = std::chrono::steady_clock::now();
+    size_t uBodyLen = 0;
+};
+thread_local TExchange s_tExchange;
+
+/* With strCertificate empty where TLS is not wanted. */
+std::unique_ptr<httplib::Server> MakeServer(bool bTls, std::string &strCertificate)
 {
     if (!bTls) {
         return std::make_unique<httplib::Server>();
     }
     const CKey ptKey = MakeKey();
     const CCertificate ptCertificate = MakeCertificate(ptKey.get());
+    strCertificate = CertificateText(ptCertificate.get());
     /* The TLS context takes references of its own. */
     auto ptServer = std::make_unique<httplib::SSLServer>(ptCertificate.get(), ptKey.get());
     if (!ptServer->is_valid()) {
@@ -132,26 +145,30 @@ std::optional<unsigned> NumberAfter(const std::string &strPath, const std::strin
 struct CEchoServer::TImpl {
     std::unique_ptr<httplib::Server> ptServer;
     bool bTls = false;
+    std::string strCertificate;
+    std::function<void(const TEchoRequest &)> pfAnswered;
     int nPort = 0;
     int nListenSock = -1;
     std::thread tThread;
     std::mutex tLock;
-    std::condition_variable tStopped;
+    std::condition_variable tChanged;
     bool bStopping = false;
     bool bEnded = false;
 
     void Answer(const httplib::Request &tRequest, httplib::Response &tResponse, const std::string &strBody);
     void AddHandlers();
+    void AddObserver();
     void Configure();
     void Listen(uint16_t wPort);
     void Delay(unsigned dwMS);
     bool HasEnded();
+    void AwaitEnd();
 };
 
 void CEchoServer::TImpl::Delay(unsigned dwMS)
 {
     std::unique_lock<std::mutex> tGuard(tLock);
-    tStopped.wait_for(tGuard, std::chrono::milliseconds(dwMS), [this] { return bStopping; });
+    tChanged.wait_for(tGuard, std::chrono::milliseconds(dwMS), [this] { return bStopping; });
 }
 
 bool CEchoServer::TImpl::HasEnded()
@@ -199,6 +216,7 @@ void CEchoServer::TImpl::AddHandlers()
             strBody.append(pchData, uLen);
             return true;
         });
+        s_tExchange.uBodyLen = strBody.size();
         if (bRead) {
             Answer(tRequest, tResponse, strBody);
         }
@@ -210,16 +228,25 @@ void CEchoServer::TImpl::AddHandlers()
     });
 }
 
+void CEchoServer::TImpl::AddObserver()
+{
+    ptServer->set_pre_routing_handler([](const httplib::Request &, httplib::Response &) {
+        s_tExchange = {std::chrono::steady_clock::now(), 0};
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+    ptServer->set_logger([this](const httplib::Request &tRequest, const httplib::Response &tResponse) {
+        const std::chrono::duration<double, std::milli> tTook = std::chrono::steady_clock::now() - s_tExchange.tBegin;
+        pfAnswered({tRequest.method, tRequest.target, s_tExchange.uBodyLen, tResponse.status, tTook.count()});
+    });
+}
+
 void CEchoServer::TImpl::Configure()
 {
-    /*
-     * An idle connection occupies one of the threads: with more connections kept than
-     * there are threads, new ones would wait for the idle ones to time out.
-     */
+    /* A kept connection costs a thread and an open file, and a client may keep hundreds. */
     ptServer->set_keep_alive_max_count(1);
     ptServer->set_tcp_nodelay(true);
     ptServer->set_payload_max_length(MAX_BODY);
-    ptServer->new_task_queue = [] { return new httplib::ThreadPool(THREADS); };
+    ptServer->new_task_queue = [] { return new CThreadPerConnection; };
     /*
      * Not the default options: with SO_REUSEPORT a second server on the same port would
      * silently take half of its connections.
@@ -255,14 +282,19 @@ CEchoServer::CEchoServer(const TEchoServerOptions &tOptions) : m_ptImpl(std::mak
 {
     TImpl &tImpl = *m_ptImpl;
     tImpl.bTls = tOptions.bTls;
-    tImpl.ptServer = MakeServer(tOptions.bTls);
+    tImpl.pfAnswered = tOptions.pfAnswered;
+    tImpl.ptServer = MakeServer(tOptions.bTls, tImpl.strCertificate);
     tImpl.Configure();
     tImpl.AddHandlers();
+    if (tImpl.pfAnswered) {
+        tImpl.AddObserver();
+    }
     tImpl.Listen(tOptions.wPort);
     tImpl.tThread = std::thread([&tImpl] {
         tImpl.ptServer->listen_after_bind();
         const std::lock_guard<std::mutex> tGuard(tImpl.tLock);
         tImpl.bEnded = true;
+        tImpl.tChanged.notify_all();
     });
     /* A stop before the server runs would be lost. */
     while (!tImpl.ptServer->is_running() && !tImpl.HasEnded()) {
@@ -281,15 +313,31 @@ std::string CEchoServer::Url() const
            std::to_string(m_ptImpl->nPort) + "/";
 }
 
+std::string CEchoServer::Certificate() const
+{
+    return m_ptImpl->strCertificate;
+}
+
+void CEchoServer::TImpl::AwaitEnd()
+{
+    std::unique_lock<std::mutex> tGuard(tLock);
+    std::chrono::milliseconds tPatience = s_tLastAnswers;
+    while (!tChanged.wait_for(tGuard, tPatience, [this] { return bEnded; })) {
+        ShutDownConnections(static_cast<uint16_t>(nPort));
+        tPatience = s_tBetweenLooks;
+    }
+}
+
 void CEchoServer::Stop()
 {
     {
         const std::lock_guard<std::mutex> tGuard(m_ptImpl->tLock);
         m_ptImpl->bStopping = true;
     }
-    m_ptImpl->tStopped.notify_all();
+    m_ptImpl->tChanged.notify_all();
     m_ptImpl->ptServer->stop();
     if (m_ptImpl->tThread.joinable()) {
+        m_ptImpl->AwaitEnd();
         m_ptImpl->tThread.join();
     }
 }

@@ -13,22 +13,34 @@
  *   /size/N      a JSON text of exactly N bytes instead, at most 16777216 (16 MiB)
  *
  * A number out of range is answered with status 400, a multipart form with 415, a body of
- * more than 64 MiB with 413. Every connection carries one request. 64 requests are answered
- * at a time, further ones wait.
+ * more than 64 MiB with 413. Every connection carries one request and has a thread of its own:
+ * idle and slow ones hold up nobody.
  */
 #ifndef TOOLS_ECHO_SERVER_ECHO_SERVER_H
 #define TOOLS_ECHO_SERVER_ECHO_SERVER_H
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
 /* What the server can do, for a --help. */
 extern const char g_szEchoServerHelp[];
 
+/* A request that has been answered. */
+struct TEchoRequest {
+    std::string strMethod; /* both empty if it was no HTTP */
+    std::string strTarget; /* path and query, as they came */
+    size_t uBodyLen;
+    int nStatus;
+    double dMillis; /* from the end of its header lines to the end of the answer */
+};
+
 struct TEchoServerOptions {
     uint16_t wPort = 0; /* 0: any free one */
     bool bTls = false;  /* HTTPS, with a self-signed certificate made at start, for 127.0.0.1 and localhost */
+    std::function<void(const TEchoRequest &tRequest)> pfAnswered; /* called by several threads at once; may be empty */
 };
 
 class CEchoServer
@@ -43,7 +55,13 @@ class CEchoServer
     /* With a slash at the end. */
     std::string Url() const;
 
-    /* Stops accepting, ends the delays, and waits for requests under way. May be called twice. */
+    /* With bTls the certificate as PEM, otherwise nothing. */
+    std::string Certificate() const;
+
+    /*
+     * Stops accepting, ends the delays, and leaves requests under way a moment; then all
+     * connections are shut down. Takes less than a second. May be called twice.
+     */
     void Stop();
 
   private:

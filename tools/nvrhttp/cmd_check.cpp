@@ -8,9 +8,15 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <unistd.h>
 
 #include "nvrhttpcurl/httpcurlclient.h"
+#include "support/hcc_numbers.h"
+#include "tools/common/caught_output.h"
+#include "tools/common/failure_reason.h"
+#include "tools/common/http_url.h"
 #include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
 
@@ -23,9 +29,11 @@ struct TCheckOptions {
 };
 
 const char s_szHelp[] = "Sends one POST with no data and tells whether an answer came; any HTTP status counts as one,\n"
-                        "and an https server's certificate is not checked. Only the connection is bounded: a server\n"
-                        "that takes it and never answers is waited for. The exit status is the check's result: 0\n"
-                        "reachable, 10 no connection in time, 12 no TLS, 1 anything else.\n"
+                        "and an https server's certificate is not checked. A URL with HTTPS in capitals is another\n"
+                        "matter: libcurl checks its certificate, and a self-signed one makes the check fail. Only the\n"
+                        "connection is bounded: a server that takes it and never answers is waited for. The exit\n"
+                        "status is the check's result: 0 reachable, 10 no connection in time, 12 no TLS, 1 anything\n"
+                        "else (over 100: the command line was refused).\n"
                         "\n"
                         "Examples:\n"
                         "  nvrhttp check http://127.0.0.1:8080/\n"
@@ -46,16 +54,32 @@ bool EmptyStandardInput()
     return true;
 }
 
+/* The result alone does not say what happened; the line that the check logs does. */
+ENvrHttpCurlCltRet CheckUri(const TCheckOptions &tOptions, std::string &strReason)
+{
+    ENvrHttpCurlCltRet eRet = NVRHTTPCURLCLT_FAILED;
+    StartLog(HCC_LEVEL_INFO);
+    std::istringstream tLines(CatchOutput(true, [&tOptions, &eRet] {
+        eRet = NvrHttpCurlCltCheckUri(tOptions.strUrl.c_str(), tOptions.dwConnTimeOutSec);
+    }));
+    std::string strLine;
+    while (strReason.empty() && std::getline(tLines, strLine)) {
+        strReason = FailureReason(strLine);
+    }
+    return eRet;
+}
+
 int Check(const TCheckOptions &tOptions)
 {
     if (!EmptyStandardInput()) {
         return EXIT_FAILURE;
     }
-    StartLog(0);
+    std::string strReason;
     curl_global_init(CURL_GLOBAL_ALL);
-    const ENvrHttpCurlCltRet eRet = NvrHttpCurlCltCheckUri(tOptions.strUrl.c_str(), tOptions.dwConnTimeOutSec);
+    const ENvrHttpCurlCltRet eRet = CheckUri(tOptions, strReason);
     curl_global_cleanup();
-    printf("%s\nresult %u: %s\n", tOptions.strUrl.c_str(), eRet, CheckUriText(eRet));
+    printf("%s\nresult %u: %s%s%s\n", tOptions.strUrl.c_str(), eRet, CheckUriText(eRet), strReason.empty() ? "" : ": ",
+           strReason.c_str());
     return static_cast<int>(eRet);
 }
 
@@ -65,7 +89,7 @@ void AddCheckCommand(CLI::App &tApp, int &nStatus)
 {
     CLI::App *ptCheck = tApp.add_subcommand("check", "Tell whether a URL can be reached");
     auto ptOptions = std::make_shared<TCheckOptions>();
-    ptCheck->add_option("URL", ptOptions->strUrl, "http:// or https:// target")->required();
+    ptCheck->add_option("URL", ptOptions->strUrl, "http:// or https:// target")->required()->check(HttpUrlComplaint);
     ptCheck
         ->add_option("--connect-timeout", ptOptions->dwConnTimeOutSec,
                      "Seconds for the connection; 0 leaves it to libcurl (300)")

@@ -12,8 +12,11 @@
 #include <thread>
 #include <unistd.h>
 
+#include "platform/host/osp_console.h"
+#include "tools/common/caught_output.h"
 #include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
+#include "tools/common/standard_streams.h"
 #include "tools/console/console_commands.h"
 #include "tools/console/line_source.h"
 #include "tools/console/outstanding_posts.h"
@@ -29,36 +32,42 @@ const std::chrono::milliseconds s_tBetweenLooks(200);
 
 const char s_szHelp[] = "Reads commands from standard input, one a line, and runs them: on a terminal with\n"
                         "editing, history and completion, otherwise line by line. \"help\" lists them. Words\n"
-                        "in double quotes are texts, unquoted numbers are numbers. At first only the\n"
-                        "library's errors come to the console: \"sendbycurlsetlog 2\" brings all of its lines.\n"
+                        "in double quotes are texts, unquoted numbers are numbers. The library's lines, which\n"
+                        "are what its commands show, come to the console, unless --log says otherwise;\n"
+                        "\"sendbycurlsetlog\" changes that later. On a terminal Ctrl-C clears the line.\n"
                         "After an asynchronous sendbycurltest, leaving waits for its answer, for at most 6\n"
                         "seconds from its start.\n"
                         "\n"
                         "Examples:\n"
                         "  nvrhttp console\n"
-                        "  printf 'sendbycurlsetlog 2\\nNvrHttpCurlCltshow\\nquit\\n' | nvrhttp console";
+                        "  printf 'NvrHttpCurlCltshow\\nquit\\n' | nvrhttp console\n"
+                        "  nvrhttp console --log both";
 
 struct TSession {
-    int nLogType = LOG_TYPE_AT_START;
+    int nLogType = LOG_TO_CONSOLE;
     bool bAsyncTest = false;
     CClock::time_point tLastAsyncTest;
 };
 
-/* The answer of an asynchronous self-test would otherwise be cut off by the program's end. */
-void AwaitAsyncTests(const TSession &tSession)
+/*
+ * The answer of an asynchronous self-test would otherwise be cut off by the program's end. False
+ * if none came.
+ */
+bool AwaitAsyncTests(const TSession &tSession)
 {
     if (!tSession.bAsyncTest || !HasOutstandingPosts(tSession.nLogType)) {
-        return;
+        return true;
     }
     const CClock::time_point tDeadline = tSession.tLastAsyncTest + s_tLongestTest;
     printf("waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n");
     while (HasOutstandingPosts(tSession.nLogType)) {
         if (CClock::now() >= tDeadline) {
             printf("no answer came\n");
-            return;
+            return false;
         }
         std::this_thread::sleep_for(s_tBetweenLooks);
     }
+    return true;
 }
 
 void RunLines(CLineSource &tSource, TSession &tSession)
@@ -79,7 +88,16 @@ void RunLines(CLineSource &tSource, TSession &tSession)
     }
 }
 
-int RunConsole()
+/* The number of "sendbycurlsetlog". */
+int LogTypeOf(const std::string &strName)
+{
+    if (strName == "both") {
+        return LOG_TO_BOTH;
+    }
+    return strName == "debuglog" ? LOG_TO_DEBUGLOG : LOG_TO_CONSOLE;
+}
+
+int RunConsole(int nLogType)
 {
     const bool bTerminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
     /* Workers print too: by lines, theirs come out whole and at once also into a pipe. */
@@ -91,12 +109,16 @@ int RunConsole()
     }
     try {
         TSession tSession;
+        tSession.nLogType = nLogType;
+        CatchOutput(false, [nLogType] { OspConsoleRun(("sendbycurlsetlog " + std::to_string(nLogType)).c_str()); });
         const std::unique_ptr<CLineSource> ptSource = MakeLineSource(bTerminal, ConsoleNames);
         if (bTerminal) {
             printf("The send module runs. \"help\" lists the commands, \"quit\" leaves; Tab completes.\n");
         }
         RunLines(*ptSource, tSession);
-        AwaitAsyncTests(tSession);
+        if (!AwaitAsyncTests(tSession)) {
+            LeaveAtOnce("nvrhttp console", EXIT_SUCCESS);
+        }
     } catch (const std::runtime_error &tError) {
         fprintf(stderr, "nvrhttp console: %s\n", tError.what());
         return EXIT_FAILURE;
@@ -109,6 +131,10 @@ int RunConsole()
 void AddConsoleCommand(CLI::App &tApp, int &nStatus)
 {
     CLI::App *ptConsole = tApp.add_subcommand("console", "Start the send module and run console commands");
+    auto ptLogType = std::make_shared<std::string>("console");
+    ptConsole->add_option("--log", *ptLogType, "Where the library's lines go at first")
+        ->check(CLI::IsMember({"debuglog", "console", "both"}))
+        ->capture_default_str();
     ptConsole->footer(s_szHelp);
-    ptConsole->callback([&nStatus] { nStatus = RunConsole(); });
+    ptConsole->callback([ptLogType, &nStatus] { nStatus = RunConsole(LogTypeOf(*ptLogType)); });
 }

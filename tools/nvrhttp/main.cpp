@@ -7,6 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
+#include <vector>
+
+#include "tools/common/standard_streams.h"
 
 static const char s_szExamples[] =
     "Examples:\n"
@@ -19,6 +23,16 @@ static const char s_szExamples[] =
     "\n"
     "Each command has its own --help.";
 
+/* CLI11 says no more of a word in place of a command than that a command is missing. */
+static std::string FailureText(const CLI::App *ptApp, const CLI::Error &tError)
+{
+    const std::vector<std::string> astrWords = ptApp->remaining();
+    if (ptApp->get_subcommands().empty() && !astrWords.empty() && astrWords[0][0] != '-') {
+        return "nvrhttp: \"" + astrWords[0] + "\" is no command; --help lists them\n";
+    }
+    return CLI::FailureMessage::simple(ptApp, tError);
+}
+
 static int ParseAndRun(int nArgc, char **ppchArgv)
 {
     CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
@@ -26,6 +40,7 @@ static int ParseAndRun(int nArgc, char **ppchArgv)
     tApp.set_version_flag("--version", std::string("nvrhttp ") + NVRHTTP_VERSION);
     tApp.footer(s_szExamples);
     tApp.require_subcommand(1);
+    tApp.failure_message(FailureText);
     AddConsoleCommand(tApp, nStatus);
     AddServeCommand(tApp, nStatus);
     AddPostCommand(tApp, nStatus);
@@ -37,10 +52,11 @@ static int ParseAndRun(int nArgc, char **ppchArgv)
 
 int main(int nArgc, char **ppchArgv)
 {
+    OpenStandardStreams();
     /* A peer that closes early, or a closed pipe behind the output, is an error to report. */
     signal(SIGPIPE, SIG_IGN);
     try {
-        return ParseAndRun(nArgc, ppchArgv);
+        return CheckStandardOutput("nvrhttp", ParseAndRun(nArgc, ppchArgv));
     } catch (const std::exception &tError) {
         fprintf(stderr, "nvrhttp: %s\n", tError.what());
         return EXIT_FAILURE;

@@ -1,11 +1,10 @@
 #include "tools/post/post_report.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <unistd.h>
 
 #include "tools/common/result_text.h"
+#include "tools/common/whole_file.h"
 #include "tools/post/latency.h"
 
 namespace
@@ -13,21 +12,6 @@ namespace
 
 const std::chrono::milliseconds s_tTerminalInterval(200);
 const std::chrono::milliseconds s_tPlainInterval(2000);
-
-bool WriteAll(int nFd, const char *pchData, size_t uLen)
-{
-    while (uLen > 0) {
-        const ssize_t nWritten = write(nFd, pchData, uLen);
-        if (nWritten < 0 && errno != EINTR) {
-            return false;
-        }
-        if (nWritten > 0) {
-            pchData += nWritten;
-            uLen -= static_cast<size_t>(nWritten);
-        }
-    }
-    return true;
-}
 
 std::string StatusLine(const TPostCounts &tCounts, double dRate)
 {
@@ -37,15 +21,27 @@ std::string StatusLine(const TPostCounts &tCounts, double dRate)
     return achLine;
 }
 
+/* What the library's log says of transfers that failed, in one text. */
+std::string Reasons(const TPostReport &tReport)
+{
+    std::string strAll;
+    for (const auto &tReason : tReport.ptLog->tReasons) {
+        strAll += (strAll.empty() ? "" : "; ") + tReason.first;
+    }
+    return strAll;
+}
+
 void ShowOne(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
 {
+    const std::string strReasons = Reasons(tReport);
     if (tTally.tCounts.dwLost != 0) {
         fprintf(stderr, "nvrhttp post: result 7: no notification came within the time-out and 2 s more\n");
     } else if (tTally.eFirstFailure != SENDBYCURL_OK) {
         fprintf(stderr, "nvrhttp post: result %u: %s\n", tTally.eFirstFailure,
-                tReport.pfResultText(tTally.eFirstFailure));
+                strReasons.empty() ? tReport.pfResultText(tTally.eFirstFailure) : strReasons.c_str());
     } else {
-        fprintf(stderr, "succeeded in %.1f ms\n", Millis(tTook));
+        fprintf(stderr, "succeeded in %.1f ms%s%s\n", Millis(tTook),
+                strReasons.empty() ? "" : ", although: ", strReasons.c_str());
     }
 }
 
@@ -68,6 +64,14 @@ void ShowFailures(const TPostReport &tReport, const TPostTally &tTally)
     }
 }
 
+void ShowReasons(const TPostReport &tReport)
+{
+    for (const auto &[strReason, dwTimes] : tReport.ptLog->tReasons) {
+        fprintf(stderr, "    %u: %s\n", dwTimes, strReason.c_str());
+    }
+}
+
+/* Of a whole run. */
 void ShowUnfinished(const TPostCounts &tCounts)
 {
     if (tCounts.dwLost != 0) {
@@ -81,20 +85,28 @@ void ShowUnfinished(const TPostCounts &tCounts)
     }
 }
 
+/* Of one that was cut short. */
+void ShowAbandoned(const TPostCounts &tCounts)
+{
+    fprintf(stderr, "  %u in flight and no longer awaited, %u not sent\n", tCounts.dwStarted - EndedOf(tCounts),
+            tCounts.dwTotal - tCounts.dwStarted);
+}
+
 void ShowSummary(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
 {
     const TPostCounts &tCounts = tTally.tCounts;
-    fprintf(stderr, "%u posts in %.2f s (%.0f/s): %u succeeded, %u failed, %u lost\n", tCounts.dwTotal, Seconds(tTook),
+    fprintf(stderr, "%u posts in %.2f s (%.0f/s): %u succeeded, %u failed, %u lost\n", EndedOf(tCounts), Seconds(tTook),
             EndedOf(tCounts) / Seconds(tTook), tCounts.dwOk, tCounts.dwFailed, tCounts.dwLost);
     ShowTimes(tTally);
     ShowFailures(tReport, tTally);
-    ShowUnfinished(tCounts);
+    ShowReasons(tReport);
 }
 
 } // namespace
 
-void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd)
+void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd, TSendLog &tLog)
 {
+    tReport.ptLog = &tLog;
     tReport.nAnswerFd = nAnswerFd;
     tReport.bMany = tJob.dwCount > 1;
     tReport.bAnswersOnTerminal = isatty(nAnswerFd) != 0;
@@ -105,10 +117,10 @@ void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd)
     tReport.tStatus.pfLine = StatusLine;
 }
 
-void ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd)
+bool ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd)
 {
     if (tEnd.eRet != SENDBYCURL_OK) {
-        return;
+        return true;
     }
     const bool bLine = tReport.bMany || tReport.bAnswersOnTerminal;
     const bool bEndLine = bLine && (tEnd.uAnswerLen == 0 || tEnd.pchAnswer[tEnd.uAnswerLen - 1] != '\n');
@@ -116,12 +128,8 @@ void ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd)
     if (tReport.bAnswersOnTerminal) {
         EraseStatus(tReport.tStatus);
     }
-    const bool bWritten = WriteAll(tReport.nAnswerFd, tEnd.pchAnswer, tEnd.uAnswerLen) &&
-                          (!bEndLine || WriteAll(tReport.nAnswerFd, "\n", 1));
-    if (!bWritten && !tReport.bWriteFailed) {
-        perror("nvrhttp post: an answer could not be written");
-        tReport.bWriteFailed = true;
-    }
+    return WriteAll(tReport.nAnswerFd, tEnd.pchAnswer, tEnd.uAnswerLen) &&
+           (!bEndLine || WriteAll(tReport.nAnswerFd, "\n", 1));
 }
 
 void ReportOutcome(TPostReport &tReport, const TPostTally &tTally)
@@ -134,12 +142,22 @@ void ReportOutcome(TPostReport &tReport, const TPostTally &tTally)
     const std::lock_guard<std::mutex> tGuard(tReport.tStatus.tLock);
     EraseStatus(tReport.tStatus);
     ShowSummary(tReport, tTally, tTook);
+    ShowUnfinished(tTally.tCounts);
 }
 
-int ReportStatus(const TPostReport &tReport, const TPostTally &tTally)
+void ReportCutShort(TPostReport &tReport, TPostTally &tTally, const std::string &strWhy, int nStatus)
 {
-    if (tTally.eFirstFailure != SENDBYCURL_OK) {
-        return static_cast<int>(tTally.eFirstFailure);
+    /* Never given back: nothing is written after the summary. */
+    tReport.tStatus.tLock.lock();
+    tTally.tLock.lock();
+    tReport.ptLog->tLock.lock();
+    EraseStatus(tReport.tStatus);
+    fprintf(stderr, "nvrhttp post: %s\n", strWhy.c_str());
+    if (tReport.bMany) {
+        ShowSummary(tReport, tTally, CPostClock::now() - tTally.tBegin);
     }
-    return tReport.bWriteFailed ? EXIT_FAILURE : EXIT_SUCCESS;
+    if (EndedOf(tTally.tCounts) != tTally.tCounts.dwTotal) {
+        ShowAbandoned(tTally.tCounts);
+    }
+    _exit(nStatus);
 }

@@ -7,26 +7,30 @@
 
 #include "nvrhttpcurl/sendbycurl.h"
 #include "tools/post/post_run.h"
+#include "tools/post/send_log.h"
 
 struct TPostReport {
     int nAnswerFd = -1;
     bool bMany = false; /* of many answers, each ends its line */
     bool bAnswersOnTerminal = false;
     const char *(*pfResultText)(ESendByCurlRet) = nullptr;
-    TPostStatus tStatus;       /* its lock keeps answers and status lines apart; guards what follows, too */
-    bool bWriteFailed = false; /* an answer is lost */
+    TSendLog *ptLog = nullptr;
+    TPostStatus tStatus; /* its lock keeps answers and status lines apart */
 };
 
 /* For a run of tJob, before it begins. */
-void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd);
+void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd, TSendLog &tLog);
 
-/* Writes an answer as it came; nothing after a failure. From any thread. */
-void ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd);
+/* Writes the answer of a post that succeeded, as it came; false, with errno set, if that fails. From any thread. */
+bool ReportAnswer(TPostReport &tReport, const TPostEnd &tEnd);
 
-/* The outcome of a run that is over: a line for one post, a summary of many. */
+/* The outcome of a run that is over, as its log is: a line for one post, a summary of many. */
 void ReportOutcome(TPostReport &tReport, const TPostTally &tTally);
 
-/* The exit status: 0 only if every post succeeded and every answer could be written. */
-int ReportStatus(const TPostReport &tReport, const TPostTally &tTally);
+/*
+ * Ends the process at once: why, the summary so far, exit status. Nothing can recall the posts in
+ * flight. From any thread.
+ */
+[[noreturn]] void ReportCutShort(TPostReport &tReport, TPostTally &tTally, const std::string &strWhy, int nStatus);
 
 #endif

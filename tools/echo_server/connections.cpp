@@ -1,0 +1,73 @@
+#include "tools/echo_server/connections.h"
+
+#include <arpa/inet.h>
+#include <charconv>
+#include <dirent.h>
+#include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <thread>
+
+namespace
+{
+
+struct TCloseFolder {
+    void operator()(DIR *ptFolder) const
+    {
+        closedir(ptFolder);
+    }
+};
+
+/* A socket of another kind, or none at all, is left alone. */
+void ShutDownIfOn(int nSock, uint16_t wPort)
+{
+    sockaddr_in tOwn = {};
+    socklen_t uLen = sizeof(tOwn);
+    const bool bOurs = getsockname(nSock, reinterpret_cast<sockaddr *>(&tOwn), &uLen) == 0 &&
+                       tOwn.sin_family == AF_INET && tOwn.sin_port == htons(wPort);
+    if (bOurs) {
+        shutdown(nSock, SHUT_RDWR);
+    }
+}
+
+} // namespace
+
+void CThreadPerConnection::Run(const std::function<void()> &pfServe)
+{
+    pfServe();
+    const std::lock_guard<std::mutex> tGuard(m_tLock);
+    m_dwRunning--;
+    m_tEnded.notify_all();
+}
+
+void CThreadPerConnection::enqueue(std::function<void()> pfServe)
+{
+    {
+        const std::lock_guard<std::mutex> tGuard(m_tLock);
+        m_dwRunning++;
+    }
+    try {
+        std::thread([this, pfServe] { Run(pfServe); }).detach();
+    } catch (const std::system_error &) {
+        Run(pfServe); /* no thread to be had: this one serves, and accepts again afterwards */
+    }
+}
+
+void CThreadPerConnection::shutdown()
+{
+    std::unique_lock<std::mutex> tGuard(m_tLock);
+    m_tEnded.wait(tGuard, [this] { return m_dwRunning == 0; });
+}
+
+void ShutDownConnections(uint16_t wPort)
+{
+    const std::unique_ptr<DIR, TCloseFolder> ptFolder(opendir("/proc/self/fd"));
+    const dirent *ptEntry = nullptr;
+    while (ptFolder && (ptEntry = readdir(ptFolder.get())) != nullptr) {
+        const std::string strName = ptEntry->d_name;
+        int nFd = -1;
+        std::from_chars(strName.data(), strName.data() + strName.size(), nFd);
+        ShutDownIfOn(nFd, wPort);
+    }
+}
