@@ -170,8 +170,10 @@ TEST_F(Demo, BadArgumentsSendNothing)
 {
     const test::ScriptedServer server(test::ECHOING);
     const std::vector<std::vector<std::string>> bad = {
-        {server.Url(), "--count", "0"},    {server.Url(), "--count", "1000001"}, {server.Url(), "--deadline", "0"},
-        {server.Url(), "--deadline", "x"}, {server.Url(), "{}", "third"},        {server.Url(), "--unknown"},
+        {server.Url(), "--count", "0"},    {server.Url(), "--count", "1000001"},
+        {server.Url(), "--deadline", "0"}, {server.Url(), "--deadline", "x"},
+        {"file:///etc/hostname"},          {server.Url(), "{}", "third"},
+        {server.Url(), "--unknown"},
     };
     for (const auto &arguments : bad) {
         const Finished run = RunProgram(DemoProgram(arguments));

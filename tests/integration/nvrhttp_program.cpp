@@ -44,6 +44,11 @@ bool RefuseAllPorts()
     return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
+std::string UnresolvableUrl()
+{
+    return "http://" + std::string(64, 'x') + ".test/";
+}
+
 std::string After(const std::string &text, const std::string &mark)
 {
     const size_t at = text.find(mark);

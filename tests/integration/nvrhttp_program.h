@@ -18,6 +18,9 @@ Program Nvrhttp(const std::vector<std::string> &arguments);
 /* As Program::inChild: every bind fails from here on, as if all ports were taken. */
 bool RefuseAllPorts();
 
+/* A URL whose host no resolver is asked for: the first part of its name is too long. */
+std::string UnresolvableUrl();
+
 /* What follows a mark, up to the next comma or line end; empty without the mark. */
 std::string After(const std::string &text, const std::string &mark);
 

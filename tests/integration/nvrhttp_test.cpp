@@ -1,10 +1,16 @@
 /*
- * nvrhttp itself: its help and its version.
+ * nvrhttp itself: its help, its version, its commands' names, and its standard streams, which
+ * the demo's are too.
  */
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <string>
+#include <vector>
 
 #include "integration_fixture.h"
 #include "nvrhttp_program.h"
+#include "tests/support/loopback.h"
 
 namespace
 {
@@ -14,8 +20,28 @@ using test::Folded;
 using test::Has;
 using test::Nvrhttp;
 using test::RunProgram;
+using test::ServeProcess;
 
+using Commands = test::IntegrationTest;
 using Help = test::IntegrationTest;
+using Streams = test::IntegrationTest;
+
+test::Program Command(const std::vector<std::string> &command)
+{
+    test::Program program;
+    program.command = command;
+    return program;
+}
+
+/* A program whose standard output cannot be written. */
+Finished RunOnFullDisk(test::Program program, const std::string &input = "")
+{
+    program.output = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    EXPECT_GE(program.output, 0);
+    const Finished run = RunProgram(program, input);
+    close(program.output);
+    return run;
+}
 
 TEST_F(Help, EachCommandShowsExamples)
 {
@@ -31,6 +57,67 @@ TEST_F(Help, VersionIsShown)
     const Finished run = RunProgram(Nvrhttp({"--version"}));
     EXPECT_EQ(run.status, 0);
     EXPECT_TRUE(Has(run.output, NVRHTTP_VERSION)) << run.output;
+}
+
+TEST_F(Commands, AnUnknownOneIsNamed)
+{
+    const Finished run = RunProgram(Nvrhttp({"sevre", "--tls"}));
+    EXPECT_GT(run.status, 100);
+    EXPECT_EQ(run.output, "");
+    EXPECT_EQ(run.errors, "nvrhttp: \"sevre\" is no command; --help lists them\n");
+}
+
+TEST_F(Commands, NoneIsAnError)
+{
+    for (const std::vector<std::string> &arguments : std::vector<std::vector<std::string>>{{}, {"--unknown"}}) {
+        const Finished run = RunProgram(Nvrhttp(arguments));
+        EXPECT_GT(run.status, 100);
+        EXPECT_TRUE(Has(run.errors, "A subcommand is required")) << run.errors;
+    }
+}
+
+TEST_F(Streams, OutputThatCannotBeWrittenIsAnError)
+{
+    const test::ClosedPort closed;
+    for (const test::Program &program :
+         {Nvrhttp({"check", closed.Url()}), Nvrhttp({"doctor"}), Nvrhttp({"console"}), Nvrhttp({"serve"}),
+          Nvrhttp({"--help"}), Command({NVRHTTP_DEMO_PROGRAM, closed.Url()}),
+          Command({NVRHTTP_DEMO_PROGRAM, "--help"})}) {
+        const Finished run = RunOnFullDisk(program, "help\n");
+        EXPECT_EQ(run.status, 1) << program.command.back();
+        EXPECT_TRUE(Has(run.errors, ": standard output could not be written")) << program.command.back() << run.errors;
+    }
+}
+
+TEST_F(Streams, PipeThatNobodyReadsIsAnError)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    test::Program program = Nvrhttp({"doctor"});
+    program.output = ends[1];
+    const Finished run = RunProgram(program);
+    close(ends[1]);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(Has(run.errors, "standard output could not be written: Broken pipe")) << run.errors;
+}
+
+/* Otherwise the answers' copy of standard output, or a socket, would get the number of standard error. */
+TEST_F(Streams, ClosedOnesDoNotPassTheirNumbersOn)
+{
+    const ServeProcess server;
+    test::Program program = Nvrhttp({"post", server.Url(), "--data", "[1]"});
+    program.inChild = [] { return close(STDERR_FILENO) == 0; };
+    EXPECT_EQ(RunProgram(program).output, "[1]");
+
+    program.inChild = [] { return close(STDIN_FILENO) == 0 && close(STDOUT_FILENO) == 0; };
+    const Finished mute = RunProgram(program);
+    EXPECT_EQ(mute.status, 0) << mute.errors;
+    EXPECT_TRUE(Has(mute.errors, "succeeded in ")) << mute.errors;
+
+    test::Program demo = Command({NVRHTTP_DEMO_PROGRAM, server.Url()});
+    demo.inChild = [] { return close(STDOUT_FILENO) == 0 && close(STDERR_FILENO) == 0; };
+    EXPECT_EQ(RunProgram(demo).status, 0);
 }
 
 } // namespace

@@ -1,11 +1,16 @@
 /*
  * nvrhttp serve: every path of the echo server, over HTTP and TLS, and the end of the program.
  */
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -101,6 +106,44 @@ class Client
   private:
     CURL *easy;
 };
+
+/* A connection over which a test sends what it wants. */
+class RawClient
+{
+  public:
+    /* The URL's host is 127.0.0.1. */
+    explicit RawClient(const std::string &url) : sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(sock, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0) << url;
+    }
+
+    ~RawClient()
+    {
+        close(sock);
+    }
+
+    RawClient(const RawClient &) = delete;
+    RawClient &operator=(const RawClient &) = delete;
+
+    bool Send(const std::string &bytes) const
+    {
+        return send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+
+  private:
+    int sock;
+};
+
+test::Program ServeWith(const std::vector<std::string> &options)
+{
+    test::Program program = Nvrhttp({"serve"});
+    program.command.insert(program.command.end(), options.begin(), options.end());
+    return program;
+}
 
 class Serve : public test::IntegrationTest
 {
@@ -243,9 +286,7 @@ TEST_F(ServeProgram, BadArgumentsAreRefused)
 {
     for (const std::vector<std::string> &options :
          std::vector<std::vector<std::string>>{{"--port", "65536"}, {"--port", "x"}, {"--unknown"}, {"surplus"}}) {
-        test::Program program = Nvrhttp({"serve"});
-        program.command.insert(program.command.end(), options.begin(), options.end());
-        const Finished run = RunProgram(program);
+        const Finished run = RunProgram(ServeWith(options));
         EXPECT_GT(run.status, 100) << options.back();
         EXPECT_EQ(run.output, "") << options.back();
     }
@@ -262,6 +303,93 @@ TEST_F(ServeProgram, AnInterruptEndsItAndWhatItDelays)
     EXPECT_EQ(server.Wait(std::chrono::seconds(20)), 0);
     asking.join();
     EXPECT_EQ(answer.body, "[6]");
+}
+
+/* Whatever the clients do: one sends its request byte by byte, one says nothing, one does not read. */
+TEST_F(ServeProgram, ASignalEndsItWithinASecond)
+{
+    for (const std::vector<std::string> &options : std::vector<std::vector<std::string>>{{}, {"--tls"}}) {
+        for (const int number : {SIGINT, SIGTERM}) {
+            const test::MemoryFile errors;
+            test::Program program = ServeWith(options);
+            program.errors = errors.Descriptor();
+            test::ChildProcess server(program);
+            const std::string url = server.ReadUntil("\n");
+            const RawClient idle(url);
+            const RawClient unread(url);
+            const RawClient slow(url);
+            unread.Send("GET /size/16777216 HTTP/1.1\r\n\r\n");
+            std::atomic<bool> over{false};
+            std::thread sending([&slow, &over] {
+                while (!over && slow.Send("P")) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                }
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            const auto start = Clock::now();
+            server.Signal(number);
+            EXPECT_EQ(server.Wait(std::chrono::seconds(10)), 0);
+            EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+            over = true;
+            sending.join();
+        }
+    }
+}
+
+TEST_F(Serve, IdleConnectionsHoldUpNobody)
+{
+    std::vector<std::unique_ptr<RawClient>> idle;
+    for (int number = 0; number < 200; ++number) {
+        idle.push_back(std::make_unique<RawClient>(server.Url()));
+    }
+    const auto start = Clock::now();
+    EXPECT_EQ(client.Ask("POST", server.Url(), "[7]").body, "[7]");
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(ServeProgram, EachRequestIsShownOnDemand)
+{
+    const test::MemoryFile errors;
+    test::Program program = ServeWith({"--show"});
+    program.errors = errors.Descriptor();
+    test::ChildProcess server(program);
+    const std::string url = server.ReadUntil("\n");
+    Client().Ask("POST", url + "status/404?a=b", "12345");
+    Client().Ask("GET", url + "delay/300");
+    const RawClient noHttp(url);
+    noHttp.Send("\033[2J what?\r\n\r\n");
+    EXPECT_TRUE(test::WaitUntil([&errors] { return Has(errors.Text(), "status 400"); })) << errors.Text();
+    server.Signal(SIGTERM);
+    EXPECT_EQ(server.ReadToEnd(), "");
+    EXPECT_EQ(server.Wait(), 0);
+
+    const std::string text = errors.Text();
+    EXPECT_EQ(text.rfind("POST /status/404?a=b 5 bytes, status 404, ", 0), 0U) << text;
+    const std::string delayed = "\nGET /delay/300 0 bytes, status 200, ";
+    ASSERT_TRUE(Has(text, delayed)) << text;
+    EXPECT_GE(std::stod(text.substr(text.find(delayed) + delayed.size())), 300.0) << text;
+    EXPECT_FALSE(Has(text, "\033")) << text;
+}
+
+TEST_F(ServeProgram, TheCertificateThatItWritesMakesItTrusted)
+{
+    const std::string path = logFolder.Path() + "/server.crt";
+    const ServeProcess server({"--tls", "--cert-out", path});
+    Client client;
+    curl_easy_setopt(client.Handle(), CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(client.Handle(), CURLOPT_CAINFO, path.c_str());
+    const Answer answer = client.Ask("POST", server.Url(), "[8]");
+    EXPECT_EQ(answer.result, CURLE_OK) << curl_easy_strerror(answer.result);
+    EXPECT_EQ(answer.body, "[8]");
+}
+
+TEST_F(ServeProgram, ACertificateThatCannotBeWrittenIsAnError)
+{
+    const Finished run = RunProgram(Nvrhttp({"serve", "--tls", "--cert-out", logFolder.Path() + "/none/server.crt"}));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.output, "");
+    EXPECT_TRUE(Has(run.errors, "/none/server.crt cannot be written: No such file or directory")) << run.errors;
+    EXPECT_GT(RunProgram(Nvrhttp({"serve", "--cert-out", logFolder.Path() + "/server.crt"})).status, 100);
 }
 
 } // namespace

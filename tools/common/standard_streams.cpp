@@ -41,8 +41,3 @@ int CheckStandardOutput(const char *szProgram, int nStatus)
             nErrno != 0 ? strerror(nErrno) : "");
     return EXIT_FAILURE;
 }
-
-void LeaveAtOnce(const char *szProgram, int nStatus)
-{
-    _exit(CheckStandardOutput(szProgram, nStatus));
-}

@@ -10,10 +10,4 @@ void OpenStandardStreams();
 /* The exit status: nStatus, or 1, with a message, if something could not be written to standard output. */
 int CheckStandardOutput(const char *szProgram, int nStatus);
 
-/*
- * Ends the program in place of a return from main where workers may still be under way: libcrypto's
- * clean-up at exit would take away what they use.
- */
-[[noreturn]] void LeaveAtOnce(const char *szProgram, int nStatus);
-
 #endif

@@ -104,10 +104,7 @@ int ParseAndRun(int nArgc, char **ppchArgv)
         ->capture_default_str();
     tApp.footer(s_szExamples);
     CLI11_PARSE(tApp, nArgc, ppchArgv);
-    if (!Run(tDemo)) {
-        LeaveAtOnce("nvrhttp_demo", EXIT_FAILURE); /* a lost post is still in flight */
-    }
-    return EXIT_SUCCESS;
+    return Run(tDemo) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 } // namespace

@@ -16,7 +16,6 @@
 #include "tools/common/caught_output.h"
 #include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
-#include "tools/common/standard_streams.h"
 #include "tools/console/console_commands.h"
 #include "tools/console/line_source.h"
 #include "tools/console/outstanding_posts.h"
@@ -49,25 +48,21 @@ struct TSession {
     CClock::time_point tLastAsyncTest;
 };
 
-/*
- * The answer of an asynchronous self-test would otherwise be cut off by the program's end. False
- * if none came.
- */
-bool AwaitAsyncTests(const TSession &tSession)
+/* The answer of an asynchronous self-test would otherwise be cut off by the program's end. */
+void AwaitAsyncTests(const TSession &tSession)
 {
     if (!tSession.bAsyncTest || !HasOutstandingPosts(tSession.nLogType)) {
-        return true;
+        return;
     }
     const CClock::time_point tDeadline = tSession.tLastAsyncTest + s_tLongestTest;
     printf("waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n");
     while (HasOutstandingPosts(tSession.nLogType)) {
         if (CClock::now() >= tDeadline) {
             printf("no answer came\n");
-            return false;
+            return;
         }
         std::this_thread::sleep_for(s_tBetweenLooks);
     }
-    return true;
 }
 
 void RunLines(CLineSource &tSource, TSession &tSession)
@@ -116,9 +111,7 @@ int RunConsole(int nLogType)
             printf("The send module runs. \"help\" lists the commands, \"quit\" leaves; Tab completes.\n");
         }
         RunLines(*ptSource, tSession);
-        if (!AwaitAsyncTests(tSession)) {
-            LeaveAtOnce("nvrhttp console", EXIT_SUCCESS);
-        }
+        AwaitAsyncTests(tSession);
     } catch (const std::runtime_error &tError) {
         fprintf(stderr, "nvrhttp console: %s\n", tError.what());
         return EXIT_FAILURE;

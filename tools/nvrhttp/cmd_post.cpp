@@ -18,7 +18,6 @@
 #include "tools/common/module_start.h"
 #include "tools/common/open_files.h"
 #include "tools/common/result_text.h"
-#include "tools/common/standard_streams.h"
 #include "tools/nvrhttp/post_options.h"
 #include "tools/post/post_report.h"
 #include "tools/post/post_run.h"
@@ -117,9 +116,6 @@ int RunJob(TPostJob &tJob, bool bQuiet, int nAnswerFd, TSendLog &tLog)
         return SENDBYCURL_NO_MEMORY;
     }
     ReportOutcome(tReport, tTally);
-    if (tTally.tCounts.dwLost != 0) {
-        LeaveAtOnce("nvrhttp post", static_cast<int>(tTally.eFirstFailure));
-    }
     return static_cast<int>(tTally.eFirstFailure);
 }
 

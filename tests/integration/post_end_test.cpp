@@ -1,0 +1,252 @@
+/*
+ * nvrhttp post, run as a program: how it ends early, what it says of a failure, what it reads.
+ */
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "integration_fixture.h"
+#include "nvrhttp_program.h"
+#include "tests/support/loopback.h"
+#include "tests/support/scripted_server.h"
+
+namespace
+{
+
+using test::ChildProcess;
+using test::Finished;
+using test::Has;
+using test::Nvrhttp;
+using test::RunProgram;
+using test::ScriptedServer;
+using test::ServeProcess;
+
+const std::string REFUSED = "Couldn't connect to server (libcurl code 7)";
+const std::string UNRESOLVED = "Couldn't resolve host name (libcurl code 6)";
+const std::string NO_TLS = "SSL connect error (libcurl code 35)";
+const std::string TIMED_OUT = "Timeout was reached (libcurl code 28)";
+const std::string EMPTY = "Server returned nothing (no headers, no data) (libcurl code 52)";
+
+class PostEndInEachMode : public test::IntegrationTest, public testing::WithParamInterface<std::string>
+{
+  protected:
+    test::Program Post(const std::string &url, const std::vector<std::string> &more = {}) const
+    {
+        test::Program program = Nvrhttp({"post", url, "--mode", GetParam()});
+        program.command.insert(program.command.end(), more.begin(), more.end());
+        return program;
+    }
+
+    /* All that a post to this URL says besides its answer, without the module's result. */
+    std::string WhyOf(const std::string &url, const std::vector<std::string> &more = {}) const
+    {
+        const Finished run = RunProgram(Post(url, more));
+        EXPECT_NE(run.status, 0);
+        EXPECT_EQ(run.errors.rfind("nvrhttp post: result " + std::to_string(run.status) + ": ", 0), 0U) << run.errors;
+        const size_t why = run.errors.find(": ", run.errors.find("result "));
+        return run.errors.substr(why == std::string::npos ? 0 : why + 2);
+    }
+
+    bool Is(const std::string &mode) const
+    {
+        return GetParam() == mode;
+    }
+};
+
+using PostData = test::IntegrationTest;
+using PostEnd = test::IntegrationTest;
+using PostPassword = test::IntegrationTest;
+
+INSTANTIATE_TEST_SUITE_P(Modes, PostEndInEachMode, testing::Values("sync", "async", "direct"),
+                         [](const auto &mode) { return mode.param; });
+
+TEST_P(PostEndInEachMode, AFailureSaysWhatLibcurlSays)
+{
+    const test::ClosedPort closed;
+    const ScriptedServer plain({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::CLOSE}});
+    const ScriptedServer closing({test::When::REQUEST, {test::CLOSE}});
+    EXPECT_EQ(WhyOf(closed.Url()), REFUSED + "\n");
+    EXPECT_EQ(WhyOf(test::UnresolvableUrl()), UNRESOLVED + "\n");
+    EXPECT_EQ(WhyOf(plain.Url("/", "https")), NO_TLS + "\n");
+    EXPECT_EQ(WhyOf(closing.Url()), EMPTY + "\n");
+}
+
+TEST_P(PostEndInEachMode, OfManyEachReasonIsCounted)
+{
+    const test::ClosedPort closed;
+    const Finished run = RunProgram(Post(closed.Url(), {"--count", "20", "--parallel", "4"}));
+    EXPECT_TRUE(Has(run.errors, "\n    20: " + REFUSED + "\n")) << run.errors;
+}
+
+TEST_P(PostEndInEachMode, ASuccessHasNoReason)
+{
+    const ServeProcess server;
+    const Finished run = RunProgram(Post(server.Url(), {"--count", "20", "--parallel", "4", "--quiet"}));
+    EXPECT_EQ(run.status, 0);
+    EXPECT_FALSE(Has(run.errors, "\n    ")) << run.errors;
+}
+
+TEST_P(PostEndInEachMode, AnInterruptShowsWhatThereIsSoFar)
+{
+    const ScriptedServer silent(test::SILENT);
+    const test::MemoryFile errors;
+    test::Program program = Post(silent.Url(), {"--count", "5", "--parallel", "2", "--timeout", "60000"});
+    program.errors = errors.Descriptor();
+    ChildProcess post(program);
+    ASSERT_TRUE(silent.WaitForRequests(2));
+    post.Signal(SIGINT);
+    EXPECT_EQ(post.Wait(std::chrono::seconds(5)), 130);
+    EXPECT_TRUE(Has(errors.Text(), "nvrhttp post: interrupted\n0 posts in ")) << errors.Text();
+    EXPECT_TRUE(Has(errors.Text(), "  2 in flight and no longer awaited, 3 not sent\n")) << errors.Text();
+}
+
+TEST_P(PostEndInEachMode, AClosedPipeEndsTheRun)
+{
+    const ServeProcess server;
+    const test::MemoryFile errors;
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    test::Program program = Post(server.Url(), {"--count", "10000000", "--parallel", "4"});
+    program.output = ends[1];
+    program.errors = errors.Descriptor();
+    ChildProcess post(program);
+    close(ends[1]);
+    char first = 0;
+    EXPECT_EQ(read(ends[0], &first, 1), 1);
+    close(ends[0]);
+    EXPECT_EQ(post.Wait(std::chrono::seconds(20)), 1);
+    EXPECT_TRUE(Has(errors.Text(), "nvrhttp post: an answer could not be written: Broken pipe\n")) << errors.Text();
+    EXPECT_TRUE(Has(errors.Text(), " not sent\n")) << errors.Text();
+}
+
+TEST_F(PostEnd, TheStatusThatMadeItFailIsNamed)
+{
+    const ServeProcess server;
+    const Finished one = RunProgram(Nvrhttp({"post", server.Url("/status/404")}));
+    EXPECT_EQ(one.errors, "nvrhttp post: result 10: HTTP status 404\n");
+    const Finished many = RunProgram(Nvrhttp({"post", server.Url("/status/503"), "--count", "3"}));
+    EXPECT_TRUE(Has(many.errors, "  3 failed with result 10: the HTTP status was not 200, or no answer came\n"
+                                 "    3: HTTP status 503\n"))
+        << many.errors;
+}
+
+/* An asynchronous post to a silent server is lost instead. */
+TEST_F(PostEnd, ATimeOutIsNamed)
+{
+    const ScriptedServer silent(test::SILENT);
+    const std::string url = silent.Url();
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300"})).errors,
+              "nvrhttp post: result 10: " + TIMED_OUT + "\n");
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300", "--mode", "direct"})).errors,
+              "nvrhttp post: result 7: " + TIMED_OUT + "\n");
+}
+
+TEST_F(PostEnd, AnAnswerThatIsCutOffDoesNotPassForWhole)
+{
+    const ScriptedServer server(test::CUTTING_OFF);
+    const Finished run = RunProgram(Nvrhttp({"post", server.Url()}));
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.output, "part");
+    EXPECT_TRUE(Has(run.errors, " ms, although: Transferred a partial file (libcurl code 18)\n")) << run.errors;
+}
+
+TEST_F(PostEnd, ASecondInterruptEndsItAtOnce)
+{
+    const ServeProcess server;
+    const test::MemoryFile errors;
+    test::Program program = Nvrhttp({"post", server.Url("/size/1000000")});
+    program.errors = errors.Descriptor();
+    ChildProcess post(program);
+    /* Nobody reads on: the answer is stuck in the pipe, and so is the end after the first interrupt. */
+    post.ReadUntil("x");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    post.Signal(SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(errors.Text(), "");
+    post.Signal(SIGINT);
+    EXPECT_EQ(post.Wait(std::chrono::seconds(5)), 130);
+}
+
+TEST_F(PostEnd, AnInterruptThatTheCallerIgnoresIsIgnored)
+{
+    ScriptedServer server(test::ECHOING_ON_RELEASE);
+    test::Program program = Nvrhttp({"post", server.Url()});
+    program.inChild = [] { return std::signal(SIGINT, SIG_IGN) != SIG_ERR; };
+    const test::MemoryFile errors;
+    program.errors = errors.Descriptor();
+    ChildProcess post(program);
+    ASSERT_TRUE(server.WaitForRequests(1));
+    post.Signal(SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    server.Release();
+    EXPECT_EQ(post.ReadToEnd(), "{}");
+    EXPECT_EQ(post.Wait(), 0);
+}
+
+TEST_F(PostData, EndlessDataIsRefused)
+{
+    const Finished run = RunProgram(Nvrhttp({"post", "http://127.0.0.1:9/", "--data", "@/dev/zero"}));
+    EXPECT_GT(run.status, 100);
+    EXPECT_TRUE(Has(run.errors, "/dev/zero is longer than 67108864 bytes; --max-data raises the limit")) << run.errors;
+}
+
+TEST_F(PostData, TheLimitCanBeMoved)
+{
+    const ServeProcess server;
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", server.Url(), "-", "--max-data", "10"}), "0123456789").output, "0123456789");
+    const Finished longer = RunProgram(Nvrhttp({"post", server.Url(), "-", "--max-data", "9"}), "0123456789");
+    EXPECT_GT(longer.status, 100);
+    EXPECT_TRUE(Has(longer.errors, "standard input is longer than 9 bytes")) << longer.errors;
+    const std::string long65 = std::string(65U << 20, 'x');
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", test::ClosedPort().Url(), "-", "--max-data", "100000000"}), long65).status,
+              10);
+}
+
+TEST_F(PostPassword, AMissingOneIsAskedForAndNotShown)
+{
+    const ScriptedServer server({test::When::REQUEST, {test::Answer([](const test::Request &request) {
+                                     return request.HasLine("Authorization: Basic bWU6c2VjcmV0")
+                                                ? test::Reply(200, "welcome")
+                                                : test::Reply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
+                                 })}});
+    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
+    program.onTerminal = true;
+    ChildProcess post(program);
+    post.ReadUntil("Password for me: ");
+    post.Write("secret\n");
+    const std::string shown = post.ReadToEnd();
+    EXPECT_EQ(post.Wait(), 0) << shown;
+    EXPECT_TRUE(Has(shown, "welcome")) << shown;
+    EXPECT_FALSE(Has(shown, "secret")) << shown;
+}
+
+TEST_F(PostPassword, AnInterruptAtThePromptSendsNothing)
+{
+    const ScriptedServer server(test::ECHOING);
+    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
+    program.onTerminal = true;
+    ChildProcess post(program);
+    post.ReadUntil("Password for me: ");
+    post.Write("\003");
+    EXPECT_TRUE(Has(post.ReadToEnd(), "--user: no password was entered"));
+    EXPECT_GT(post.Wait(), 100);
+    EXPECT_EQ(server.RequestCount(), 0U);
+}
+
+TEST_F(PostPassword, WithoutATerminalItMustBeGiven)
+{
+    const ScriptedServer server(test::ECHOING);
+    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
+    program.inChild = [] { return setsid() > 0; };
+    const Finished run = RunProgram(program);
+    EXPECT_GT(run.status, 100);
+    EXPECT_TRUE(Has(run.errors, "without a terminal give NAME:PASSWORD")) << run.errors;
+    EXPECT_EQ(server.RequestCount(), 0U);
+}
+
+} // namespace
