@@ -88,9 +88,10 @@ const std::vector<std::string> HELP_LINES{
     "wait",
 };
 
-test::Program ConsoleProgram()
+test::Program ConsoleProgram(const std::vector<std::string> &options = {})
 {
     test::Program program = test::Nvrhttp({"console"});
+    program.command.insert(program.command.end(), options.begin(), options.end());
     program.environment = {"TERM=xterm", "ASAN_OPTIONS=detect_leaks=0"}; /* each self-test keeps its text */
     return program;
 }
@@ -99,9 +100,9 @@ class Console : public test::IntegrationTest
 {
   protected:
     /* All that the console prints for these lines, which need not end with "quit". */
-    std::string Run(const std::string &input)
+    std::string Run(const std::string &input, const std::vector<std::string> &options = {})
     {
-        test::ChildProcess console(ConsoleProgram());
+        test::ChildProcess console(ConsoleProgram(options));
         console.Write(input);
         console.CloseInput();
         std::string output = console.ReadToEnd();
@@ -234,6 +235,8 @@ const std::vector<BadLine> BAD_LINES{
     {"sendbycurltest 0 0xffffffffffffffff", NO_URL},
     {"sendbycurltest 0 -5", NO_URL},
     {"sendbycurltest 0 99999999999999999999", NO_URL},
+    {"sendbycurltest 0 http://127.0.0.1/" + std::string(47, 'x'),
+     "sendbycurltest: URL has 64 characters, and the library would cut it at 63" + TEST_USAGE},
     {"sendbycurltest 0 \"http://127.0.0.1/", "a quote is not closed: sendbycurltest 0 \"http://127.0.0.1/"},
     {"sendbycurlshow 1", "sendbycurlshow: too many arguments; usage: sendbycurlshow"},
     {"NvrHttpCurlCltshow all", "NvrHttpCurlCltshow: too many arguments; usage: NvrHttpCurlCltshow"},
@@ -261,17 +264,40 @@ TEST_F(Console, ALevelThatTheModuleRefusesIsReported)
 {
     EXPECT_EQ(Lines(Run("sendbycurlsetlog 0\nsendbycurlsetlog 4\nsendbycurlsetlog 2\nsendbycurlsetlog 255\n")),
               (std::vector<std::string>{
-                  "[SendCurl] SendByCurlSetLogLevel[L:#][Error] invalid level 0",
-                  "[SendCurl] SendByCurlSetLogLevel[L:#][Error] invalid level 4",
+                  "SendByCurlSetLogLevel[L:#][Error] invalid level 0",
+                  "SendByCurlSetLogLevel[L:#][Error] invalid level 4",
                   "SendByCurlSetLogLevel[L:#] Log level 2",
                   "SendByCurlSetLogLevel[L:#][Error] invalid level 255",
               }));
 }
 
-TEST_F(Console, TheListingsAreNotOnTheConsoleUntilTheLogIs)
+TEST_F(Console, TheLogIsWhereTheOptionSays)
 {
-    EXPECT_EQ(Run("sendbycurlshow\nNvrHttpCurlCltshow\n"), "");
+    const std::string idle = "SendByCurlShow[L:#] ------------------------Show End------------------------";
+    const std::string line = "sendbycurlshow\n";
+    EXPECT_EQ(Lines(Run(line)), std::vector<std::string>{idle});
+    EXPECT_EQ(Lines(Run(line, {"--log", "console"})), std::vector<std::string>{idle});
+    EXPECT_EQ(Lines(Run(line, {"--log", "both"})), std::vector<std::string>{idle});
+    EXPECT_EQ(Run(line, {"--log", "debuglog"}), "");
     EXPECT_EQ(exitStatus, 0);
+}
+
+/* An error is in the debug log's file unless the lines go to the console alone. */
+TEST_F(Console, TheDebugLogGetsTheLinesWhereTheOptionSays)
+{
+    for (const std::string option : {"debuglog", "console", "both"}) {
+        const test::TemporaryFolder folder;
+        test::Program program = ConsoleProgram({"--log", option});
+        program.environment.push_back("NVRHTTPCURL_LOG_DIR=" + folder.Path());
+        EXPECT_EQ(test::RunProgram(program, "sendbycurlsetlog 0\n").status, 0);
+        const std::string log = test::ReadFile(folder.Path() + "/SendCurl.log");
+        EXPECT_EQ(log.find("invalid level 0") != std::string::npos, option != "console") << option;
+    }
+}
+
+TEST_F(Console, AnUnknownPlaceForTheLogIsRefused)
+{
+    EXPECT_GT(test::RunProgram(ConsoleProgram({"--log", "file"})).status, 100);
 }
 
 TEST_F(Console, QuitLeavesTheRestUnread)
@@ -322,7 +348,7 @@ TEST_F(ConsoleWithServer, LeavingWaitsForAnAsynchronousAnswer)
 
 TEST_F(ConsoleWithServer, LeavingWaitsAlsoWhereTheLogIsNotOnTheConsole)
 {
-    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + server.Url("/delay/1000") + "\n")),
+    EXPECT_EQ(WithoutLogLines(Run("sendbycurltest 1 " + server.Url("/delay/1000") + "\n", {"--log", "debuglog"})),
               "waiting for the answer of an asynchronous sendbycurltest (6 seconds from its start at most)\n");
     EXPECT_EQ(exitStatus, 0);
 }
@@ -347,6 +373,13 @@ TEST_F(ConsoleWithServer, ShowListsAPostUntilItIsNotified)
                   "SendByCurlShow[L:#] ------------------------Show End------------------------",
               }));
     EXPECT_EQ(LinesOf({"SendByCurlReqProgressNtf"}, output).size(), 3U) << output;
+}
+
+TEST_F(ConsoleWithServer, AUrlOfSixtyThreeCharactersIsUsedWhole)
+{
+    const std::string longest = url + std::string(63 - url.size(), 'x');
+    const std::string output = Run("sendbycurltest 0 " + longest + "\n");
+    EXPECT_NE(output.find("szUri:{" + longest + "}"), std::string::npos) << output;
 }
 
 TEST_F(ConsoleOnTerminal, AllFiveCommandsHelpAndQuit)
@@ -375,7 +408,7 @@ TEST_F(ConsoleOnTerminal, AllFiveCommandsHelpAndQuit)
 TEST_F(ConsoleOnTerminal, TabCompletesACommandInAnyCase)
 {
     EXPECT_EQ(Lines(RunOnTerminal("nVrHttpCurlCltv\t")),
-              (std::vector<std::string>{"[SendCurl] _NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}"}));
+              (std::vector<std::string>{"_NvrHttpCurlCltShowVersion[L:#][Error] compile time {#}"}));
     EXPECT_EQ(RunOnTerminal("q\tnow"), "quit: too many arguments; usage: quit\n");
 }
 
@@ -396,6 +429,18 @@ TEST_F(ConsoleOnTerminal, ALineCanBeEditedAndCalledBack)
               "nonsense: no such command; \"help\" lists them\n");
     EXPECT_EQ(RunOnTerminal("other"), "other: no such command; \"help\" lists them\n");
     EXPECT_EQ(RunOnTerminal(up + up), "nonsense: no such command; \"help\" lists them\n");
+}
+
+TEST_F(ConsoleOnTerminal, CtrlCClearsTheLine)
+{
+    for (int round = 0; round < 2; round++) {
+        Type("sendbycurlsetlog 3\003");
+        console.ReadUntil("^C\r\n");
+        console.ReadUntil("nvrhttp> ");
+        EXPECT_EQ(RunOnTerminal("other"), "other: no such command; \"help\" lists them\n");
+    }
+    Type("quit\r");
+    EXPECT_EQ(EndStatus(), 0);
 }
 
 TEST_F(ConsoleOnTerminal, EndOfInputLeaves)
