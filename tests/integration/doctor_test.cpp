@@ -7,6 +7,7 @@
 
 #include "integration_fixture.h"
 #include "nvrhttp_program.h"
+#include "tests/support/loopback.h"
 
 namespace
 {
@@ -27,6 +28,17 @@ TEST_F(Doctor, NamesWhatTheLibraryReliesOn)
           "ok       proxy         no variable that libcurl obeys", " open files ", "\n0 missing, "}) {
         EXPECT_TRUE(Has(run.output, topic)) << topic << " in\n" << run.output;
     }
+}
+
+/* Where the library itself logs, as a post that fails shows. */
+TEST_F(Doctor, SaysWhereTheLogIs)
+{
+    const test::ClosedPort closed;
+    const std::string path = logFolder.Path() + "/SendCurl.log";
+    EXPECT_NE(RunProgram(Nvrhttp({"post", closed.Url()})).status, 0);
+    EXPECT_TRUE(Has(test::ReadFile(path), "curl_easy_perform is failed"));
+    EXPECT_TRUE(Has(RunProgram(Nvrhttp({"doctor"})).output, "ok       log           " + path + " ("));
+    EXPECT_TRUE(Has(test::Folded(RunProgram(Nvrhttp({"--help"})).output), "logged in " + path + ";"));
 }
 
 TEST_F(Doctor, WarnsOfProxies)

@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/common/read_all.h"
+#include "tools/common/whole_file.h"
 #include "tools/post/post_status.h"
 #include "tools/post/post_tally.h"
 
@@ -71,7 +71,7 @@ class Status : public Tally
     {
         std::string text;
         const int reader = open(("/proc/self/fd/" + std::to_string(fileno(file))).c_str(), O_RDONLY | O_CLOEXEC);
-        EXPECT_TRUE(ReadAll(reader, text));
+        EXPECT_TRUE(ReadAll(reader, SIZE_MAX, text));
         close(reader);
         return text;
     }

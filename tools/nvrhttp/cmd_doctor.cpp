@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "support/hcc_numbers.h"
+#include "tools/common/log_place.h"
 
 namespace
 {
@@ -227,6 +228,7 @@ int Doctor()
     ExamineWakeupPorts(tFindings);
     ExamineProxies(tFindings);
     ExamineOpenFiles(tFindings);
+    Report(tFindings, FINDING_OK, "log", "%s (NVRHTTPCURL_LOG_DIR names another folder)", LogFilePath().c_str());
     printf("%u missing, %u warnings\n", tFindings.dwMissing, tFindings.dwWarnings);
     return tFindings.dwMissing == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/log_place.h"
 #include "tools/common/standard_streams.h"
 
 static const char s_szExamples[] =
@@ -21,7 +22,9 @@ static const char s_szExamples[] =
     "  printf 'NvrHttpCurlCltver\\nquit\\n' | nvrhttp console\n"
     "  nvrhttp doctor                                   what this machine offers the library\n"
     "\n"
-    "Each command has its own --help.";
+    "Each command has its own --help.\n"
+    "\n"
+    "The library's errors are logged in ";
 
 /* CLI11 says no more of a word in place of a command than that a command is missing. */
 static std::string FailureText(const CLI::App *ptApp, const CLI::Error &tError)
@@ -38,7 +41,7 @@ static int ParseAndRun(int nArgc, char **ppchArgv)
     CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
     int nStatus = 0;
     tApp.set_version_flag("--version", std::string("nvrhttp ") + NVRHTTP_VERSION);
-    tApp.footer(s_szExamples);
+    tApp.footer(s_szExamples + LogFilePath() + ";\nNVRHTTPCURL_LOG_DIR names another folder for it.");
     tApp.require_subcommand(1);
     tApp.failure_message(FailureText);
     AddConsoleCommand(tApp, nStatus);
