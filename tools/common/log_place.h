@@ -7,6 +7,6 @@
 #include <string>
 
 /* The path of the debug log's file as the environment has it now. */
-std::string LogFilePath();
+std::string DebugLogPath();
 
 #endif

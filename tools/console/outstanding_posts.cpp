@@ -51,7 +51,7 @@ bool HasOutstandingPosts(int nLogType)
         const bool bWanted = nLogType != LOG_TO_DEBUGLOG || Has(strLine, "[Error]");
         bOutstanding = bOutstanding || (bListed && Has(strLine, "bUseFlag:"));
         if (!bOurs && bWanted) {
-            fputs(strLine.c_str(), stdout);
+            fputs(strLine.c_str(), nLogType == LOG_TO_DEBUGLOG ? stderr : stdout);
         }
         uBegin = uEnd;
     }

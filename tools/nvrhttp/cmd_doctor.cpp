@@ -228,7 +228,7 @@ int Doctor()
     ExamineWakeupPorts(tFindings);
     ExamineProxies(tFindings);
     ExamineOpenFiles(tFindings);
-    Report(tFindings, FINDING_OK, "log", "%s (NVRHTTPCURL_LOG_DIR names another folder)", LogFilePath().c_str());
+    Report(tFindings, FINDING_OK, "log", "%s (NVRHTTPCURL_LOG_DIR names another folder)", DebugLogPath().c_str());
     printf("%u missing, %u warnings\n", tFindings.dwMissing, tFindings.dwWarnings);
     return tFindings.dwMissing == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

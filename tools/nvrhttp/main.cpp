@@ -41,7 +41,7 @@ static int ParseAndRun(int nArgc, char **ppchArgv)
     CLI::App tApp{"Posts JSON over HTTP and HTTPS, and shows the library at work"};
     int nStatus = 0;
     tApp.set_version_flag("--version", std::string("nvrhttp ") + NVRHTTP_VERSION);
-    tApp.footer(s_szExamples + LogFilePath() + ";\nNVRHTTPCURL_LOG_DIR names another folder for it.");
+    tApp.footer(s_szExamples + DebugLogPath() + ";\nNVRHTTPCURL_LOG_DIR names another folder for it.");
     tApp.require_subcommand(1);
     tApp.failure_message(FailureText);
     AddConsoleCommand(tApp, nStatus);
