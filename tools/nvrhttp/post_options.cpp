@@ -113,14 +113,9 @@ void CheckJob(const TPostJob &tJob)
     }
 }
 
-void AddRequestOptions(CLI::App &tPost, TPostOptions &tOptions)
+void AddDataOptions(CLI::App &tPost, TPostOptions &tOptions)
 {
-    TPostJob &tJob = tOptions.tJob;
-    tJob.dwTimeoutMS = 10000;
-    tJob.dwConnTimeOutMS = 5000;
-    const CLI::Range tMillis(1U, 0x7FFFFFFFU);
-
-    tPost.add_option("URL", tJob.strUrl, "http:// or https:// target")
+    tPost.add_option("URL", tOptions.tJob.strUrl, "http:// or https:// target")
         ->required()
         ->type_name("")
         ->check(HttpUrlComplaint);
@@ -134,6 +129,15 @@ void AddRequestOptions(CLI::App &tPost, TPostOptions &tOptions)
         ->type_name("BYTES")
         ->check(CLI::Range(1U, UINT32_MAX))
         ->capture_default_str();
+}
+
+void AddTransferOptions(CLI::App &tPost, TPostOptions &tOptions)
+{
+    TPostJob &tJob = tOptions.tJob;
+    tJob.dwTimeoutMS = 10000;
+    tJob.dwConnTimeOutMS = 5000;
+    const CLI::Range tMillis(1U, 0x7FFFFFFFU);
+
     tPost.add_option("--mode", tOptions.strMode, "How to send")
         ->check(CLI::IsMember({"sync", "async", "direct"}))
         ->capture_default_str();
@@ -182,7 +186,8 @@ void AddRunOptions(CLI::App &tPost, TPostOptions &tOptions)
 
 void AddPostOptions(CLI::App &tPost, TPostOptions &tOptions)
 {
-    AddRequestOptions(tPost, tOptions);
+    AddDataOptions(tPost, tOptions);
+    AddTransferOptions(tPost, tOptions);
     AddRunOptions(tPost, tOptions);
 }
 
