@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,7 +11,7 @@ namespace
 
 void OnInterrupt(int)
 {
-    /* It is enough that read returns. */
+    /* It is enough that the wait ends. */
 }
 
 bool WriteText(int nFd, const std::string &strText)
@@ -18,7 +19,14 @@ bool WriteText(int nFd, const std::string &strText)
     return write(nFd, strText.c_str(), strText.size()) == static_cast<ssize_t>(strText.size());
 }
 
-/* A line without its newline; false at the end of the input and after a signal. */
+/* Lets signals in while it waits, and only then: none can come between the prompt and the wait. */
+bool WaitForLine(int nFd, const sigset_t &tSignals)
+{
+    pollfd tWait = {nFd, POLLIN, 0};
+    return ppoll(&tWait, 1, nullptr, &tSignals) == 1;
+}
+
+/* A line without its newline; false at the end of the input. */
 bool ReadLine(int nFd, std::string &strLine)
 {
     char chOne = 0;
@@ -30,7 +38,7 @@ bool ReadLine(int nFd, std::string &strLine)
 }
 
 /* The prompt comes when what is typed is no longer shown. */
-bool AskUnseen(int nTerminal, const std::string &strPrompt, std::string &strPassword)
+bool AskUnseen(int nTerminal, const sigset_t &tSignals, const std::string &strPrompt, std::string &strPassword)
 {
     termios tBefore = {};
     if (tcgetattr(nTerminal, &tBefore) != 0) {
@@ -39,7 +47,7 @@ bool AskUnseen(int nTerminal, const std::string &strPrompt, std::string &strPass
     termios tUnseen = tBefore;
     tUnseen.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     const bool bRead = tcsetattr(nTerminal, TCSAFLUSH, &tUnseen) == 0 && WriteText(nTerminal, strPrompt) &&
-                       ReadLine(nTerminal, strPassword);
+                       WaitForLine(nTerminal, tSignals) && ReadLine(nTerminal, strPassword);
     tcsetattr(nTerminal, TCSAFLUSH, &tBefore);
     return WriteText(nTerminal, "\n") && bRead;
 }
@@ -57,7 +65,13 @@ bool AskPassword(const std::string &strPrompt, std::string &strPassword)
     struct sigaction tBefore = {};
     tAction.sa_handler = OnInterrupt;
     sigaction(SIGINT, &tAction, &tBefore);
-    const bool bAsked = AskUnseen(nTerminal, strPrompt, strPassword);
+    sigset_t tInterrupt;
+    sigset_t tSignals;
+    sigemptyset(&tInterrupt);
+    sigaddset(&tInterrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &tInterrupt, &tSignals);
+    const bool bAsked = AskUnseen(nTerminal, tSignals, strPrompt, strPassword);
+    pthread_sigmask(SIG_SETMASK, &tSignals, nullptr);
     sigaction(SIGINT, &tBefore, nullptr);
     close(nTerminal);
     return bAsked;
