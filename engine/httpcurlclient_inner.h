@@ -132,7 +132,7 @@ ENvrHttpCurlCltRet __NvrHttpCurlClt_CurlErrCode2Clt(CURLcode eCurlCode);
 
 /* Thread entry; pvTask is the task record. Returns after the task's bExit was set. */
 void _NvrHttpCurlCltWorkerRoutine(void *pvTask);
-/* Adds queued requests to the multi handle and drives the transfers if there were any; returns their number. */
+/* Adds queued requests to the multi handle and drives the transfers if it added any; returns their number. */
 uint32_t _NvrHttpCurlClt_CheckAddMultiHandle(TNvrHttpCurlCltTask *ptTask, CURLM *ptMulti);
 /*
  * Drive the transfers as far as they can go at once and complete those that have ended. The two

@@ -60,13 +60,13 @@ static uint32_t SlotIndex(const TNvrHttpCurlCltInst *ptInst)
 static bool AllocateTasks(TNvrHttpCurlCltInst *ptInst, uint32_t dwThreadNum)
 {
     ptInst->dwTaskNum = 0;
-    const uint32_t dwBytes = dwThreadNum * static_cast<uint32_t>(sizeof(TNvrHttpCurlCltTask));
-    ptInst->atTasks = static_cast<TNvrHttpCurlCltTask *>(ptInst->tMemCB.pfMalloc(dwBytes));
+    const uint64_t qwBytes = uint64_t{dwThreadNum} * sizeof(TNvrHttpCurlCltTask);
+    ptInst->atTasks = static_cast<TNvrHttpCurlCltTask *>(ptInst->tMemCB.pfMalloc(static_cast<size_t>(qwBytes)));
     if (ptInst->atTasks == nullptr) {
         HCC_LOG_AS(s_szInit, HCC_LEVEL_ERROR, "[Error] malloc failed, atTasks\n");
         return false;
     }
-    NVRHCCMemzero(ptInst->atTasks, dwBytes);
+    NVRHCCMemzero(ptInst->atTasks, static_cast<uint32_t>(qwBytes));
     return true;
 }
 

@@ -3,12 +3,12 @@
  *
  * One pass:
  *   1. Leave if the task is asked to exit.
- *   2. Add the queued requests of the run list to the multi handle and, if there were any,
+ *   2. Add the queued requests of the run list to the multi handle and, if any was added,
  *      drive the transfers and complete what has ended.
  *   3. Wait up to 50 ms for activity on a transfer or on the wake-up socket.
- *   4. Without activity: rest 2 ms, next pass. NOTHING IS DRIVEN. A libcurl timer that falls
- *      due later, the time-outs of requests among them, is therefore acted upon only at the
- *      next activity or submission. This is the chosen behaviour, see docs/contracts.md.
+ *   4. Without activity: rest 2 ms, next pass. NOTHING IS DRIVEN. libcurl's timers that
+ *      fall due later, the time-outs of requests among them, are therefore acted upon only at
+ *      the next activity or submission. This is the chosen behaviour, see docs/contracts.md.
  *   5. Read one wake-up datagram if there is one; if there was nothing else, next pass at
  *      once: the request that it announces is added there.
  *   6. Otherwise drive and complete, rest 2 ms, next pass.
@@ -43,7 +43,7 @@ typedef struct TWorker {
     TNvrHttpCurlCltTask *ptTask;
     CURLM *ptMulti; /* a copy: a recovery replaces it here, the task gets it at the end */
     struct curl_waitfd tWakeUp;
-    int nNumFds; /* keeps the last successful wait's value when a wait fails */
+    int nNumFds; /* a failed wait leaves the value of the pass before */
 } TWorker;
 
 /* What the completions of one call share. */
@@ -58,8 +58,7 @@ typedef struct TCompletion {
 
 /*
  * Looks for the node whose easy handle has ended and takes it out of the run list. If there
- * is none, the node visited last stays current. An element of the list is never
- * null.
+ * is none, the node visited last stays current. An element of the list is never null.
  */
 static void TakeEnded(TCompletion *ptDone, const CURL *ptEasy)
 {
@@ -151,14 +150,14 @@ static bool IsTimerDue(CURLM *ptMulti)
  * own buffers, and asks by a timer that is due at once to be called again. No descriptor
  * becomes ready for what it already holds, so nobody would call it later.
  *
- * A timer that is due before a perform counts as well as one that is due after it: libcurl
- * 7.88 discards the request to be called again together with an older timer that ran out. Only
- * a perform with no timer due on either side has left nothing behind.
+ * A timer that is due before a perform counts as well as one that is due after it: older
+ * versions, 7.88.1 among them, discard the request to be called again together with an older
+ * timer that ran out. Only a perform with no timer due on either side has left nothing behind.
+ * A perform that fails ends the drive.
  *
- * The bound keeps callbacks and the exit request from waiting for a transfer without end. A
- * perform moves some 16 KB of each transfer, so the bound lets through 16 MB, more than the
- * 10 MB that libcurl lets an HTTP/2 server send ahead; what comes behind them is still in the
- * socket and ends the next wait.
+ * The bound keeps callbacks and the exit request from waiting for an answer that never ends. A
+ * perform moves some 16 KB of each transfer, so answers of up to some 16 MB always get through;
+ * the end of a longer one may, in the worst case, wait for the next activity.
  */
 static CURLMcode DriveTransfers(CURLM *ptMulti, int *pnStillRunning)
 {
@@ -255,7 +254,7 @@ static void ReplaceMulti(TWorker *ptWorker, CURLMcode eCode)
                "[Error] curl_multi_wait() return err{%d}, ptCurlMultiHandle{%p} is bad.\n", eCode,
                HCCLogPtr(ptWorker->ptMulti));
     curl_multi_cleanup(ptWorker->ptMulti);
-    ptWorker->ptMulti = curl_multi_init(); /* a null makes the next wait fail and come back here */
+    ptWorker->ptMulti = curl_multi_init(); /* a null makes adding and waiting fail, and the wait come back here */
     HCC_LOG_AS(s_szRoutine, HCC_LEVEL_INFO, " then curl_multi_init() again, ptCurCurlMultiHand{%p}\n",
                HCCLogPtr(ptWorker->ptMulti));
 }
