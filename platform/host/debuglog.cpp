@@ -94,16 +94,53 @@ template <typename TChange> uint32_t Change(uint32_t dwModule, TChange pfChange)
     }
 }
 
+/*
+ * libc's lock of the time zone may be taken for ever in a forked child: another thread of the
+ * parent was in localtime. The child therefore counts days itself, with the parent's offset.
+ */
+bool s_bForkedChild = false;
+long s_nUtcOffset = 0; /* seconds, as of the latest fork */
+
+long UtcOffset()
+{
+    const time_t tNow = time(nullptr);
+    tm tLocal = {};
+    localtime_r(&tNow, &tLocal);
+    return tLocal.tm_gmtoff;
+}
+
+/* The Gregorian calendar without libc. Years begin in March, so that a leap day is their last. */
+tm CalendarTime(time_t nSeconds)
+{
+    enum { DAY = 86400, DAYS_TO_1970 = 719468, DAYS_IN_400_YEARS = 146097 };
+    const long nDays = nSeconds / DAY + DAYS_TO_1970;
+    const long nDayOfEra = nDays % DAYS_IN_400_YEARS;
+    const long nYearOfEra = (nDayOfEra - nDayOfEra / 1460 + nDayOfEra / 36524 - nDayOfEra / 146096) / 365;
+    const long nDayOfYear = nDayOfEra - (365 * nYearOfEra + nYearOfEra / 4 - nYearOfEra / 100);
+    const long nMonth = (5 * nDayOfYear + 2) / 153; /* 0 is March */
+    tm tTime = {};
+    tTime.tm_mday = static_cast<int>(nDayOfYear - (153 * nMonth + 2) / 5 + 1);
+    tTime.tm_mon = static_cast<int>((nMonth + 2) % 12);
+    tTime.tm_year = static_cast<int>(nDays / DAYS_IN_400_YEARS * 400 + nYearOfEra - 1900 + (nMonth > 9 ? 1 : 0));
+    tTime.tm_hour = static_cast<int>(nSeconds % DAY / 3600);
+    tTime.tm_min = static_cast<int>(nSeconds % 3600 / 60);
+    tTime.tm_sec = static_cast<int>(nSeconds % 60);
+    return tTime;
+}
+
 std::string LocalTime()
 {
     timespec tNow;
     clock_gettime(CLOCK_REALTIME, &tNow);
     tm tLocal = {};
-    localtime_r(&tNow.tv_sec, &tLocal);
-    char achSecond[64];
-    strftime(achSecond, sizeof(achSecond), "%Y-%m-%d %H:%M:%S", &tLocal);
-    char achTime[80];
-    snprintf(achTime, sizeof(achTime), "%s.%03ld ", achSecond, tNow.tv_nsec / 1000000);
+    if (s_bForkedChild) {
+        tLocal = CalendarTime(tNow.tv_sec + s_nUtcOffset);
+    } else {
+        localtime_r(&tNow.tv_sec, &tLocal);
+    }
+    char achTime[96];
+    snprintf(achTime, sizeof(achTime), "%04d-%02d-%02d %02d:%02d:%02d.%03ld ", tLocal.tm_year + 1900, tLocal.tm_mon + 1,
+             tLocal.tm_mday, tLocal.tm_hour, tLocal.tm_min, tLocal.tm_sec, tNow.tv_nsec / 1000000);
     return achTime;
 }
 
@@ -161,6 +198,9 @@ __attribute__((noinline, format(printf, 3, 0))) void PrintWanted(uint32_t dwModu
 void LockForFork()
 {
     s_tLock.lock();
+    if (!s_bForkedChild) {
+        s_nUtcOffset = UtcOffset();
+    }
 }
 
 void UnlockInParent()
@@ -170,6 +210,7 @@ void UnlockInParent()
 
 void UnlockInChild()
 {
+    s_bForkedChild = true;
     for (TModule *ptModule : s_aptModules) {
         if (ptModule != nullptr) {
             LogFileClose(ptModule->tFile);
