@@ -38,7 +38,7 @@ Finished RunOnFullDisk(test::Program program, const std::string &input = "")
 {
     program.output = open("/dev/full", O_WRONLY | O_CLOEXEC);
     EXPECT_GE(program.output, 0);
-    const Finished run = RunProgram(program, input);
+    Finished run = RunProgram(program, input);
     close(program.output);
     return run;
 }

@@ -149,6 +149,16 @@ void AddTransferOptions(CLI::App &tPost, TPostOptions &tOptions)
                     "User and password, in sync mode only; a password that is missing is asked for, and one that is "
                     "given can be seen in the list of processes")
         ->type_name("NAME[:PASSWORD]");
+    tPost.add_flag("--verify", tJob.bVerify, "Check the server's certificate, in direct mode only");
+}
+
+void AddLimitOptions(CLI::App &tPost, TPostOptions &tOptions)
+{
+    TPostJob &tJob = tOptions.tJob;
+    tJob.dwTimeoutMS = 10000;
+    tJob.dwConnTimeOutMS = 5000;
+    const CLI::Range tMillis(1U, 0x7FFFFFFFU);
+
     tPost.add_option("--timeout", tJob.dwTimeoutMS, "Milliseconds for a whole transfer")
         ->type_name("MS")
         ->check(tMillis)
@@ -157,7 +167,6 @@ void AddTransferOptions(CLI::App &tPost, TPostOptions &tOptions)
         ->type_name("MS")
         ->check(tMillis)
         ->capture_default_str();
-    tPost.add_flag("--verify", tJob.bVerify, "Check the server's certificate, in direct mode only");
     tOptions.ptMaxAnswer =
         tPost
             .add_option("--max-answer", tJob.dwMaxAnswer,
