@@ -134,10 +134,6 @@ void AddDataOptions(CLI::App &tPost, TPostOptions &tOptions)
 void AddTransferOptions(CLI::App &tPost, TPostOptions &tOptions)
 {
     TPostJob &tJob = tOptions.tJob;
-    tJob.dwTimeoutMS = 10000;
-    tJob.dwConnTimeOutMS = 5000;
-    const CLI::Range tMillis(1U, 0x7FFFFFFFU);
-
     tPost.add_option("--mode", tOptions.strMode, "How to send")
         ->check(CLI::IsMember({"sync", "async", "direct"}))
         ->capture_default_str();
@@ -197,6 +193,7 @@ void AddPostOptions(CLI::App &tPost, TPostOptions &tOptions)
 {
     AddDataOptions(tPost, tOptions);
     AddTransferOptions(tPost, tOptions);
+    AddLimitOptions(tPost, tOptions);
     AddRunOptions(tPost, tOptions);
 }
 
