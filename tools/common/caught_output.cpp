@@ -1,5 +1,6 @@
 #include "tools/common/caught_output.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>

@@ -41,7 +41,7 @@ void CThreadPerConnection::Run(const std::function<void()> &pfServe)
     m_tEnded.notify_all();
 }
 
-void CThreadPerConnection::enqueue(std::function<void()> pfServe)
+TEnqueued CThreadPerConnection::enqueue(std::function<void()> pfServe)
 {
     {
         const std::lock_guard<std::mutex> tGuard(m_tLock);
@@ -52,6 +52,7 @@ void CThreadPerConnection::enqueue(std::function<void()> pfServe)
     } catch (const std::system_error &) {
         Run(pfServe); /* no thread to be had: this one serves, and accepts again afterwards */
     }
+    return TEnqueued(true);
 }
 
 void CThreadPerConnection::shutdown()

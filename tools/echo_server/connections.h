@@ -9,12 +9,16 @@
 #include <functional>
 #include <httplib.h>
 #include <mutex>
+#include <utility>
+
+/* Nothing in older versions of cpp-httplib, in newer ones whether the connection is taken. */
+using TEnqueued = decltype(std::declval<httplib::TaskQueue &>().enqueue(nullptr));
 
 /* A thread for each connection: one that is idle or slow holds up no other. */
 class CThreadPerConnection : public httplib::TaskQueue
 {
   public:
-    void enqueue(std::function<void()> pfServe) override;
+    TEnqueued enqueue(std::function<void()> pfServe) override;
 
     /* Waits for all connections. */
     void shutdown() override;
