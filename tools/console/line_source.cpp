@@ -1,6 +1,5 @@
 #include "tools/console/line_source.h"
 
-#include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -64,6 +63,22 @@ unsigned char Complete(EditLine *ptEdit, int)
     return CC_REDISPLAY;
 }
 
+unsigned char ClearLine(EditLine *ptEdit, int)
+{
+    const LineInfo *ptLine = el_line(ptEdit);
+    el_cursor(ptEdit, static_cast<int>(ptLine->lastchar - ptLine->cursor));
+    el_deletestr(ptEdit, static_cast<int>(ptLine->lastchar - ptLine->buffer));
+    printf("^C\n");
+    fflush(stdout);
+    return CC_REDISPLAY;
+}
+
+unsigned char Suspend(EditLine *, int)
+{
+    raise(SIGTSTP); /* libedit gives the terminal back before, and takes it over afterwards */
+    return CC_REFRESH;
+}
+
 /* libedit declares its texts writable, though it does not write them. */
 char *Prompt(EditLine *)
 {
@@ -81,8 +96,6 @@ class CEditedLines : public CLineSource
     bool Next(std::string &strLine) override;
 
   private:
-    const char *Edit(int &nLen);
-
     EditLine *m_ptEdit;
     History *m_ptHistory;
 };
@@ -101,6 +114,12 @@ CEditedLines::CEditedLines() : m_ptEdit(el_init("nvrhttp", stdin, stdout, stderr
     el_set(m_ptEdit, EL_HIST, history, m_ptHistory);
     /* The wide form keeps these very texts; the other would keep copies that nobody frees. */
     el_wset(m_ptEdit, EL_ADDFN, L"complete-command", L"Complete the command's name", Complete);
+    el_wset(m_ptEdit, EL_ADDFN, L"clear-line", L"Clear the line", ClearLine);
+    el_wset(m_ptEdit, EL_ADDFN, L"suspend", L"Suspend the program", Suspend);
+    /* While a line is edited, these are keys: as a signal, Ctrl-C would end the program or come between two keys. */
+    el_set(m_ptEdit, EL_SETTY, "-d", "-isig", nullptr);
+    el_set(m_ptEdit, EL_BIND, "^C", "clear-line", nullptr);
+    el_set(m_ptEdit, EL_BIND, "^Z", "suspend", nullptr);
     el_set(m_ptEdit, EL_BIND, "^I", "complete-command", nullptr);
     el_set(m_ptEdit, EL_BIND, "^R", "em-inc-search-prev", nullptr);
 }
@@ -111,31 +130,10 @@ CEditedLines::~CEditedLines()
     el_end(m_ptEdit);
 }
 
-void OnInterrupt(int)
-{
-    /* It is enough that el_gets returns. */
-}
-
-/* A line, or null with nLen -1 after Ctrl-C, which ends the program only while a command runs. */
-const char *CEditedLines::Edit(int &nLen)
-{
-    struct sigaction tAction = {};
-    struct sigaction tBefore = {};
-    tAction.sa_handler = OnInterrupt;
-    sigaction(SIGINT, &tAction, &tBefore);
-    const char *pchLine = el_gets(m_ptEdit, &nLen);
-    sigaction(SIGINT, &tBefore, nullptr);
-    return pchLine;
-}
-
 bool CEditedLines::Next(std::string &strLine)
 {
     int nLen = 0;
-    const char *pchLine = nullptr;
-    while ((pchLine = Edit(nLen)) == nullptr && nLen < 0 && errno == EINTR) {
-        el_reset(m_ptEdit);
-        printf("^C\n");
-    }
+    const char *pchLine = el_gets(m_ptEdit, &nLen);
     if (pchLine == nullptr || nLen <= 0) {
         printf("\n");
         return false;
