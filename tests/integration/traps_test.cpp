@@ -46,7 +46,13 @@ extern "C" int getaddrinfo(const char *, const char *, const addrinfo *, addrinf
 namespace
 {
 
-class Traps : public test::IntegrationTest
+class Scripted : public test::IntegrationTest
+{
+  protected:
+    const test::ScriptedServer server{test::ECHOING};
+};
+
+class Traps : public Scripted
 {
   protected:
     /* A request for the URL on which no other setter has been called. */
@@ -59,7 +65,6 @@ class Traps : public test::IntegrationTest
     }
 
     Engine engine{1};
-    const test::ScriptedServer server{test::ECHOING};
 };
 
 using TrapsWithNginx = test::NginxTest;
@@ -140,7 +145,7 @@ TEST_F(Traps, CarriageReturnAndLineFeedInAHeaderTextReachTheServer)
 
 /* --- the send module -------------------------------------------------------------------------- */
 
-using SendTraps = test::WithSendModule<Traps>;
+using SendTraps = test::WithSendModule<Scripted>;
 
 TEST_F(SendTraps, AFileUrlComesBackAsAnAnswer)
 {
