@@ -169,7 +169,7 @@ TEST_F(PostEnd, ASecondInterruptEndsItAtOnce)
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(errors.Text(), "");
     post.Signal(SIGINT);
-    EXPECT_EQ(post.Wait(std::chrono::seconds(5)), 130);
+    EXPECT_EQ(post.Wait(std::chrono::seconds(5)), -SIGINT);
 }
 
 TEST_F(PostEnd, AnInterruptThatTheCallerIgnoresIsIgnored)

@@ -72,20 +72,17 @@ pid_t Fork(const Program &program, const std::function<void()> &prepare)
     _exit(STATUS_NOT_RUN);
 }
 
-/* The exit status, once the program has ended within the limit or was killed after it. */
 int AwaitEnd(pid_t pid, std::chrono::milliseconds limit)
 {
     int status = 0;
-    pid_t ended = 0;
     if (pid <= 0) {
         return -1;
     }
-    WaitUntil([&] { return (ended = waitpid(pid, &status, WNOHANG)) != 0; }, limit);
-    if (ended == 0) {
+    if (!WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) {
         kill(pid, SIGKILL);
-        ended = waitpid(pid, &status, 0);
+        waitpid(pid, &status, 0);
     }
-    return ended == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 } // namespace

@@ -48,7 +48,7 @@ class ChildProcess
     int Terminal() const;
 
     void Signal(int number) const;
-    /* The exit status; -1 for a program that a signal ended, or the limit. */
+    /* The exit status; less than 0, the number of the signal that ended it: SIGKILL at the limit. */
     int Wait(std::chrono::milliseconds limit = PATIENCE);
 
   private:

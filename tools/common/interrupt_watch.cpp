@@ -1,7 +1,6 @@
 #include "tools/common/interrupt_watch.h"
 
 #include <csignal>
-#include <unistd.h>
 #include <utility>
 
 namespace
@@ -18,15 +17,10 @@ sigset_t SignalsOf(int nFirst, int nSecond)
     return tSignals;
 }
 
-void OnSecondInterrupt(int)
-{
-    _exit(STATUS_INTERRUPTED);
-}
-
+/* Nobody handles interrupts, so what blocks them is all that keeps one from ending the process. */
 void LetSecondInterruptEnd()
 {
     const sigset_t tInterrupt = SignalsOf(SIGINT, SIGINT);
-    signal(SIGINT, OnSecondInterrupt);
     pthread_sigmask(SIG_UNBLOCK, &tInterrupt, nullptr);
 }
 

@@ -19,7 +19,7 @@ void HoldInterrupts();
 
 /*
  * After HoldInterrupts: calls pfInterrupted at the first interrupt. A second one ends the process
- * at once with 130, whatever pfInterrupted is waiting for.
+ * at once, whatever pfInterrupted is waiting for; a shell reports that as 130, too.
  */
 void WatchInterrupts(TInterruptWatch &tWatch, std::function<void()> pfInterrupted);
 

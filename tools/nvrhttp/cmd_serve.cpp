@@ -4,6 +4,7 @@
 #include "tools/nvrhttp/commands.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
 #include "tools/common/open_files.h"
@@ -47,9 +49,10 @@ std::string Printable(std::string strText)
     return strText.empty() ? "-" : strText;
 }
 
+/* Past the stream, whose lock a thread that waits for a reader would hold. */
 void ShowRequest(const TEchoRequest &tRequest)
 {
-    fprintf(stderr, "%s %s %zu bytes, status %d, %.1f ms\n", Printable(tRequest.strMethod).c_str(),
+    dprintf(STDERR_FILENO, "%s %s %zu bytes, status %d, %.1f ms\n", Printable(tRequest.strMethod).c_str(),
             Printable(tRequest.strTarget).c_str(), tRequest.uBodyLen, tRequest.nStatus, tRequest.dMillis);
 }
 
@@ -78,8 +81,10 @@ sigset_t BlockSignals()
 /* A line of --show that nobody reads must not hold up the end. */
 void EndWithinASecond()
 {
-    signal(SIGALRM, [](int) { _exit(EXIT_SUCCESS); });
-    alarm(1);
+    std::thread([] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        _exit(EXIT_SUCCESS);
+    }).detach();
 }
 
 int Serve(TServeOptions &tOptions)
