@@ -9,15 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <iterator>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "engine/httpcurlclient_inner.h"
 #include "nvrhttpcurl/sendbycurl.h"
@@ -28,6 +24,7 @@
 #include "tests/support/log_lines.h"
 #include "tests/support/loopback.h"
 #include "tests/support/process_state.h"
+#include "tests/support/race.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
@@ -115,23 +112,18 @@ struct Outcome {
 /* Gives the pieces to the write function that was last set on the handle. */
 inline CURLcode Deliver(CURL *easy, const Outcome &outcome)
 {
-    uintptr_t function = 0;
-    uintptr_t data = 0;
+    curl_write_callback write = nullptr;
+    void *data = nullptr;
     for (const hooks::Option &each : hooks::Options()) {
         if (each.easy == easy && each.option == CURLOPT_WRITEFUNCTION) {
-            function = each.value;
+            write = reinterpret_cast<curl_write_callback>(each.value);
         }
         if (each.easy == easy && each.option == CURLOPT_WRITEDATA) {
-            data = each.value;
+            data = reinterpret_cast<void *>(each.value);
         }
     }
-    for (const std::string &piece : outcome.pieces) {
-        if (function == 0) {
-            break;
-        }
-        std::string copy = piece;
-        const auto write = reinterpret_cast<curl_write_callback>(function);
-        if (write(copy.data(), 1, copy.size(), reinterpret_cast<void *>(data)) != copy.size()) {
+    for (std::string piece : outcome.pieces) {
+        if (write != nullptr && write(piece.data(), 1, piece.size(), data) != piece.size()) {
             return CURLE_WRITE_ERROR;
         }
     }
@@ -149,27 +141,6 @@ inline void AnswerWith(const Outcome &outcome)
         *static_cast<long *>(value) = outcome.status;
         return CURLE_OK;
     };
-}
-
-/* --- racing ---------------------------------------------------------------------------------- */
-
-/* Runs work(0) to work(count - 1) on as many threads, let go at the same moment. */
-inline void Race(unsigned count, const std::function<void(unsigned)> &work)
-{
-    std::atomic<unsigned> ready{0};
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            ++ready;
-            while (ready < count) {
-                std::this_thread::yield();
-            }
-            work(i);
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
 }
 
 /* --- the module ---------------------------------------------------------------------------------- */

@@ -1,7 +1,6 @@
 /* The destruction of requests, and the locks under which submission and destruction work. */
-#include <thread>
-
 #include "tests/support/execute_fixture.h"
+#include "tests/support/race.h"
 
 namespace
 {
@@ -66,29 +65,10 @@ TEST_F(ExecuteDestroy, ARequestThatWasNeverSubmittedHasNoNumberedLines)
     HNvrHttpCurlCltReq req = CreatePrepared("http://127.0.0.1/", "body");
     const size_t handles = hooks::Calls("curl_easy_cleanup");
     DestroyExpecting(req, {});
-    ExpectNothingLeft();
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), handles + 1);
-}
-
-TEST_F(ExecuteDestroy, ATaskNumberBeyondTheTasksIsNoTask)
-{
-    HNvrHttpCurlCltReq req = Create();
-    req->dwTaskIndex = 4;
+    req = Create();
+    req->dwTaskIndex = 4; /* no task */
     DestroyExpecting(req, {});
-    ExpectNothingLeft();
-}
-
-TEST_F(ExecuteDestroy, AFinishedRequestHasLinesOneTwoAndFive)
-{
-    DestroyExpecting(CreateFinished(), {Counts(1, 1, 0), Counts(2, 0, 0), Counts(5, 0, 0)});
-    ExpectNothingLeft();
-}
-
-TEST_F(ExecuteDestroy, AQueuedRequestHasAllFive)
-{
-    HNvrHttpCurlCltReq req = CreateQueued();
-    DestroyExpecting(
-        req, {Counts(1, 0, 1), Missing(req), Counts(2, 0, 1), Counts(3, 0, 1), Counts(4, 0, 0), Counts(5, 0, 0)});
     ExpectNothingLeft();
 }
 
@@ -103,17 +83,22 @@ TEST_F(ExecuteDestroy, ANodeInNeitherListIsOnlyLogged)
     ExpectNothingLeft();
 }
 
-TEST_F(ExecuteDestroy, TheCountDoesNotFallBelowZeroForAFinishedRequest)
+/* The count of requests does not fall below zero. */
+TEST_F(ExecuteDestroy, AFinishedRequestHasLinesOneTwoAndFive)
 {
+    DestroyExpecting(CreateFinished(), {Counts(1, 1, 0), Counts(2, 0, 0), Counts(5, 0, 0)});
     HNvrHttpCurlCltReq req = CreateFinished();
     inst->dwAsyncReqNum = 0;
     DestroyExpecting(req, {Counts(1, 1, 0), NoCount(), Counts(2, 0, 0), Counts(5, 0, 0)});
     ExpectNothingLeft();
 }
 
-TEST_F(ExecuteDestroy, TheCountDoesNotFallBelowZeroForAQueuedRequest)
+TEST_F(ExecuteDestroy, AQueuedRequestHasAllFive)
 {
     HNvrHttpCurlCltReq req = CreateQueued();
+    DestroyExpecting(
+        req, {Counts(1, 0, 1), Missing(req), Counts(2, 0, 1), Counts(3, 0, 1), Counts(4, 0, 0), Counts(5, 0, 0)});
+    req = CreateQueued();
     inst->dwAsyncReqNum = 0;
     DestroyExpecting(req, {Counts(1, 0, 1), Missing(req), Counts(2, 0, 1), Counts(3, 0, 1), NoCount(), Counts(4, 0, 0),
                            Counts(5, 0, 0)});
@@ -129,7 +114,6 @@ TEST_F(ExecuteDestroy, TakesItsOwnNodeOnly)
     DestroyExpecting(requests[3], {Counts(1, 3, 2), Counts(2, 2, 2), Counts(5, 2, 2)});
     EXPECT_EQ(task->tFinList.dwNumOfElem, 2U);
     EXPECT_EQ(RequestsIn(task->tFinList), (std::vector<HNvrHttpCurlCltReq>{requests[0], requests[6]}));
-
     HNvrHttpCurlCltReq queued = requests[7];
     DestroyExpecting(
         queued, {Counts(1, 0, 5), Missing(queued), Counts(2, 0, 5), Counts(3, 0, 5), Counts(4, 0, 4), Counts(5, 0, 4)});
@@ -169,7 +153,8 @@ TEST_F(ExecuteDestroy, TheNodeGoesBackThroughTheRequestsCallback)
 
 /* The lists' memory callbacks are called where a list changes, so they see who holds what. */
 const TNvrHttpCurlCltTask *watched = nullptr;
-std::vector<std::string> changes;
+using Changes = std::vector<std::string>;
+Changes changes;
 
 void NoteChange(const char *what)
 {
@@ -199,17 +184,15 @@ TEST_F(ExecuteDestroy, EachListChangesUnderItsOwnLock)
         list->pfFree = NotingFree;
     }
     HNvrHttpCurlCltReq req = CreateQueued();
-    EXPECT_EQ(changes, std::vector<std::string>{"insert run"});
-    changes.clear();
+    EXPECT_EQ(std::exchange(changes, {}), Changes{"insert run"});
     EXPECT_EQ(Submit(finished), 0U);
-    EXPECT_EQ(changes, (std::vector<std::string>{"remove fin", "insert run"}));
-    changes.clear();
+    EXPECT_EQ(std::exchange(changes, {}), (Changes{"remove fin", "insert run"}));
     NvrHttpCurlCltReqDestroy(req);
-    EXPECT_EQ(changes, std::vector<std::string>{"remove run"});
+    EXPECT_EQ(changes, Changes{"remove run"});
     Finish(*task, finished);
     changes.clear();
     NvrHttpCurlCltReqDestroy(finished);
-    EXPECT_EQ(changes, std::vector<std::string>{"remove fin"});
+    EXPECT_EQ(changes, Changes{"remove fin"});
     for (TNVRHCCList *list : {&task->tRunList, &task->tFinList}) {
         list->pfMalloc = fake::MemCB().pfMalloc;
         list->pfFree = fake::MemCB().pfFree;
@@ -218,24 +201,16 @@ TEST_F(ExecuteDestroy, EachListChangesUnderItsOwnLock)
 
 TEST_F(ExecuteDestroy, ThreadsSubmitAndDestroyAtOnce)
 {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([this] {
-            std::vector<HNvrHttpCurlCltReq> mine;
-            for (int j = 0; j < 40; ++j) {
-                HNvrHttpCurlCltReq req = nullptr;
-                EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
-                EXPECT_EQ(Submit(req), 0U);
-                mine.push_back(req);
-            }
-            for (size_t j = 0; j < mine.size(); j += 2) {
-                NvrHttpCurlCltReqDestroy(mine[j]);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    Race(4, [this](unsigned) {
+        HNvrHttpCurlCltReq mine[40] = {};
+        for (HNvrHttpCurlCltReq &req : mine) {
+            EXPECT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
+            EXPECT_EQ(Submit(req), 0U);
+        }
+        for (size_t i = 0; i < std::size(mine); i += 2) {
+            NvrHttpCurlCltReqDestroy(mine[i]);
+        }
+    });
     EXPECT_EQ(inst->dwAsyncReqNum, 80U);
     for (uint32_t i = 0; i < 3; ++i) {
         const std::vector<HNvrHttpCurlCltReq> queued = RequestsIn(inst->atTasks[i].tRunList);

@@ -12,29 +12,20 @@
 
 #include "nvrhttpcurl/hcc_tools.h"
 #include "tests/support/hooks.h"
+#include "tests/support/race.h"
 
 namespace
 {
 
 /* --- the counter ---------------------------------------------------------------------------- */
 
-TEST(TickCount, IsWhatTimesReturns)
+TEST(TickCount, IsWhatTimesReturnsAndZeroWhereItFails)
 {
-    hooks::sys_times = [](struct tms *) { return static_cast<clock_t>(12345); };
-    EXPECT_EQ(NVRHCCGetTickCount(), 12345U);
-    EXPECT_EQ(hooks::Calls("times"), 1U);
-}
-
-TEST(TickCount, KeepsAllSixtyFourBits)
-{
-    hooks::sys_times = [](struct tms *) { return static_cast<clock_t>(0x123456789ABCLL); };
-    EXPECT_EQ(NVRHCCGetTickCount(), 0x123456789ABCU);
-}
-
-TEST(TickCount, IsZeroWhenTimesFails)
-{
-    hooks::sys_times = [](struct tms *) { return static_cast<clock_t>(-1); };
-    EXPECT_EQ(NVRHCCGetTickCount(), 0U);
+    for (const long ticks : {12345L, 0x123456789ABCL, -1L}) {
+        hooks::sys_times = [ticks](struct tms *) { return ticks; };
+        EXPECT_EQ(NVRHCCGetTickCount(), ticks < 0 ? 0 : static_cast<uint64_t>(ticks));
+    }
+    EXPECT_EQ(hooks::Calls("times"), 3U);
 }
 
 TEST(TickCount, HandsTimesAZeroedBuffer)
@@ -73,40 +64,33 @@ class TickToMS : public testing::Test
     size_t asked = 0;
 };
 
-TEST_F(TickToMS, GivesWholeSecondsOnly)
+/* A process for each, since the rate is kept. */
+struct Conversion {
+    const char *name;
+    long rate;
+    std::vector<std::pair<uint32_t, uint32_t>> values; /* ticks and milliseconds */
+};
+
+const Conversion CONVERSIONS[] = {
+    {"GivesWholeSecondsOnly", 100, {{0, 0}, {1, 0}, {99, 0}, {100, 1000}, {150, 1000}, {199, 1000}, {250, 2000}}},
+    {"DividesByTheRateOfTheSystem", 250, {{249, 0}, {250, 1000}, {1000, 4000}}},
+    {"WrapsWithoutSaturation", 100, {{429496700, 4294967000}, {429496800, 704}, {0xFFFFFFFF, 4294966336}}},
+    {"DividesUnsigned", 1, {{0x80000000, 0}, {0x80000001, 1000}}}}; /* 2^31 * 1000 is a multiple of 2^32 */
+
+class TickConversion : public TickToMS, public testing::WithParamInterface<Conversion>
 {
-    SetRates({100});
-    EXPECT_EQ(NVRHCCTickToMS(0), 0U);
-    EXPECT_EQ(NVRHCCTickToMS(1), 0U);
-    EXPECT_EQ(NVRHCCTickToMS(99), 0U);
-    EXPECT_EQ(NVRHCCTickToMS(100), 1000U);
-    EXPECT_EQ(NVRHCCTickToMS(150), 1000U);
-    EXPECT_EQ(NVRHCCTickToMS(199), 1000U);
-    EXPECT_EQ(NVRHCCTickToMS(250), 2000U);
+};
+
+TEST_P(TickConversion, IsRight)
+{
+    SetRates({GetParam().rate});
+    for (const auto &[ticks, milliseconds] : GetParam().values) {
+        EXPECT_EQ(NVRHCCTickToMS(ticks), milliseconds) << ticks;
+    }
 }
 
-TEST_F(TickToMS, DividesByTheRateThatTheSystemTells)
-{
-    SetRates({250});
-    EXPECT_EQ(NVRHCCTickToMS(249), 0U);
-    EXPECT_EQ(NVRHCCTickToMS(250), 1000U);
-    EXPECT_EQ(NVRHCCTickToMS(1000), 4000U);
-}
-
-TEST_F(TickToMS, WrapsWithoutSaturation)
-{
-    SetRates({100});
-    EXPECT_EQ(NVRHCCTickToMS(429496700), 4294967000U);
-    EXPECT_EQ(NVRHCCTickToMS(429496800), 704U);
-    EXPECT_EQ(NVRHCCTickToMS(0xFFFFFFFFU), 4294966336U);
-}
-
-TEST_F(TickToMS, DividesUnsigned)
-{
-    SetRates({1});
-    EXPECT_EQ(NVRHCCTickToMS(0x80000000U), 0U); /* 2^31 * 1000 is a multiple of 2^32 */
-    EXPECT_EQ(NVRHCCTickToMS(0x80000001U), 1000U);
-}
+INSTANTIATE_TEST_SUITE_P(Case, TickConversion, testing::ValuesIn(CONVERSIONS),
+                         [](const auto &test) { return test.param.name; });
 
 TEST_F(TickToMS, ReadsTheRateOnce)
 {
@@ -128,28 +112,15 @@ TEST_F(TickToMS, AsksAgainAfterAFailedReading)
 
 TEST_F(TickToMS, MayBeAskedFirstByManyThreadsAtOnce)
 {
-    std::vector<std::thread> threads;
-    std::vector<uint32_t> results(8, 0);
-    for (size_t i = 0; i < results.size(); ++i) {
-        threads.emplace_back(
-            [&results, i] { results[i] = NVRHCCTickToMS(static_cast<uint32_t>(3 * sysconf(_SC_CLK_TCK))); });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(results, std::vector<uint32_t>(8, 3000));
+    test::Race(8, [](unsigned) { EXPECT_EQ(NVRHCCTickToMS(static_cast<uint32_t>(3 * sysconf(_SC_CLK_TCK))), 3000U); });
 }
 
 /* --- difference ------------------------------------------------------------------------------- */
 
-TEST(TickDiff, IsLaterMinusEarlier)
+TEST(TickDiff, IsLaterMinusEarlierAlsoAcrossAWrap)
 {
     EXPECT_EQ(NVRHCCTickDiff(10, 25), 15U);
     EXPECT_EQ(NVRHCCTickDiff(7, 7), 0U);
-}
-
-TEST(TickDiff, IsRightAcrossAWrap)
-{
     EXPECT_EQ(NVRHCCTickDiff(0xFFFFFFF0U, 0x10), 0x20U);
     EXPECT_EQ(NVRHCCTickDiff(0xFFFFFFFFU, 0), 1U);
     EXPECT_EQ(NVRHCCTickDiff(1, 0), 0xFFFFFFFFU);
@@ -188,10 +159,7 @@ TEST(ThreadSetName, WorkerNamesAreCutToTheSameFifteenCharacters)
 TEST(ThreadSetName, HandsTheWholeNameOn)
 {
     std::string seen;
-    hooks::sys_set_name = [&](const char *name) {
-        seen = name;
-        return 0;
-    };
+    hooks::sys_set_name = [&](const char *name) { return seen = name, 0; };
     EXPECT_EQ(NVRHCCThreadSetName("NvrHttpCurlClt0203"), 0U);
     EXPECT_EQ(seen, "NvrHttpCurlClt0203");
 }

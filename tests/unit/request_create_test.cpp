@@ -2,8 +2,8 @@
  * Request objects: creation and release.
  */
 #include <atomic>
-#include <thread>
 
+#include "tests/support/race.h"
 #include "tests/support/request_fixture.h"
 
 namespace
@@ -31,32 +31,25 @@ class RequestCreate : public RequestTest
     HNvrHttpCurlCltReq req = nullptr;
 };
 
-TEST_F(RequestCreate, GivesARecordWithAnEasyHandleAndNoOption)
+TEST_F(RequestCreate, GivesAClearRecordWithAnEasyHandleAndNoOption)
 {
+    UseDirtyHeap();
     const size_t handles = hooks::Calls("curl_easy_init");
     ASSERT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
     ASSERT_NE(req, nullptr);
+    EXPECT_EQ(asked, std::vector<size_t>{sizeof(TNvrHttpCurlCltReqInner)});
     EXPECT_EQ(hooks::Calls("curl_easy_init"), handles + 1);
     EXPECT_EQ(req->ptInstance, inst);
     EXPECT_NE(req->ptReq, nullptr);
     EXPECT_EQ(req->pfMalloc, inst->tMemCB.pfMalloc);
     EXPECT_EQ(req->pfRealloc, inst->tMemCB.pfRealloc);
     EXPECT_EQ(req->pfFree, inst->tMemCB.pfFree);
-    ExpectLines({Info(CREATE, " create req %p, {easyhand:%p}\n", Ptr(req), Ptr(req->ptReq))});
-    EXPECT_EQ(hooks::Options().size(), 0U);
-    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance + 1);
-    NvrHttpCurlCltReqReset(req);
-}
-
-TEST_F(RequestCreate, ClearsTheRecord)
-{
-    UseDirtyHeap();
-    ASSERT_EQ(NvrHttpCurlCltReqCreat(inst, &req), 0U);
-    EXPECT_EQ(asked, std::vector<size_t>{sizeof(TNvrHttpCurlCltReqInner)});
     EXPECT_EQ(req->ptHeaderList, nullptr);
     EXPECT_EQ(req->dwTaskIndex, 0U);
     EXPECT_EQ(req->ptReqBody, nullptr);
     EXPECT_EQ(req->ptRespData, nullptr);
+    ExpectLines({Info(CREATE, " create req %p, {easyhand:%p}\n", Ptr(req), Ptr(req->ptReq))});
+    EXPECT_EQ(hooks::Options().size(), 0U);
     NvrHttpCurlCltReqReset(req);
 }
 
@@ -72,13 +65,9 @@ TEST_F(RequestCreate, RefusesAnAddressThatIsNoSlot)
         EXPECT_EQ(req, before);
         ExpectLines({Error(CREATE, "[Error] invalid instance %p\n", Ptr(bad))});
     }
-    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
-}
-
-TEST_F(RequestCreate, ChecksTheInstanceFirst)
-{
     EXPECT_EQ(NvrHttpCurlCltReqCreat(nullptr, nullptr), 4U);
     ExpectLines({Error(CREATE, "[Error] invalid instance %p\n", Ptr(nullptr))});
+    EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
 }
 
 TEST_F(RequestCreate, RefusesASlotThatIsNotInUseAndANullResult)
@@ -86,7 +75,6 @@ TEST_F(RequestCreate, RefusesASlotThatIsNotInUseAndANullResult)
     ExpectIncomplete(Slot(15), &req); /* never used */
     ExpectIncomplete(inst, nullptr);
     EXPECT_EQ(fake::BlocksAlive(), blocksOfInstance);
-
     TNvrHttpCurlCltInst *const slot = inst;
     Stop();
     Forget();
@@ -176,12 +164,9 @@ TEST_F(RequestCreate, GivesBackTheLockItTookThoughAnotherReplacedIt)
 TEST_F(RequestCreate, SerialisesEasyInitOverInstances)
 {
     std::atomic<int> inside{0};
-    std::atomic<int> most{0};
+    std::atomic<int> together{0};
     hooks::easy_init = [&] {
-        const int now = ++inside;
-        int seen = most;
-        while (seen < now && !most.compare_exchange_weak(seen, now)) {
-        }
+        together += inside++ > 0 ? 1 : 0;
         std::this_thread::yield();
         CURL *easy = hooks::real::easy_init();
         --inside;
@@ -190,20 +175,14 @@ TEST_F(RequestCreate, SerialisesEasyInitOverInstances)
     TNvrHttpCurlCltInst *const first = inst;
     Start(0, 0);
     TNvrHttpCurlCltInst *const second = inst;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([=] {
-            for (int j = 0; j < 20; ++j) {
-                HNvrHttpCurlCltReq mine = nullptr;
-                EXPECT_EQ(NvrHttpCurlCltReqCreat(i % 2 == 0 ? first : second, &mine), 0U);
-                NvrHttpCurlCltReqReset(mine);
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(most, 1);
+    Race(4, [=](unsigned index) {
+        for (int i = 0; i < 20; ++i) {
+            HNvrHttpCurlCltReq mine = nullptr;
+            EXPECT_EQ(NvrHttpCurlCltReqCreat(index % 2 == 0 ? first : second, &mine), 0U);
+            NvrHttpCurlCltReqReset(mine);
+        }
+    });
+    EXPECT_EQ(together, 0);
     NvrHttpCurlCltUninit(first);
 }
 
@@ -258,13 +237,6 @@ class RequestRelease : public RequestTest
 TEST_F(RequestRelease, FollowsItsOrder)
 {
     const std::vector<Freed> expected = Fill();
-    _FreeTNvrHttpCurlCltReqInner(req);
-    EXPECT_EQ(freed, expected);
-}
-
-TEST_F(RequestRelease, ResetReleasesTheWholeRequest)
-{
-    const std::vector<Freed> expected = Fill();
     EXPECT_EQ(NvrHttpCurlCltReqReset(req), 0U);
     EXPECT_EQ(freed, expected);
     ExpectLines({});
@@ -280,19 +252,14 @@ TEST_F(RequestRelease, GivesNoNullBlockBack)
     EXPECT_EQ(freed, expected);
 }
 
-TEST_F(RequestRelease, OfARequestWithoutBody)
+TEST_F(RequestRelease, OfNullOrARequestWithoutBody)
 {
     const std::vector<Freed> expected = {{'c', req->ptReq}, {'i', req}};
-    _FreeTNvrHttpCurlCltReqInner(req);
-    EXPECT_EQ(freed, expected);
-}
-
-TEST_F(RequestRelease, OfNullDoesNothing)
-{
     _FreeTNvrHttpCurlCltReqInner(nullptr);
     EXPECT_EQ(freed, std::vector<Freed>{});
     ExpectLines({});
     _FreeTNvrHttpCurlCltReqInner(req);
+    EXPECT_EQ(freed, expected);
 }
 
 TEST_F(RequestTest, ResetDoesNotWithdrawFromTheTask)

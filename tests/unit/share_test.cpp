@@ -90,7 +90,6 @@ TEST_F(ShareTest, WithoutShareHandleItLogsGoesOnAndTriesAgainNextTime)
     EXPECT_EQ(hooks::OptionOrder(), ATTACHED);
     EXPECT_EQ(ValueOf(CURLOPT_SHARE), 0U);
     EXPECT_EQ(ValueOf(CURLOPT_DNS_CACHE_TIMEOUT), 300U);
-
     hooks::share_init = nullptr;
     EXPECT_EQ(set_share_handle(easy), 0U);
     EXPECT_NE(ValueOf(CURLOPT_SHARE), 0U);
