@@ -1,9 +1,7 @@
 /* Responses: the write callback and the three getters. */
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
-#include <vector>
+#include <tuple>
+#include <utility>
 
 #include "tests/support/engine_fixture.h"
 
@@ -11,6 +9,7 @@ namespace
 {
 
 using namespace test;
+using namespace std::string_literals;
 
 /* --- the write callback -------------------------------------------------------------------------- */
 
@@ -60,35 +59,37 @@ class ResponseWrite : public testing::Test
         return _HttpCurlStackWriteCB(bytes.data(), 1, bytes.size(), &mem);
     }
 
+    /* The bytes so far with the terminator behind them. */
+    std::string Held() const
+    {
+        return {mem.pchData, mem.qwSize + 1};
+    }
+
     TNvrHttpCurlCltMem mem = {};
 };
 
-TEST_F(ResponseWrite, RefusesANullBuffer)
+TEST_F(ResponseWrite, NeedsABufferThatCanGrow)
 {
+    const Lines refused = {Error(FUNC, "[Error] Invalid value{mem or mem->pfRealloc}.\n")};
     char byte = 'x';
     EXPECT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, nullptr), 0U);
-    ExpectLines({Error(FUNC, "[Error] Invalid value{mem or mem->pfRealloc}.\n")});
-}
-
-TEST_F(ResponseWrite, RefusesABufferThatCannotGrow)
-{
+    ExpectLines(refused);
     mem.pfRealloc = nullptr;
     const char *before = mem.pchData;
     EXPECT_EQ(Write("x"), 0U);
     EXPECT_EQ(mem.pchData, before);
-    EXPECT_EQ(mem.qwSize, 0U);
-    EXPECT_EQ(mem.pchData[0], '\0');
-    ExpectLines({Error(FUNC, "[Error] Invalid value{mem or mem->pfRealloc}.\n")});
+    EXPECT_EQ(Held(), "\0"s);
+    ExpectLines(refused);
 }
 
 TEST_F(ResponseWrite, AppendsAndTerminates)
 {
     EXPECT_EQ(Write("hello"), 5U);
-    EXPECT_EQ(mem.qwSize, 5U);
-    EXPECT_STREQ(mem.pchData, "hello");
-    EXPECT_EQ(Write(std::string("a\0b", 3)), 3U);
-    EXPECT_EQ(mem.qwSize, 8U);
-    EXPECT_EQ(memcmp("helloa\0b\0", mem.pchData, 9), 0);
+    EXPECT_EQ(Held(), "hello\0"s);
+    EXPECT_EQ(Write("a\0b"s), 3U);
+    EXPECT_EQ(Held(), "helloa\0b\0"s);
+    EXPECT_EQ(Write(""), 0U);
+    EXPECT_EQ(Held(), "helloa\0b\0"s);
     ExpectLines({});
 }
 
@@ -96,36 +97,23 @@ TEST_F(ResponseWrite, TakesSizeTimesCount)
 {
     char bytes[] = "abcdefgh";
     EXPECT_EQ(_HttpCurlStackWriteCB(bytes, 2, 3, &mem), 6U);
-    EXPECT_EQ(mem.qwSize, 6U);
-    EXPECT_STREQ(mem.pchData, "abcdef");
-}
-
-TEST_F(ResponseWrite, NothingIsTakenAsNothing)
-{
-    EXPECT_EQ(Write("abc"), 3U);
-    EXPECT_EQ(Write(""), 0U);
-    EXPECT_EQ(mem.qwSize, 3U);
-    EXPECT_STREQ(mem.pchData, "abc");
-    ExpectLines({});
+    EXPECT_EQ(Held(), "abcdef\0"s);
 }
 
 TEST_F(ResponseWrite, GrowsToTheExactSizeOncePerCall)
 {
     mem.pfRealloc = MovingRealloc;
-    const void *block = mem.pchData;
-    const std::vector<std::string> chunks = {"ab", "c", "defg"};
     size_t size = 0;
-    for (const std::string &chunk : chunks) {
+    for (const std::string chunk : {"ab", "c", "defg"}) {
+        const void *block = mem.pchData;
         grown.clear();
         EXPECT_EQ(Write(chunk), chunk.size());
         size += chunk.size();
         ASSERT_EQ(grown.size(), 1U);
         EXPECT_EQ(grown[0].from, block);
         EXPECT_EQ(grown[0].size, size + 1);
-        block = mem.pchData;
     }
-    EXPECT_EQ(mem.qwSize, 7U);
-    EXPECT_STREQ(mem.pchData, "abcdefg");
+    EXPECT_EQ(Held(), "abcdefg\0"s);
 }
 
 TEST_F(ResponseWrite, AFailedReallocLosesTheBlockAndKeepsTheSize)
@@ -140,6 +128,52 @@ TEST_F(ResponseWrite, AFailedReallocLosesTheBlockAndKeepsTheSize)
 
 /* --- the getters ------------------------------------------------------------------------------------ */
 
+/* What a getter returned, and the number that it was given the address of, which was 5 before. */
+using Got = std::pair<uint32_t, uint32_t>;
+/* The same of the body's getter, and the bytes that it wrote. */
+using GotBody = std::tuple<uint32_t, uint32_t, std::string>;
+
+/* Libcurl's answer to the question for the status; a code below 0 is not written. */
+void Answer(long code, CURLcode result = CURLE_OK)
+{
+    hooks::easy_getinfo = [=](CURL *, CURLINFO info, void *value) {
+        EXPECT_EQ(info, CURLINFO_RESPONSE_CODE);
+        *static_cast<long *>(value) = code < 0 ? *static_cast<long *>(value) : code;
+        return result;
+    };
+}
+
+const char CODE[] = "NvrHttpCurlCltGetRespStatCode";
+const char LENGTH[] = "NvrHttpCurlCltGetRespBodyLen";
+const char BODY[] = "NvrHttpCurlCltGetRespBody";
+
+Line NoCode(const char *func)
+{
+    return Error(func, "[Error] no server response code has been received.\n");
+}
+
+Got Code(HNvrHttpCurlCltReq req)
+{
+    int32_t code = 5;
+    const uint32_t result = NvrHttpCurlCltGetRespStatCode(req, &code);
+    return {result, code};
+}
+
+Got Length(HNvrHttpCurlCltReq req)
+{
+    uint32_t size = 5;
+    const uint32_t result = NvrHttpCurlCltGetRespBodyLen(req, &size);
+    return {result, size};
+}
+
+GotBody Body(HNvrHttpCurlCltReq req, uint32_t size = 5)
+{
+    std::string buffer(32, '#');
+    const uint32_t result = NvrHttpCurlCltGetRespBody(req, buffer.data(), &size);
+    return {result, size, buffer.substr(0, buffer.find_last_not_of('#') + 1)};
+}
+
+/* A prepared request. */
 class Response : public EngineTest
 {
   protected:
@@ -156,353 +190,199 @@ class Response : public EngineTest
         EngineTest::TearDown();
     }
 
-    static void Answer(long code, CURLcode result = CURLE_OK)
-    {
-        hooks::easy_getinfo = [=](CURL *, CURLINFO info, void *value) {
-            EXPECT_EQ(info, CURLINFO_RESPONSE_CODE);
-            *static_cast<long *>(value) = code;
-            return result;
-        };
-    }
-
     void Receive(std::string bytes)
     {
         ASSERT_EQ(_HttpCurlStackWriteCB(bytes.data(), 1, bytes.size(), req->ptRespData), bytes.size());
     }
 
+    /* An answer with one more byte, for which there is no memory. */
+    void LoseAnswer()
+    {
+        Answer(200);
+        fake::FailRealloc(1);
+        char byte = 'x';
+        ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 0U);
+    }
+
     HNvrHttpCurlCltReq req = nullptr;
-    TNvrHttpCurlCltReqInner noHandle = {};
 };
 
 using ResponseCode = Response;
-
-TEST_F(ResponseCode, NeedsItsArguments)
-{
-    int32_t code = 5;
-    auto expected = [](HNvrHttpCurlCltReq hReq, const int32_t *out) {
-        return Lines{Error("NvrHttpCurlCltGetRespStatCode", "[Error] invalid arg, ptReqIn %p, ptReq %p, pnCode %p\n",
-                           Ptr(hReq), Ptr(hReq != nullptr ? hReq->ptReq : nullptr), Ptr(out))};
-    };
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(nullptr, &code), 4U);
-    ExpectLines(expected(nullptr, &code));
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(&noHandle, &code), 4U);
-    ExpectLines(expected(&noHandle, &code));
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, nullptr), 4U);
-    ExpectLines(expected(req, nullptr));
-    EXPECT_EQ(code, 5);
-    EXPECT_EQ(hooks::Calls("curl_easy_getinfo"), 0U);
-}
-
-TEST_F(ResponseCode, IsTold)
-{
-    Answer(404);
-    int32_t code = 0;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 404);
-    ExpectLines({});
-}
+using ResponseLength = Response;
+using ResponseBody = Response;
 
 TEST_F(ResponseCode, IsTheLowHalfOfALong)
 {
+    Answer(404);
+    EXPECT_EQ(Code(req), Got(0, 404));
     Answer(0x5000000C8L);
-    int32_t code = 0;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 200);
+    EXPECT_EQ(Code(req), Got(0, 200));
+    ExpectLines({});
 }
 
 TEST_F(ResponseCode, IsZeroWithSuccessWhereNoneCame)
 {
-    int32_t code = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 0);
+    EXPECT_EQ(Code(req), Got(0, 0));
+    Answer(-1);
+    EXPECT_EQ(Code(req), Got(0, 0));
 }
 
-TEST_F(ResponseCode, StartsAtZero)
-{
-    hooks::easy_getinfo = [](CURL *, CURLINFO, void *) { return CURLE_OK; };
-    int32_t code = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 0);
-}
-
-TEST_F(ResponseCode, IsLeftAloneIfLibcurlDoesNotTell)
+TEST_F(ResponseCode, IsLeftAloneIfLibcurlDoesNotGiveIt)
 {
     Answer(200, CURLE_UNKNOWN_OPTION);
-    int32_t code = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 1U);
-    EXPECT_EQ(code, 5);
-    ExpectLines(
-        {Error("NvrHttpCurlCltGetRespStatCode", "[Error] curl_easy_getinfo{CURLINFO_RESPONSE_CODE} failed{%d}\n",
-               static_cast<int>(CURLE_UNKNOWN_OPTION))});
+    EXPECT_EQ(Code(req), Got(1, 5));
+    ExpectLines({Error(CODE, "[Error] curl_easy_getinfo{CURLINFO_RESPONSE_CODE} failed{%d}\n",
+                       static_cast<int>(CURLE_UNKNOWN_OPTION))});
 }
 
-class ResponseLength : public Response
+/* A getter of a number, without each of its arguments. */
+template <typename TNumber>
+void ExpectArgumentsNeeded(ENvrHttpCurlCltRet (*get)(HNvrHttpCurlCltReq, TNumber *), HNvrHttpCurlCltReq req,
+                           Line (*expected)(const void *req, const void *easy, const void *number))
 {
-  protected:
-    static constexpr const char *FUNC = "NvrHttpCurlCltGetRespBodyLen";
-};
-
-TEST_F(ResponseLength, NeedsItsArguments)
-{
-    uint32_t size = 5;
-    auto expected = [](HNvrHttpCurlCltReq hReq, const uint32_t *out) {
-        return Lines{Error(FUNC, "[Error] invalid arg, ptReqIn %p, ptReq %p, pdwBufSize %p\n", Ptr(hReq),
-                           Ptr(hReq != nullptr ? hReq->ptReq : nullptr), Ptr(out))};
-    };
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(nullptr, &size), 4U);
-    ExpectLines(expected(nullptr, &size));
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(&noHandle, &size), 4U);
-    ExpectLines(expected(&noHandle, &size));
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, nullptr), 4U);
-    ExpectLines(expected(req, nullptr));
-    EXPECT_EQ(size, 5U);
-}
-
-TEST_F(ResponseLength, NeedsAnAnswerThoughBytesCame)
-{
-    Receive("some");
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 1U);
-    EXPECT_EQ(size, 5U);
-    ExpectLines({Error(FUNC, "[Error] no server response code has been received.\n")});
-}
-
-TEST_F(ResponseLength, GoesByTheCodeAndNotByTheQuerysResult)
-{
-    Receive("some");
-    uint32_t size = 5;
-    Answer(200, CURLE_UNKNOWN_OPTION);
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 4U);
-    hooks::easy_getinfo = [](CURL *, CURLINFO, void *) { return CURLE_OK; };
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 1U);
-}
-
-TEST_F(ResponseLength, NeedsAResponseRecord)
-{
-    Answer(200);
-    HNvrHttpCurlCltReq bare = Create();
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(bare, &size), 1U);
-    EXPECT_EQ(size, 5U);
-    ExpectLines({Error(FUNC, "[Error] ptReqIn->ptRespData is NULL.\n")});
-    hooks::easy_getinfo = nullptr;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(bare, &size), 1U);
-    ExpectLines({Error(FUNC, "[Error] no server response code has been received.\n")});
-    NvrHttpCurlCltReqReset(bare);
-}
-
-TEST_F(ResponseLength, LeavesOutTheTerminator)
-{
-    Answer(200);
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 0U);
-    Receive("abc");
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 3U);
-    ExpectLines({});
-}
-
-TEST_F(ResponseLength, IsTheLowHalf)
-{
-    Answer(200);
-    req->ptRespData->qwSize = 0x700000009ULL;
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 9U);
-    req->ptRespData->qwSize = 0;
-}
-
-class ResponseBody : public Response
-{
-  protected:
-    static constexpr const char *FUNC = "NvrHttpCurlCltGetRespBody";
-
-    void SetUp() override
-    {
-        Response::SetUp();
-        memset(buffer, '#', sizeof(buffer));
+    TNvrHttpCurlCltReqInner noHandle = {};
+    TNumber number = 5;
+    const std::pair<HNvrHttpCurlCltReq, TNumber *> cases[] = {{nullptr, &number}, {&noHandle, &number}, {req, nullptr}};
+    for (const auto &[given, result] : cases) {
+        EXPECT_EQ(get(given, result), 4U);
+        ExpectLines({expected(given, given != nullptr ? given->ptReq : nullptr, result)});
     }
+    EXPECT_EQ(number, TNumber{5});
+    EXPECT_EQ(hooks::Calls("curl_easy_getinfo"), 0U);
+}
 
-    void ExpectUntouched() const
-    {
-        EXPECT_EQ(std::string(buffer, sizeof(buffer)), std::string(sizeof(buffer), '#'));
-    }
-
-    char buffer[32];
-};
+TEST_F(Response, NumbersNeedTheirArguments)
+{
+    ExpectArgumentsNeeded(
+        NvrHttpCurlCltGetRespStatCode, req, [](const void *given, const void *easy, const void *code) {
+            return Error(CODE, "[Error] invalid arg, ptReqIn %p, ptReq %p, pnCode %p\n", given, easy, code);
+        });
+    ExpectArgumentsNeeded(NvrHttpCurlCltGetRespBodyLen, req, [](const void *given, const void *easy, const void *size) {
+        return Error(LENGTH, "[Error] invalid arg, ptReqIn %p, ptReq %p, pdwBufSize %p\n", given, easy, size);
+    });
+}
 
 TEST_F(ResponseBody, NeedsItsArguments)
 {
     Answer(200);
-    uint32_t size = 5;
-    auto expected = [](HNvrHttpCurlCltReq hReq, const char *out, const uint32_t *outSize) {
-        return Lines{Error(
-            FUNC, "[Error] invalid arg, ptReqIn %p, ptReq %p, szBodyBuf %p, pdwBufSize %p, *pdwBufSize %u\n", Ptr(hReq),
-            Ptr(hReq != nullptr ? hReq->ptReq : nullptr), Ptr(out), Ptr(outSize), outSize != nullptr ? *outSize : 0)};
-    };
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(nullptr, buffer, &size), 4U);
-    ExpectLines(expected(nullptr, buffer, &size));
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(&noHandle, buffer, &size), 4U);
-    ExpectLines(expected(&noHandle, buffer, &size));
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, nullptr, &size), 4U);
-    ExpectLines(expected(req, nullptr, &size));
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, nullptr), 4U);
-    ExpectLines(expected(req, buffer, nullptr));
-    EXPECT_EQ(size, 5U);
-    ExpectUntouched();
-}
-
-TEST_F(ResponseBody, ASizeOfZeroIsAnArgumentFaultAndNeverTooSmall)
-{
-    Answer(200);
     Receive("abc");
-    uint32_t size = 0;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 4U);
-    EXPECT_EQ(size, 0U);
-    ExpectLines({Error(FUNC, "[Error] invalid arg, ptReqIn %p, ptReq %p, szBodyBuf %p, pdwBufSize %p, *pdwBufSize %u\n",
-                       Ptr(req), Ptr(req->ptReq), Ptr(buffer), Ptr(&size), 0U)});
-    ExpectUntouched();
+    TNvrHttpCurlCltReqInner noHandle = {};
+    std::string buffer(32, '#');
+    uint32_t size = 5;
+    uint32_t zero = 0; /* never too small, though there are three bytes */
+    const auto expectRefused = [](HNvrHttpCurlCltReq hReq, char *out, uint32_t *outSize) {
+        EXPECT_EQ(NvrHttpCurlCltGetRespBody(hReq, out, outSize), 4U);
+        ExpectLines({Error(
+            BODY, "[Error] invalid arg, ptReqIn %p, ptReq %p, szBodyBuf %p, pdwBufSize %p, *pdwBufSize %u\n", Ptr(hReq),
+            Ptr(hReq != nullptr ? hReq->ptReq : nullptr), Ptr(out), Ptr(outSize), outSize != nullptr ? *outSize : 0)});
+    };
+    expectRefused(nullptr, buffer.data(), &size);
+    expectRefused(&noHandle, buffer.data(), &size);
+    expectRefused(req, nullptr, &size);
+    expectRefused(req, buffer.data(), nullptr);
+    expectRefused(req, buffer.data(), &zero);
+    EXPECT_EQ(size, 5U);
+    EXPECT_EQ(zero, 0U);
+    EXPECT_EQ(buffer, std::string(32, '#'));
 }
 
-TEST_F(ResponseBody, NeedsAnAnswerThoughBytesCame)
+TEST_F(Response, NeedsAnAnswerThoughBytesCame)
 {
     Receive("some");
-    uint32_t size = 20;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
-    EXPECT_EQ(size, 20U);
-    ExpectUntouched();
-    ExpectLines({Error(FUNC, "[Error] no server response code has been received.\n")});
+    EXPECT_EQ(Length(req), Got(1, 5));
+    EXPECT_EQ(Body(req), GotBody(1, 5, ""));
+    ExpectLines({NoCode(LENGTH), NoCode(BODY)});
 }
 
-TEST_F(ResponseBody, GoesByTheCodeAndNotByTheQuerysResult)
+TEST_F(Response, GoesByTheCodeAndNotByTheQuerysResult)
 {
     Receive("some");
-    uint32_t size = 20;
     Answer(200, CURLE_UNKNOWN_OPTION);
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-    EXPECT_STREQ(buffer, "some");
-    hooks::easy_getinfo = [](CURL *, CURLINFO, void *) { return CURLE_OK; };
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
+    EXPECT_EQ(Length(req), Got(0, 4));
+    EXPECT_EQ(Body(req), GotBody(0, 4, "some\0"s));
+    Answer(-1);
+    EXPECT_EQ(Length(req), Got(1, 5));
+    EXPECT_EQ(Body(req), GotBody(1, 5, ""));
 }
 
-TEST_F(ResponseBody, NeedsAResponseRecord)
+TEST_F(Response, NeedsAResponseRecord)
 {
-    Answer(200);
     HNvrHttpCurlCltReq bare = Create();
-    uint32_t size = 20;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(bare, buffer, &size), 1U);
-    EXPECT_EQ(size, 20U);
-    ExpectUntouched();
-    ExpectLines({Error(FUNC, "[Error] ptRespData is Invalid.\n")});
+    Answer(200);
+    EXPECT_EQ(Length(bare), Got(1, 5));
+    EXPECT_EQ(Body(bare), GotBody(1, 5, ""));
+    ExpectLines(
+        {Error(LENGTH, "[Error] ptReqIn->ptRespData is NULL.\n"), Error(BODY, "[Error] ptRespData is Invalid.\n")});
     hooks::easy_getinfo = nullptr;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(bare, buffer, &size), 1U);
-    ExpectLines({Error(FUNC, "[Error] no server response code has been received.\n")});
+    EXPECT_EQ(Length(bare), Got(1, 5));
+    EXPECT_EQ(Body(bare), GotBody(1, 5, ""));
+    ExpectLines({NoCode(LENGTH), NoCode(BODY)});
     NvrHttpCurlCltReqReset(bare);
 }
 
-TEST_F(ResponseBody, OneByteTooLongCopiesNothingAndTellsTheLength)
+TEST_F(ResponseLength, IsTheLowHalfWithoutTheTerminator)
+{
+    Answer(200);
+    EXPECT_EQ(Length(req), Got(0, 0));
+    Receive("abc");
+    EXPECT_EQ(Length(req), Got(0, 3));
+    ExpectLines({});
+    req->ptRespData->qwSize = 0x700000009ULL;
+    EXPECT_EQ(Length(req), Got(0, 9));
+    req->ptRespData->qwSize = 3;
+}
+
+TEST_F(ResponseBody, OneByteTooLongCopiesNothingAndReturnsTheLength)
 {
     Answer(200);
     Receive("abcdef");
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 7U);
-    EXPECT_EQ(size, 6U);
-    ExpectUntouched();
-    ExpectLines({Error(FUNC, "[Error] nBodyLen %d, *pdwBufSize %u\n", 6, 5U)});
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-    EXPECT_STREQ(buffer, "abcdef");
+    EXPECT_EQ(Body(req), GotBody(7, 6, ""));
+    ExpectLines({Error(BODY, "[Error] nBodyLen %d, *pdwBufSize %u\n", 6, 5U)});
+    EXPECT_EQ(Body(req, 6), GotBody(0, 6, "abcdef\0"s));
 }
 
 TEST_F(ResponseBody, ComparesAllOfTheLength)
 {
     Answer(200);
     req->ptRespData->qwSize = 0x700000002ULL;
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 7U);
-    EXPECT_EQ(size, 2U);
-    ExpectUntouched();
-    ExpectLines({Error(FUNC, "[Error] nBodyLen %d, *pdwBufSize %u\n", 2, 5U)});
+    EXPECT_EQ(Body(req), GotBody(7, 2, ""));
+    ExpectLines({Error(BODY, "[Error] nBodyLen %d, *pdwBufSize %u\n", 2, 5U)});
     req->ptRespData->qwSize = 0;
 }
 
-TEST_F(ResponseBody, ExactlyTheSizeIsTerminatedBehindIt)
+TEST_F(ResponseBody, IsCopiedWithATerminatorBehindItAndStaysThere)
 {
     Answer(200);
-    Receive("abcde");
-    uint32_t size = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-    EXPECT_EQ(size, 5U);
-    EXPECT_EQ(std::string(buffer, 8), std::string("abcde\0##", 8));
+    EXPECT_EQ(Body(req, 1), GotBody(0, 0, "\0"s));
+    Receive("ab\0de"s);
+    EXPECT_EQ(Body(req, 5), GotBody(0, 5, "ab\0de\0"s)) << "exactly the size";
+    EXPECT_EQ(Body(req, 31), GotBody(0, 5, "ab\0de\0"s));
     ExpectLines({});
 }
 
-TEST_F(ResponseBody, KeepsBytesThatAreNul)
+TEST_F(ResponseBody, LostInAFailedReallocIsAFailureWhateverTheSize)
 {
-    Answer(200);
-    Receive(std::string("a\0b", 3));
-    uint32_t size = 31;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-    EXPECT_EQ(size, 3U);
-    EXPECT_EQ(std::string(buffer, 5), std::string("a\0b\0#", 5));
-}
-
-TEST_F(ResponseBody, AnEmptyAnswerIsATerminator)
-{
-    Answer(204);
-    uint32_t size = 1;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-    EXPECT_EQ(size, 0U);
-    EXPECT_EQ(std::string(buffer, 2), std::string("\0#", 2));
-}
-
-TEST_F(ResponseBody, OnlyReads)
-{
-    Answer(200);
-    Receive("abc");
-    for (int i = 0; i < 2; ++i) {
-        uint32_t size = 10;
-        EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U);
-        EXPECT_EQ(size, 3U);
-        EXPECT_STREQ(buffer, "abc");
-    }
-}
-
-class ResponseLost : public ResponseBody, public testing::WithParamInterface<uint32_t>
-{
-};
-
-TEST_P(ResponseLost, AfterAFailedReallocIsAFailure)
-{
-    Answer(200);
     Receive("abcdef");
-    fake::FailRealloc(1);
-    char byte = 'x';
-    ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 0U);
-    uint32_t size = GetParam();
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
-    ExpectUntouched();
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 6U);
+    LoseAnswer();
+    for (const uint32_t size : {3U, 6U, 20U}) {
+        const auto [result, after, bytes] = Body(req, size);
+        EXPECT_EQ(result, 1U) << size;
+        EXPECT_EQ(bytes, "") << size;
+    }
+    EXPECT_EQ(Length(req), Got(0, 6));
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ResponseLost, testing::Values(3U, 6U, 20U),
-                         [](const auto &test) { return "size" + std::to_string(test.param); });
 
 TEST_F(ResponseBody, LostBeforeItsFirstByteIsAFailureToo)
 {
-    Answer(200);
-    fake::FailRealloc(1);
-    char byte = 'x';
-    ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 0U);
-    uint32_t size = 10;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
-    ExpectUntouched();
+    LoseAnswer();
+    const auto [result, after, bytes] = Body(req, 10);
+    EXPECT_EQ(result, 1U);
+    EXPECT_EQ(bytes, "");
 }
 
 /* --- real transfers ---------------------------------------------------------------------------------- */
 
+/* An instance whose requests are prepared and sent. */
 class ResponseTransfer : public EngineTest
 {
   protected:
@@ -511,84 +391,75 @@ class ResponseTransfer : public EngineTest
         Start(0, 0);
     }
 
-    static void Run(HNvrHttpCurlCltReq req)
+    void TearDown() override
     {
+        NvrHttpCurlCltReqReset(req);
+        fake::FreeLostBlocks();
+        EngineTest::TearDown();
+    }
+
+    void Run(HNvrHttpCurlCltReq request)
+    {
+        req = request;
         Forget();
         EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
     }
 
-    static std::string Body(HNvrHttpCurlCltReq req)
+    std::string ReadBody() const
     {
         char buffer[4096];
         uint32_t size = sizeof(buffer) - 1;
         EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 0U) << fake::Transcript();
         return std::string(buffer, size);
     }
+
+    HNvrHttpCurlCltReq req = nullptr;
 };
 
 TEST_F(ResponseTransfer, WithHeaderLinesIsTheBodyAlone)
 {
     ScriptedServer server(Answering("the answer"));
-    HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
-    Run(req);
-    EXPECT_EQ(Body(req), "the answer");
-    NvrHttpCurlCltReqReset(req);
+    Run(CreatePrepared(server.Url(), "question"));
+    EXPECT_EQ(ReadBody(), "the answer");
 }
 
 TEST_F(ResponseTransfer, WithoutHeaderLinesBeginsWithTheStatusLine)
 {
     ScriptedServer server(Answering("the answer"));
-    HNvrHttpCurlCltReq req = Create();
-    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url().c_str()), 0U);
-    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, "question", 8), 0U);
-    Run(req);
-    EXPECT_EQ(Body(req), Reply(200, "the answer"));
-    NvrHttpCurlCltReqReset(req);
+    HNvrHttpCurlCltReq bare = Create();
+    ASSERT_EQ(NvrHttpCurlCltSetReqUri(bare, server.Url().c_str()), 0U);
+    ASSERT_EQ(NvrHttpCurlCltSetReqBody(bare, "question", 8), 0U);
+    Run(bare);
+    EXPECT_EQ(ReadBody(), Reply(200, "the answer"));
 }
 
 TEST_F(ResponseTransfer, OfNoByteHasLengthZero)
 {
     ScriptedServer server(Answering(""));
-    HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
-    Run(req);
-    uint32_t size = 7;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 0U);
-    EXPECT_EQ(size, 0U);
-    EXPECT_EQ(Body(req), "");
-    NvrHttpCurlCltReqReset(req);
+    Run(CreatePrepared(server.Url(), "question"));
+    EXPECT_EQ(Length(req), Got(0, 0));
+    EXPECT_EQ(ReadBody(), "");
 }
 
 TEST_F(ResponseTransfer, WithoutAnAnswerHasCodeZeroAndNoBody)
 {
     const ClosedPort closed;
-    HNvrHttpCurlCltReq req = CreatePrepared(closed.Url(), "question");
-    Run(req);
-    int32_t code = 5;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 0);
-    char buffer[8];
-    uint32_t size = 7;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(req, &size), 1U);
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
-    NvrHttpCurlCltReqReset(req);
+    Run(CreatePrepared(closed.Url(), "question"));
+    EXPECT_EQ(Code(req), Got(0, 0));
+    EXPECT_EQ(Length(req), Got(1, 5));
+    EXPECT_EQ(Body(req), GotBody(1, 5, ""));
 }
 
 TEST_F(ResponseTransfer, EndsAtAFailedRealloc)
 {
     ScriptedServer server(Answering("the answer"));
-    HNvrHttpCurlCltReq req = CreatePrepared(server.Url(), "question");
+    HNvrHttpCurlCltReq prepared = CreatePrepared(server.Url(), "question");
     fake::FailRealloc(1);
-    Run(req);
+    Run(prepared);
     ExpectLine(Error("_NvrHttpCurlCltProcSyncReq", "[Error] curl_easy_perform is failed{ErrorCode:%d} {ErrorStr:%s}\n",
                      static_cast<int>(CURLE_WRITE_ERROR), curl_easy_strerror(CURLE_WRITE_ERROR)));
-    int32_t code = 0;
-    EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-    EXPECT_EQ(code, 200);
-    char buffer[32];
-    uint32_t size = 31;
-    EXPECT_EQ(NvrHttpCurlCltGetRespBody(req, buffer, &size), 1U);
-    NvrHttpCurlCltReqReset(req);
-    fake::FreeLostBlocks();
+    EXPECT_EQ(Code(req), Got(0, 200));
+    EXPECT_EQ(std::get<0>(Body(req, 31)), 1U);
 }
 
 } // namespace
