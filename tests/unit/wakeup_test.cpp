@@ -8,12 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <set>
-#include <string>
-#include <vector>
+#include <utility>
 
-#include <gtest/gtest.h>
-
-#include "engine/httpcurlclient_inner.h"
 #include "tests/support/engine_fixture.h"
 
 namespace
@@ -29,12 +25,63 @@ const char *const CREATE = "_NvrHttpCurlCltSocket_CreateUdpSocket";
 const char *const MONITOR = "_NvrHttpCurlCltCreateUdpMonitor";
 const char *const NOTIFY = "_NvrHttpCurlClt_SocketNotify";
 
-uint16_t PortOf(const sockaddr *address)
+sockaddr_in Inet(const sockaddr *address)
 {
     sockaddr_in in = {};
     memcpy(&in, address, sizeof(in));
-    return ntohs(in.sin_port);
+    return in;
 }
+
+uint16_t PortOf(const sockaddr *address)
+{
+    return ntohs(Inet(address).sin_port);
+}
+
+/* Lets every bind succeed without binding anything. */
+int BindNothing(int, const sockaddr *, socklen_t)
+{
+    return 0;
+}
+
+int RefuseSocket(int, int, int)
+{
+    errno = EMFILE;
+    return -1;
+}
+
+const Line SOCKET_REFUSED = Error(CREATE, "[Error] socket() failed, errno %d{%s}\n", EMFILE, strerror(EMFILE));
+
+Line BindRefused(int error)
+{
+    return Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", error, strerror(error));
+}
+
+Line BadArgument(const char *ip, uint32_t port)
+{
+    return Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(ip), ip != nullptr ? ip : "",
+                 static_cast<int>(port));
+}
+
+Line Occupied(int port)
+{
+    return Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", port);
+}
+
+/* The lines of a task's socket on this port. */
+Lines Made(int fd, int port)
+{
+    return {Info(CREATE, " create s_nTheUdpSock %d, %d\n", fd, fd),
+            Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", port),
+            Info(MONITOR, " get socket port wPortII %d\n", port),
+            Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", port, 1)};
+}
+
+Line Notified(int fd, int port)
+{
+    return Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", fd, port);
+}
+
+const Line SEND_FAILED = Error(NOTIFY, "[Error] send socket failed\n");
 
 /* Binds a real UDP socket on 127.0.0.1 past the hooks; -1 if the port is taken. Port 0 is any. */
 int Occupy(uint16_t port)
@@ -73,6 +120,18 @@ struct Monitor {
     uint16_t port = 0;
     int32_t socket = 0;
     uint32_t created = 0;
+
+    ~Monitor()
+    {
+        Close();
+    }
+
+    void Close()
+    {
+        if (socket > 0) {
+            close(std::exchange(socket, 0));
+        }
+    }
 
     uint32_t Create(const char *ip = "127.0.0.1")
     {
@@ -115,6 +174,30 @@ class Wakeup : public EngineTest
 
 class WakeupSocket : public Wakeup
 {
+  protected:
+    void TearDown() override
+    {
+        if (fd >= 0) {
+            close(fd);
+        }
+        Wakeup::TearDown();
+    }
+
+    int Create(const char *ip = "127.0.0.1", uint32_t port = 41234)
+    {
+        return _NvrHttpCurlCltSocket_CreateUdpSocket(ip, port, &fd);
+    }
+
+    /* Nothing was created, and this is the only line. */
+    void ExpectRefused(const char *ip, uint32_t port, const Line &line)
+    {
+        fake::ClearLines();
+        EXPECT_EQ(Create(ip, port), -1);
+        EXPECT_EQ(fd, -7);
+        ExpectLines({line});
+    }
+
+    int32_t fd = -7;
 };
 
 TEST_F(WakeupSocket, OpensAnIPv4UdpSocketAndBindsIt)
@@ -127,21 +210,17 @@ TEST_F(WakeupSocket, OpensAnIPv4UdpSocketAndBindsIt)
         opened = hooks::real::sys_socket(domain, type, protocol);
         return opened;
     };
-    hooks::sys_bind = [&](int fd, const sockaddr *address, socklen_t length) {
-        sockaddr_in in = {};
+    hooks::sys_bind = [&](int socket, const sockaddr *address, socklen_t length) {
         EXPECT_EQ(length, 16U);
-        memcpy(&in, address, sizeof(in));
-        EXPECT_EQ(fd, opened);
-        EXPECT_EQ(in.sin_family, AF_INET);
-        EXPECT_EQ(ntohs(in.sin_port), 41234);
-        EXPECT_EQ(in.sin_addr.s_addr, inet_addr("127.0.0.1"));
+        EXPECT_EQ(socket, opened);
+        EXPECT_EQ(Inet(address).sin_family, AF_INET);
+        EXPECT_EQ(PortOf(address), 41234);
+        EXPECT_EQ(Inet(address).sin_addr.s_addr, inet_addr("127.0.0.2"));
         return 0;
     };
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), 0);
+    EXPECT_EQ(Create("127.0.0.2"), 0);
     EXPECT_EQ(fd, opened);
     ExpectLines({Info(CREATE, " create s_nTheUdpSock %d, %d\n", opened, opened)});
-    close(fd);
 }
 
 TEST_F(WakeupSocket, IsReallyBoundThere)
@@ -149,131 +228,73 @@ TEST_F(WakeupSocket, IsReallyBoundThere)
     const int probe = Occupy(0);
     const uint16_t port = BoundPort(probe);
     close(probe);
-    int32_t fd = -1;
-    ASSERT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", port, &fd), 0) << fake::Transcript();
+    ASSERT_EQ(Create("127.0.0.1", port), 0) << fake::Transcript();
     EXPECT_EQ(BoundPort(fd), port);
-    close(fd);
 }
 
 TEST_F(WakeupSocket, SetsNoOptionsAndNoDescriptorFlags)
 {
-    hooks::sys_bind = [](int, const sockaddr *, socklen_t) { return 0; };
-    int32_t fd = -1;
-    ASSERT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), 0);
+    hooks::sys_bind = BindNothing;
+    ASSERT_EQ(Create(), 0);
     int reuse = -1;
     socklen_t length = sizeof(reuse);
     EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, &length), 0);
     EXPECT_EQ(reuse, 0);
     EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-    close(fd);
-}
-
-TEST_F(WakeupSocket, BindsTheAddressThatItIsGiven)
-{
-    in_addr_t bound = 0;
-    hooks::sys_bind = [&](int, const sockaddr *address, socklen_t) {
-        sockaddr_in in = {};
-        memcpy(&in, address, sizeof(in));
-        bound = in.sin_addr.s_addr;
-        return 0;
-    };
-    int32_t fd = -1;
-    ASSERT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.2", 41234, &fd), 0);
-    EXPECT_EQ(bound, inet_addr("127.0.0.2"));
-    close(fd);
 }
 
 TEST_F(WakeupSocket, TakesTheLowestAndTheHighestPort)
 {
     PretendFree({1, 65535});
-    int32_t fd = -1;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 1, &fd), 0);
+    EXPECT_EQ(Create("127.0.0.1", 1), 0);
     close(fd);
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 65535, &fd), 0);
-    close(fd);
+    EXPECT_EQ(Create("127.0.0.1", 65535), 0);
     EXPECT_EQ(asked, (std::vector<uint16_t>{1, 65535}));
 }
 
-TEST_F(WakeupSocket, RefusesANullAddress)
+TEST_F(WakeupSocket, RefusesABadAddressAndPortsOutOfRange)
 {
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(nullptr, 41234, &fd), -1);
-    EXPECT_EQ(fd, -7);
-    EXPECT_EQ(hooks::Calls("socket"), 0U);
-    ExpectLines({Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(nullptr), "", 41234)});
-}
-
-TEST_F(WakeupSocket, RefusesAnEmptyAddress)
-{
-    const char *const empty = "";
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(empty, 41234, &fd), -1);
-    EXPECT_EQ(fd, -7);
-    EXPECT_EQ(hooks::Calls("socket"), 0U);
-    ExpectLines({Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(empty), empty, 41234)});
-}
-
-TEST_F(WakeupSocket, RefusesPortsOutOfRange)
-{
+    for (const char *ip : {static_cast<const char *>(nullptr), ""}) {
+        ExpectRefused(ip, 41234, BadArgument(ip, 41234));
+    }
     const char *const ip = "127.0.0.1";
     for (const uint32_t port : {0U, 65536U, 0x10001U, 0xFFFFFFFFU}) {
-        int32_t fd = -7;
-        fake::ClearLines();
-        EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket(ip, port, &fd), -1) << port;
-        EXPECT_EQ(fd, -7);
-        ExpectLines(
-            {Error(CREATE, "[Error] invalid arg, szIP %p{%s}, nPort %d\n", Ptr(ip), ip, static_cast<int>(port))});
+        ExpectRefused(ip, port, BadArgument(ip, port));
     }
     EXPECT_EQ(hooks::Calls("socket"), 0U);
 }
 
 TEST_F(WakeupSocket, ReportsARefusedSocket)
 {
-    hooks::sys_socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), -1);
-    EXPECT_EQ(fd, -7);
+    hooks::sys_socket = RefuseSocket;
+    ExpectRefused("127.0.0.1", 41234, SOCKET_REFUSED);
     EXPECT_EQ(hooks::Calls("bind"), 0U);
-    ExpectLines({Error(CREATE, "[Error] socket() failed, errno %d{%s}\n", EMFILE, strerror(EMFILE))});
 }
 
 TEST_F(WakeupSocket, ReportsARefusedBindAndClosesTheSocket)
 {
     int opened = -1;
-    hooks::sys_socket = [&](int domain, int type, int protocol) {
-        opened = hooks::real::sys_socket(domain, type, protocol);
-        return opened;
-    };
-    hooks::sys_bind = [](int, const sockaddr *, socklen_t) {
+    hooks::sys_bind = [&](int socket, const sockaddr *, socklen_t) {
+        opened = socket;
         errno = EACCES;
         return -1;
     };
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", 41234, &fd), -1);
-    EXPECT_EQ(fd, -7);
+    ExpectRefused("127.0.0.1", 41234, BindRefused(EACCES));
     EXPECT_GE(opened, 0);
     EXPECT_FALSE(IsOpen(opened));
-    ExpectLines({Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EACCES, strerror(EACCES))});
 }
 
 TEST_F(WakeupSocket, MeetsATakenPort)
 {
     const int taken = Occupy(0);
-    int32_t fd = -7;
-    EXPECT_EQ(_NvrHttpCurlCltSocket_CreateUdpSocket("127.0.0.1", BoundPort(taken), &fd), -1);
-    ExpectLines({Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE))});
+    ExpectRefused("127.0.0.1", BoundPort(taken), BindRefused(EADDRINUSE));
     close(taken);
 }
 
 /* --- the choice of the port ------------------------------------------------------------------- */
 
-class WakeupMonitor : public Wakeup
-{
-};
+using WakeupMonitor = Wakeup;
 
 TEST_F(WakeupMonitor, RefusesEachNullPointer)
 {
@@ -298,17 +319,16 @@ TEST_F(WakeupMonitor, RefusesASecondCreationAndChangesNothing)
     PretendFree({FIRST_PORT});
     Monitor monitor;
     ASSERT_EQ(monitor.Create(), 0U);
-    const Monitor before = monitor;
+    const int32_t fd = monitor.socket;
     const size_t sockets = hooks::Calls("socket");
     fake::ClearLines();
     EXPECT_EQ(monitor.Create(), 0xFFFFFFFFU);
-    EXPECT_EQ(monitor.port, before.port);
-    EXPECT_EQ(monitor.socket, before.socket);
+    EXPECT_EQ(monitor.port, FIRST_PORT);
+    EXPECT_EQ(monitor.socket, fd);
     EXPECT_EQ(monitor.created, 1U);
     EXPECT_TRUE(IsOpen(monitor.socket));
     EXPECT_EQ(hooks::Calls("socket"), sockets);
     ExpectLines({Info(MONITOR, " udp socket already exists, bCreatSocket %d\n", 1)});
-    close(monitor.socket);
 }
 
 TEST_F(WakeupMonitor, TakesOnlyAFlagOfOneForASecondCreation)
@@ -318,7 +338,6 @@ TEST_F(WakeupMonitor, TakesOnlyAFlagOfOneForASecondCreation)
     monitor.created = 2;
     EXPECT_EQ(monitor.Create(), 0U);
     EXPECT_EQ(monitor.created, 1U);
-    close(monitor.socket);
 }
 
 TEST_F(WakeupMonitor, TakesTheFirstPortWhenItIsFree)
@@ -329,13 +348,7 @@ TEST_F(WakeupMonitor, TakesTheFirstPortWhenItIsFree)
     EXPECT_EQ(monitor.port, FIRST_PORT);
     EXPECT_EQ(monitor.created, 1U);
     EXPECT_EQ(asked, (std::vector<uint16_t>{FIRST_PORT}));
-    ExpectLines({
-        Info(CREATE, " create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket),
-        Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46990),
-        Info(MONITOR, " get socket port wPortII %d\n", 46990),
-        Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", 46990, 1),
-    });
-    close(monitor.socket);
+    ExpectLines(Made(monitor.socket, 46990));
 }
 
 TEST_F(WakeupMonitor, StepsDownPastOccupiedPorts)
@@ -345,18 +358,8 @@ TEST_F(WakeupMonitor, StepsDownPastOccupiedPorts)
     EXPECT_EQ(monitor.Create(), 0U);
     EXPECT_EQ(monitor.port, 46988);
     EXPECT_EQ(asked, (std::vector<uint16_t>{46990, 46989, 46988}));
-    const Line refused = Error(CREATE, "[Error] bind() failed, errno %d{%s}\n", EADDRINUSE, strerror(EADDRINUSE));
-    ExpectLines({
-        refused,
-        Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46990),
-        refused,
-        Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n", 46989),
-        Info(CREATE, " create s_nTheUdpSock %d, %d\n", monitor.socket, monitor.socket),
-        Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46988),
-        Info(MONITOR, " get socket port wPortII %d\n", 46988),
-        Info(MONITOR, " return *pwPort %d, *pbCreatSocket %d\n", 46988, 1),
-    });
-    close(monitor.socket);
+    ExpectLines(Lines{BindRefused(EADDRINUSE), Occupied(46990), BindRefused(EADDRINUSE), Occupied(46989)} +
+                Made(monitor.socket, 46988));
 }
 
 TEST_F(WakeupMonitor, TakesTheLastPortOfTheRange)
@@ -368,7 +371,6 @@ TEST_F(WakeupMonitor, TakesTheLastPortOfTheRange)
     EXPECT_EQ(monitor.created, 1U);
     EXPECT_EQ(fake::CountTexts("is Occupied"), PORTS - 1);
     EXPECT_EQ(fake::CountTexts("[Error] wPortII"), 0U);
-    close(monitor.socket);
 }
 
 /* The whole range was asked for, downwards, and its exhaustion was reported. */
@@ -380,8 +382,7 @@ void ExpectExhausted(const Monitor &monitor)
     const Lines log = Log();
     ASSERT_EQ(log.size(), 2 * PORTS + 2);
     for (size_t i = 0; i < PORTS; ++i) {
-        ASSERT_EQ(log[2 * i + 1], Error(MONITOR, "[Error] websCreateUdpMonitor() PortII[%d] is Occupied\n",
-                                        static_cast<int>(FIRST_PORT - i)));
+        ASSERT_EQ(log[2 * i + 1], Occupied(static_cast<int>(FIRST_PORT - i)));
     }
     EXPECT_EQ(log[2 * PORTS], Info(MONITOR, " get socket port wPortII %d\n", LAST_PORT - 1));
     EXPECT_EQ(log[2 * PORTS + 1], Error(MONITOR, "[Error] wPortII %d\n", LAST_PORT - 1));
@@ -401,14 +402,11 @@ TEST_F(WakeupMonitor, ReportsAnExhaustedRange)
 
 TEST_F(WakeupMonitor, CountsAnyFailureAsAnOccupiedPort)
 {
-    hooks::sys_socket = [](int, int, int) {
-        errno = EMFILE;
-        return -1;
-    };
+    hooks::sys_socket = RefuseSocket;
     Monitor monitor;
     EXPECT_EQ(monitor.Create(), 8U);
     ExpectExhausted(monitor);
-    EXPECT_EQ(CountOf("[Error] socket() failed, errno %d{%s}\n"), PORTS);
+    EXPECT_EQ(CountOf(SOCKET_REFUSED.format), PORTS);
 }
 
 TEST_F(WakeupMonitor, CountsABadAddressAsOccupiedPortsToo)
@@ -416,23 +414,20 @@ TEST_F(WakeupMonitor, CountsABadAddressAsOccupiedPortsToo)
     Monitor monitor;
     EXPECT_EQ(monitor.Create(""), 8U);
     ExpectExhausted(monitor);
-    EXPECT_EQ(CountOf("[Error] invalid arg, szIP %p{%s}, nPort %d\n"), PORTS);
+    EXPECT_EQ(CountOf(BadArgument("", 0).format), PORTS);
 }
 
 TEST_F(WakeupMonitor, NamesTheLoopbackAddressWhateverItBinds)
 {
     in_addr_t bound = 0;
     hooks::sys_bind = [&](int, const sockaddr *address, socklen_t) {
-        sockaddr_in in = {};
-        memcpy(&in, address, sizeof(in));
-        bound = in.sin_addr.s_addr;
+        bound = Inet(address).sin_addr.s_addr;
         return 0;
     };
     Monitor monitor;
     EXPECT_EQ(monitor.Create("127.0.0.2"), 0U);
     EXPECT_EQ(bound, inet_addr("127.0.0.2"));
     ExpectLine(Info(MONITOR, " _NvrHttpCurlCltCreateUdpMonitor(), %s:%d\n", "127.0.0.1", 46990));
-    close(monitor.socket);
 }
 
 TEST_F(WakeupMonitor, ASocketsPortIsTheOneThatItTells)
@@ -443,8 +438,6 @@ TEST_F(WakeupMonitor, ASocketsPortIsTheOneThatItTells)
     EXPECT_EQ(BoundPort(first.socket), first.port);
     EXPECT_EQ(BoundPort(second.socket), second.port);
     EXPECT_NE(first.port, second.port);
-    close(first.socket);
-    close(second.socket);
 }
 
 /* --- exact ports, really bound ------------------------------------------------------------------ */
@@ -484,81 +477,82 @@ class WakeupExactPort : public Wakeup
         return got > expected || (got < expected && refused.count(expected) != 0);
     }
 
+    /* Makes the attempt until it returns true: until nobody disturbed it. */
+    void Repeat(const std::function<bool()> &attempt)
+    {
+        for (int i = 0; i < 20; ++i) {
+            refused.clear();
+            if (attempt() || HasFatalFailure()) {
+                return;
+            }
+        }
+        FAIL() << "no attempt went undisturbed";
+    }
+
     std::set<uint16_t> refused;
 };
 
 TEST_F(WakeupExactPort, TheFirstMonitorTakesTheHighestFreePortAndTheNextTheOneBelow)
 {
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        refused.clear();
+    Repeat([this] {
         const uint16_t wanted = HighestFree(FIRST_PORT);
         const uint16_t below = HighestFree(static_cast<uint16_t>(wanted - 1));
         Monitor first, second;
-        ASSERT_EQ(first.Create(), 0U);
-        ASSERT_EQ(second.Create(), 0U);
-        close(first.socket);
-        close(second.socket);
-        if (!Disturbed(wanted, first.port) && !Disturbed(below, second.port)) {
-            EXPECT_EQ(first.port, wanted);
-            EXPECT_EQ(second.port, below);
-            return;
+        EXPECT_EQ(first.Create(), 0U);
+        EXPECT_EQ(second.Create(), 0U);
+        if (Disturbed(wanted, first.port) || Disturbed(below, second.port)) {
+            return false;
         }
-    }
-    FAIL() << "no attempt went undisturbed";
+        EXPECT_EQ(first.port, wanted);
+        EXPECT_EQ(second.port, below);
+        return true;
+    });
 }
 
 TEST_F(WakeupExactPort, APortHeldBySomebodyElseIsSteppedOver)
 {
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        refused.clear();
+    Repeat([this] {
         const uint16_t held = HighestFree(FIRST_PORT);
         const int holder = Occupy(held);
         if (holder == -1) {
-            continue;
+            return false;
         }
         const uint16_t wanted = HighestFree(static_cast<uint16_t>(held - 1));
         Monitor monitor;
         fake::ClearLines();
-        ASSERT_EQ(monitor.Create(), 0U);
-        close(monitor.socket);
+        EXPECT_EQ(monitor.Create(), 0U);
         close(holder);
         EXPECT_EQ(fake::CountTexts(Text("PortII[%d] is Occupied", held)), 1U);
-        if (!Disturbed(wanted, monitor.port)) {
-            EXPECT_EQ(monitor.port, wanted);
-            return;
+        if (Disturbed(wanted, monitor.port)) {
+            return false;
         }
-    }
-    FAIL() << "no attempt went undisturbed";
+        EXPECT_EQ(monitor.port, wanted);
+        return true;
+    });
 }
 
 TEST_F(WakeupExactPort, TasksOfOneAndOfAnotherInstanceCountDownwards)
 {
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        refused.clear();
-        uint16_t wanted[4];
-        uint16_t from = FIRST_PORT;
-        for (uint16_t &port : wanted) {
-            port = HighestFree(from);
-            from = static_cast<uint16_t>(port - 1);
+    Repeat([this] {
+        std::vector<uint16_t> wanted;
+        for (uint16_t from = FIRST_PORT; wanted.size() < 4; from = static_cast<uint16_t>(wanted.back() - 1)) {
+            wanted.push_back(HighestFree(from));
         }
         HNvrHttpCurlCltInst first = MustStart(2);
         HNvrHttpCurlCltInst second = MustStart(2);
-        const uint16_t got[4] = {first->atTasks[0].tUdpMonitorSock.wPort, first->atTasks[1].tUdpMonitorSock.wPort,
-                                 second->atTasks[0].tUdpMonitorSock.wPort, second->atTasks[1].tUdpMonitorSock.wPort};
+        const std::vector<uint16_t> got = {
+            first->atTasks[0].tUdpMonitorSock.wPort, first->atTasks[1].tUdpMonitorSock.wPort,
+            second->atTasks[0].tUdpMonitorSock.wPort, second->atTasks[1].tUdpMonitorSock.wPort};
         NvrHttpCurlCltUninit(second);
         NvrHttpCurlCltUninit(first);
-        bool disturbed = false;
-        for (int i = 0; i < 4; ++i) {
-            disturbed = disturbed || Disturbed(wanted[i], got[i]);
-        }
-        if (!disturbed) {
-            for (int i = 0; i < 4; ++i) {
-                EXPECT_EQ(got[i], wanted[i]) << i;
+        for (size_t i = 0; i < wanted.size(); ++i) {
+            if (Disturbed(wanted[i], got[i])) {
+                return false;
             }
-            return;
         }
-    }
-    FAIL() << "no attempt went undisturbed";
+        EXPECT_EQ(got, wanted);
+        return true;
+    });
 }
 
 /* --- the datagram ---------------------------------------------------------------------------------- */
@@ -575,7 +569,7 @@ class WakeupNotify : public Wakeup
 
     void TearDown() override
     {
-        close(monitor.socket);
+        monitor.Close();
         Wakeup::TearDown();
     }
 
@@ -585,8 +579,7 @@ class WakeupNotify : public Wakeup
 TEST_F(WakeupNotify, SendsTwoBytesFromTheSocketToItself)
 {
     _NvrHttpCurlClt_SocketNotify(monitor.socket, monitor.port);
-    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", monitor.socket, monitor.port)});
-
+    ExpectLines({Notified(monitor.socket, monitor.port)});
     pollfd ready = {monitor.socket, POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 30000), 1);
     char buffer[16] = {};
@@ -604,21 +597,19 @@ TEST_F(WakeupNotify, SendsTwoBytesFromTheSocketToItself)
 TEST_F(WakeupNotify, HandsSendtoADestinationOfSixteenBytes)
 {
     hooks::sys_sendto = [&](int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length) {
-        sockaddr_in in = {};
         EXPECT_EQ(length, 16U);
-        memcpy(&in, to, sizeof(in));
         EXPECT_EQ(fd, 77);
         EXPECT_EQ(size, 2U);
         EXPECT_EQ(memcmp(data, "b\0", 2), 0);
         EXPECT_EQ(flags, 0);
-        EXPECT_EQ(in.sin_family, AF_INET);
-        EXPECT_EQ(ntohs(in.sin_port), 40001);
-        EXPECT_EQ(in.sin_addr.s_addr, inet_addr("127.0.0.1"));
-        return static_cast<ssize_t>(2);
+        EXPECT_EQ(Inet(to).sin_family, AF_INET);
+        EXPECT_EQ(PortOf(to), 40001);
+        EXPECT_EQ(Inet(to).sin_addr.s_addr, inet_addr("127.0.0.1"));
+        return ssize_t{2};
     };
     _NvrHttpCurlClt_SocketNotify(77, 40001);
     EXPECT_EQ(hooks::Calls("sendto"), 1U);
-    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", 77, 40001)});
+    ExpectLines({Notified(77, 40001)});
 }
 
 TEST_F(WakeupNotify, SendsNothingWhenTheAddressCannotBeConverted)
@@ -629,35 +620,24 @@ TEST_F(WakeupNotify, SendsNothingWhenTheAddressCannotBeConverted)
     ExpectLines({Error(NOTIFY, "[Error] convert failed %d\n", 7)});
 }
 
-TEST_F(WakeupNotify, TakesZeroAndBelowForAFailureAndDoesNotRetry)
+TEST_F(WakeupNotify, TakesAnyPositiveResultForASuccessAndNeverRetries)
 {
-    for (const ssize_t result : {static_cast<ssize_t>(0), static_cast<ssize_t>(-1)}) {
-        const size_t before = hooks::Calls("sendto");
-        hooks::sys_sendto = [result](int, const void *, size_t, int, const sockaddr *, socklen_t) { return result; };
-        fake::ClearLines();
-        _NvrHttpCurlClt_SocketNotify(monitor.socket, monitor.port);
-        EXPECT_EQ(hooks::Calls("sendto"), before + 1);
-        ExpectLines({Error(NOTIFY, "[Error] send socket failed\n")});
+    ssize_t result = 0;
+    hooks::sys_sendto = [&](int, const void *, size_t, int, const sockaddr *, socklen_t) { return result; };
+    size_t calls = 0;
+    for (result = -1; result <= 1; ++result) {
+        _NvrHttpCurlClt_SocketNotify(5, 6);
+        ExpectLines({result > 0 ? Notified(5, 6) : SEND_FAILED});
+        EXPECT_EQ(hooks::Calls("sendto"), ++calls);
     }
-}
-
-TEST_F(WakeupNotify, TakesAnyPositiveResultForASuccess)
-{
-    hooks::sys_sendto = [](int, const void *, size_t, int, const sockaddr *, socklen_t) {
-        return static_cast<ssize_t>(1);
-    };
-    _NvrHttpCurlClt_SocketNotify(5, 6);
-    ExpectLines({Info(NOTIFY, " Notify scoket{%d} port{%d} is ok.\n", 5, 6)});
 }
 
 TEST_F(WakeupNotify, OnAClosedDescriptorOnlyLogs)
 {
-    Monitor closed;
-    ASSERT_EQ(closed.Create(), 0U);
-    close(closed.socket);
-    fake::ClearLines();
-    _NvrHttpCurlClt_SocketNotify(closed.socket, closed.port);
-    ExpectLines({Error(NOTIFY, "[Error] send socket failed\n")});
+    const int32_t fd = monitor.socket;
+    monitor.Close();
+    _NvrHttpCurlClt_SocketNotify(fd, monitor.port);
+    ExpectLines({SEND_FAILED});
 }
 
 } // namespace
