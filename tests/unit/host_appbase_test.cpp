@@ -14,32 +14,15 @@
 namespace
 {
 
-TEST(AppStrstr, FindsTheFirstPlace)
+TEST(AppStrstr, FindsTheFirstPlaceInTheSameCase)
 {
     const char text[] = "https://host/https";
     EXPECT_EQ(AppStrstr(text, "https"), text);
     EXPECT_EQ(AppStrstr(text, "/h"), text + 7);
-}
-
-TEST(AppStrstr, HeedsTheCase)
-{
+    EXPECT_EQ(AppStrstr(text, ""), text);
     EXPECT_EQ(AppStrstr("HTTPS://host", "https"), nullptr);
-}
-
-TEST(AppStrstr, FindsNothingLongerThanTheText)
-{
     EXPECT_EQ(AppStrstr("http", "https"), nullptr);
     EXPECT_EQ(AppStrstr("", "h"), nullptr);
-}
-
-TEST(AppStrstr, EmptyPartIsTheTextItself)
-{
-    const char text[] = "text";
-    EXPECT_EQ(AppStrstr(text, ""), text);
-}
-
-TEST(AppStrstr, NullFindsNothing)
-{
     EXPECT_EQ(AppStrstr(nullptr, "part"), nullptr);
     EXPECT_EQ(AppStrstr("text", nullptr), nullptr);
     EXPECT_EQ(AppStrstr(nullptr, nullptr), nullptr);
@@ -87,7 +70,6 @@ TEST(AppDelay, GoesOnAfterASignal)
     struct sigaction action = {};
     action.sa_handler = [](int) { signals = signals + 1; };
     ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
-
     sigevent event = {};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = SIGALRM;
@@ -97,7 +79,6 @@ TEST(AppDelay, GoesOnAfterASignal)
     times.it_value.tv_nsec = 10000000;
     times.it_interval.tv_nsec = 10000000;
     ASSERT_EQ(timer_settime(timer, 0, &times, nullptr), 0);
-
     EXPECT_GE(TimeOf(200), std::chrono::milliseconds(200));
     timer_delete(timer);
     EXPECT_GT(signals, 0);
@@ -119,26 +100,21 @@ TEST(AppConvertStrtoNet, WritesFamilyAndAddressInNetworkOrder)
     const TAppNetAddr zero = {};
     EXPECT_EQ(memcmp(addr.abyReserved, zero.abyReserved, sizeof(addr.abyReserved)), 0);
     EXPECT_EQ(sizeof(TAppNetAddr), 20U);
-
     EXPECT_EQ(AppConvertStrtoNet("255.255.255.255", &addr), 0U);
     EXPECT_EQ(addr.dwIPv4, 0xFFFFFFFFU);
 }
 
 TEST(AppConvertStrtoNet, LeavesTheRecordOfABadTextAlone)
 {
-    for (const char *bad : {"", "localhost", "127.0.0", "127.0.0.256", "127.0.0.1 ", "::1", "0x7f.0.0.1"}) {
-        TAppNetAddr addr = {};
-        EXPECT_NE(AppConvertStrtoNet(bad, &addr), 0U) << bad;
-        EXPECT_EQ(addr.dwFamily, 0U) << bad;
-        EXPECT_EQ(addr.dwIPv4, 0U) << bad;
-    }
-}
-
-TEST(AppConvertStrtoNet, RefusesNull)
-{
-    TAppNetAddr addr = {};
-    EXPECT_NE(AppConvertStrtoNet(nullptr, &addr), 0U);
     EXPECT_NE(AppConvertStrtoNet("127.0.0.1", nullptr), 0U);
+    for (const char *bad : {static_cast<const char *>(nullptr), "", "localhost", "127.0.0", "127.0.0.256", "127.0.0.1 ",
+                            "::1", "0x7f.0.0.1"}) {
+        TAppNetAddr addr = {};
+        const std::string what = testing::PrintToString(bad);
+        EXPECT_NE(AppConvertStrtoNet(bad, &addr), 0U) << what;
+        EXPECT_EQ(addr.dwFamily, 0U) << what;
+        EXPECT_EQ(addr.dwIPv4, 0U) << what;
+    }
 }
 
 } // namespace

@@ -14,6 +14,9 @@
 namespace
 {
 
+const uint32_t FOUND = OSP_CONSOLE_FOUND;
+const uint32_t BAD_LINE = OSP_CONSOLE_BAD_LINE;
+
 struct Call {
     std::string command;
     std::vector<uintptr_t> args;
@@ -48,7 +51,7 @@ uintptr_t NumberOf(const std::string &word)
 {
     Register("numbers", Numbers);
     calls.clear();
-    EXPECT_EQ(OspConsoleRun(("numbers " + word).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << word;
+    EXPECT_EQ(OspConsoleRun(("numbers " + word).c_str()), FOUND) << word;
     return calls.empty() ? 0 : calls[0].args[0];
 }
 
@@ -57,7 +60,7 @@ std::vector<std::string> TextsOf(const std::string &words)
 {
     Register("texts", Texts);
     texts.clear();
-    EXPECT_EQ(OspConsoleRun(("texts " + words).c_str()), static_cast<uint32_t>(OSP_CONSOLE_FOUND)) << words;
+    EXPECT_EQ(OspConsoleRun(("texts " + words).c_str()), FOUND) << words;
     return texts;
 }
 
@@ -72,13 +75,6 @@ std::vector<std::pair<std::string, std::string>> Listed()
     return listed;
 }
 
-TEST(HostConsole, RunsARegisteredCommand)
-{
-    Register("numbers", Numbers);
-    EXPECT_EQ(OspConsoleRun("numbers"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    ASSERT_EQ(calls.size(), 1U);
-}
-
 TEST(HostConsole, RunsOnTheCallingThread)
 {
     static std::thread::id ranOn;
@@ -90,42 +86,39 @@ TEST(HostConsole, RunsOnTheCallingThread)
     EXPECT_EQ(ranOn, callerId);
 }
 
-TEST(HostConsole, MissingArgumentsAreZero)
+TEST(HostConsole, SixArgumentsAreTakenAndMissingOnesAreZero)
 {
+    const std::pair<const char *, std::vector<uintptr_t>> cases[] = {{"numbers", {0, 0, 0, 0, 0, 0}},
+                                                                     {"numbers 1 2", {1, 2, 0, 0, 0, 0}},
+                                                                     {"numbers 1 2 3 4 5 6", {1, 2, 3, 4, 5, 6}},
+                                                                     {"  numbers\t 1   2 \r\n", {1, 2, 0, 0, 0, 0}}};
     Register("numbers", Numbers);
-    OspConsoleRun("numbers");
-    OspConsoleRun("numbers 1 2");
-    ASSERT_EQ(calls.size(), 2U);
-    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(calls[1].args, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
+    for (const auto &[line, args] : cases) {
+        calls.clear();
+        EXPECT_EQ(OspConsoleRun(line), FOUND) << line;
+        ASSERT_EQ(calls.size(), 1U) << line;
+        EXPECT_EQ(calls[0].args, args) << line;
+    }
+    EXPECT_EQ(OspConsoleRun("numbers 1 2 3 4 5 6 7"), BAD_LINE);
+    EXPECT_EQ(calls.size(), 1U);
 }
 
-TEST(HostConsole, SixArgumentsAreTakenAndSevenAreNot)
+TEST(HostConsole, DecimalAndHexadecimalNumbers)
 {
-    Register("numbers", Numbers);
-    EXPECT_EQ(OspConsoleRun("numbers 1 2 3 4 5 6"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    EXPECT_EQ(OspConsoleRun("numbers 1 2 3 4 5 6 7"), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
-    ASSERT_EQ(calls.size(), 1U);
-    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{1, 2, 3, 4, 5, 6}));
-}
-
-TEST(HostConsole, DecimalNumbers)
-{
-    EXPECT_EQ(NumberOf("0"), 0U);
-    EXPECT_EQ(NumberOf("42"), 42U);
-    EXPECT_EQ(NumberOf("+42"), 42U);
-    EXPECT_EQ(NumberOf("007"), 7U);
-    EXPECT_EQ(NumberOf("-1"), UINTPTR_MAX);
-    EXPECT_EQ(NumberOf(std::to_string(UINTPTR_MAX)), UINTPTR_MAX);
-    EXPECT_EQ(NumberOf(std::to_string(INTPTR_MIN)), static_cast<uintptr_t>(INTPTR_MIN));
-}
-
-TEST(HostConsole, HexadecimalNumbers)
-{
-    EXPECT_EQ(NumberOf("0x0"), 0U);
-    EXPECT_EQ(NumberOf("0x20000"), 0x20000U);
-    EXPECT_EQ(NumberOf("0XaF"), 0xAFU);
-    EXPECT_EQ(NumberOf("0x" + std::string(sizeof(uintptr_t) * 2, 'f')), UINTPTR_MAX);
+    const std::pair<std::string, uintptr_t> cases[] = {{"0", 0},
+                                                       {"42", 42},
+                                                       {"+42", 42},
+                                                       {"007", 7},
+                                                       {"-1", UINTPTR_MAX},
+                                                       {std::to_string(UINTPTR_MAX), UINTPTR_MAX},
+                                                       {std::to_string(INTPTR_MIN), static_cast<uintptr_t>(INTPTR_MIN)},
+                                                       {"0x0", 0},
+                                                       {"0x20000", 0x20000},
+                                                       {"0XaF", 0xAF},
+                                                       {"0x" + std::string(sizeof(uintptr_t) * 2, 'f'), UINTPTR_MAX}};
+    for (const auto &[word, number] : cases) {
+        EXPECT_EQ(NumberOf(word), number) << word;
+    }
 }
 
 TEST(HostConsole, WhatIsNoWholeNumberIsAText)
@@ -144,11 +137,7 @@ TEST(HostConsole, QuotedWordsAreTexts)
     EXPECT_EQ(TextsOf("\" a\tb \""), Words{" a\tb "});
     EXPECT_EQ(TextsOf("\"a\\\""), Words{"a\\"});
     EXPECT_EQ(TextsOf("\"a\"b"), (Words{"a", "b"}));
-}
-
-TEST(HostConsole, QuotesInsideAWordAreCharacters)
-{
-    EXPECT_EQ(TextsOf("{\"a\":1} b\""), (Words{"{\"a\":1}", "b\""}));
+    EXPECT_EQ(TextsOf("{\"a\":1} b\""), (Words{"{\"a\":1}", "b\""})) << "inside a word they are characters";
 }
 
 TEST(HostConsole, TextsAndNumbersMayBeMixed)
@@ -177,14 +166,6 @@ TEST(HostConsole, AByteParameterGetsItsNumber)
     EXPECT_EQ(seen, 255U);
 }
 
-TEST(HostConsole, BlanksPartWordsAndCountForNothingElse)
-{
-    Register("numbers", Numbers);
-    EXPECT_EQ(OspConsoleRun("  numbers\t 1   2 \r\n"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    ASSERT_EQ(calls.size(), 1U);
-    EXPECT_EQ(calls[0].args, (std::vector<uintptr_t>{1, 2, 0, 0, 0, 0}));
-}
-
 TEST(HostConsole, UnknownCommand)
 {
     Register("numbers", Numbers);
@@ -197,8 +178,8 @@ TEST(HostConsole, UnknownCommand)
 TEST(HostConsole, OpenQuoteIsABadLine)
 {
     Register("numbers", Numbers);
-    EXPECT_EQ(OspConsoleRun("numbers \"open"), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
-    EXPECT_EQ(OspConsoleRun("numbers \""), static_cast<uint32_t>(OSP_CONSOLE_BAD_LINE));
+    EXPECT_EQ(OspConsoleRun("numbers \"open"), BAD_LINE);
+    EXPECT_EQ(OspConsoleRun("numbers \""), BAD_LINE);
     EXPECT_TRUE(calls.empty());
 }
 
@@ -226,17 +207,15 @@ TEST(HostConsole, SecondRegistrationReplacesTheFirst)
     EXPECT_EQ(listed[0].second, "second help");
 }
 
-TEST(HostConsole, NameAndHelpAreCopied)
+TEST(HostConsole, NameAndHelpAreCopiedAndNoHelpIsEmptyHelp)
 {
     std::string name = "name";
     std::string help = "help";
     Register(name.c_str(), Numbers, help.c_str());
     name[0] = 'x';
     help[0] = 'x';
-    const auto listed = Listed();
-    ASSERT_EQ(listed.size(), 1U);
-    EXPECT_EQ(listed[0].first, "name");
-    EXPECT_EQ(listed[0].second, "help");
+    EXPECT_NE(Register("bare", Numbers, nullptr), 0U);
+    EXPECT_EQ(Listed(), (std::vector<std::pair<std::string, std::string>>{{"bare", ""}, {"name", "help"}}));
 }
 
 TEST(HostConsole, RefusesWhatCannotBeRun)
@@ -245,13 +224,6 @@ TEST(HostConsole, RefusesWhatCannotBeRun)
     EXPECT_EQ(Register("", Numbers), 0U);
     EXPECT_EQ(OspRegCommand("none", nullptr, "help"), 0U);
     EXPECT_TRUE(Listed().empty());
-}
-
-TEST(HostConsole, NoHelpIsEmptyHelp)
-{
-    EXPECT_NE(Register("bare", Numbers, nullptr), 0U);
-    ASSERT_EQ(Listed().size(), 1U);
-    EXPECT_EQ(Listed()[0].second, "");
 }
 
 TEST(HostConsole, ListsInTheOrderOfNames)
@@ -276,8 +248,8 @@ TEST(HostConsole, ACommandMayRegisterAndRunCommands)
         inner = OspConsoleRun("inner 9");
     };
     Register("outer", runInner);
-    EXPECT_EQ(OspConsoleRun("outer"), static_cast<uint32_t>(OSP_CONSOLE_FOUND));
-    EXPECT_EQ(inner, static_cast<uint32_t>(OSP_CONSOLE_FOUND));
+    EXPECT_EQ(OspConsoleRun("outer"), FOUND);
+    EXPECT_EQ(inner, FOUND);
     ASSERT_EQ(calls.size(), 1U);
     EXPECT_EQ(calls[0].args[0], 9U);
 }

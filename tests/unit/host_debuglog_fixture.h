@@ -66,10 +66,18 @@ inline void SetLevels(uint32_t switchedOn, uint32_t console, uint32_t file, uint
     EXPECT_NE(DebugLogSetToFileLevel(module, file), 0U);
 }
 
-inline void RegisterFor(uint32_t console, uint32_t file)
+inline void RegisterFor(uint32_t console, uint32_t file, const char *prefix = "[Mod]")
 {
-    ASSERT_NE(DebugLogRegist(MODULE, "[Mod]", "Mod"), 0U);
+    ASSERT_NE(DebugLogRegist(MODULE, prefix, "Mod"), 0U);
     SetLevels(ALL_LEVELS, console, file);
+}
+
+/* Logs a line; returns what comes out on the console. */
+inline std::string Printed(uint32_t level, const char *text)
+{
+    CaptureStderr();
+    DebugLogPrint(MODULE, level, "%s", text);
+    return GetCapturedStderr();
 }
 
 /* Sets the log's folder to a new one of its own. */
@@ -101,6 +109,17 @@ class HostDebugLog : public testing::Test
     }
 
     fs::path folder;
+};
+
+/* Whose module logs to its file. */
+class HostDebugLogToFile : public HostDebugLog
+{
+  protected:
+    void SetUp() override
+    {
+        HostDebugLog::SetUp();
+        RegisterFor(0, 2);
+    }
 };
 
 /* The descriptors that are open at the path: "Mod.log (deleted)" is one of a removed file. */

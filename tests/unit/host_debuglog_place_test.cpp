@@ -62,9 +62,7 @@ void ExpectFile(const fs::path &file)
 void ExpectFolderRefused()
 {
     RegisterFor(0, 2);
-    CaptureStderr();
-    DebugLogPrint(MODULE, 2, "text\n");
-    ExpectOneReport(GetCapturedStderr(), "the folder is refused: a link, another user's or writable by others");
+    ExpectOneReport(Printed(2, "text\n"), "the folder is refused: a link, another user's or writable by others");
 }
 
 TEST_F(HostDebugLogPlace, FolderThatIsNamedIsCreated)
@@ -163,9 +161,7 @@ TEST_F(HostDebugLogPlace, FolderThatOthersMayWriteIsRefused)
     for (const mode_t mode : {0720U, 0702U}) {
         ASSERT_EQ(chmod(own.c_str(), mode), 0);
         RegisterFor(0, 2);
-        CaptureStderr();
-        DebugLogPrint(MODULE, 2, "text\n");
-        GetCapturedStderr();
+        Printed(2, "text\n");
         EXPECT_TRUE(fs::is_empty(own)) << mode;
     }
 }

@@ -21,7 +21,7 @@ namespace
 
 using namespace test;
 
-class HostDebugLogShare : public HostDebugLog
+class HostDebugLogShare : public HostDebugLogToFile
 {
   protected:
     /* The lines of the previous file and of the file, in their order. */
@@ -111,7 +111,6 @@ void ExpectNoGap(const std::vector<std::string> &lines, int count)
 /* 1,800 lines of 55 to 57 bytes: the file is renamed once. */
 TEST_F(HostDebugLogShare, TwoProcessesLoseNoLineThroughARename)
 {
-    RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 70000);
     LogFromProcesses(2, 900);
     EXPECT_EQ(FilesInFolder(), 2U);
@@ -125,7 +124,6 @@ TEST_F(HostDebugLogShare, TwoProcessesLoseNoLineThroughARename)
 
 TEST_F(HostDebugLogShare, ManyRenamesLeaveNoGap)
 {
-    RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 3000);
     LogFromProcesses(4, 400);
     EXPECT_LE(fs::file_size(File()), 3000U);
@@ -135,7 +133,6 @@ TEST_F(HostDebugLogShare, ManyRenamesLeaveNoGap)
 
 TEST_F(HostDebugLogShare, LineGoesToTheFileThatAnotherProcessHasBegun)
 {
-    RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 1000);
     DebugLogPrint(MODULE, 2, "first\n");
     ASSERT_TRUE(Finished(Start([] { LogLines(0, 100); })));
@@ -147,7 +144,6 @@ TEST_F(HostDebugLogShare, LineGoesToTheFileThatAnotherProcessHasBegun)
 /* As a process that is stopped while it writes. */
 TEST_F(HostDebugLogShare, LockThatIsNotGivenBackHoldsUpNobody)
 {
-    RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 1000);
     LogLines(0, 1);
     const int other = open(File().c_str(), O_RDONLY | O_CLOEXEC);
@@ -169,7 +165,6 @@ TEST_F(HostDebugLogShare, LockThatIsNotGivenBackHoldsUpNobody)
 /* With its parent's descriptor it would share the parent's lock, too. */
 TEST_F(HostDebugLogShare, ChildOpensTheFileAnew)
 {
-    RegisterFor(0, 2);
     DebugLogPrint(MODULE, 2, "parent\n");
     EXPECT_TRUE(Finished(Start([this] {
         if (!DescriptorsOf(File()).empty()) {
@@ -183,7 +178,6 @@ TEST_F(HostDebugLogShare, ChildOpensTheFileAnew)
 TEST_F(HostDebugLogShare, ChildMayLogAtOnce)
 {
     enum { FORKS = 50 };
-    RegisterFor(0, 2);
     DebugLogSetLogFileLen(MODULE, 1U << 30);
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;

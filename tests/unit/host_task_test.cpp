@@ -99,20 +99,12 @@ TEST(HostTask, IdentifierIsTheThreadsAndThereForBothSides)
     EXPECT_EQ(probe.idSeen, id);
 }
 
-TEST(HostTask, NameIsCutToWhatTheKernelKeeps)
+TEST(HostTask, NameIsCopiedAndCutToWhatTheKernelKeepsAndMayBeNull)
 {
     EXPECT_EQ(RunOne("123456789012345").name, "123456789012345");
     EXPECT_EQ(RunOne("1234567890123456").name, "123456789012345");
-}
-
-TEST(HostTask, NameIsCopied)
-{
     char name[] = "first";
     EXPECT_EQ(RunOne(name, PRIORITY, STACK_SIZE, [&](const Probe &) { strcpy(name, "other"); }).name, "first");
-}
-
-TEST(HostTask, NameMayBeNull)
-{
     EXPECT_TRUE(RunOne(nullptr).ran);
 }
 
@@ -169,6 +161,7 @@ bool MayBeRealTime(int priority)
 
 TEST(HostTask, PriorityIsTried)
 {
+    EXPECT_EQ(RunOne("probe", 0).policy, sched_getscheduler(0)) << "0 asks for nothing";
     const int lowest = sched_get_priority_min(SCHED_RR);
     if (!MayBeRealTime(lowest + 7)) {
         GTEST_SKIP() << "this process may not set priorities";
@@ -179,11 +172,6 @@ TEST(HostTask, PriorityIsTried)
         EXPECT_EQ(probe.priority, lowest + priority / 32);
         EXPECT_EQ(probe.childPolicy, SCHED_OTHER);
     }
-}
-
-TEST(HostTask, PriorityZeroAsksForNothing)
-{
-    EXPECT_EQ(RunOne("probe", 0).policy, sched_getscheduler(0));
 }
 
 /* Gives up what lets this thread and those it starts set priorities. */
