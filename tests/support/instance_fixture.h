@@ -6,9 +6,7 @@
 #define TESTS_SUPPORT_INSTANCE_FIXTURE_H
 
 #include <cstring>
-#include <functional>
 #include <set>
-#include <vector>
 
 #include "nvrhttpcurl/hcc_tools.h"
 #include "tests/support/engine_fixture.h"

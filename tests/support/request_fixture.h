@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include "tests/support/engine_fixture.h"
 
@@ -81,19 +79,6 @@ class RequestTest : public EngineTest
         inst->tMemCB = {DirtyMalloc, realloc, InstanceFree};
         asked.clear();
         freed.clear();
-    }
-
-    /* Sends and destroys the only request to the server, and returns it as the server read it. */
-    static Request Perform(const ScriptedServer &server, HNvrHttpCurlCltReq req)
-    {
-        EXPECT_EQ(NvrHttpCurlCltProcessReq(req, 20000, 20000, NVRHTTPCURLCLT_MODE_SYNC, nullptr, nullptr), 0U);
-        int32_t code = 0;
-        EXPECT_EQ(NvrHttpCurlCltGetRespStatCode(req, &code), 0U);
-        EXPECT_EQ(code, 200);
-        NvrHttpCurlCltReqDestroy(req);
-        const std::vector<Request> requests = server.Requests();
-        EXPECT_EQ(requests.size(), 1U);
-        return requests.empty() ? Request() : requests[0];
     }
 };
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <deque>
 #include <ostream>
-#include <vector>
 
 #include "tests/support/engine_fixture.h"
 

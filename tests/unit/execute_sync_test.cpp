@@ -181,15 +181,6 @@ TEST_F(ExecuteSync, ARefusedTimeoutIsOnlyLogged)
     }
 }
 
-TEST_F(ExecuteSync, AClosedPortIsNoFailure)
-{
-    hooks::easy_perform = nullptr;
-    const ClosedPort closed;
-    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, closed.Url().c_str()), 0U);
-    EXPECT_EQ(Perform(20000, 20000), 0U);
-    ExpectLine(PerformFailed(CURLE_COULDNT_CONNECT));
-}
-
 TEST_F(ExecuteSync, ABoundRequestKeepsItsNode)
 {
     req = Keep(CreateFinished());

@@ -120,14 +120,10 @@ void ExpectEmpty(const TNVRHCCList &list, const TNvrHttpCurlCltMemCB &memory)
     EXPECT_EQ(list.pfFree, memory.pfFree);
 }
 
-TEST(HccListInit, RefusesANullList)
+TEST(HccListInit, RefusesANullListAndMixedCallbacksAndLeavesTheRecordUntouched)
 {
     EXPECT_EQ(NVRHCCListInit(nullptr, &SPY), 2U);
     EXPECT_EQ(NVRHCCListInit(nullptr, nullptr), 2U);
-}
-
-TEST(HccListInit, RefusesEveryMixtureOfCallbacksAndLeavesTheRecordUntouched)
-{
     for (unsigned mask = 1; mask < 7; ++mask) {
         const TNvrHttpCurlCltMemCB mixture = {(mask & 1) != 0 ? SpyMalloc : nullptr,
                                               (mask & 2) != 0 ? SpyRealloc : nullptr,
@@ -216,28 +212,18 @@ TEST_F(HccList, ANodeIsOneBlockOfTheListsOwnMalloc)
     EXPECT_TRUE(events.empty());
 }
 
-TEST_F(HccList, InsertRefusesAnAnchorOnAnEmptyListAndAllocatesNothing)
+TEST_F(HccList, InsertRefusesNullsAndAnAnchorOnAnEmptyListAndAllocatesNothing)
 {
     for (const Insert insert : {BEFORE, AFTER}) {
         TNVRHCCListNode stray = {};
         TNVRHCCListNode *node = &stray;
         EXPECT_EQ(insert(&list, &stray, &a, &node), 2U);
+        EXPECT_EQ(insert(nullptr, nullptr, &b, &node), 2U);
+        EXPECT_EQ(insert(&list, nullptr, nullptr, &node), 2U);
         EXPECT_EQ(node, &stray);
     }
     EXPECT_EQ(fake::Mallocs(), 0U);
     EXPECT_EQ(Order(), "");
-}
-
-TEST_F(HccList, InsertRefusesANullListAndANullElement)
-{
-    Append(&a);
-    const size_t before = fake::Mallocs();
-    for (const Insert insert : {BEFORE, AFTER}) {
-        EXPECT_EQ(insert(nullptr, nullptr, &b, nullptr), 2U);
-        EXPECT_EQ(insert(&list, nullptr, nullptr, nullptr), 2U);
-    }
-    EXPECT_EQ(fake::Mallocs(), before);
-    EXPECT_EQ(Order(), "a");
 }
 
 TEST_F(HccList, InsertWithoutMemoryReturnsThreeAndChangesNothing)
@@ -258,35 +244,28 @@ TEST_F(HccList, InsertWithoutMemoryReturnsThreeAndChangesNothing)
 
 /* --- removal -------------------------------------------------------------------------------- */
 
-TEST_F(HccList, RemoveJoinsTheNeighbours)
+TEST_F(HccList, RemoveJoinsTheNeighboursAndFreesTheNodeAlone)
 {
     const struct {
         std::string before;
         size_t index;
         std::string after;
-    } cases[] = {{"a", 0, ""}, {"abc", 0, "bc"}, {"abc", 1, "ac"}, {"abc", 2, "ab"}};
+    } cases[] = {{"a", 0, ""}, {"abc", 0, "bc"}, {"abc", 1, "ac"}, {"abc", 2, "ab"}, {"aa", 0, "a"}};
     for (const auto &each : cases) {
         SCOPED_TRACE(each.before + " to " + each.after);
         Fill(each.before);
         std::vector<TNVRHCCListNode *> nodes = Nodes();
         void *const expected = nodes[each.index]->pvData;
         void *element = nullptr;
+        events.clear();
         EXPECT_EQ(NVRHCCListRemove(&list, nodes[each.index], &element), 0U);
+        EXPECT_EQ(events, std::vector<std::string>{"free node"});
         EXPECT_EQ(element, expected);
         EXPECT_EQ(Order(), each.after);
         nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(each.index));
         EXPECT_EQ(Nodes(), nodes);
         EXPECT_EQ(fake::BlocksAlive(), nodes.size());
     }
-}
-
-TEST_F(HccList, RemoveGivesTheNodeBackThroughTheListsFreeAndLeavesTheElement)
-{
-    TNVRHCCListNode *node = Append(&a);
-    events.clear();
-    EXPECT_EQ(NVRHCCListRemove(&list, node, nullptr), 0U);
-    EXPECT_EQ(events, (std::vector<std::string>{"free node"}));
-    EXPECT_EQ(a, "a");
 }
 
 TEST_F(HccList, RemoveRefusesNullsAndAnEmptyList)
@@ -305,15 +284,6 @@ TEST_F(HccList, RemoveRefusesNullsAndAnEmptyList)
 
 /* --- clean-up ------------------------------------------------------------------------------- */
 
-TEST_F(HccList, CleanUpWithoutReleaseCallbackDoesNothing)
-{
-    Fill("abc");
-    events.clear();
-    NVRHCCListCleanUp(&list, nullptr);
-    EXPECT_EQ(Order(), "abc");
-    EXPECT_TRUE(events.empty());
-}
-
 TEST_F(HccList, CleanUpReleasesEachNodeBeforeItsElementFromTheHeadOn)
 {
     Fill("bc");
@@ -326,25 +296,21 @@ TEST_F(HccList, CleanUpReleasesEachNodeBeforeItsElementFromTheHeadOn)
     EXPECT_EQ(released, (std::vector<void *>{&a, &b, &c}));
     ExpectEmpty(list, SPY);
     EXPECT_EQ(fake::BlocksAlive(), 0U);
+    Fill("bc");
+    EXPECT_EQ(Order(), "bc") << "with its callbacks the list serves again";
 }
 
-TEST_F(HccList, CleanUpOfANullOrEmptyListCallsNothing)
+TEST_F(HccList, CleanUpWithoutAReleaseCallbackOrAnyElementCallsNothing)
 {
     events.clear();
     NVRHCCListCleanUp(nullptr, Release);
     NVRHCCListCleanUp(nullptr, nullptr);
     NVRHCCListCleanUp(&list, Release);
-    EXPECT_TRUE(events.empty());
     EXPECT_EQ(Order(), "");
-}
-
-TEST_F(HccList, CleanUpKeepsTheCallbacksSoThatTheListServesAgain)
-{
-    Append(&a);
-    NVRHCCListCleanUp(&list, Release);
-    ExpectEmpty(list, SPY);
-    Fill("bc");
-    EXPECT_EQ(Order(), "bc");
+    Fill("abc");
+    NVRHCCListCleanUp(&list, nullptr);
+    EXPECT_EQ(Order(), "abc");
+    EXPECT_TRUE(events.empty());
 }
 
 /* --- the whole ------------------------------------------------------------------------------ */
@@ -364,14 +330,6 @@ TEST_F(HccList, ReallocIsNeverCalled)
         EXPECT_NE(event, "realloc");
     }
     EXPECT_EQ(fake::Reallocs(), 0U);
-}
-
-TEST_F(HccList, TheSameElementMayBeThereSeveralTimes)
-{
-    Fill("aa");
-    EXPECT_EQ(Order(), "aa");
-    EXPECT_EQ(NVRHCCListRemove(&list, list.ptHead, nullptr), 0U);
-    EXPECT_EQ(Order(), "a");
 }
 
 } // namespace

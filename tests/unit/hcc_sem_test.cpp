@@ -40,17 +40,12 @@ class HccSem : public testing::Test
     HOspSem sem = nullptr;
 };
 
-TEST_F(HccSem, TheFirstUseCreatesAndStoresItAvailable)
+TEST_F(HccSem, TheFirstUseStoresItAvailableAndLaterOnesReturnItAlsoWhileItIsTaken)
 {
     const HOspSem first = HCCSemEnsure(&sem);
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(sem, first);
     EXPECT_FALSE(fake::SemIsTaken(first));
-}
-
-TEST_F(HccSem, LaterUsesReturnTheStoredOneAlsoWhileItIsTaken)
-{
-    const HOspSem first = HCCSemEnsure(&sem);
     ASSERT_NE(OspSemTake(first), 0U);
     fake::FailSemCreate(1, true);
     EXPECT_EQ(HCCSemEnsure(&sem), first);

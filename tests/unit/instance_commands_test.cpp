@@ -1,8 +1,6 @@
 /* The two console commands of the engine: their registration and what they log. */
 #include <ctime>
 #include <future>
-#include <string>
-#include <vector>
 
 #include "tests/support/instance_fixture.h"
 
@@ -31,20 +29,14 @@ class Registration : public InstanceTest
     }
 };
 
-TEST_F(Registration, IsPartOfEachInit)
+TEST_F(Registration, IsPartOfEachInitAndComesBeforeAnythingElse)
 {
-    NvrHttpCurlCltUninit(MustStart(1));
+    onMalloc = [](size_t) { EXPECT_EQ(fake::Commands().size(), 2U); };
+    NvrHttpCurlCltUninit(MustStart(1, 8, SpyMemCB()));
+    EXPECT_EQ(fake::Mallocs(), 1U);
     ExpectCommands(1);
     NvrHttpCurlCltUninit(MustStart(0));
     ExpectCommands(2);
-}
-
-TEST_F(Registration, ComesBeforeAnythingElse)
-{
-    bool registered = false;
-    onMalloc = [&registered](size_t) { registered = fake::Commands().size() == 2; };
-    MustStart(1, 8, SpyMemCB());
-    EXPECT_TRUE(registered);
 }
 
 TEST_F(Registration, IsPartOfAnInitThatFails)

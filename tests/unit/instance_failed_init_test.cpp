@@ -1,9 +1,7 @@
 /* An Init that fails halfway: it leaves nothing behind, neither of its own nor of others. */
 #include <cerrno>
 #include <ostream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include <sys/socket.h>
 
@@ -78,8 +76,7 @@ const Failure FAILURES[] = {
     {"CountLock", [] { fake::FailSemCreate(17); }, Error(INIT, "[Error] hAsyncReqNumLock create failed\n"), 8, 8, 8,
      16},
     {"EasyInitLocker", [] { fake::FailSemCreate(18); },
-     Error(INIT, "[Error] g_sEasyInitLocker create failed, dwII %u\n", 8U), 8, 8, 8, 17},
-};
+     Error(INIT, "[Error] g_sEasyInitLocker create failed, dwII %u\n", 8U), 8, 8, 8, 17}};
 
 /* The flag: the tasks that start before the failure really run. */
 class FailedStep : public InstanceTest, public testing::WithParamInterface<std::tuple<Failure, bool>>

@@ -1,8 +1,6 @@
 /*
  * Request objects: the setters but the body's.
  */
-#include <functional>
-
 #include "tests/support/request_fixture.h"
 
 namespace
@@ -143,18 +141,16 @@ TEST_F(RequestUri, ARefusedUrlFailsUnlessItIsHttps)
     ExpectSet("https://127.0.0.1/", 0, {fault, unverified}, UNVERIFIED);
 }
 
-TEST_F(RequestUri, RefusedVerificationOptionsDoNotFail)
+TEST_F(RequestUri, OfTheVerificationOptionsARefusedCaInfoFails)
 {
+    const Line noPeer = SetoptFault(FUNC, CURLE_NOT_BUILT_IN);
+    const Line noHost = SetoptFault(FUNC, CURLE_UNKNOWN_OPTION);
     hooks::RefuseOption(CURLOPT_SSL_VERIFYPEER, CURLE_NOT_BUILT_IN);
     hooks::RefuseOption(CURLOPT_SSL_VERIFYHOST, CURLE_UNKNOWN_OPTION);
-    ExpectSet("https://127.0.0.1/", 0,
-              {SetoptFault(FUNC, CURLE_NOT_BUILT_IN), SetoptFault(FUNC, CURLE_UNKNOWN_OPTION), unverified}, UNVERIFIED);
-}
-
-TEST_F(RequestUri, ARefusedCaInfoFails)
-{
-    hooks::RefuseOption(CURLOPT_CAINFO, CURLE_NOT_BUILT_IN);
-    ExpectSet("https://127.0.0.1/", 1, {SetoptFault(FUNC, CURLE_NOT_BUILT_IN), unverified, failed}, UNVERIFIED);
+    ExpectSet("https://127.0.0.1/", 0, {noPeer, noHost, unverified}, UNVERIFIED);
+    hooks::RefuseOption(CURLOPT_CAINFO, CURLE_BAD_FUNCTION_ARGUMENT);
+    ExpectSet("https://127.0.0.1/", 1,
+              {noPeer, noHost, SetoptFault(FUNC, CURLE_BAD_FUNCTION_ARGUMENT), unverified, failed}, UNVERIFIED);
 }
 
 /* --- the method ------------------------------------------------------------------------------- */
@@ -180,7 +176,6 @@ TEST_F(RequestMethod, SetsItsOptionAndFailsIfItIsRefused)
         EXPECT_EQ(hooks::Options()[0].value, 1U);
         EXPECT_EQ(hooks::Options()[0].easy, req->ptReq);
         ExpectLines({});
-
         hooks::RefuseOption(each.option, CURLE_UNKNOWN_OPTION);
         EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, each.method), 1U);
         ExpectLines(
@@ -227,20 +222,18 @@ TEST_F(RequestAuth, AnyNonzeroValueSetsUserThenAnyScheme)
     }
 }
 
-TEST_F(RequestAuth, ARefusedUserIsOnlyLogged)
+TEST_F(RequestAuth, ARefusedUserIsOnlyLoggedRefusedSchemesFailAndShowThePassword)
 {
+    const Line noUser = SetoptFault(FUNC, CURLE_OUT_OF_MEMORY);
     hooks::RefuseOption(CURLOPT_USERPWD, CURLE_OUT_OF_MEMORY);
     EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 1, "user:password"), 0U);
-    ExpectLines({SetoptFault(FUNC, CURLE_OUT_OF_MEMORY)});
+    ExpectLines({noUser});
     EXPECT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
-}
-
-TEST_F(RequestAuth, RefusedSchemesFailAndShowThePassword)
-{
+    Forget();
     hooks::RefuseOption(CURLOPT_HTTPAUTH, CURLE_NOT_BUILT_IN);
     EXPECT_EQ(NvrHttpCurlCltSetAuthType(req, 3, "user:password"), 1U);
     ExpectLines(
-        {SetoptFault(FUNC, CURLE_NOT_BUILT_IN),
+        {noUser, SetoptFault(FUNC, CURLE_NOT_BUILT_IN),
          Error(FUNC, "[Error] Set Req AuthType bCurlAuth{%d} pchUserAndPassWd{%s} failed\n", 3, "user:password")});
     EXPECT_EQ(hooks::OptionOrder(), AUTH_OPTIONS);
 }
@@ -299,73 +292,6 @@ TEST_F(RequestHeader, WithoutMemoryTheLinesAreGone)
     hooks::slist_append = nullptr;
     EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "C", "3"), 0U);
     EXPECT_EQ(hooks::HeaderLines(req->ptHeaderList), (Texts{"C:3", "Expect:"}));
-}
-
-/* --- on the wire ------------------------------------------------------------------------------ */
-
-TEST_F(RequestTest, ALongHeaderLineIsSentCutAndNothingIsExpected)
-{
-    ScriptedServer server(Answering("ok"));
-    const std::string value(200, 'v');
-    const std::string body(2000000, 'b'); /* libcurl would ask for a "100 Continue" */
-    HNvrHttpCurlCltReq req = Create();
-    ASSERT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url().c_str()), 0U);
-    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "X-Long", value.c_str()), 0U);
-    ASSERT_EQ(NvrHttpCurlCltSetReqHeader(req, "X-Short", "1"), 0U);
-    ASSERT_EQ(NvrHttpCurlCltSetReqBody(req, body.data(), static_cast<uint32_t>(body.size())), 0U);
-    const Request sent = Perform(server, req);
-    EXPECT_TRUE(sent.HasLine("X-Long:" + value.substr(0, 120))) << sent.head;
-    EXPECT_TRUE(sent.HasLine("X-Short:1")) << sent.head;
-    EXPECT_FALSE(sent.HasHeader("Expect")) << sent.head;
-    EXPECT_EQ(server.Received(0), sent.head + "\r\n\r\n" + body);
-}
-
-/* libcurl's rule and not ours: what the body setter sets makes a POST of any method before it. */
-class RequestMethodOnTheWire : public RequestTest
-{
-  protected:
-    HNvrHttpCurlCltReq CreateWithMethodThenBody(const ScriptedServer &server, const char *method)
-    {
-        HNvrHttpCurlCltReq req = Create();
-        EXPECT_EQ(NvrHttpCurlCltSetReqUri(req, server.Url("/path").c_str()), 0U);
-        EXPECT_EQ(NvrHttpCurlCltSetReqHeader(req, "A", "1"), 0U);
-        EXPECT_EQ(NvrHttpCurlCltSetReqMethod(req, method), 0U);
-        EXPECT_EQ(NvrHttpCurlCltSetReqBody(req, "the body", 8), 0U);
-        return req;
-    }
-};
-
-TEST_F(RequestMethodOnTheWire, GetOrPutBeforeTheBodyLeavesAsPost)
-{
-    for (const char *method : {"GET", "PUT"}) {
-        SCOPED_TRACE(method);
-        ScriptedServer server(Answering("ok"));
-        const Request sent = Perform(server, CreateWithMethodThenBody(server, method));
-        EXPECT_EQ(sent.Line(), "POST /path HTTP/1.1");
-        EXPECT_EQ(sent.body, "the body");
-    }
-}
-
-TEST_F(RequestMethodOnTheWire, GetAfterTheBodyHasNone)
-{
-    ScriptedServer server(Answering("ok"));
-    HNvrHttpCurlCltReq req = CreateWithMethodThenBody(server, "POST");
-    ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "GET"), 0U);
-    const Request sent = Perform(server, req);
-    EXPECT_EQ(sent.Line(), "GET /path HTTP/1.1");
-    EXPECT_EQ(server.Received(0), sent.head + "\r\n\r\n");
-}
-
-TEST_F(RequestMethodOnTheWire, PutAfterTheBodyReadsStandardInput)
-{
-    FeedStandardInput("typed");
-    ScriptedServer server(Answering("ok"));
-    HNvrHttpCurlCltReq req = CreateWithMethodThenBody(server, "POST");
-    ASSERT_EQ(NvrHttpCurlCltSetReqMethod(req, "PUT"), 0U);
-    const Request sent = Perform(server, req);
-    EXPECT_EQ(sent.Line(), "PUT /path HTTP/1.1");
-    EXPECT_TRUE(sent.chunked);
-    EXPECT_EQ(sent.body, "typed");
 }
 
 } // namespace

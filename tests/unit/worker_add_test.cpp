@@ -1,7 +1,4 @@
 /* The worker adds the queued requests of its task to the multi handle. */
-#include <string>
-#include <vector>
-
 #include "tests/support/worker_fixture.h"
 
 namespace
@@ -30,14 +27,6 @@ class WorkerAdd : public WorkerTest
 
     const Lines performed = {Running(PERFORM_EX, 0)};
 };
-
-TEST_F(WorkerAdd, AnEmptyRunListIsNothing)
-{
-    EXPECT_EQ(Add(), 0U);
-    ExpectLines({});
-    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
-    EXPECT_FALSE(AnyLockTaken());
-}
 
 TEST_F(WorkerAdd, AddsUnderTheRunLockAndPerformsWithout)
 {
@@ -83,8 +72,12 @@ TEST_F(WorkerAdd, TheLatestIsAddedFirst)
     EXPECT_EQ(hooks::Calls("curl_multi_perform"), 1U);
 }
 
-TEST_F(WorkerAdd, WhatIsInflightIsNotAddedAgain)
+TEST_F(WorkerAdd, AnEmptyRunListAndWhatIsInflightIsNothingToAdd)
 {
+    EXPECT_EQ(Add(), 0U);
+    ExpectLines({});
+    EXPECT_EQ(hooks::Calls("curl_multi_perform"), 0U);
+    EXPECT_FALSE(AnyLockTaken());
     Queue();
     EXPECT_EQ(Add(), 1U);
     Forget();

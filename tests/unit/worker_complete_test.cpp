@@ -1,9 +1,6 @@
 /* The worker completes ended requests: one behaviour under two names. */
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "tests/support/worker_fixture.h"
 
@@ -110,24 +107,24 @@ TEST_P(WorkerComplete, GoesOnAfterAFailedPerform)
     ExpectCompletions({{req, 1, 0, nullptr}});
 }
 
-TEST_P(WorkerComplete, SaysWhichMessageIsNoEnd)
+TEST_P(WorkerComplete, PassesOverAMessageThatIsNoEndOrHasNoHandle)
 {
     HNvrHttpCurlCltReq req = QueueAnswered(nullptr, "");
-    Run({Message(CURLMSG_NONE, req->ptReq), Message(CURLMSG_LAST, req->ptReq)});
+    Run({Message(CURLMSG_NONE, req->ptReq), Message(CURLMSG_LAST, req->ptReq), Done(nullptr)});
     ExpectLines({performed, Info(GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 0),
-                 Info(GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 2)});
+                 Info(GetParam().name, " msg %d {0-none, 1-done, 2-last}\n", 2),
+                 Error(GetParam().name, "[Error] ptEasyHandle is Invalid{%p}\n", Ptr(nullptr))});
     EXPECT_EQ(hooks::Calls("curl_multi_remove_handle"), 0U);
     EXPECT_TRUE(completions.empty());
     EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
+    Run({Done(nullptr), Done(req->ptReq)});
+    EXPECT_EQ(completions.size(), 1U);
 }
 
-TEST_P(WorkerComplete, PassesOverAMessageWithoutAHandle)
+uint32_t MustNotBeCalled(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
 {
-    HNvrHttpCurlCltReq req = QueueAnswered(nullptr, "");
-    Run({Done(nullptr), Done(req->ptReq)});
-    ExpectLines({performed, Error(GetParam().name, "[Error] ptEasyHandle is Invalid{%p}\n", Ptr(nullptr))});
-    EXPECT_EQ(hooks::Calls("curl_multi_remove_handle"), 1U);
-    EXPECT_EQ(completions.size(), 1U);
+    ADD_FAILURE() << "the callback was read too late";
+    return 0;
 }
 
 TEST_P(WorkerComplete, KeepsItsOrderAndItsLocks)
@@ -158,6 +155,8 @@ TEST_P(WorkerComplete, KeepsItsOrderAndItsLocks)
         EXPECT_FALSE(fake::SemIsTaken(task->hRunLock));
         EXPECT_EQ(std::string(buffer, 7), std::string("answer#"));
         EXPECT_EQ(task->tRunList.dwNumOfElem, 0U);
+        node->pfNtf = MustNotBeCalled; /* from now on others can reach the node */
+        node->pvUserBuf = this;
     };
     onCompletion = [&](const Completion &) {
         events.push_back("callback");
@@ -201,6 +200,10 @@ TEST_P(WorkerComplete, MapsTheFailureAndCopiesWhatThereIs)
         EXPECT_STREQ(buffer, each.copied);
         EXPECT_TRUE(HasFinished(each.req));
     }
+    const std::string answer(300000, 'a'); /* no bound */
+    std::string large(answer.size() + 1, '#');
+    Run({Done(QueueAnswered(large.data(), answer)->ptReq)});
+    EXPECT_EQ(large, answer + "#");
 }
 
 TEST_P(WorkerComplete, ARefusedRemovalIsOnlyLogged)
@@ -222,41 +225,12 @@ TEST_P(WorkerComplete, ALostAnswerCopiesNothing)
     fake::FailRealloc(1);
     char byte = 'x';
     ASSERT_EQ(_HttpCurlStackWriteCB(&byte, 1, 1, req->ptRespData), 0U);
-    ASSERT_EQ(req->ptRespData->pchData, nullptr);
-    ASSERT_EQ(req->ptRespData->qwSize, 6U);
     Forget();
     Run({Done(req->ptReq, CURLE_WRITE_ERROR)});
     ExpectCompletions({{req, 0, 1, buffer}});
     EXPECT_STREQ(buffer, UNTOUCHED);
     EXPECT_TRUE(HasFinished(req));
     fake::FreeLostBlocks();
-}
-
-TEST_P(WorkerComplete, TheCopyHasNoBound)
-{
-    const std::string answer(300000, 'a');
-    std::vector<char> large(answer.size() + 1, '#');
-    HNvrHttpCurlCltReq req = QueueAnswered(large.data(), answer);
-    Run({Done(req->ptReq)});
-    EXPECT_EQ(std::string(large.data(), large.size()), answer + "#");
-}
-
-uint32_t MustNotBeCalled(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet, void *)
-{
-    ADD_FAILURE() << "the callback was read too late";
-    return 0;
-}
-
-TEST_P(WorkerComplete, ReadsTheCallbackBeforeOthersCanReachTheNode)
-{
-    HNvrHttpCurlCltReq req = QueueAnswered(buffer, "answer");
-    TNvrHttpCurlCltAsyncNode *const node = Nodes(task->tRunList)[0];
-    atFinListMalloc = [&] {
-        node->pfNtf = MustNotBeCalled;
-        node->pvUserBuf = this;
-    };
-    Run({Done(req->ptReq)});
-    ExpectCompletions({{req, 1, 0, buffer}});
 }
 
 TEST_P(WorkerComplete, NotifiesThoughTheFinishListHasNoMemory)
@@ -319,6 +293,11 @@ TEST_P(WorkerComplete, AStrangerBeforeTheFirstMatchIsDropped)
     EXPECT_STREQ(buffer, UNTOUCHED);
     Run({Done(stranger.get()), Done(req->ptReq)});
     ExpectCompletions({{req, 1, 0, buffer}});
+    QueueAnswered(nullptr, "");
+    Run({Done(stranger.get())}); /* the match did not outlive its call */
+    EXPECT_EQ(completions.size(), 1U);
+    EXPECT_EQ(task->tFinList.dwNumOfElem, 1U);
+    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
 }
 
 TEST_P(WorkerComplete, AStrangerAfterAMatchCompletesTheNodeLastLookedAt)
@@ -352,17 +331,6 @@ TEST_P(WorkerComplete, AStrangerAfterTheOnlyMatchCompletesThatNodeAgain)
     EXPECT_EQ(finished[1], finished[0]);
     EXPECT_EQ(finished[0]->ptReqIn, matched);
     ASSERT_EQ(NVRHCCListRemove(&task->tFinList, task->tFinList.ptTail, nullptr), 0U);
-}
-
-TEST_P(WorkerComplete, AMatchDoesNotOutliveItsCall)
-{
-    HNvrHttpCurlCltReq matched = QueueAnswered(buffer, "answer");
-    QueueAnswered(nullptr, "");
-    Run({Done(matched->ptReq)});
-    Run({Done(stranger.get())});
-    EXPECT_EQ(completions.size(), 1U);
-    EXPECT_EQ(task->tFinList.dwNumOfElem, 1U);
-    EXPECT_EQ(task->tRunList.dwNumOfElem, 1U);
 }
 
 /* --- inside the callback -------------------------------------------------------------------------------------- */

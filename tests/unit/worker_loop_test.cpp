@@ -4,10 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/support/worker_fixture.h"
 
@@ -27,6 +24,8 @@ struct Step {
     int count;        /* KEEP_COUNT: not written, as a failed wait does */
     short events = 0; /* those of the wake-up socket */
 };
+
+const Step BAD = {CURLM_BAD_HANDLE, KEEP_COUNT};
 
 const Line READ_FAILED = Info(ROUTINE, " [udp socket]recvfrom err, break.\n");
 const Line WAKE_UP_ONLY = Info(ROUTINE, " udp socket done, continue wait.\n");
@@ -209,8 +208,7 @@ TEST_F(WorkerLoop, PerformsOnActivityAndReadsWakeUps)
         {{CURLM_OK, 1}, "performs 1, reads 0, rests 2", {Active(1), Running(PERFORM, 1)}, 1},
         {{CURLM_OK, 1, WAKE_UP}, "performs 0, reads 1, rests", {Active(1), Read(2), WAKE_UP_ONLY}, 0},
         {{CURLM_OK, 3, WAKE_UP}, "performs 1, reads 1, rests 2", {Active(3), Read(2), Running(PERFORM, 1)}, 2},
-        {{CURLM_OK, 1, CURL_WAIT_POLLOUT}, "performs 1, reads 0, rests 2", {Active(1), Running(PERFORM, 1)}, 1},
-    };
+        {{CURLM_OK, 1, CURL_WAIT_POLLOUT}, "performs 1, reads 0, rests 2", {Active(1), Running(PERFORM, 1)}, 1}};
     std::vector<size_t> readsBefore;
     hooks::multi_perform = [&](CURLM *of, int *running) {
         EXPECT_EQ(of, multi);
@@ -263,9 +261,8 @@ TEST_F(WorkerLoop, ReadsIntoAClearedBufferOf256Bytes)
 
 TEST_F(WorkerLoop, AnEmptyDatagramAndAFailedReadCountAsRead)
 {
-    hooks::sys_recvfrom = [reads = 0](int, void *, size_t, int, sockaddr *, socklen_t *) mutable -> ssize_t {
-        return reads++ == 0 ? 0 : -1;
-    };
+    ssize_t result = 1;
+    hooks::sys_recvfrom = [&](int, void *, size_t, int, sockaddr *, socklen_t *) { return --result; };
     Run({{CURLM_OK, 1, WAKE_UP}, {CURLM_OK, 1, WAKE_UP}, {CURLM_OK, 2, WAKE_UP}});
     ExpectLoopLines({Active(1), Read(0), WAKE_UP_ONLY, Active(1), READ_FAILED, WAKE_UP_ONLY, Active(2), READ_FAILED,
                      Running(PERFORM, 0)});
@@ -336,6 +333,16 @@ class WorkerBadHandle : public WorkerLoop
         };
     }
 
+    /* The handle of each wait. */
+    std::vector<CURLM *> Waited() const
+    {
+        std::vector<CURLM *> handles;
+        for (const Seen &wait : seen) {
+            handles.push_back(wait.multi);
+        }
+        return handles;
+    }
+
     std::vector<CURLM *> cleaned;
     std::vector<CURLM *> made;
     int noHandles = 0;
@@ -343,17 +350,15 @@ class WorkerBadHandle : public WorkerLoop
 
 TEST_F(WorkerBadHandle, IsReplacedAndTheLastOneHandedBackOnLeaving)
 {
-    Run({{CURLM_BAD_HANDLE, KEEP_COUNT}, {CURLM_BAD_HANDLE, KEEP_COUNT}, {CURLM_OK, 0}});
+    Run({BAD, BAD, {CURLM_OK, 0}});
     ASSERT_EQ(made.size(), 2U);
     EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, made[0]}));
-    CURLM *const waited[] = {multi, made[0], made[1], made[1]};
-    for (size_t i = 0; i < seen.size(); ++i) {
-        EXPECT_EQ(seen[i].multi, waited[i]) << i;
-        EXPECT_EQ(seen[i].multiOfTask, multi) << i;
+    EXPECT_EQ(Waited(), (std::vector<CURLM *>{multi, made[0], made[1], made[1]}));
+    for (const Seen &wait : seen) {
+        EXPECT_EQ(wait.multiOfTask, multi);
     }
     EXPECT_EQ(Pass(0), "performs 0, reads 0, rests 2");
     ExpectLoopLines(Replaced(multi, made[0]) + Replaced(made[0], made[1]));
-
     EXPECT_EQ(task->ptCurlMultiHandle, made[1]);
     Stop();
     EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, made[0], made[1]}));
@@ -367,7 +372,7 @@ TEST_F(WorkerBadHandle, ThePassGoesOnWithTheNewHandle)
         performed.push_back(of);
         return CURLM_OK;
     };
-    Run({{CURLM_OK, 1}, {CURLM_BAD_HANDLE, KEEP_COUNT}});
+    Run({{CURLM_OK, 1}, BAD});
     ASSERT_EQ(made.size(), 1U);
     EXPECT_EQ(performed, (std::vector<CURLM *>{multi, made[0]}));
     const Lines pass = {Active(1), Running(PERFORM, 0)};
@@ -377,15 +382,10 @@ TEST_F(WorkerBadHandle, ThePassGoesOnWithTheNewHandle)
 TEST_F(WorkerBadHandle, ANullReplacementIsReplacedAgain)
 {
     noHandles = 2;
-    Run({{CURLM_BAD_HANDLE, KEEP_COUNT},
-         {CURLM_BAD_HANDLE, KEEP_COUNT},
-         {CURLM_BAD_HANDLE, KEEP_COUNT},
-         {CURLM_OK, 0}});
+    Run({BAD, BAD, BAD, {CURLM_OK, 0}});
     ASSERT_EQ(made.size(), 3U);
-    EXPECT_EQ(seen[1].multi, nullptr);
-    EXPECT_EQ(seen[2].multi, nullptr);
     ASSERT_NE(made[2], nullptr);
-    EXPECT_EQ(seen[3].multi, made[2]);
+    EXPECT_EQ(Waited(), (std::vector<CURLM *>{multi, nullptr, nullptr, made[2], made[2]}));
     EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, nullptr, nullptr}));
     ExpectLoopLines(Replaced(multi, nullptr) + Replaced(nullptr, nullptr) + Replaced(nullptr, made[2]));
     Stop();
@@ -395,7 +395,7 @@ TEST_F(WorkerBadHandle, ANullReplacementIsReplacedAgain)
 TEST_F(WorkerBadHandle, LeavingWithoutAnyHandleReleasesNothingTwice)
 {
     noHandles = 1;
-    Run({{CURLM_BAD_HANDLE, KEEP_COUNT}});
+    Run({BAD});
     EXPECT_EQ(task->ptCurlMultiHandle, nullptr);
     Stop();
     EXPECT_EQ(cleaned, (std::vector<CURLM *>{multi, nullptr}));
@@ -415,7 +415,7 @@ TEST_F(WorkerBadHandle, WhatWasInTheOldHandleIsNotAddedAgain)
             second = Queue();
         }
     };
-    Run({{CURLM_BAD_HANDLE, KEEP_COUNT}, {CURLM_OK, 0}});
+    Run({BAD, {CURLM_OK, 0}});
     ASSERT_EQ(made.size(), 1U);
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(added, (std::vector<std::pair<CURLM *, CURL *>>{{multi, first->ptReq}, {made[0], second->ptReq}}));
