@@ -5,8 +5,6 @@
 #ifndef TESTS_SUPPORT_DIRECT_FIXTURE_H
 #define TESTS_SUPPORT_DIRECT_FIXTURE_H
 
-#include <algorithm>
-
 #include "tests/support/send_fixture.h"
 
 namespace test
@@ -19,8 +17,7 @@ constexpr char RECEIVED_NOWHERE[] = " RecvLen:%u  \n";
 /* Of a POST with all that is optional. */
 inline const Order FULL_ORDER = {
     CURLOPT_HTTPHEADER,     CURLOPT_CONNECTTIMEOUT_MS, CURLOPT_TIMEOUT_MS,    CURLOPT_POSTFIELDS, CURLOPT_URL,
-    CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST,    CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA,
-};
+    CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST,    CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA};
 inline const Order WRITE_OPTIONS = {CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA};
 
 inline Order FullOrderWithout(const Order &leftOut)

@@ -5,7 +5,6 @@
 #define TESTS_SUPPORT_ENGINE_SEND_FIXTURE_H
 
 #include <cstdlib>
-#include <string>
 
 #include "tests/support/send_fixture.h"
 
@@ -23,8 +22,7 @@ constexpr char ASYNC_FAILED[] = "[Error] Qelvo_ASyncSendStrByHttpCurl Failed! eS
 inline const Order POST_ORDER = {
     CURLOPT_URL,           CURLOPT_POST,      CURLOPT_HTTPHEADER, CURLOPT_POSTFIELDS, CURLOPT_POSTFIELDSIZE,
     CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, CURLOPT_VERBOSE,    CURLOPT_NOSIGNAL,   CURLOPT_CONNECTTIMEOUT_MS,
-    CURLOPT_TIMEOUT_MS,
-};
+    CURLOPT_TIMEOUT_MS};
 inline const Texts JSON_HEADER = {"Content-Type:application/json;charset=UTF-8", "Expect:"};
 
 /* Whatever was created has been released again. */

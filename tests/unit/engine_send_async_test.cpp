@@ -1,7 +1,6 @@
 /*
  * The asynchronous JSON send over the engine and its callback slots.
  */
-#include <cstring>
 #include <set>
 
 #include "tests/support/engine_send_fixture.h"
@@ -13,6 +12,14 @@ namespace
 
 using AsyncSendBeforeStart = EngineSendTest;
 using AsyncSend = StartedSendTest;
+
+void ExpectCreationFailed(TSendByCurlParam *param)
+{
+    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(param), 1U);
+    ExpectLine(CreateFailed(ASYNC));
+    EXPECT_EQ(CountOf(CONVERTED), 0U);
+    EXPECT_EQ(SlotsTaken(), 0U);
+}
 
 } // namespace
 
@@ -27,9 +34,7 @@ TEST_F(AsyncSend, NeverAuthenticates)
 {
     param.bCurlAuth = 1;
     strcpy(param.achUserAndPassWd, "user:secret");
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     EXPECT_EQ(hooks::OptionOrder(), POST_ORDER);
     EXPECT_EQ(ValueOf(CURLOPT_CONNECTTIMEOUT_MS), 1111U);
     EXPECT_EQ(ValueOf(CURLOPT_TIMEOUT_MS), 2222U);
@@ -41,7 +46,6 @@ TEST_F(AsyncSend, NeverAuthenticates)
 TEST_F(AsyncSend, TakesTheFirstSlotAndQueuesTheRequest)
 {
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     ASSERT_NE(g_pfASnycCBParam[0].ptReq, nullptr);
     EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, Collect);
@@ -68,9 +72,7 @@ TEST_F(AsyncSend, RegistersItsSlotAfterThePreparationAndBeforeTheSubmission)
         }
         return hooks::real::easy_setopt(easy, option, value);
     };
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     EXPECT_EQ(prepared.bUseFlag, 0U);
     EXPECT_EQ(submitted.bUseFlag, 1U);
     EXPECT_NE(submitted.ptReq, nullptr);
@@ -83,9 +85,7 @@ TEST_F(AsyncSend, TakesTheLowestFreeSlot)
     for (const size_t taken : {0U, 1U, 3U}) {
         g_pfASnycCBParam[taken].bUseFlag = 1;
     }
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     EXPECT_EQ(g_pfASnycCBParam[2].bUseFlag, 1U);
     EXPECT_NE(g_pfASnycCBParam[2].ptReq, nullptr);
     EXPECT_EQ(SlotsTaken(), 4U);
@@ -99,15 +99,11 @@ TEST_F(AsyncSend, TakesTheLastSlotAndThenNone)
     for (TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
         slot.bUseFlag = &slot == &g_pfASnycCBParam[1023] ? 0 : 1;
     }
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     const TSendByCurlASyncCB last = g_pfASnycCBParam[1023];
     EXPECT_EQ(last.bUseFlag, 1U);
     EXPECT_NE(last.ptReq, nullptr);
-
     EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 4U);
-
     ExpectInOrder({StepFailed(ASYNC), Error(DISPATCH, ASYNC_FAILED, 4)});
     EXPECT_EQ(CountOf(CONVERTED), 0U);
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 2U);
@@ -127,13 +123,10 @@ TEST_F(AsyncSend, Beyond1024OutstandingOnesIsRefusedAndLeavesNoRequest)
         reqs.insert(g_pfASnycCBParam[i].ptReq);
     }
     EXPECT_EQ(reqs.size(), 1024U);
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 4U);
-
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 1025U);
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 1U);
     EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 1024U);
-
     SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[500].ptReq, 1, 0, received);
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
     EXPECT_EQ(g_pfASnycCBParam[500].bUseFlag, 1U);
@@ -142,7 +135,6 @@ TEST_F(AsyncSend, Beyond1024OutstandingOnesIsRefusedAndLeavesNoRequest)
 TEST_F(AsyncSend, NoSlotIsTakenForANullRequest)
 {
     EXPECT_FALSE(SendByCurlRegistCallback(nullptr, SendByCurlReqProgressNtf));
-
     ExpectLine(OneNull("SendByCurlRegistCallback"));
     EXPECT_EQ(SlotsTaken(), 0U);
 }
@@ -155,7 +147,6 @@ TEST_F(AsyncSend, ManyThreadsGetSlotsOfTheirOwn)
             EXPECT_EQ(Qelvo_SendStrByHttp(&mine, 1), 0U);
         }
     });
-
     std::set<HNvrHttpCurlCltReq> reqs;
     for (size_t i = 0; i < 200; ++i) {
         EXPECT_EQ(g_pfASnycCBParam[i].bUseFlag, 1U);
@@ -167,31 +158,23 @@ TEST_F(AsyncSend, ManyThreadsGetSlotsOfTheirOwn)
 
 /* --- refused submissions keep their slot ------------------------------------------------------ */
 
-TEST_F(AsyncSend, RefusedSubmissionLeavesItsSlotMarkedAndShown)
+TEST_F(AsyncSend, EachRefusedSubmissionLeavesASlotMarkedAndShown)
 {
     param.dwTimeoutMS = 0;
-
-    EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 1U);
-
-    ExpectStepFailed(ASYNC, 4, 1);
-    EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
-    EXPECT_NE(g_pfASnycCBParam[0].ptReq, nullptr); /* stale by now */
-    EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, Collect);
-
-    SendByCurlShow();
-    ExpectLine(ShownSlot(0));
-}
-
-TEST_F(AsyncSend, EachRefusedSubmissionCostsASlot)
-{
-    param.dwConnTimeOutMS = 0;
-    for (uint32_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
+    for (int slot = 0; slot < 3; ++slot) {
+        Forget();
+        EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 1U);
+        ExpectStepFailed(ASYNC, 4, 1);
+        EXPECT_EQ(g_pfASnycCBParam[slot].bUseFlag, 1U);
+        EXPECT_NE(g_pfASnycCBParam[slot].ptReq, nullptr); /* stale by now */
+        EXPECT_EQ(g_pfASnycCBParam[slot].pfNtf, Collect);
     }
-    param.dwConnTimeOutMS = 1000;
-
+    SendByCurlShow();
+    for (int slot = 0; slot < 3; ++slot) {
+        EXPECT_EQ(fake::CountTexts(ShownSlot(slot).text), 1U);
+    }
+    param.dwTimeoutMS = 1000;
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 0U);
-
     EXPECT_EQ(SlotsTaken(), 4U);
     EXPECT_EQ(g_pfASnycCBParam[3].bUseFlag, 1U);
 }
@@ -199,9 +182,7 @@ TEST_F(AsyncSend, EachRefusedSubmissionCostsASlot)
 TEST_F(AsyncSend, BeyondTheEnginesLimitIsTheLimitResult)
 {
     g_hInitHandle->dwAsyncReqNum = 1024;
-
     EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 12U);
-
     g_hInitHandle->dwAsyncReqNum = 0;
     ExpectStepFailed(ASYNC, 8, 12);
     EXPECT_EQ(SlotsTaken(), 1U);
@@ -227,25 +208,16 @@ TEST_F(AsyncSend, WithoutMemoryForTheBodyOrTheSubmission)
 
 /* --- failures before a slot is taken ---------------------------------------------------------- */
 
-TEST_F(AsyncSendBeforeStart, IsOneWithoutConversion)
-{
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
-
-    ExpectLine(CreateFailed(ASYNC));
-    EXPECT_EQ(CountOf(CONVERTED), 0U);
-    EXPECT_EQ(SlotsTaken(), 0U);
-}
-
 TEST_F(AsyncSend, CreationFailureIsOneWhateverTheEngineSays)
 {
     CountMemory();
     fake::FailMalloc(1);
+    ExpectCreationFailed(&param);
+}
 
-    EXPECT_EQ(Qelvo_ASyncSendStrByHttpCurl(&param), 1U);
-
-    ExpectLine(CreateFailed(ASYNC));
-    EXPECT_EQ(CountOf(CONVERTED), 0U);
-    EXPECT_EQ(SlotsTaken(), 0U);
+TEST_F(AsyncSendBeforeStart, IsACreationFailureToo)
+{
+    ExpectCreationFailed(&param);
 }
 
 TEST_F(AsyncSend, StopsAtARefusedUrlOrMethod)
@@ -308,9 +280,7 @@ TEST_F(AsyncSendBeforeStart, RealSendReportsAnyStatusAsSuccess)
     const ScriptedServer server(Answering("none", 404));
     StartForReal(server.Url());
     memset(received, 0, sizeof received);
-
     EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
-
     ASSERT_TRUE(WaitUntil([] { return NotifiedSoFar().size() == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
     EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
@@ -321,9 +291,7 @@ TEST_F(AsyncSendBeforeStart, RealSendToARefusingPort)
 {
     const ClosedPort port;
     StartForReal(port.Url());
-
     EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
-
     ASSERT_TRUE(WaitUntil([] { return NotifiedSoFar().size() == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
     EXPECT_EQ(NotifiedSoFar()[0].code, 14U);

@@ -1,11 +1,6 @@
 /*
  * The completion of asynchronous JSON sends: the callback, and the ready-made notification.
  */
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <iterator>
-
 #include "tests/support/engine_send_fixture.h"
 
 using namespace test;
@@ -58,9 +53,7 @@ using ReadyMadeNotification = SendTest;
 TEST_F(CompletionTest, WithoutRequestClearsNoSlot)
 {
     g_pfASnycCBParam[0] = {1, nullptr, Collect};
-
     Complete(nullptr);
-
     ExpectLines({OneNull(COMPLETION)});
     EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     EXPECT_EQ(NotifiedSoFar().size(), 0U);
@@ -71,9 +64,7 @@ TEST_F(CompletionTest, OfAnUnknownRequestLeavesItAlone)
     HNvrHttpCurlCltReq req = nullptr;
     ASSERT_EQ(NvrHttpCurlCltReqCreat(g_hInitHandle, &req), 0U);
     Forget();
-
     Complete(req);
-
     ExpectLines({OneNull(COMPLETION)});
     EXPECT_EQ(NotifiedSoFar().size(), 0U);
     EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0U);
@@ -84,7 +75,6 @@ TEST_F(CompletionTest, OfAnUnknownRequestLeavesItAlone)
 TEST_F(CompletionTest, NotifiesClearsTheSlotAndDestroysTheRequest)
 {
     Complete(Submitted());
-
     ASSERT_EQ(NotifiedSoFar().size(), 1U);
     EXPECT_EQ(NotifiedSoFar()[0].code, 0U);
     EXPECT_EQ(NotifiedSoFar()[0].context, received);
@@ -93,18 +83,13 @@ TEST_F(CompletionTest, NotifiesClearsTheSlotAndDestroysTheRequest)
     ExpectNoHandleLeft();
     ExpectLinesOf(COMPLETION, {});
     EXPECT_EQ(CountOf(CONVERTED), 0U);
-}
-
-TEST_F(CompletionTest, WithoutNotificationIsSilent)
-{
-    param.pfNtf = nullptr;
-
+    param.pfNtf = nullptr; /* the same without a notification */
     Complete(Submitted());
-
-    ExpectLinesOf(COMPLETION, {});
+    EXPECT_EQ(NotifiedSoFar().size(), 1U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
     EXPECT_EQ(g_hInitHandle->dwAsyncReqNum, 0U);
     ExpectNoHandleLeft();
+    ExpectLinesOf(COMPLETION, {});
 }
 
 TEST_F(CompletionTest, AnErrorIsLoggedAndReportedConverted)
@@ -140,9 +125,7 @@ TEST_F(CompletionTest, FindsItsSlotByTheRequestAlone)
     g_pfASnycCBParam[9] = g_pfASnycCBParam[0];
     g_pfASnycCBParam[0] = {};
     g_pfASnycCBParam[9].bUseFlag = 0;
-
     Complete(req);
-
     EXPECT_EQ(NotifiedSoFar().size(), 1U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[9]));
     ExpectNoHandleLeft();
@@ -155,9 +138,7 @@ TEST_F(CompletionTest, TakesTheLowestOfTwoMatchingSlots)
     param.pfNtf = RunAction;
     const HNvrHttpCurlCltReq req = Submitted();
     g_pfASnycCBParam[5] = {1, req, Collect};
-
     Complete(req);
-
     EXPECT_EQ(lowest, 0U);
     EXPECT_EQ(NotifiedSoFar().size(), 0U);
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
@@ -166,37 +147,23 @@ TEST_F(CompletionTest, TakesTheLowestOfTwoMatchingSlots)
 
 /* --- the notification ------------------------------------------------------------------------- */
 
-TEST_F(CompletionTest, NotifiesOnceWithoutTheLockAndBeforeTheRelease)
+TEST_F(CompletionTest, NotifiesOnceWithoutTheLockAndThenDestroysTheRequestUnderIt)
 {
-    int calls = 0;
+    std::string events;
     onNotification = [&](ESendByCurlRet) {
-        ++calls;
+        events += "notified ";
         EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
         EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
-        EXPECT_EQ(hooks::Calls("curl_easy_cleanup"), 0U);
     };
-    param.pfNtf = RunAction;
-
-    Complete(Submitted());
-
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_F(CompletionTest, DestroysTheRequestUnderTheTablesLock)
-{
-    const HNvrHttpCurlCltReq req = Submitted();
-    bool locked = false;
-    uint32_t useFlag = 0;
     hooks::easy_cleanup = [&](CURL *easy) {
-        locked = fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-        useFlag = g_pfASnycCBParam[0].bUseFlag;
+        events += "destroyed ";
+        EXPECT_TRUE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]));
+        EXPECT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U); /* cleared after, not before */
         hooks::real::easy_cleanup(easy);
     };
-
-    Complete(req);
-
-    EXPECT_TRUE(locked);
-    EXPECT_EQ(useFlag, 1U); /* cleared after, not before */
+    param.pfNtf = RunAction;
+    Complete(Submitted());
+    EXPECT_EQ(events, "notified destroyed ");
 }
 
 TEST_F(CompletionTest, NotificationMaySendAgain)
@@ -206,9 +173,7 @@ TEST_F(CompletionTest, NotificationMaySendAgain)
         EXPECT_EQ(Qelvo_SendStrByHttp(&param, 1), 0U);
     };
     param.pfNtf = RunAction;
-
     Complete(Submitted());
-
     EXPECT_TRUE(IsEmpty(g_pfASnycCBParam[0]));
     EXPECT_EQ(g_pfASnycCBParam[1].bUseFlag, 1U); /* the first was still taken */
     EXPECT_EQ(g_pfASnycCBParam[1].pfNtf, Collect);
@@ -219,16 +184,10 @@ TEST_F(ReadyMadeNotification, LogsAndFreesItsContext)
 {
     char *context = static_cast<char *>(malloc(6));
     strcpy(context, "reply");
-
     EXPECT_EQ(SendByCurlReqProgressNtf(7, context), 0U); /* a leak is the leak checker's to find */
-
     ExpectLinesOf(READY_MADE, {Info(READY_MADE, NTF_CODE, 7), Info(READY_MADE, " pvContext:%s\n", "reply"),
                                Info(READY_MADE, NTF_END)});
-}
-
-TEST_F(ReadyMadeNotification, WithoutContext)
-{
+    fake::ClearLines();
     EXPECT_EQ(SendByCurlReqProgressNtf(0, nullptr), 0U);
-
     ExpectLinesOf(READY_MADE, {Info(READY_MADE, NTF_CODE, 0), Info(READY_MADE, NTF_END)});
 }

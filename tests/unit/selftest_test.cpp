@@ -3,7 +3,6 @@
  * loopback server of the case's own, curl_easy_perform is replaced by one that sends nothing.
  */
 #include <cstdlib>
-#include <cstring>
 
 #include "tests/support/send_fixture.h"
 
@@ -29,7 +28,7 @@ const char RECEIVED[] = " --99--eSyncMode:%d achRecvBuf[%u]: %s\n";
  * The printed text is never released by the command, and some ways out leave the receive
  * buffer too; the fixture remembers the one and, where a case says so, releases the other.
  */
-class SelftestTest : public SendTest
+class SelftestBeforeStart : public SendTest
 {
   protected:
     void SetUp() override
@@ -74,6 +73,24 @@ class SelftestTest : public SendTest
     char *buffer = nullptr;
 };
 
+class SelftestTest : public SelftestBeforeStart
+{
+  protected:
+    void SetUp() override
+    {
+        SelftestBeforeStart::SetUp();
+        Start();
+    }
+
+    /* Runs the command for this URL; returns the one that libcurl got. */
+    static std::string UrlFor(const char *argument)
+    {
+        hooks::ClearOptions();
+        sendbycurltest(0, argument);
+        return TextOf(CURLOPT_URL);
+    }
+};
+
 Line Sending(int mode)
 {
     return Info(SELFTEST, SENDING, mode, static_cast<unsigned>(strlen(JSON)), JSON);
@@ -83,18 +100,19 @@ Line Sending(int mode)
 
 /* --- what is sent ----------------------------------------------------------------------------------- */
 
-TEST_F(SelftestTest, SendsTheFixedNotification)
+TEST_F(SelftestTest, SendsTheFixedNotificationWithAZeroedBufferOfOneMebibyte)
 {
-    Start();
     std::string body;
     Texts header;
+    bool zeroed = false;
     hooks::easy_perform = [&](CURL *) {
+        zeroed = std::all_of(buffer, buffer + MIB, [](char byte) { return byte == '\0'; });
         body.assign(reinterpret_cast<const char *>(ValueOf(CURLOPT_POSTFIELDS)), ValueOf(CURLOPT_POSTFIELDSIZE));
         return CURLE_COULDNT_CONNECT;
     };
-
     sendbycurltest(0, URL);
-
+    EXPECT_EQ(buffers, 1U);
+    EXPECT_TRUE(zeroed);
     EXPECT_EQ(body, JSON);
     EXPECT_EQ(TextOf(CURLOPT_URL), URL);
     EXPECT_EQ(ValueOf(CURLOPT_HTTPGET), 1U);
@@ -107,10 +125,7 @@ TEST_F(SelftestTest, SendsTheFixedNotification)
 
 TEST_F(SelftestTest, MembersAreSixInTheirOrderAndOfTheirTypes)
 {
-    Start();
-
     sendbycurltest(0, URL);
-
     ASSERT_EQ(texts.size(), 1U);
     cJSON *root = cJSON_Parse(texts[0]);
     ASSERT_NE(root, nullptr);
@@ -132,12 +147,8 @@ TEST_F(SelftestTest, MembersAreSixInTheirOrderAndOfTheirTypes)
 
 TEST_F(SelftestTest, WithoutArgumentTheBuiltInEndpointIsUsed)
 {
-    Start();
-    for (const char *argument : {static_cast<const char *>(nullptr), ""}) {
-        hooks::ClearOptions();
-        sendbycurltest(0, argument);
-        EXPECT_EQ(TextOf(CURLOPT_URL), NVRHTTPCURL_SELFTEST_URL);
-    }
+    EXPECT_EQ(UrlFor(nullptr), NVRHTTPCURL_SELFTEST_URL);
+    EXPECT_EQ(UrlFor(""), NVRHTTPCURL_SELFTEST_URL);
     EXPECT_EQ(hooks::Calls("curl_easy_perform"), 2U);
 }
 
@@ -158,78 +169,46 @@ TEST_F(SelftestTest, BuiltInEndpointIsAnHttpsServerOnAPrivateNetwork)
 
 TEST_F(SelftestTest, BuiltInEndpointIsUsedInAsynchronousModeToo)
 {
-    Start(); /* its workers do not run, so the request stays queued */
-
-    sendbycurltest(1, nullptr);
-
+    sendbycurltest(1, nullptr); /* the workers do not run, so the request stays queued */
     EXPECT_NE(TextOf(CURLOPT_URL).find(":3789/NVR/FCACheckTempNtf"), std::string::npos);
     EXPECT_EQ(hooks::Calls("curl_multi_add_handle"), 0U);
     FreeLeftBuffer();
 }
 
-TEST_F(SelftestTest, ArgumentOf63CharactersIsUsedWhole)
+TEST_F(SelftestTest, ArgumentIsATextOfWhichTheFirst63CharactersAreUsed)
 {
-    Start();
-    const std::string url = URL + std::string(63 - strlen(URL), 'x');
-
-    sendbycurltest(0, url.c_str());
-
-    EXPECT_EQ(TextOf(CURLOPT_URL), url);
-}
-
-TEST_F(SelftestTest, LongerArgumentsAreCutTo63Characters)
-{
-    Start();
-    for (const size_t length : {64U, 70U, 500U}) {
+    for (const size_t length : {63U, 64U, 70U, 500U}) {
         const std::string url = URL + std::string(length - strlen(URL), 'x');
-        hooks::ClearOptions();
-        sendbycurltest(0, url.c_str());
-        EXPECT_EQ(TextOf(CURLOPT_URL), url.substr(0, 63));
+        EXPECT_EQ(UrlFor(url.c_str()), url.substr(0, 63));
     }
-}
-
-TEST_F(SelftestTest, PercentSignsInTheArgumentAreText)
-{
-    Start();
-
-    sendbycurltest(0, "http://127.0.0.1:1/%s%n%d");
-
-    EXPECT_EQ(TextOf(CURLOPT_URL), "http://127.0.0.1:1/%s%n%d");
+    EXPECT_EQ(UrlFor("http://127.0.0.1:1/%s%n%d"), "http://127.0.0.1:1/%s%n%d");
 }
 
 /* --- synchronous mode -------------------------------------------------------------------------------- */
 
 TEST_F(SelftestTest, SynchronousSuccess)
 {
-    Start();
     AnswerWith({200, {"all ", "well"}, CURLE_OK});
-
     sendbycurltest(0, URL);
-
     ExpectLinesOf(SELFTEST, {Sending(0), Info(SELFTEST, SUCCEEDED), Info(SELFTEST, RECEIVED, 0, 8U, "all well")});
     EXPECT_EQ(buffers, 1U);
 }
 
 TEST_F(SelftestTest, SynchronousAgainstAnUnreachableServer)
 {
-    Start();
-
     sendbycurltest(0, URL);
-
     ExpectLinesOf(SELFTEST, {Sending(0), Info(SELFTEST, FAILED, 10), Info(SELFTEST, RECEIVED, 0, 1048576U, "")});
 }
 
-TEST_F(SelftestTest, SynchronousBeforeTheStart)
+TEST_F(SelftestBeforeStart, Synchronous)
 {
     sendbycurltest(0, URL);
-
     ExpectLine(Info(SELFTEST, FAILED, 1));
     ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048576U, ""));
 }
 
 TEST_F(SelftestTest, AnyModeButOneIsSynchronous)
 {
-    Start();
     for (const int32_t mode : {2, -1, 0x7FFFFFFF, static_cast<int32_t>(0x80000000U)}) {
         SCOPED_TRACE(mode);
         fake::ClearLines();
@@ -241,54 +220,38 @@ TEST_F(SelftestTest, AnyModeButOneIsSynchronous)
 }
 
 /* The readout puts a terminator behind the capacity that it is given. */
-TEST_F(SelftestTest, SynchronousAnswerOfExactlyOneMebibyte)
+TEST_F(SelftestTest, SynchronousAnswerOfUpToOneMebibyte)
 {
-    Start();
-    AnswerWith({200, {std::string(MIB, 'y')}, CURLE_OK});
-
+    const std::string answer(MIB, 'y');
+    AnswerWith({200, {answer}, CURLE_OK});
     sendbycurltest(0, URL);
-
-    EXPECT_EQ(CountOf(SUCCEEDED), 1U);
-    ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048576U, std::string(MIB, 'y').c_str()));
-}
-
-TEST_F(SelftestTest, SynchronousAnswerOfMoreThanOneMebibyte)
-{
-    Start();
-    AnswerWith({200, {std::string(MIB + 1, 'y')}, CURLE_OK});
-
+    ExpectLinesOf(SELFTEST,
+                  {Sending(0), Info(SELFTEST, SUCCEEDED), Info(SELFTEST, RECEIVED, 0, 1048576U, answer.c_str())});
+    Forget();
+    AnswerWith({200, {answer, "y"}, CURLE_OK});
     sendbycurltest(0, URL);
-
-    ExpectLine(Info(SELFTEST, FAILED, 11));
-    ExpectLine(Info(SELFTEST, RECEIVED, 0, 1048577U, ""));
+    ExpectLinesOf(SELFTEST, {Sending(0), Info(SELFTEST, FAILED, 11), Info(SELFTEST, RECEIVED, 0, 1048577U, "")});
 }
 
 /* --- asynchronous mode ------------------------------------------------------------------------------- */
 
 TEST_F(SelftestTest, AsynchronousReturnsAtOnceAndLeavesTheBufferToTheNotification)
 {
-    Start();
-
     sendbycurltest(1, URL);
-
     ExpectLinesOf(SELFTEST, {Sending(1), Info(SELFTEST, SUCCEEDED)});
     ASSERT_EQ(g_pfASnycCBParam[0].bUseFlag, 1U);
     EXPECT_EQ(g_pfASnycCBParam[0].pfNtf, SendByCurlReqProgressNtf);
     const auto *node = static_cast<const TNvrHttpCurlCltAsyncNode *>(g_hInitHandle->atTasks[0].tRunList.ptHead->pvData);
     EXPECT_EQ(node->pvUserBuf, buffer);
-    for (size_t i = 0; i < MIB; ++i) {
-        ASSERT_EQ(buffer[i], '\0');
-    }
-
+    EXPECT_TRUE(std::all_of(buffer, buffer + MIB, [](char byte) { return byte == '\0'; }));
     memcpy(buffer, "answer", 6);
     SendByCurlReqHttpCurlProgressNtf(g_pfASnycCBParam[0].ptReq, 1, 0, node->pvUserBuf); /* frees it */
     ExpectLine(Info("SendByCurlReqProgressNtf", " pvContext:%s\n", "answer"));
 }
 
-TEST_F(SelftestTest, AsynchronousSubmissionThatFailsLeavesTheBuffer)
+TEST_F(SelftestBeforeStart, AsynchronousLeavesTheBuffer)
 {
-    sendbycurltest(1, URL); /* before the start */
-
+    sendbycurltest(1, URL);
     ExpectLinesOf(SELFTEST, {Sending(1), Info(SELFTEST, FAILED, 1)});
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(buffer[0], '\0');
@@ -299,10 +262,9 @@ TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
 {
     ScriptedServer server(Answering("warm enough"));
     const std::string url = server.Url();
+    ForgetModule();
     Start(true);
-
     sendbycurltest(1, url.c_str());
-
     EXPECT_TRUE(WaitUntil([] { return CountOf(" End-------------------------------\n") == 1; })) << fake::Transcript();
     NvrHttpCurlCltUninit(g_hInitHandle);
     ExpectLine(Info("SendByCurlReqProgressNtf", " eErrCode:%d\n", 0));
@@ -315,13 +277,10 @@ TEST_F(SelftestTest, AsynchronousAnswerOfARealServerIsPrinted)
 
 TEST_F(SelftestTest, WithoutMemoryForTheBuffer)
 {
-    Start();
     hooks::sys_calloc = [](size_t count, size_t size) {
         return count * size >= MIB ? nullptr : hooks::real::sys_calloc(count, size);
     };
-
     sendbycurltest(0, URL);
-
     ExpectLines({Info(SELFTEST, NO_BUFFER)});
     EXPECT_EQ(hooks::Calls("cJSON_CreateObject"), 0U);
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
@@ -329,11 +288,8 @@ TEST_F(SelftestTest, WithoutMemoryForTheBuffer)
 
 TEST_F(SelftestTest, WithoutJsonObjectTheBufferIsLeft)
 {
-    Start();
     hooks::json_create_object = [] { return nullptr; };
-
     sendbycurltest(0, URL);
-
     ExpectLines({Info(SELFTEST, NO_OBJECT)});
     EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 0U);
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
@@ -343,30 +299,10 @@ TEST_F(SelftestTest, WithoutJsonObjectTheBufferIsLeft)
 /* That the object is released is the leak checker's to see. */
 TEST_F(SelftestTest, WithoutPrintedTextItEndsWithoutAWord)
 {
-    Start();
     hooks::json_print_unformatted = [](const cJSON *) { return nullptr; };
-
     sendbycurltest(0, URL);
-
     EXPECT_EQ(fake::Transcript(), "");
     EXPECT_EQ(hooks::Calls("cJSON_PrintUnformatted"), 1U);
     EXPECT_EQ(hooks::Calls("curl_easy_init"), 0U);
     FreeLeftBuffer();
-}
-
-TEST_F(SelftestTest, BufferIsOneZeroedMebibyteAtLeast)
-{
-    Start();
-    bool zeroed = true;
-    hooks::easy_perform = [&](CURL *) {
-        for (size_t i = 0; i < MIB; ++i) {
-            zeroed = zeroed && buffer[i] == '\0';
-        }
-        return CURLE_COULDNT_CONNECT;
-    };
-
-    sendbycurltest(0, URL);
-
-    EXPECT_EQ(buffers, 1U);
-    EXPECT_TRUE(zeroed);
 }

@@ -4,10 +4,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
+#include <future>
 #include <utility>
 
 #include "support/hcc_log.h"
@@ -25,10 +24,9 @@ const char BAD_LEVEL[] = "[Error] invalid level %u\n";
 const char SHOW_SEPARATOR[] = " --------------------------[%d]--------------------------\n";
 const char SHOW_END[] = " ------------------------Show End------------------------\n";
 
-const Texts LOG_SET_UP = {
-    "DebugLogRegist(123,[SendCurl],SendCurl)", "DebugLogMoudlePrintLevelOn(123,2,1)", "DebugLogSetToStdioPrintf(123,2)",
-    "DebugLogSetLogFileLen(123,131072)",       "DebugLogSetToFileLevel(123,2)",
-};
+const Texts LOG_SET_UP = {"DebugLogRegist(123,[SendCurl],SendCurl)", "DebugLogMoudlePrintLevelOn(123,2,1)",
+                          "DebugLogSetToStdioPrintf(123,2)", "DebugLogSetLogFileLen(123,131072)",
+                          "DebugLogSetToFileLevel(123,2)"};
 
 Texts CommandNames()
 {
@@ -43,6 +41,13 @@ size_t InstancesInUse()
 {
     return static_cast<size_t>(std::count_if(std::begin(g_tNvrHttpCurlCltCont), std::end(g_tNvrHttpCurlCltCont),
                                              [](const TNvrHttpCurlCltInst &inst) { return inst.bInited != 0; }));
+}
+
+using Semaphores = std::vector<HOspSem>;
+
+Semaphores TheSemaphores()
+{
+    return {std::begin(g_pCurlSemSet), std::end(g_pCurlSemSet)};
 }
 
 std::pair<uint32_t, std::string> ResultAndOutput(const std::function<uint32_t()> &action)
@@ -99,19 +104,14 @@ TEST_F(SetupTest, StateAtLoad)
     EXPECT_EQ(g_bRegistedDebuglog, 0U);
     EXPECT_EQ(g_bLibCurlGobleInit, 0U);
     EXPECT_EQ(g_bySendCurlLogType, 1);
-    for (HOspSem sem : g_pCurlSemSet) {
-        EXPECT_EQ(sem, nullptr);
-    }
+    EXPECT_EQ(TheSemaphores(), Semaphores(3, nullptr));
     EXPECT_EQ(std::size(g_pfASnycCBParam), 1024U);
-    for (const TSendByCurlASyncCB &slot : g_pfASnycCBParam) {
-        EXPECT_TRUE(IsEmpty(slot));
-    }
+    EXPECT_TRUE(std::all_of(std::begin(g_pfASnycCBParam), std::end(g_pfASnycCBParam), IsEmpty));
 }
 
 TEST_F(SetupTest, StartsOneEngineOfEightTasksOnTheStandardAllocator)
 {
     EXPECT_EQ(SendByCurlInit(), 0U);
-
     ExpectStarted();
     EXPECT_EQ(fake::Tasks().size(), 8U);
     EXPECT_EQ(g_hInitHandle->dwTaskNum, 8U);
@@ -124,61 +124,43 @@ TEST_F(SetupTest, StartsOneEngineOfEightTasksOnTheStandardAllocator)
 TEST_F(SetupTest, CreatesThreeSemaphoresAndLeavesThemAvailable)
 {
     EXPECT_EQ(SendByCurlInit(), 0U);
-
-    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
-        ASSERT_NE(g_pCurlSemSet[i], nullptr);
-        EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[i]));
-        for (size_t k = 0; k < i; ++k) {
-            EXPECT_NE(g_pCurlSemSet[i], g_pCurlSemSet[k]);
-        }
+    EXPECT_EQ(std::set<HOspSem>(std::begin(g_pCurlSemSet), std::end(g_pCurlSemSet)).size(), 3U);
+    for (HOspSem sem : g_pCurlSemSet) {
+        EXPECT_NE(sem, nullptr);
+        EXPECT_FALSE(fake::SemIsTaken(sem));
     }
 }
 
 TEST_F(SetupTest, KeepsSemaphoresThatExist)
 {
-    HOspSem before[SENDBYCURL_SEM_COUNT];
-    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
-        ASSERT_NE(OspSemBCreate(&g_pCurlSemSet[i]), 0U);
-        before[i] = g_pCurlSemSet[i];
+    for (HOspSem &sem : g_pCurlSemSet) {
+        ASSERT_NE(OspSemBCreate(&sem), 0U);
     }
-
+    const Semaphores before = TheSemaphores();
     EXPECT_EQ(SendByCurlInit(), 0U);
-
-    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
-        EXPECT_EQ(g_pCurlSemSet[i], before[i]);
-    }
+    EXPECT_EQ(TheSemaphores(), before);
     EXPECT_EQ(fake::SemsCreated(), ENGINE_SEMS + SENDBYCURL_SEM_COUNT);
 }
 
 TEST_F(SetupTest, InitialisesLibcurlOnceWithEverythingWhateverTheResult)
 {
-    long flags = -1;
-    hooks::global_init = [&flags](long given) {
-        flags = given;
+    hooks::global_init = [](long flags) {
+        EXPECT_EQ(flags, 3L);
         return CURLE_FAILED_INIT;
     };
-
-    EXPECT_EQ(SendByCurlInit(), 0U);
-
-    EXPECT_EQ(flags, 3L);
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
-    EXPECT_EQ(g_bLibCurlGobleInit, 1U);
-    ExpectStarted();
-}
-
-TEST_F(SetupTest, LeavesLibcurlAloneWhereItWasInitialised)
-{
-    g_bLibCurlGobleInit = 1;
-
-    EXPECT_EQ(SendByCurlInit(), 0U);
-
-    EXPECT_EQ(hooks::Calls("curl_global_init"), 0U);
+    for (int start = 0; start < 2; ++start) {
+        EXPECT_EQ(SendByCurlInit(), 0U);
+        EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
+        EXPECT_EQ(g_bLibCurlGobleInit, 1U);
+        ExpectStarted();
+        ForgetModule();
+        g_bLibCurlGobleInit = 1;
+    }
 }
 
 TEST_F(SetupTest, RegistersItsCommandsInOrderWithTheirNamesAsHelp)
 {
     EXPECT_EQ(SendByCurlInit(), 0U);
-
     EXPECT_EQ(CommandNames(), (Texts{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "sendbycurlshow", "sendbycurltest",
                                      "sendbycurlsetlog"}));
     const std::vector<fake::CommandInfo> commands = fake::Commands();
@@ -196,10 +178,8 @@ TEST_F(SetupTest, SecondStartDoesNothing)
     Start();
     const HNvrHttpCurlCltInst before = g_hInitHandle;
     const size_t sems = fake::SemsCreated();
-
     EXPECT_EQ(SendByCurlInit(), 0U);
     EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0U);
-
     EXPECT_EQ(g_hInitHandle, before);
     EXPECT_EQ(fake::Commands().size(), 5U);
     EXPECT_EQ(fake::Tasks().size(), 8U);
@@ -213,7 +193,6 @@ TEST_F(SetupTest, SecondStartDoesNothing)
 TEST_F(SetupTest, ApplicationsStartSucceedsWithoutALineOfItsOwn)
 {
     EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 0U);
-
     ExpectStarted();
     ExpectLinesOf("Qelvo_SyncSendStrByHttp_Init", {});
     ExpectLinesOf("SendByCurlInit", {});
@@ -224,9 +203,7 @@ TEST_F(SetupTest, ApplicationsStartSucceedsWithoutALineOfItsOwn)
 TEST_F(SetupTest, RefusedLogRegistrationEndsTheStart)
 {
     fake::FailDebugLogRegist(true);
-
     EXPECT_EQ(SendByCurlInit(), 1U);
-
     ExpectLine(Error("SendByCurlInit", "[Error] SendByCurlLogInit is Failed!\n"));
     ExpectNotStarted();
     EXPECT_EQ(g_bRegistedDebuglog, 0U);
@@ -243,9 +220,7 @@ TEST_F(SetupTest, ApplicationsStartLogsTheFailureAndCanBeRepeated)
     EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 1U);
     ExpectLine(InitFailed("Qelvo_SyncSendStrByHttp_Init", 1));
     fake::FailDebugLogRegist(false);
-
     EXPECT_EQ(SendByCurlInit(), 0U);
-
     ExpectStarted();
     EXPECT_EQ(g_bRegistedDebuglog, 1U);
     EXPECT_EQ(fake::Commands().size(), 5U);
@@ -254,7 +229,6 @@ TEST_F(SetupTest, ApplicationsStartLogsTheFailureAndCanBeRepeated)
 TEST_F(SetupTest, FailedEngineIsReportedConvertedAndRegistersNothing)
 {
     fake::FailTaskCreate(1);
-
     EXPECT_EQ(SendByCurlInit(), 1U);
     ExpectInOrder({StepFailed("SendByCurlInit"), Converted(1, 1)});
     ExpectNotStarted();
@@ -266,16 +240,12 @@ TEST_F(SetupTest, StartsAfterAFailedEngineWithoutRepeatingWhatWasDone)
 {
     fake::FailTaskCreate(3);
     EXPECT_EQ(SendByCurlInit(), 1U);
-    const HOspSem before[] = {g_pCurlSemSet[0], g_pCurlSemSet[1], g_pCurlSemSet[2]};
-
+    const Semaphores before = TheSemaphores();
     EXPECT_EQ(SendByCurlInit(), 0U);
-
     ExpectStarted();
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
     EXPECT_EQ(hooks::Calls("curl_global_init"), 1U);
-    for (size_t i = 0; i < SENDBYCURL_SEM_COUNT; ++i) {
-        EXPECT_EQ(g_pCurlSemSet[i], before[i]);
-    }
+    EXPECT_EQ(TheSemaphores(), before);
     /* The engine's two come with every attempt of its own. */
     EXPECT_EQ(CommandNames(), (Texts{"NvrHttpCurlCltver", "NvrHttpCurlCltshow", "NvrHttpCurlCltver",
                                      "NvrHttpCurlCltshow", "sendbycurlshow", "sendbycurltest", "sendbycurlsetlog"}));
@@ -286,12 +256,10 @@ TEST_F(SetupTest, NoFreeInstanceIsTheLimitResultOfBothStarts)
     for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
         inst.bInited = 1;
     }
-
     EXPECT_EQ(SendByCurlInit(), 12U);
     ExpectLine(Converted(8, 12));
     EXPECT_EQ(Qelvo_SyncSendStrByHttp_Init(), 12U);
     ExpectLine(InitFailed("Qelvo_SyncSendStrByHttp_Init", 12));
-
     for (TNvrHttpCurlCltInst &inst : g_tNvrHttpCurlCltCont) {
         inst.bInited = 0;
     }
@@ -310,7 +278,6 @@ TEST_F(SetupTest, EachOfTheThreeSemaphoresIsRequired)
         EXPECT_EQ(fake::Tasks().size(), 0U);
         EXPECT_FALSE(fake::SemIsTaken(g_pCurlSemSet[SENDBYCURL_SEM_INIT]));
     }
-
     EXPECT_EQ(SendByCurlInit(), 0U);
     ExpectStarted();
 }
@@ -337,17 +304,9 @@ TEST_F(SetupTest, RacingFirstCallsStartOneEngineAndLeakNoSemaphore)
             TSendByCurlParam param = {};
             param.pchURL = "http://127.0.0.1:1/";
             param.pchSendBuf = "{}";
-            switch (index % 3) {
-            case 0:
-                wrong += SendByCurlInit() == 0 ? 0 : 1;
-                break;
-            case 1:
-                wrong += Qelvo_SyncSendStrByHttp_Init() == 0 ? 0 : 1;
-                break;
-            default:
-                wrong += Qelvo_SyncSendStrByHttp_Ext(&param) == 5 ? 0 : 1;
-                break;
-            }
+            wrong += index % 3 == 0   ? SendByCurlInit() != 0
+                     : index % 3 == 1 ? Qelvo_SyncSendStrByHttp_Init() != 0
+                                      : Qelvo_SyncSendStrByHttp_Ext(&param) != 5;
         });
         ASSERT_EQ(wrong, 0) << fake::Transcript();
         ExpectStarted();
@@ -365,11 +324,7 @@ TEST_F(SetupTest, SendsThatComeBeforeTheStartRaceForTheSameSemaphore)
     for (int round = 0; round < 40; ++round) {
         std::atomic<int> wrong{0};
         Race(6, [&](unsigned index) {
-            if (index % 2 == 0) {
-                wrong += Qelvo_SendStrByHttp(nullptr, 0) == 1 ? 0 : 1;
-            } else {
-                wrong += SendByCurlInit() == 0 ? 0 : 1;
-            }
+            wrong += index % 2 == 0 ? Qelvo_SendStrByHttp(nullptr, 0) != 1 : SendByCurlInit() != 0;
         });
         ASSERT_EQ(wrong, 0);
         ExpectStarted();
@@ -383,13 +338,10 @@ TEST_F(SetupTest, SendsThatComeBeforeTheStartRaceForTheSameSemaphore)
 TEST_F(SetupTest, LogSetUpIsInOrderAndNotRepeatedByTheStart)
 {
     EXPECT_EQ(SendByCurlLogInit(), 0U);
-
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
     EXPECT_EQ(g_bRegistedDebuglog, 1U);
     EXPECT_EQ(fake::Transcript(), "");
-
     EXPECT_EQ(SendByCurlInit(), 0U);
-
     EXPECT_EQ(fake::DebugLogCalls(), LOG_SET_UP);
 }
 
@@ -413,30 +365,22 @@ TEST_F(SetupTest, RefusedLogIsReportedOnTheConsoleAndToModuleOneWhateverTheSwitc
 
 /* --- "sendbycurlsetlog" --------------------------------------------------------------------------- */
 
-TEST_F(SetupTest, EveryLevelOutsideOneToThreeIsRefused)
+TEST_F(SetupTest, EveryLevelOutsideOneToThreeIsRefusedAndLeavesTheSetting)
 {
-    for (unsigned level = 0; level <= 255; ++level) {
-        if (level >= 1 && level <= 3) {
-            continue;
-        }
+    for (unsigned level = 0; level <= 255; level = level == 0 ? 4 : level + 1) {
         SCOPED_TRACE(level);
-        fake::ClearLines();
+        g_bySendCurlLogType = 1;
         EXPECT_EQ(SendByCurlSetLogLevel(static_cast<uint8_t>(level)), 1U);
         EXPECT_EQ(g_bySendCurlLogType, 1);
         ExpectLines({Error(SET_LEVEL, BAD_LEVEL, level)});
+        g_bySendCurlLogType = 3;
+        const auto [result, printed] =
+            ResultAndOutput([=] { return SendByCurlSetLogLevel(static_cast<uint8_t>(level)); });
+        EXPECT_EQ(result, 1U);
+        EXPECT_EQ(g_bySendCurlLogType, 3);
+        EXPECT_EQ(fake::Transcript(), "123/2 " + printed);
+        ExpectLines({Error(SET_LEVEL, BAD_LEVEL, level)});
     }
-}
-
-TEST_F(SetupTest, RefusedLevelLeavesAnyOtherSettingToo)
-{
-    g_bySendCurlLogType = 3;
-
-    const auto [result, printed] = ResultAndOutput([] { return SendByCurlSetLogLevel(4); });
-
-    EXPECT_EQ(result, 1U);
-    EXPECT_EQ(g_bySendCurlLogType, 3);
-    EXPECT_EQ(fake::Transcript(), "123/2 " + printed);
-    ExpectLines({Error(SET_LEVEL, BAD_LEVEL, 4U)});
 }
 
 /* One is the debug log, two the console, three both. */
@@ -465,9 +409,7 @@ TEST_F(SetupTest, EachLevelConfirmsWhereItLogs)
 TEST_F(SetupTest, ShowBeforeTheStartSaysOnlySo)
 {
     g_pfASnycCBParam[0].bUseFlag = 1;
-
     SendByCurlShow();
-
     ExpectLines({Info(SHOW, " SendByCurl is not Init! g_bInited:%d\n", 0)});
     EXPECT_EQ(fake::SemsCreated(), 0U);
 }
@@ -478,50 +420,27 @@ TEST_F(SetupTest, ShowBeforeTheStartWaitsForNoSemaphore)
         ASSERT_NE(OspSemBCreate(&sem), 0U);
         OspSemTake(sem);
     }
-    std::atomic<bool> done{false};
-    std::thread show([&] {
-        SendByCurlShow();
-        done = true;
-    });
-
-    EXPECT_TRUE(WaitUntil([&] { return done.load(); }));
-
+    const auto shown = std::async(std::launch::async, SendByCurlShow);
+    EXPECT_EQ(shown.wait_for(PATIENCE), std::future_status::ready);
     for (HOspSem sem : g_pCurlSemSet) {
         EXPECT_TRUE(fake::SemIsTaken(sem));
         OspSemGive(sem);
     }
-    show.join();
-}
-
-TEST_F(SetupTest, ShowOfAnEmptyTableIsItsLastLine)
-{
-    Start();
-
-    SendByCurlShow();
-
-    ExpectLines({Info(SHOW, SHOW_END)});
 }
 
 TEST_F(SetupTest, ShowListsTakenSlotsInOrder)
 {
     Start();
+    SendByCurlShow();
+    ExpectLines({Info(SHOW, SHOW_END)});
     TNvrHttpCurlCltReqInner reqs[2] = {};
     g_pfASnycCBParam[0] = {1, &reqs[0], Collect};
     g_pfASnycCBParam[1] = {0, &reqs[0], Collect}; /* free, whatever else it holds */
     g_pfASnycCBParam[700] = {7, &reqs[1], OtherNotification};
     g_pfASnycCBParam[1023] = {1, nullptr, nullptr};
-
     SendByCurlShow();
-
-    ExpectLines({
-        Info(SHOW, SHOW_SEPARATOR, 0),
-        ShownSlot(0),
-        Info(SHOW, SHOW_SEPARATOR, 700),
-        ShownSlot(700),
-        Info(SHOW, SHOW_SEPARATOR, 1023),
-        ShownSlot(1023),
-        Info(SHOW, SHOW_END),
-    });
+    ExpectLines({Info(SHOW, SHOW_SEPARATOR, 0), ShownSlot(0), Info(SHOW, SHOW_SEPARATOR, 700), ShownSlot(700),
+                 Info(SHOW, SHOW_SEPARATOR, 1023), ShownSlot(1023), Info(SHOW, SHOW_END)});
 }
 
 /* A console that nobody reads stops the listing half-way, while the table must stay as it is. */
@@ -567,18 +486,9 @@ TEST_F(SetupTest, ShowWaitsForTheTable)
 {
     Start();
     OspSemTake(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
-    std::atomic<bool> begun{false};
-    std::thread show([&] {
-        begun = true;
-        SendByCurlShow();
-    });
-    EXPECT_TRUE(WaitUntil([&] { return begun.load(); }));
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
-    }
-
+    std::thread show([] { SendByCurlShow(); });
+    EXPECT_TRUE(WaitUntil([] { return fake::SemWaiters(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]) == 1; }));
     EXPECT_EQ(fake::Lines().size(), 0U);
-
     OspSemGive(g_pCurlSemSet[SENDBYCURL_SEM_SLOTS]);
     show.join();
     EXPECT_EQ(CountOf(SHOW_END), 1U);
