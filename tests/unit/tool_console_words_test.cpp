@@ -32,18 +32,11 @@ struct LineCase {
     const char *words;
 };
 
-class ConsoleWords : public testing::TestWithParam<LineCase>
-{
-};
+using ConsoleWords = testing::TestWithParam<LineCase>;
 
 void PrintTo(const LineCase &which, std::ostream *out)
 {
     *out << which.name;
-}
-
-std::string CaseName(const testing::TestParamInfo<LineCase> &info)
-{
-    return info.param.name;
 }
 
 } // namespace
@@ -59,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"QuoteInAWord", "a {\"b\":1}", "[a][{\"b\":1}]"}, LineCase{"BehindAQuote", "a \"b\"c", "[a]\"b\"[c]"},
         LineCase{"QuotesSideBySide", "\"a\"\"b\"", "\"a\"\"b\""}, LineCase{"NoEscapes", "\"a\\\" b", "\"a\\\"[b]"},
         LineCase{"Unclosed", "a \"b c", "unclosed"}, LineCase{"UnclosedAtTheEnd", "a \"", "unclosed"}),
-    CaseName);
+    [](const auto &test) { return test.param.name; });
 
 TEST_P(ConsoleWords, AreSplit)
 {

@@ -29,18 +29,11 @@ struct TextCase {
     const char *other;          /* said of all others */
 };
 
-class ResultText : public testing::TestWithParam<TextCase>
-{
-};
+using ResultText = testing::TestWithParam<TextCase>;
 
 void PrintTo(const TextCase &which, std::ostream *out)
 {
     *out << which.name;
-}
-
-std::string CaseName(const testing::TestParamInfo<TextCase> &info)
-{
-    return info.param.name;
 }
 
 } // namespace
@@ -68,7 +61,7 @@ INSTANTIATE_TEST_SUITE_P(
                         CheckUriText,
                         {NVRHTTPCURLCLT_OK, NVRHTTPCURLCLT_FAILED, NVRHTTPCURLCLT_TIMED_OUT, NVRHTTPCURLCLT_TLS_FAILED},
                         "a result that the URI check does not give"}),
-    CaseName);
+    [](const auto &test) { return test.param.name; });
 
 TEST_P(ResultText, EachResultHasItsOwn)
 {
