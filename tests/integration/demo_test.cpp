@@ -1,10 +1,6 @@
 /*
  * The demo, run as a program: with the echo server of its own and with servers that it is given.
  */
-#include <string>
-#include <vector>
-
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 #include "tests/support/scripted_server.h"
@@ -12,20 +8,10 @@
 namespace
 {
 
-using test::Finished;
-using test::Has;
-using test::RunProgram;
+using namespace test;
 
 const std::string ALL_ANSWERED = "\nAll posts were answered.\n";
 const std::string NOT_ALL_ANSWERED = "\nSomething was lost, failed or wrong: see above.\n";
-
-test::Program DemoProgram(const std::vector<std::string> &arguments)
-{
-    test::Program program;
-    program.command = {NVRHTTP_DEMO_PROGRAM};
-    program.command.insert(program.command.end(), arguments.begin(), arguments.end());
-    return program;
-}
 
 /* The parts are in the text, one after the other. */
 void ExpectInOrder(const std::string &text, const std::vector<std::string> &parts)
@@ -38,11 +24,19 @@ void ExpectInOrder(const std::string &text, const std::vector<std::string> &part
     }
 }
 
-using Demo = test::IntegrationTest;
+using DemoTest = IntegrationTest;
 
-TEST_F(Demo, EveryPostToItsOwnServerIsAnswered)
+/* The parts are in this order in what the demo with these arguments writes, and that is its status. */
+void ExpectRun(const std::vector<std::string> &arguments, int status, const std::vector<std::string> &parts)
 {
-    const Finished run = RunProgram(DemoProgram({"--count", "40"}));
+    const Finished run = RunProgram(Demo(arguments));
+    EXPECT_EQ(run.status, status) << run.output << run.errors;
+    ExpectInOrder(run.output, parts);
+}
+
+TEST_F(DemoTest, EveryPostToItsOwnServerIsAnswered)
+{
+    const Finished run = RunProgram(Demo({"--count", "40"}));
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
     ExpectInOrder(run.output, {"An echo server runs at http://127.0.0.1:",
                                "The send module runs (nvrhttpcurl " NVRHTTP_VERSION " over libcurl ",
@@ -68,94 +62,83 @@ TEST_F(Demo, EveryPostToItsOwnServerIsAnswered)
     EXPECT_FALSE(Has(run.output, "\r")) << run.output;
 }
 
-TEST_F(Demo, MorePostsThanMayBeUnderWayAreAllAnswered)
+TEST_F(DemoTest, MorePostsThanMayBeUnderWayAreAllAnswered)
 {
-    const Finished run = RunProgram(DemoProgram({"--count", "500", "--deadline", "60"}));
-    EXPECT_EQ(run.status, 0) << run.output << run.errors;
-    ExpectInOrder(run.output, {"   sent 500, notified 500, failed 0, in ", ALL_ANSWERED});
+    ExpectRun({"--count", "500", "--deadline", "60"}, 0, {"   sent 500, notified 500, failed 0, in ", ALL_ANSWERED});
 }
 
-TEST_F(Demo, ProgressIsRewrittenOnATerminal)
+TEST_F(DemoTest, ProgressIsRewrittenOnATerminal)
 {
-    test::Program program = DemoProgram({"--count", "3"});
+    Program program = Demo({"--count", "3"});
     program.onTerminal = true;
-    test::ChildProcess demo(program);
+    ChildProcess demo(program);
     const std::string output = demo.ReadToEnd();
     EXPECT_EQ(demo.Wait(), 0) << output;
     EXPECT_TRUE(Has(output, "\r\033[K   sent 3/3, notified 3, in flight 0\r\n")) << output;
 }
 
-TEST_F(Demo, AProxyOfTheEnvironmentDoesNotSeeWhatGoesToItsOwnServer)
+TEST_F(DemoTest, AProxyOfTheEnvironmentDoesNotSeeWhatGoesToItsOwnServer)
 {
-    const test::ClosedPort proxy;
-    test::Program program = DemoProgram({"--count", "1"});
+    const ClosedPort proxy;
+    Program program = Demo({"--count", "1"});
     program.environment = {"http_proxy=" + proxy.Url()};
     const Finished run = RunProgram(program);
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
 }
 
-TEST_F(Demo, AServerThatIsGivenGetsTwoPostsAndNoOthers)
+TEST_F(DemoTest, AServerThatIsGivenGetsTwoPostsAndNoOthers)
 {
-    const test::ScriptedServer server(test::ECHOING);
-    const Finished run = RunProgram(DemoProgram({server.Url("/place"), "{\"a\":1}"}));
-    EXPECT_EQ(run.status, 0) << run.output << run.errors;
-    ExpectInOrder(run.output, {"Server: " + server.Url("/place") + "\n", "   sent    {\"a\":1}\n",
-                               "   answer  {\"a\":1}\n", "   result  0 after ", ", 7 bytes\n", "   sent    {\"a\":1}\n",
-                               "   answer  {\"a\":1}\n", ", 7 bytes\n", ALL_ANSWERED});
+    const ScriptedServer server(ECHOING);
+    ExpectRun({server.Url("/place"), "{\"a\":1}"}, 0,
+              {"Server: " + server.Url("/place") + "\n", "   sent    {\"a\":1}\n", "   answer  {\"a\":1}\n",
+               "   result  0 after ", ", 7 bytes\n", "   sent    {\"a\":1}\n", "   answer  {\"a\":1}\n", ", 7 bytes\n",
+               ALL_ANSWERED});
     ASSERT_EQ(server.RequestCount(), 2U);
-    for (const test::Request &seen : server.Requests()) {
+    for (const Request &seen : server.Requests()) {
         EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
         EXPECT_EQ(seen.body, "{\"a\":1}");
     }
 }
 
-TEST_F(Demo, ALongAnswerIsShownCut)
+TEST_F(DemoTest, ALongAnswerIsShownCut)
 {
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, std::string(2001, 'x')))}});
-    const Finished run = RunProgram(DemoProgram({server.Url()}));
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_TRUE(Has(run.output, "   answer  " + std::string(2000, 'x') + " ...\n")) << run.output;
+    const ScriptedServer server(Answering(std::string(2001, 'x')));
+    ExpectRun({server.Url()}, 0, {"   answer  " + std::string(2000, 'x') + " ...\n"});
 }
 
-TEST_F(Demo, OnlyTheSynchronousPostJudgesTheStatus)
+TEST_F(DemoTest, OnlyTheSynchronousPostJudgesTheStatus)
 {
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(404, "nothing here"))}});
-    const Finished run = RunProgram(DemoProgram({server.Url()}));
-    EXPECT_EQ(run.status, 1) << run.output;
-    ExpectInOrder(run.output,
-                  {"== One JSON text, synchronously\n", "   FAILED  result 10: ", "== One JSON text, asynchronously\n",
-                   "   answer  nothing here\n", "   result  0 after ", NOT_ALL_ANSWERED});
+    const ScriptedServer server(Answering("nothing here", 404));
+    ExpectRun({server.Url()}, 1,
+              {"== One JSON text, synchronously\n", "   FAILED  result 10: ", "== One JSON text, asynchronously\n",
+               "   answer  nothing here\n", "   result  0 after ", NOT_ALL_ANSWERED});
 }
 
-TEST_F(Demo, ARefusedConnectionFailsBothPosts)
+TEST_F(DemoTest, ARefusedConnectionFailsBothPosts)
 {
-    const test::ClosedPort closed;
-    const Finished run = RunProgram(DemoProgram({closed.Url()}));
-    EXPECT_EQ(run.status, 1) << run.output;
-    ExpectInOrder(run.output, {"   FAILED  result 10: ", "   FAILED  result 14: ", NOT_ALL_ANSWERED});
+    const ClosedPort closed;
+    ExpectRun({closed.Url()}, 1, {"   FAILED  result 10: ", "   FAILED  result 14: ", NOT_ALL_ANSWERED});
 }
 
-TEST_F(Demo, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
+TEST_F(DemoTest, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
 {
     const std::string body((1U << 20) + 1, 'x');
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, body))}});
-    const Finished run = RunProgram(DemoProgram({server.Url()}));
-    EXPECT_EQ(run.status, 1) << run.output;
-    ExpectInOrder(run.output, {"   FAILED  result 11: the answer is longer than 1 MiB\n",
-                               "The asynchronous post is left out: its answer would be copied without a bound.\n",
-                               NOT_ALL_ANSWERED});
+    const ScriptedServer server(Answering(body));
+    ExpectRun({server.Url()}, 1,
+              {"   FAILED  result 11: the answer is longer than 1 MiB\n",
+               "The asynchronous post is left out: its answer would be copied without a bound.\n", NOT_ALL_ANSWERED});
     EXPECT_EQ(server.RequestCount(), 1U);
 }
 
-TEST_F(Demo, WithoutPortsItSaysWhatIsMissing)
+TEST_F(DemoTest, WithoutPortsItSaysWhatIsMissing)
 {
-    const test::ScriptedServer server(test::ECHOING);
-    test::Program own = DemoProgram({});
-    test::Program given = DemoProgram({server.Url()});
-    own.inChild = test::RefuseAllPorts;
-    given.inChild = test::RefuseAllPorts;
+    const ScriptedServer server(ECHOING);
+    Program own = Demo({});
+    Program given = Demo({server.Url()});
+    own.inChild = RefuseAllPorts;
+    given.inChild = RefuseAllPorts;
     const Finished ownRun = RunProgram(own);
-    if (ownRun.status == test::STATUS_REFUSED) {
+    if (ownRun.status == STATUS_REFUSED) {
         GTEST_SKIP() << "the system does not let a process refuse itself a call";
     }
     EXPECT_EQ(ownRun.status, 1);
@@ -166,17 +149,16 @@ TEST_F(Demo, WithoutPortsItSaysWhatIsMissing)
     EXPECT_EQ(server.RequestCount(), 0U);
 }
 
-TEST_F(Demo, BadArgumentsSendNothing)
+TEST_F(DemoTest, BadArgumentsSendNothing)
 {
-    const test::ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     const std::vector<std::vector<std::string>> bad = {
         {server.Url(), "--count", "0"},    {server.Url(), "--count", "1000001"},
         {server.Url(), "--deadline", "0"}, {server.Url(), "--deadline", "x"},
         {"file:///etc/hostname"},          {server.Url(), "{}", "third"},
-        {server.Url(), "--unknown"},
-    };
+        {server.Url(), "--unknown"}};
     for (const auto &arguments : bad) {
-        const Finished run = RunProgram(DemoProgram(arguments));
+        const Finished run = RunProgram(Demo(arguments));
         EXPECT_GT(run.status, 100) << arguments.back();
         EXPECT_EQ(run.output, "") << arguments.back();
         EXPECT_FALSE(run.errors.empty()) << arguments.back();
@@ -184,12 +166,12 @@ TEST_F(Demo, BadArgumentsSendNothing)
     EXPECT_EQ(server.RequestCount(), 0U);
 }
 
-TEST_F(Demo, HelpAndVersionSendNothing)
+TEST_F(DemoTest, HelpAndVersionSendNothing)
 {
-    const Finished help = RunProgram(DemoProgram({"--help"}));
+    const Finished help = RunProgram(Demo({"--help"}));
     EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(Has(test::Folded(help.output), "Examples: nvrhttp_demo")) << help.output;
-    const Finished version = RunProgram(DemoProgram({"--version"}));
+    EXPECT_TRUE(Has(Folded(help.output), "Examples: nvrhttp_demo")) << help.output;
+    const Finished version = RunProgram(Demo({"--version"}));
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.output, "nvrhttp_demo " NVRHTTP_VERSION "\n");
 }

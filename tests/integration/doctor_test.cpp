@@ -3,21 +3,14 @@
  */
 #include <sys/resource.h>
 
-#include <string>
-
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 
 namespace
 {
 
-using test::Finished;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-
-using Doctor = test::IntegrationTest;
+using namespace test;
+using Doctor = IntegrationTest;
 
 TEST_F(Doctor, NamesWhatTheLibraryReliesOn)
 {
@@ -33,17 +26,17 @@ TEST_F(Doctor, NamesWhatTheLibraryReliesOn)
 /* Where the library itself logs, as a post that fails shows. */
 TEST_F(Doctor, SaysWhereTheLogIs)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     const std::string path = logFolder.Path() + "/SendCurl.log";
     EXPECT_NE(RunProgram(Nvrhttp({"post", closed.Url()})).status, 0);
-    EXPECT_TRUE(Has(test::ReadFile(path), "curl_easy_perform is failed"));
+    EXPECT_TRUE(Has(ReadFile(path), "curl_easy_perform is failed"));
     EXPECT_TRUE(Has(RunProgram(Nvrhttp({"doctor"})).output, "ok       log           " + path + " ("));
-    EXPECT_TRUE(Has(test::Folded(RunProgram(Nvrhttp({"--help"})).output), "logged in " + path + ";"));
+    EXPECT_TRUE(Has(Folded(RunProgram(Nvrhttp({"--help"})).output), "logged in " + path + ";"));
 }
 
 TEST_F(Doctor, WarnsOfProxies)
 {
-    test::Program program = Nvrhttp({"doctor"});
+    Program program = Nvrhttp({"doctor"});
     program.environment = {"http_proxy=http://me:pw@127.0.0.1:9/",
                            "HTTPS_PROXY=127.0.0.2:9",
                            "HTTP_PROXY=127.0.0.3:9",
@@ -65,7 +58,7 @@ TEST_F(Doctor, WarnsOfProxies)
 
 TEST_F(Doctor, WarnsOfALowLimitOfOpenFiles)
 {
-    test::Program program = Nvrhttp({"doctor"});
+    Program program = Nvrhttp({"doctor"});
     program.inChild = [] {
         const rlimit limit = {256, 256};
         return setrlimit(RLIMIT_NOFILE, &limit) == 0;
@@ -78,10 +71,10 @@ TEST_F(Doctor, WarnsOfALowLimitOfOpenFiles)
 
 TEST_F(Doctor, MissingWakeupPortsAreAFailure)
 {
-    test::Program program = Nvrhttp({"doctor"});
-    program.inChild = test::RefuseAllPorts;
+    Program program = Nvrhttp({"doctor"});
+    program.inChild = RefuseAllPorts;
     const Finished run = RunProgram(program);
-    if (run.status == test::STATUS_REFUSED) {
+    if (run.status == STATUS_REFUSED) {
         GTEST_SKIP() << "the system does not let a process refuse itself a call";
     }
     EXPECT_EQ(run.status, 1) << run.output;

@@ -14,23 +14,25 @@
 namespace test
 {
 
-namespace
-{
-
-Program ServeProgram(const std::vector<std::string> &options)
-{
-    Program program = Nvrhttp({"serve"});
-    program.command.insert(program.command.end(), options.begin(), options.end());
-    return program;
-}
-
-} // namespace
-
-Program Nvrhttp(const std::vector<std::string> &arguments)
+Program Nvrhttp(const std::vector<std::string> &arguments, const std::vector<std::string> &more)
 {
     Program program;
     program.command = {NVRHTTP_PROGRAM};
     program.command.insert(program.command.end(), arguments.begin(), arguments.end());
+    program.command.insert(program.command.end(), more.begin(), more.end());
+    return program;
+}
+
+Program Demo(const std::vector<std::string> &arguments)
+{
+    Program program = Nvrhttp(arguments);
+    program.command[0] = NVRHTTP_DEMO_PROGRAM;
+    return program;
+}
+
+Program WithErrors(Program program, const MemoryFile &errors)
+{
+    program.errors = errors.Descriptor();
     return program;
 }
 
@@ -71,7 +73,7 @@ std::string Folded(const std::string &text)
     return folded;
 }
 
-ServeProcess::ServeProcess(const std::vector<std::string> &options) : process(ServeProgram(options))
+ServeProcess::ServeProcess(const std::vector<std::string> &options) : process(Nvrhttp({"serve"}, options))
 {
     const std::string url = process.ReadUntil("\n");
     EXPECT_NE(url.find("://127.0.0.1:"), std::string::npos) << url;

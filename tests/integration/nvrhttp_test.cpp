@@ -5,36 +5,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 
 namespace
 {
 
-using test::Finished;
-using test::Folded;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-using test::ServeProcess;
-
-using Commands = test::IntegrationTest;
-using Help = test::IntegrationTest;
-using Streams = test::IntegrationTest;
-
-test::Program Command(const std::vector<std::string> &command)
-{
-    test::Program program;
-    program.command = command;
-    return program;
-}
+using namespace test;
+using Commands = IntegrationTest;
+using Help = IntegrationTest;
+using Streams = IntegrationTest;
 
 /* A program whose standard output cannot be written. */
-Finished RunOnFullDisk(test::Program program, const std::string &input = "")
+Finished RunOnFullDisk(Program program, const std::string &input = "")
 {
     program.output = open("/dev/full", O_WRONLY | O_CLOEXEC);
     EXPECT_GE(program.output, 0);
@@ -78,11 +61,9 @@ TEST_F(Commands, NoneIsAnError)
 
 TEST_F(Streams, OutputThatCannotBeWrittenIsAnError)
 {
-    const test::ClosedPort closed;
-    for (const test::Program &program :
-         {Nvrhttp({"check", closed.Url()}), Nvrhttp({"doctor"}), Nvrhttp({"console"}), Nvrhttp({"serve"}),
-          Nvrhttp({"--help"}), Command({NVRHTTP_DEMO_PROGRAM, closed.Url()}),
-          Command({NVRHTTP_DEMO_PROGRAM, "--help"})}) {
+    const ClosedPort closed;
+    for (const Program &program : {Nvrhttp({"check", closed.Url()}), Nvrhttp({"doctor"}), Nvrhttp({"console"}),
+                                   Nvrhttp({"serve"}), Nvrhttp({"--help"}), Demo({closed.Url()}), Demo({"--help"})}) {
         const Finished run = RunOnFullDisk(program, "help\n");
         EXPECT_EQ(run.status, 1) << program.command.back();
         EXPECT_TRUE(Has(run.errors, ": standard output could not be written")) << program.command.back() << run.errors;
@@ -94,7 +75,7 @@ TEST_F(Streams, PipeThatNobodyReadsIsAnError)
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     close(ends[0]);
-    test::Program program = Nvrhttp({"doctor"});
+    Program program = Nvrhttp({"doctor"});
     program.output = ends[1];
     const Finished run = RunProgram(program);
     close(ends[1]);
@@ -106,16 +87,14 @@ TEST_F(Streams, PipeThatNobodyReadsIsAnError)
 TEST_F(Streams, ClosedOnesDoNotPassTheirNumbersOn)
 {
     const ServeProcess server;
-    test::Program program = Nvrhttp({"post", server.Url(), "--data", "[1]"});
+    Program program = Nvrhttp({"post", server.Url(), "--data", "[1]"});
     program.inChild = [] { return close(STDERR_FILENO) == 0; };
     EXPECT_EQ(RunProgram(program).output, "[1]");
-
     program.inChild = [] { return close(STDIN_FILENO) == 0 && close(STDOUT_FILENO) == 0; };
     const Finished mute = RunProgram(program);
     EXPECT_EQ(mute.status, 0) << mute.errors;
     EXPECT_TRUE(Has(mute.errors, "succeeded in ")) << mute.errors;
-
-    test::Program demo = Command({NVRHTTP_DEMO_PROGRAM, server.Url()});
+    Program demo = Demo({server.Url()});
     demo.inChild = [] { return close(STDOUT_FILENO) == 0 && close(STDERR_FILENO) == 0; };
     EXPECT_EQ(RunProgram(demo).status, 0);
 }

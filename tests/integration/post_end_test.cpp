@@ -6,11 +6,8 @@
 
 #include <chrono>
 #include <csignal>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 #include "tests/support/scripted_server.h"
@@ -18,13 +15,7 @@
 namespace
 {
 
-using test::ChildProcess;
-using test::Finished;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-using test::ScriptedServer;
-using test::ServeProcess;
+using namespace test;
 
 const std::string REFUSED = "Couldn't connect to server (libcurl code 7)";
 const std::string UNRESOLVED = "Couldn't resolve host name (libcurl code 6)";
@@ -32,16 +23,9 @@ const std::string NO_TLS = "SSL connect error (libcurl code 35)";
 const std::string TIMED_OUT = "Timeout was reached (libcurl code 28)";
 const std::string EMPTY = "Server returned nothing (no headers, no data) (libcurl code 52)";
 
-class PostEndInEachMode : public test::IntegrationTest, public testing::WithParamInterface<std::string>
+class PostEndInEachMode : public PostInEachMode
 {
   protected:
-    test::Program Post(const std::string &url, const std::vector<std::string> &more = {}) const
-    {
-        test::Program program = Nvrhttp({"post", url, "--mode", GetParam()});
-        program.command.insert(program.command.end(), more.begin(), more.end());
-        return program;
-    }
-
     /* All that a post to this URL says besides its answer, without the module's result. */
     std::string WhyOf(const std::string &url, const std::vector<std::string> &more = {}) const
     {
@@ -51,34 +35,29 @@ class PostEndInEachMode : public test::IntegrationTest, public testing::WithPara
         const size_t why = run.errors.find(": ", run.errors.find("result "));
         return run.errors.substr(why == std::string::npos ? 0 : why + 2);
     }
-
-    bool Is(const std::string &mode) const
-    {
-        return GetParam() == mode;
-    }
 };
 
-using PostData = test::IntegrationTest;
-using PostEnd = test::IntegrationTest;
-using PostPassword = test::IntegrationTest;
+using PostData = IntegrationTest;
+using PostEnd = IntegrationTest;
+using PostPassword = IntegrationTest;
 
 INSTANTIATE_TEST_SUITE_P(Modes, PostEndInEachMode, testing::Values("sync", "async", "direct"),
                          [](const auto &mode) { return mode.param; });
 
 TEST_P(PostEndInEachMode, AFailureSaysWhatLibcurlSays)
 {
-    const test::ClosedPort closed;
-    const ScriptedServer plain({test::When::FIRST_BYTE, {test::Send(test::Reply(400, "what?")), test::CLOSE}});
-    const ScriptedServer closing({test::When::REQUEST, {test::CLOSE}});
+    const ClosedPort closed;
+    const ScriptedServer plain({When::FIRST_BYTE, {Send(Reply(400, "what?")), CLOSE}});
+    const ScriptedServer closing({When::REQUEST, {CLOSE}});
     EXPECT_EQ(WhyOf(closed.Url()), REFUSED + "\n");
-    EXPECT_EQ(WhyOf(test::UnresolvableUrl()), UNRESOLVED + "\n");
+    EXPECT_EQ(WhyOf(UnresolvableUrl()), UNRESOLVED + "\n");
     EXPECT_EQ(WhyOf(plain.Url("/", "https")), NO_TLS + "\n");
     EXPECT_EQ(WhyOf(closing.Url()), EMPTY + "\n");
 }
 
 TEST_P(PostEndInEachMode, OfManyEachReasonIsCounted)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     const Finished run = RunProgram(Post(closed.Url(), {"--count", "20", "--parallel", "4"}));
     EXPECT_TRUE(Has(run.errors, "\n    20: " + REFUSED + "\n")) << run.errors;
 }
@@ -93,11 +72,10 @@ TEST_P(PostEndInEachMode, ASuccessHasNoReason)
 
 TEST_P(PostEndInEachMode, AnInterruptShowsWhatThereIsSoFar)
 {
-    const ScriptedServer silent(test::SILENT);
-    const test::MemoryFile errors;
-    test::Program program = Post(silent.Url(), {"--count", "5", "--parallel", "2", "--timeout", "60000"});
-    program.errors = errors.Descriptor();
-    ChildProcess post(program);
+    const ScriptedServer silent(SILENT);
+    const MemoryFile errors;
+    ChildProcess post(
+        WithErrors(Post(silent.Url(), {"--count", "5", "--parallel", "2", "--timeout", "60000"}), errors));
     ASSERT_TRUE(silent.WaitForRequests(2));
     post.Signal(SIGINT);
     EXPECT_EQ(post.Wait(std::chrono::seconds(5)), 130);
@@ -108,10 +86,10 @@ TEST_P(PostEndInEachMode, AnInterruptShowsWhatThereIsSoFar)
 TEST_P(PostEndInEachMode, AClosedPipeEndsTheRun)
 {
     const ServeProcess server;
-    const test::MemoryFile errors;
+    const MemoryFile errors;
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    test::Program program = Post(server.Url(), {"--count", "10000000", "--parallel", "4"});
+    Program program = Post(server.Url(), {"--count", "10000000", "--parallel", "4"});
     program.output = ends[1];
     program.errors = errors.Descriptor();
     ChildProcess post(program);
@@ -138,7 +116,7 @@ TEST_F(PostEnd, TheStatusThatMadeItFailIsNamed)
 /* An asynchronous post to a silent server is lost instead. */
 TEST_F(PostEnd, ATimeOutIsNamed)
 {
-    const ScriptedServer silent(test::SILENT);
+    const ScriptedServer silent(SILENT);
     const std::string url = silent.Url();
     EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300"})).errors,
               "nvrhttp post: result 10: " + TIMED_OUT + "\n");
@@ -148,7 +126,7 @@ TEST_F(PostEnd, ATimeOutIsNamed)
 
 TEST_F(PostEnd, AnAnswerThatIsCutOffDoesNotPassForWhole)
 {
-    const ScriptedServer server(test::CUTTING_OFF);
+    const ScriptedServer server(CUTTING_OFF);
     const Finished run = RunProgram(Nvrhttp({"post", server.Url()}));
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.output, "part");
@@ -158,10 +136,8 @@ TEST_F(PostEnd, AnAnswerThatIsCutOffDoesNotPassForWhole)
 TEST_F(PostEnd, ASecondInterruptEndsItAtOnce)
 {
     const ServeProcess server;
-    const test::MemoryFile errors;
-    test::Program program = Nvrhttp({"post", server.Url("/size/1000000")});
-    program.errors = errors.Descriptor();
-    ChildProcess post(program);
+    const MemoryFile errors;
+    ChildProcess post(WithErrors(Nvrhttp({"post", server.Url("/size/1000000")}), errors));
     /* Nobody reads on: the answer is stuck in the pipe, and so is the end after the first interrupt. */
     post.ReadUntil("x");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -174,10 +150,10 @@ TEST_F(PostEnd, ASecondInterruptEndsItAtOnce)
 
 TEST_F(PostEnd, AnInterruptThatTheCallerIgnoresIsIgnored)
 {
-    ScriptedServer server(test::ECHOING_ON_RELEASE);
-    test::Program program = Nvrhttp({"post", server.Url()});
+    ScriptedServer server(ECHOING_ON_RELEASE);
+    Program program = Nvrhttp({"post", server.Url()});
     program.inChild = [] { return std::signal(SIGINT, SIG_IGN) != SIG_ERR; };
-    const test::MemoryFile errors;
+    const MemoryFile errors;
     program.errors = errors.Descriptor();
     ChildProcess post(program);
     ASSERT_TRUE(server.WaitForRequests(1));
@@ -203,20 +179,25 @@ TEST_F(PostData, TheLimitCanBeMoved)
     EXPECT_GT(longer.status, 100);
     EXPECT_TRUE(Has(longer.errors, "standard input is longer than 9 bytes")) << longer.errors;
     const std::string long65 = std::string(65U << 20, 'x');
-    EXPECT_EQ(RunProgram(Nvrhttp({"post", test::ClosedPort().Url(), "-", "--max-data", "100000000"}), long65).status,
-              10);
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", ClosedPort().Url(), "-", "--max-data", "100000000"}), long65).status, 10);
+}
+
+/* A post with a user and no password. */
+Program PostAsMe(const ScriptedServer &server, bool onTerminal)
+{
+    Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
+    program.onTerminal = onTerminal;
+    return program;
 }
 
 TEST_F(PostPassword, AMissingOneIsAskedForAndNotShown)
 {
-    const ScriptedServer server({test::When::REQUEST, {test::Answer([](const test::Request &request) {
+    const ScriptedServer server({When::REQUEST, {Answer([](const Request &request) {
                                      return request.HasLine("Authorization: Basic bWU6c2VjcmV0")
-                                                ? test::Reply(200, "welcome")
-                                                : test::Reply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
+                                                ? Reply(200, "welcome")
+                                                : Reply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
                                  })}});
-    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
-    program.onTerminal = true;
-    ChildProcess post(program);
+    ChildProcess post(PostAsMe(server, true));
     post.ReadUntil("Password for me: ");
     post.Write("secret\n");
     const std::string shown = post.ReadToEnd();
@@ -227,10 +208,8 @@ TEST_F(PostPassword, AMissingOneIsAskedForAndNotShown)
 
 TEST_F(PostPassword, AnInterruptAtThePromptSendsNothing)
 {
-    const ScriptedServer server(test::ECHOING);
-    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
-    program.onTerminal = true;
-    ChildProcess post(program);
+    const ScriptedServer server(ECHOING);
+    ChildProcess post(PostAsMe(server, true));
     post.ReadUntil("Password for me: ");
     post.Write("\003");
     EXPECT_TRUE(Has(post.ReadToEnd(), "--user: no password was entered"));
@@ -240,8 +219,8 @@ TEST_F(PostPassword, AnInterruptAtThePromptSendsNothing)
 
 TEST_F(PostPassword, WithoutATerminalItMustBeGiven)
 {
-    const ScriptedServer server(test::ECHOING);
-    test::Program program = Nvrhttp({"post", server.Url(), "--user", "me"});
+    const ScriptedServer server(ECHOING);
+    Program program = PostAsMe(server, false);
     program.inChild = [] { return setsid() > 0; };
     const Finished run = RunProgram(program);
     EXPECT_GT(run.status, 100);

@@ -8,11 +8,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 #include "tests/support/scripted_server.h"
@@ -20,12 +17,7 @@
 namespace
 {
 
-using test::After;
-using test::Finished;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-using test::ServeProcess;
+using namespace test;
 
 /* How often the text begins with this line, one after the other. */
 size_t LeadingLines(const std::string &text, const std::string &line)
@@ -37,31 +29,15 @@ size_t LeadingLines(const std::string &text, const std::string &line)
     return count;
 }
 
-test::Script Answering(const test::Answerer &answerer)
+/* Answers each request with what the function makes of it. */
+Script AnsweringWith(const Answerer &answerer)
 {
-    return {test::When::REQUEST, {test::Answer(answerer)}};
+    return {When::REQUEST, {Answer(answerer)}};
 }
 
-test::Script AnsweringOk()
-{
-    return Answering([](const test::Request &) { return test::Reply(200, "ok"); });
-}
-
-class PostInEachMode : public test::IntegrationTest, public testing::WithParamInterface<std::string>
+class PostModes : public PostInEachMode
 {
   protected:
-    test::Program Post(const std::string &url, const std::vector<std::string> &more = {}) const
-    {
-        test::Program program = Nvrhttp({"post", url, "--mode", GetParam()});
-        program.command.insert(program.command.end(), more.begin(), more.end());
-        return program;
-    }
-
-    bool Is(const std::string &mode) const
-    {
-        return GetParam() == mode;
-    }
-
     /* The module's result of a connection that is refused. */
     int Refused() const
     {
@@ -69,53 +45,37 @@ class PostInEachMode : public test::IntegrationTest, public testing::WithParamIn
     }
 };
 
-using PostMany = test::IntegrationTest;
-using PostOutput = test::IntegrationTest;
-using PostMethods = test::IntegrationTest;
-using PostRefusals = test::IntegrationTest;
+using PostMany = IntegrationTest;
+using PostOutput = IntegrationTest;
+using PostMethods = IntegrationTest;
+using PostRefusals = IntegrationTest;
 
-INSTANTIATE_TEST_SUITE_P(Modes, PostInEachMode, testing::Values("sync", "async", "direct"),
+INSTANTIATE_TEST_SUITE_P(Modes, PostModes, testing::Values("sync", "async", "direct"),
                          [](const auto &mode) { return mode.param; });
 
-TEST_P(PostInEachMode, AnswerAloneGoesToStandardOutput)
+TEST_P(PostModes, AnswerAloneGoesToStandardOutput)
 {
     const ServeProcess server;
-    const Finished run = RunProgram(Post(server.Url(), {"--data", R"(["a",{"b":[1,2]}])"}));
-    EXPECT_EQ(run.status, 0) << run.errors;
-    EXPECT_EQ(run.output, R"(["a",{"b":[1,2]}])");
-    EXPECT_TRUE(Has(run.errors, "succeeded in")) << run.errors;
-}
-
-TEST_P(PostInEachMode, WithoutDataAnEmptyObjectIsSent)
-{
-    const ServeProcess server;
-    EXPECT_EQ(RunProgram(Post(server.Url())).output, "{}");
-}
-
-TEST_P(PostInEachMode, TextOutsideAsciiComesBackUnchanged)
-{
-    const ServeProcess server;
-    const std::string text = "{\"text\":\"Gr\u00fc\u00dfe \u6e29\u5ea6 \U0001F321\"}";
+    EXPECT_EQ(RunProgram(Post(server.Url())).output, "{}") << "without data";
+    const std::string text = "{\"text\":[\"Gr\u00fc\u00dfe \u6e29\u5ea6 \U0001F321\",{\"b\":[1,2]}]}";
     const Finished run = RunProgram(Post(server.Url(), {"--data", text}));
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_EQ(run.output, text);
+    EXPECT_TRUE(Has(run.errors, "succeeded in")) << run.errors;
 }
 
-TEST_P(PostInEachMode, FileOfTwoMegabytesComesBackUnchanged)
+TEST_P(PostModes, FileOfTwoMegabytesComesBackUnchanged)
 {
     const ServeProcess server;
     const std::string path = logFolder.Path() + "/data";
-    std::string text(2000000, 'x');
-    for (size_t i = 0; i < text.size(); ++i) {
-        text[i] = static_cast<char>('!' + i * 31 % 90);
-    }
-    test::WriteFile(path, text);
+    const std::string text = SampleText(2000000);
+    WriteFile(path, text);
     const Finished run = RunProgram(Post(server.Url(), {"--data", "@" + path}));
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_TRUE(run.output == text) << run.output.size() << " bytes came back";
 }
 
-TEST_P(PostInEachMode, StandardInputIsTheData)
+TEST_P(PostModes, StandardInputIsTheData)
 {
     const ServeProcess server;
     const std::string text = "{\"from\":\"stdin\"}\n";
@@ -125,7 +85,7 @@ TEST_P(PostInEachMode, StandardInputIsTheData)
     EXPECT_EQ(named.output, text) << named.errors;
 }
 
-TEST_P(PostInEachMode, FiveThousandPostsAreAllAnswered)
+TEST_P(PostModes, FiveThousandPostsAreAllAnswered)
 {
     const ServeProcess server;
     const Finished run = RunProgram(Post(server.Url(), {"--data", "{\"n\":5000}", "--count", "5000", "--parallel",
@@ -137,7 +97,7 @@ TEST_P(PostInEachMode, FiveThousandPostsAreAllAnswered)
     }
 }
 
-TEST_P(PostInEachMode, QuietWritesNoAnswers)
+TEST_P(PostModes, QuietWritesNoAnswers)
 {
     const ServeProcess server;
     const Finished run = RunProgram(Post(server.Url(), {"--count", "7", "--parallel", "3", "--quiet"}));
@@ -146,33 +106,29 @@ TEST_P(PostInEachMode, QuietWritesNoAnswers)
     EXPECT_TRUE(Has(run.errors, "7 succeeded")) << run.errors;
 }
 
-TEST_P(PostInEachMode, RefusedConnectionIsTheModulesResult)
+TEST_P(PostModes, RefusedConnectionIsTheModulesResultAndEachIsCounted)
 {
-    const test::ClosedPort closed;
-    const Finished run = RunProgram(Post(closed.Url()));
-    EXPECT_EQ(run.status, Refused()) << run.errors;
-    EXPECT_EQ(run.output, "");
-    EXPECT_TRUE(Has(run.errors, "result " + std::to_string(run.status) + ": ")) << run.errors;
+    const ClosedPort closed;
+    const std::string result = "result " + std::to_string(Refused()) + ": ";
+    const Finished one = RunProgram(Post(closed.Url()));
+    EXPECT_EQ(one.status, Refused()) << one.errors;
+    EXPECT_EQ(one.output, "");
+    EXPECT_TRUE(Has(one.errors, result)) << one.errors;
+    const Finished many = RunProgram(Post(closed.Url(), {"--count", "20", "--parallel", "4"}));
+    EXPECT_EQ(many.status, Refused()) << many.errors;
+    EXPECT_TRUE(Has(many.errors, "0 succeeded, 20 failed, 0 lost")) << many.errors;
+    EXPECT_TRUE(Has(many.errors, "20 failed with " + result)) << many.errors;
 }
 
-TEST_P(PostInEachMode, EveryFailureOfManyIsCounted)
+TEST_P(PostModes, SilentServerEndsInABoundedTime)
 {
-    const test::ClosedPort closed;
-    const Finished run = RunProgram(Post(closed.Url(), {"--count", "20", "--parallel", "4"}));
-    EXPECT_EQ(run.status, Refused()) << run.errors;
-    EXPECT_TRUE(Has(run.errors, "0 succeeded, 20 failed, 0 lost")) << run.errors;
-    EXPECT_TRUE(Has(run.errors, "20 failed with result " + std::to_string(run.status) + ": ")) << run.errors;
-}
-
-TEST_P(PostInEachMode, SilentServerEndsInABoundedTime)
-{
-    const test::ScriptedServer silent(test::SILENT);
+    const ScriptedServer silent(SILENT);
     const Finished run = RunProgram(Post(silent.Url(), {"--timeout", "300"}));
     EXPECT_EQ(run.status, Is("sync") ? 10 : 7) << run.errors;
     EXPECT_EQ(run.output, "");
 }
 
-TEST_P(PostInEachMode, OnlyTheSynchronousModeJudgesTheStatus)
+TEST_P(PostModes, OnlyTheSynchronousModeJudgesTheStatus)
 {
     const ServeProcess server;
     const Finished run = RunProgram(Post(server.Url("/status/500"), {"--data", "[1]"}));
@@ -180,17 +136,10 @@ TEST_P(PostInEachMode, OnlyTheSynchronousModeJudgesTheStatus)
     EXPECT_EQ(run.output, Is("sync") ? "" : "[1]");
 }
 
-TEST_P(PostInEachMode, AnswerMayBeAsLongAsMaxAnswer)
+TEST_P(PostModes, AnswerLongerThanMaxAnswerIsAFailure)
 {
     const ServeProcess server;
-    const Finished run = RunProgram(Post(server.Url("/size/1000"), {"--max-answer", "1000"}));
-    EXPECT_EQ(run.status, 0) << run.errors;
-    EXPECT_EQ(run.output.size(), 1000U);
-}
-
-TEST_P(PostInEachMode, LongerAnswerIsAFailure)
-{
-    const ServeProcess server;
+    EXPECT_EQ(RunProgram(Post(server.Url("/size/1000"), {"--max-answer", "1000"})).output.size(), 1000U);
     for (const char *path : {"/size/1001", "/size/1002", "/size/300000"}) {
         const Finished run = RunProgram(Post(server.Url(path), {"--max-answer", "1000"}));
         EXPECT_EQ(run.status, Is("direct") ? 5 : 11) << path << ": " << run.errors;
@@ -199,13 +148,12 @@ TEST_P(PostInEachMode, LongerAnswerIsAFailure)
     }
 }
 
-TEST_P(PostInEachMode, SelfSignedServerIsAcceptedUnlessVerified)
+TEST_P(PostModes, SelfSignedServerIsAcceptedUnlessVerified)
 {
     const ServeProcess server({"--tls"});
     const Finished run = RunProgram(Post(server.Url(), {"--data", "[2]"}));
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_EQ(run.output, "[2]");
-
     const Finished verified = RunProgram(Post(server.Url(), {"--data", "[2]", "--verify"}));
     EXPECT_EQ(verified.output, "");
     if (Is("direct")) {
@@ -216,12 +164,12 @@ TEST_P(PostInEachMode, SelfSignedServerIsAcceptedUnlessVerified)
     }
 }
 
-TEST_P(PostInEachMode, UserBelongsToTheSynchronousMode)
+TEST_P(PostModes, UserBelongsToTheSynchronousMode)
 {
-    const test::ScriptedServer server(Answering([](const test::Request &request) {
+    const ScriptedServer server(AnsweringWith([](const Request &request) {
         return request.HasLine("Authorization: Basic bWU6cHc=")
-                   ? test::Reply(200, "welcome")
-                   : test::Reply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
+                   ? Reply(200, "welcome")
+                   : Reply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
     }));
     const Finished run = RunProgram(Post(server.Url(), {"--user", "me:pw"}));
     if (Is("sync")) {
@@ -234,7 +182,7 @@ TEST_P(PostInEachMode, UserBelongsToTheSynchronousMode)
     }
 }
 
-TEST_P(PostInEachMode, ZeroByteIsRefusedWhereItWouldCutTheData)
+TEST_P(PostModes, ZeroByteIsRefusedWhereItWouldCutTheData)
 {
     const ServeProcess server;
     const std::string text("ab\0cd", 5);
@@ -250,10 +198,10 @@ TEST_P(PostInEachMode, ZeroByteIsRefusedWhereItWouldCutTheData)
     }
 }
 
-TEST_P(PostInEachMode, LogLinesGoToStandardErrorOnDemand)
+TEST_P(PostModes, LogLinesGoToStandardErrorOnDemand)
 {
     const ServeProcess server;
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     const Finished silent = RunProgram(Post(closed.Url()));
     EXPECT_FALSE(Has(silent.errors, "[L:")) << silent.errors;
     const Finished logged = RunProgram(Post(server.Url(), {"--data", "[3]", "--log"}));
@@ -261,13 +209,13 @@ TEST_P(PostInEachMode, LogLinesGoToStandardErrorOnDemand)
     EXPECT_TRUE(Has(logged.errors, "[L:")) << logged.errors;
 }
 
-TEST_P(PostInEachMode, WithoutWakeupPortsOnlyADirectSendWorks)
+TEST_P(PostModes, WithoutWakeupPortsOnlyADirectSendWorks)
 {
     const ServeProcess server;
-    test::Program program = Post(server.Url(), {"--data", "[5]"});
-    program.inChild = test::RefuseAllPorts;
+    Program program = Post(server.Url(), {"--data", "[5]"});
+    program.inChild = RefuseAllPorts;
     const Finished run = RunProgram(program);
-    if (run.status == test::STATUS_REFUSED) {
+    if (run.status == STATUS_REFUSED) {
         GTEST_SKIP() << "the system does not let a process refuse itself a call";
     }
     EXPECT_EQ(run.status, Is("direct") ? 0 : 1) << run.errors;
@@ -283,8 +231,8 @@ TEST_F(PostMany, OneThousandAndTwentyFourOutstanding)
     ASSERT_GE(limit.rlim_max, 1200U) << "this case needs a higher hard limit of open files";
     limit.rlim_cur = 1024;
     const ServeProcess server;
-    test::Program program = Nvrhttp({"post", server.Url(), "--mode", "async", "--count", "3000", "--parallel", "1024",
-                                     "--timeout", "60000", "--connect-timeout", "60000"});
+    Program program = Nvrhttp({"post", server.Url(), "--mode", "async", "--count", "3000", "--parallel", "1024",
+                               "--timeout", "60000", "--connect-timeout", "60000"});
     program.inChild = [limit] { return setrlimit(RLIMIT_NOFILE, &limit) == 0; };
     const Finished run = RunProgram(program);
     EXPECT_EQ(run.status, 0) << run.errors;
@@ -293,7 +241,7 @@ TEST_F(PostMany, OneThousandAndTwentyFourOutstanding)
 
 TEST_F(PostMany, NeverReportedCountAsLost)
 {
-    const test::ScriptedServer silent(test::SILENT);
+    const ScriptedServer silent(SILENT);
     const Finished run = RunProgram(
         Nvrhttp({"post", silent.Url(), "--mode", "async", "--count", "5", "--parallel", "3", "--timeout", "300"}));
     EXPECT_EQ(run.status, 7) << run.errors;
@@ -304,8 +252,8 @@ TEST_F(PostMany, NeverReportedCountAsLost)
 TEST_F(PostMany, AnswersOfDifferentLengthDoNotMixInReusedBuffers)
 {
     std::atomic<unsigned> served{0};
-    const test::ScriptedServer server(Answering([&served](const test::Request &) {
-        return test::Reply(200, served++ % 2 == 0 ? std::string(9000, 'L') : std::string("short"));
+    const ScriptedServer server(AnsweringWith([&served](const Request &) {
+        return Reply(200, served++ % 2 == 0 ? std::string(9000, 'L') : std::string("short"));
     }));
     const Finished run = RunProgram(Nvrhttp({"post", server.Url(), "--mode", "async", "--count", "4"}));
     EXPECT_EQ(run.status, 0) << run.errors;
@@ -316,11 +264,11 @@ TEST_F(PostMany, AnswersOfDifferentLengthDoNotMixInReusedBuffers)
 TEST_F(PostMany, OneSlowPostInTwentyIsTheLastPercentile)
 {
     std::atomic<unsigned> served{0};
-    const test::ScriptedServer server(Answering([&served](const test::Request &) {
+    const ScriptedServer server(AnsweringWith([&served](const Request &) {
         if (served++ == 5) {
             std::this_thread::sleep_for(std::chrono::milliseconds(400));
         }
-        return test::Reply(200, "ok");
+        return Reply(200, "ok");
     }));
     const Finished run = RunProgram(Nvrhttp({"post", server.Url(), "--count", "20"}));
     EXPECT_EQ(run.status, 0) << run.errors;
@@ -336,13 +284,12 @@ TEST_F(PostMany, OneSlowPostInTwentyIsTheLastPercentile)
 TEST_F(PostMany, StatusLineIsRewrittenOnATerminalOnly)
 {
     const ServeProcess server;
-    const test::MemoryFile answers;
-    test::Program program = Nvrhttp({"post", server.Url("/delay/300"), "--count", "4"});
+    const MemoryFile answers;
+    Program program = Nvrhttp({"post", server.Url("/delay/300"), "--count", "4"});
     EXPECT_FALSE(Has(RunProgram(program).errors, "\r"));
-
     program.onTerminal = true;
     program.output = answers.Descriptor();
-    test::ChildProcess onTerminal(program);
+    ChildProcess onTerminal(program);
     const std::string errors = onTerminal.ReadToEnd();
     EXPECT_EQ(onTerminal.Wait(), 0) << errors;
     EXPECT_EQ(LeadingLines(answers.Text(), "{}"), 4U);
@@ -354,7 +301,7 @@ TEST_F(PostMany, StatusLineIsRewrittenOnATerminalOnly)
 TEST_F(PostOutput, AnswerThatCannotBeWrittenIsAFailure)
 {
     const ServeProcess server;
-    test::Program program = Nvrhttp({"post", server.Url()});
+    Program program = Nvrhttp({"post", server.Url()});
     program.output = open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(program.output, 0);
     const Finished run = RunProgram(program);
@@ -365,14 +312,14 @@ TEST_F(PostOutput, AnswerThatCannotBeWrittenIsAFailure)
 
 TEST_F(PostMethods, WhatLeavesIsWhatTheHelpSays)
 {
-    const test::ScriptedServer server(AnsweringOk());
+    const ScriptedServer server(Answering("ok"));
     for (const std::string mode : {"sync", "async", "direct"}) {
         for (const std::string method : {"post", "put", "get"}) {
             EXPECT_EQ(
                 RunProgram(Nvrhttp({"post", server.Url(), "--mode", mode, "--method", method, "--data", "[4]"})).output,
                 "ok");
             const bool isGet = mode == "direct" && method != "post";
-            const test::Request seen = server.Requests().back();
+            const Request seen = server.Requests().back();
             EXPECT_EQ(seen.Line(), isGet ? "GET / HTTP/1.1" : "POST / HTTP/1.1") << mode << ' ' << method;
             EXPECT_EQ(seen.body, isGet ? "" : "[4]") << mode << ' ' << method;
         }
@@ -381,32 +328,25 @@ TEST_F(PostMethods, WhatLeavesIsWhatTheHelpSays)
 
 TEST_F(PostRefusals, BadArgumentsSendNothing)
 {
-    const test::ScriptedServer server(AnsweringOk());
-    const std::string url = server.Url();
+    const ScriptedServer server(Answering("ok"));
     const std::vector<std::vector<std::string>> bad = {
-        {"post"},
-        {"post", url, "--mode", "other"},
-        {"post", url, "--method", "delete"},
-        {"post", url, "--data", "@/nonexistent/file"},
-        {"post", url, "--data", "@/"},
-        {"post", url, "--data", "[]", "-"},
-        {"post", url, "file"},
-        {"post", url, "--timeout", "0"},
-        {"post", url, "--connect-timeout", "0"},
-        {"post", url, "--max-answer", "0"},
-        {"post", url, "--count", "0"},
-        {"post", url, "--parallel", "1025"},
-        {"post", url, "--user", std::string(128, 'u')},
-        {"post", url, "--max-data", "0"},
-        {"post", "file:///etc/hostname"},
-        {"post", "ftp://127.0.0.1/"},
-        {"post", "http://[bad/"},
-    };
-    for (const auto &arguments : bad) {
-        const Finished run = RunProgram(Nvrhttp(arguments));
-        EXPECT_GT(run.status, 100) << arguments.back();
-        EXPECT_EQ(run.output, "") << arguments.back();
-        EXPECT_FALSE(run.errors.empty()) << arguments.back();
+        {"--mode", "other"}, {"--method", "delete"},     {"--data", "@/nonexistent/file"},
+        {"--data", "@/"},    {"--data", "[]", "-"},      {"file"},
+        {"--timeout", "0"},  {"--connect-timeout", "0"}, {"--max-answer", "0"},
+        {"--count", "0"},    {"--parallel", "1025"},     {"--user", std::string(128, 'u')},
+        {"--max-data", "0"}};
+    std::vector<Program> programs = {Nvrhttp({"post"})};
+    for (const auto &options : bad) {
+        programs.push_back(Nvrhttp({"post", server.Url()}, options));
+    }
+    for (const char *url : {"file:///etc/hostname", "ftp://127.0.0.1/", "http://[bad/"}) {
+        programs.push_back(Nvrhttp({"post", url}));
+    }
+    for (const Program &program : programs) {
+        const Finished run = RunProgram(program);
+        EXPECT_GT(run.status, 100) << program.command.back();
+        EXPECT_EQ(run.output, "") << program.command.back();
+        EXPECT_FALSE(run.errors.empty()) << program.command.back();
     }
     EXPECT_EQ(server.RequestCount(), 0U);
 }

@@ -11,22 +11,15 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "integration_fixture.h"
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
 
 namespace
 {
 
-using test::Finished;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-using test::ServeProcess;
+using namespace test;
 using Clock = std::chrono::steady_clock;
 
 const std::string OUT_OF_RANGE = "{\"error\":\"number out of range\"}";
@@ -53,7 +46,7 @@ class Client
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, Append);
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L); /* the certificate is for this address all the same */
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(1000 * test::PATIENCE.count()));
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(1000 * PATIENCE.count()));
     }
 
     ~Client()
@@ -77,9 +70,7 @@ class Client
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
-        if (method == "GET") {
-            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-        }
+        curl_easy_setopt(easy, method == "GET" ? CURLOPT_HTTPGET : CURLOPT_POST, 1L);
         curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
         curl_easy_setopt(easy, CURLOPT_WRITEDATA, &answer.body);
         answer.result = curl_easy_perform(easy);
@@ -138,28 +129,21 @@ class RawClient
     int sock;
 };
 
-test::Program ServeWith(const std::vector<std::string> &options)
-{
-    test::Program program = Nvrhttp({"serve"});
-    program.command.insert(program.command.end(), options.begin(), options.end());
-    return program;
-}
-
-class Serve : public test::IntegrationTest
+class Serve : public IntegrationTest
 {
   protected:
     const ServeProcess server;
     Client client;
 };
 
-using ServeOverTls = test::IntegrationTest;
-using ServeProgram = test::IntegrationTest;
+using ServeOverTls = IntegrationTest;
+using ServeProgram = IntegrationTest;
 
 TEST_F(Serve, APostIsAnsweredWithItsBodyByteForByte)
 {
     /* Longer than what the server takes of a form. */
     for (const std::string &body :
-         {std::string("{\"a\":1}"), std::string(), std::string("one\0two\r\n\x80\xFF", 11), test::SampleText(100000)}) {
+         {std::string("{\"a\":1}"), std::string(), std::string("one\0two\r\n\x80\xFF", 11), SampleText(100000)}) {
         const Answer answer = client.Ask("POST", server.Url("/any/path?query"), body);
         EXPECT_EQ(answer.status, 200);
         EXPECT_EQ(answer.type, "application/json");
@@ -175,7 +159,6 @@ TEST_F(Serve, GetAndPutAreDescribed)
     EXPECT_EQ(get.body.rfind("{\"method\":\"GET\",\"target\":\"/a%20b?c=d\",\"headers\":[\"", 0), 0U) << get.body;
     EXPECT_TRUE(Has(get.body, "\"X-Test: say \\\"hi\\\"\"")) << get.body;
     EXPECT_TRUE(Has(get.body, "],\"body\":\"\"}")) << get.body;
-
     const Answer put = client.Ask("PUT", server.Url(), "a\\b\n\x1F\xC3\xBC", {"Content-Type: text/plain"});
     EXPECT_EQ(put.status, 200);
     EXPECT_TRUE(Has(put.body, "{\"method\":\"PUT\",\"target\":\"/\",")) << put.body;
@@ -188,13 +171,11 @@ TEST_F(Serve, AStatusIsGivenOnDemandWithTheSameAnswer)
 {
     for (const int status : {200, 201, 404, 500, 599}) {
         const std::string url = server.Url("/status/" + std::to_string(status));
-        const Answer post = client.Ask("POST", url, "[1]");
-        EXPECT_EQ(post.status, status);
-        EXPECT_EQ(post.body, "[1]");
-        EXPECT_EQ(client.Ask("GET", url).status, status);
-        const Answer put = client.Ask("PUT", url, "[2]");
-        EXPECT_EQ(put.status, status);
-        EXPECT_TRUE(Has(put.body, "\"body\":\"[2]\"")) << put.body;
+        for (const char *method : {"POST", "GET", "PUT"}) {
+            const Answer answer = client.Ask(method, url, "[1]");
+            EXPECT_EQ(answer.status, status) << method;
+            EXPECT_TRUE(Has(answer.body, "[1]") || method == std::string("GET")) << answer.body;
+        }
     }
 }
 
@@ -262,7 +243,6 @@ TEST_F(ServeOverTls, EchoesWithACertificateForItsAddressThatNobodySigned)
     EXPECT_EQ(answer.result, CURLE_OK) << curl_easy_strerror(answer.result);
     EXPECT_EQ(answer.body, "{\"a\":1}");
     EXPECT_EQ(client.Ask("GET", server.Url("/status/404")).status, 404);
-
     curl_easy_setopt(client.Handle(), CURLOPT_SSL_VERIFYPEER, 1L);
     EXPECT_EQ(client.Ask("POST", server.Url(), "{}").result, CURLE_PEER_FAILED_VERIFICATION);
 }
@@ -270,12 +250,11 @@ TEST_F(ServeOverTls, EchoesWithACertificateForItsAddressThatNobodySigned)
 TEST_F(ServeProgram, APortMayBeChosenUnlessItIsTaken)
 {
     uint16_t port = 0;
-    close(test::BindLoopback(&port));
+    close(BindLoopback(&port));
     const std::string number = std::to_string(port);
     const ServeProcess server({"--port", number});
-    EXPECT_EQ(server.Url(), test::LoopbackUrl(port));
+    EXPECT_EQ(server.Url(), LoopbackUrl(port));
     EXPECT_EQ(Client().Ask("POST", server.Url(), "[4]").body, "[4]");
-
     const Finished second = RunProgram(Nvrhttp({"serve", "--port", number}));
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.output, "");
@@ -286,7 +265,7 @@ TEST_F(ServeProgram, BadArgumentsAreRefused)
 {
     for (const std::vector<std::string> &options :
          std::vector<std::vector<std::string>>{{"--port", "65536"}, {"--port", "x"}, {"--unknown"}, {"surplus"}}) {
-        const Finished run = RunProgram(ServeWith(options));
+        const Finished run = RunProgram(Nvrhttp({"serve"}, options));
         EXPECT_GT(run.status, 100) << options.back();
         EXPECT_EQ(run.output, "") << options.back();
     }
@@ -294,7 +273,7 @@ TEST_F(ServeProgram, BadArgumentsAreRefused)
 
 TEST_F(ServeProgram, AnInterruptEndsItAndWhatItDelays)
 {
-    test::ChildProcess server(Nvrhttp({"serve"}));
+    ChildProcess server(Nvrhttp({"serve"}));
     const std::string url = server.ReadUntil("\n");
     Answer answer;
     std::thread asking([&] { answer = Client().Ask("POST", url + "delay/60000", "[6]"); });
@@ -310,10 +289,8 @@ TEST_F(ServeProgram, ASignalEndsItWithinASecond)
 {
     for (const std::vector<std::string> &options : std::vector<std::vector<std::string>>{{}, {"--tls"}}) {
         for (const int number : {SIGINT, SIGTERM}) {
-            const test::MemoryFile errors;
-            test::Program program = ServeWith(options);
-            program.errors = errors.Descriptor();
-            test::ChildProcess server(program);
+            const MemoryFile errors;
+            ChildProcess server(WithErrors(Nvrhttp({"serve"}, options), errors));
             const std::string url = server.ReadUntil("\n");
             const RawClient idle(url);
             const RawClient unread(url);
@@ -340,9 +317,9 @@ TEST_F(ServeProgram, ASignalEndsItThoughNobodyReadsWhatItShows)
 {
     int unread[2] = {-1, -1};
     ASSERT_EQ(pipe(unread), 0);
-    test::Program program = ServeWith({"--show"});
+    Program program = Nvrhttp({"serve", "--show"});
     program.errors = unread[1];
-    test::ChildProcess server(program);
+    ChildProcess server(program);
     const std::string url = server.ReadUntil("\n");
     const std::string path = "GET /" + std::string(4000, 'p') + " HTTP/1.1\r\n\r\n";
     std::vector<std::unique_ptr<RawClient>> clients;
@@ -370,20 +347,17 @@ TEST_F(Serve, IdleConnectionsHoldUpNobody)
 
 TEST_F(ServeProgram, EachRequestIsShownOnDemand)
 {
-    const test::MemoryFile errors;
-    test::Program program = ServeWith({"--show"});
-    program.errors = errors.Descriptor();
-    test::ChildProcess server(program);
+    const MemoryFile errors;
+    ChildProcess server(WithErrors(Nvrhttp({"serve", "--show"}), errors));
     const std::string url = server.ReadUntil("\n");
     Client().Ask("POST", url + "status/404?a=b", "12345");
     Client().Ask("GET", url + "delay/300");
     const RawClient noHttp(url);
     noHttp.Send("\033[2J what?\r\n\r\n");
-    EXPECT_TRUE(test::WaitUntil([&errors] { return Has(errors.Text(), "status 400"); })) << errors.Text();
+    EXPECT_TRUE(WaitUntil([&errors] { return Has(errors.Text(), "status 400"); })) << errors.Text();
     server.Signal(SIGTERM);
     EXPECT_EQ(server.ReadToEnd(), "");
     EXPECT_EQ(server.Wait(), 0);
-
     const std::string text = errors.Text();
     EXPECT_EQ(text.rfind("POST /status/404?a=b 5 bytes, status 404, ", 0), 0U) << text;
     const std::string delayed = "\nGET /delay/300 0 bytes, status 200, ";
