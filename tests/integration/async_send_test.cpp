@@ -2,25 +2,21 @@
  * Asynchronous sends of the send module: each accepted one is notified exactly once, with
  * its own answer.
  */
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "nginx_server.h"
 #include "sends.h"
 #include "tests/support/loopback.h"
+#include "tests/support/race.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
 namespace
 {
 
-using test::Batch;
-using test::Param;
+using namespace test;
 
 constexpr size_t PLACES = 1024;
 
@@ -43,52 +39,44 @@ void ExpectOwnAnswers(const Batch &batch, size_t first, size_t end)
     EXPECT_EQ(wrong, 0U);
 }
 
-template <typename Fixture> class AsyncSendOver : public test::WithSendModule<Fixture>
+template <typename Fixture> class AsyncSendOver : public WithSendModule<Fixture>
 {
   protected:
-    /* Sends once and waits for the notification. */
-    void SendOne(const std::string &url)
+    /* One send is notified once, with this. */
+    static void ExpectOne(const std::string &url, ESendByCurlRet result, const std::string &answer = "")
     {
+        Batch one(1);
         ASSERT_EQ(one.Send(0, url, Record(0)), SENDBYCURL_OK);
         ASSERT_TRUE(one.WaitFor(1));
         EXPECT_EQ(one.Notifications(0), 1U);
+        EXPECT_EQ(one.Result(0), result);
+        EXPECT_EQ(one.Answer(0), answer);
     }
-
-    Batch one{1};
 };
 
-using AsyncSend = AsyncSendOver<test::NginxTest>;
-using AsyncSendToScriptedServer = AsyncSendOver<test::IntegrationTest>;
+using AsyncSend = AsyncSendOver<NginxTest>;
+using AsyncSendToScriptedServer = AsyncSendOver<IntegrationTest>;
 
-TEST_F(AsyncSend, IsNotifiedWithTheAnswerOverHttp)
+TEST_F(AsyncSend, IsNotifiedWithTheAnswerWhateverItsStatus)
 {
-    SendOne(nginx.Http("/echo"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
-    EXPECT_EQ(one.Answer(0), Record(0));
-}
-
-TEST_F(AsyncSend, IsNotifiedWithTheAnswerOverHttps)
-{
-    SendOne(nginx.Https("/echo"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
-    EXPECT_EQ(one.Answer(0), Record(0));
+    const struct {
+        std::string url;
+        std::string answer;
+    } cases[] = {{nginx.Http("/echo"), Record(0)},
+                 {nginx.Https("/echo"), Record(0)},
+                 {nginx.Http("/status/404"), "nothing here, says the server"}};
+    for (const auto &each : cases) {
+        SCOPED_TRACE(each.url);
+        ExpectOne(each.url, SENDBYCURL_OK, each.answer);
+    }
 }
 
 TEST_F(AsyncSend, VerifiesTheCertificateForASchemeInCapitals)
 {
-    EXPECT_EQ(test::SendAndWait(nginx.Https("/echo"), "{}").result, SENDBYCURL_OK);
+    EXPECT_EQ(SendAndWait(nginx.Https("/echo"), "{}").result, SENDBYCURL_OK);
     ASSERT_TRUE(nginx.WaitForRequests(1));
-    SendOne(nginx.Https("/echo", "HTTPS"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_INVALID_PARAM);
-    EXPECT_EQ(one.Answer(0), "");
+    ExpectOne(nginx.Https("/echo", "HTTPS"), SENDBYCURL_INVALID_PARAM);
     EXPECT_EQ(nginx.RequestCount(), 1U);
-}
-
-TEST_F(AsyncSend, AnyHttpStatusIsAnAnswer)
-{
-    SendOne(nginx.Http("/status/404"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
-    EXPECT_EQ(one.Answer(0), "nothing here, says the server");
 }
 
 TEST_F(AsyncSend, NeverAuthenticates)
@@ -98,6 +86,7 @@ TEST_F(AsyncSend, NeverAuthenticates)
     TSendByCurlParam param = Param(url, body, nullptr, 0);
     param.bCurlAuth = 1;
     strcpy(param.achUserAndPassWd, "recorder:open-sesame");
+    Batch one(1);
     ASSERT_EQ(one.Send(0, param), SENDBYCURL_OK);
     ASSERT_TRUE(one.WaitFor(1));
     EXPECT_EQ(one.Result(0), SENDBYCURL_OK);
@@ -106,12 +95,12 @@ TEST_F(AsyncSend, NeverAuthenticates)
 
 TEST_F(AsyncSend, PlainPortAskedForTlsIsNotifiedAs15)
 {
-    SendOne(nginx.Http("/echo", "https"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_TLS_FAILED);
+    ExpectOne(nginx.Http("/echo", "https"), SENDBYCURL_TLS_FAILED);
 }
 
 TEST_F(AsyncSend, IsDoneWithTheRecordWhenItReturns)
 {
+    Batch one(1);
     {
         std::string url = nginx.Http("/echo");
         std::string body = Record(0);
@@ -130,7 +119,7 @@ TEST_F(AsyncSend, ThreeThousandInWavesAllComeBack)
     constexpr size_t COUNT = 3 * WAVE;
     Batch batch(COUNT);
     const std::string url = nginx.Http("/echo");
-    ASSERT_TRUE(test::AllowDescriptors(WAVE + 200)) << "too few descriptors allowed";
+    ASSERT_TRUE(AllowDescriptors(WAVE + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < COUNT; ++i) {
         ASSERT_EQ(batch.Send(i, url, Record(i)), SENDBYCURL_OK) << i;
         if (i % WAVE == WAVE - 1) {
@@ -145,31 +134,18 @@ TEST_F(AsyncSend, SendsOfBothKindsFromManyThreadsAtOnce)
 {
     constexpr size_t THREADS = 8;
     constexpr size_t SENDS_EACH = 40;
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     Batch batch(THREADS * SENDS_EACH);
-    std::vector<std::string> problems(THREADS);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < THREADS; ++t) {
-        threads.emplace_back([&, t] {
-            for (size_t n = 0; n < SENDS_EACH; ++n) {
-                const size_t i = t * SENDS_EACH + n;
-                const std::string url = n % 5 == 0 ? closed.Url() : nginx.Http("/echo");
-                if (batch.Send(i, url, Record(i)) != SENDBYCURL_OK) {
-                    problems[t] += " refused " + std::to_string(i);
-                }
-                if (n % 8 == 0 && test::SendAndWait(nginx.Http("/echo"), Record(i)).answer != Record(i)) {
-                    problems[t] += " lost " + std::to_string(i);
-                }
+    Race(THREADS, [&](unsigned thread) {
+        for (size_t n = 0; n < SENDS_EACH; ++n) {
+            const size_t i = thread * SENDS_EACH + n;
+            EXPECT_EQ(batch.Send(i, n % 5 == 0 ? closed.Url() : nginx.Http("/echo"), Record(i)), SENDBYCURL_OK) << i;
+            if (n % 8 == 0) {
+                EXPECT_EQ(SendAndWait(nginx.Http("/echo"), Record(i)).answer, Record(i));
             }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+        }
+    });
     ASSERT_TRUE(batch.WaitFor(THREADS * SENDS_EACH)) << batch.Total();
-    for (size_t t = 0; t < THREADS; ++t) {
-        EXPECT_EQ(problems[t], "");
-    }
     for (size_t i = 0; i < THREADS * SENDS_EACH; ++i) {
         const bool refused = i % SENDS_EACH % 5 == 0;
         EXPECT_EQ(batch.Notifications(i), 1U) << i;
@@ -181,33 +157,21 @@ TEST_F(AsyncSend, SendsOfBothKindsFromManyThreadsAtOnce)
 
 /* --- servers that misbehave, or take their time ------------------------------------------ */
 
-TEST_F(AsyncSendToScriptedServer, ARefusedConnectionIsNotifiedAs14)
+TEST_F(AsyncSendToScriptedServer, AFailureIsNotifiedWithItsResultAndWhatCame)
 {
-    const test::ClosedPort closed;
-    SendOne(closed.Url());
-    EXPECT_EQ(one.Result(0), SENDBYCURL_CONNECT_FAILED);
-}
-
-TEST_F(AsyncSendToScriptedServer, AHandshakeBrokenOffIsNotifiedAs15)
-{
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
-    SendOne(server.Url("/", "https"));
-    EXPECT_EQ(one.Result(0), SENDBYCURL_TLS_FAILED);
-}
-
-TEST_F(AsyncSendToScriptedServer, ATransferCutOffIsNotifiedAs1WithWhatCame)
-{
-    const test::ScriptedServer server(test::CUTTING_OFF);
-    SendOne(server.Url());
-    EXPECT_EQ(one.Result(0), SENDBYCURL_INVALID_PARAM);
-    EXPECT_EQ(one.Answer(0), "part");
+    const ClosedPort closed;
+    const ScriptedServer breaking({When::FIRST_BYTE, {CLOSE}});
+    const ScriptedServer cutting(CUTTING_OFF);
+    ExpectOne(closed.Url(), SENDBYCURL_CONNECT_FAILED);
+    ExpectOne(breaking.Url("/", "https"), SENDBYCURL_TLS_FAILED);
+    ExpectOne(cutting.Url(), SENDBYCURL_INVALID_PARAM, "part");
 }
 
 TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
 {
-    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
+    ScriptedServer server(ECHOING_ON_RELEASE);
     Batch batch(PLACES + 2);
-    ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
+    ASSERT_TRUE(AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < PLACES; ++i) {
         ASSERT_EQ(batch.Send(i, server.Url(), Record(i)), SENDBYCURL_OK) << i;
     }
@@ -215,13 +179,11 @@ TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
     ASSERT_TRUE(server.WaitForRequests(PLACES)) << server.RequestCount();
     EXPECT_EQ(batch.Send(PLACES, server.Url(), Record(PLACES)), SENDBYCURL_NO_SLOT);
     EXPECT_EQ(batch.Total(), 0U);
-
     server.Release();
     ASSERT_TRUE(batch.WaitFor(PLACES)) << batch.Total();
 
     /* The refusals cost nothing: a send is accepted again as soon as the first place is given back. */
-    ASSERT_TRUE(
-        test::WaitUntil([&] { return batch.Send(PLACES + 1, server.Url(), Record(PLACES + 1)) == SENDBYCURL_OK; }));
+    ASSERT_TRUE(WaitUntil([&] { return batch.Send(PLACES + 1, server.Url(), Record(PLACES + 1)) == SENDBYCURL_OK; }));
     ASSERT_TRUE(batch.WaitFor(PLACES + 1));
     ExpectOwnAnswers(batch, 0, PLACES);
     ExpectOwnAnswers(batch, PLACES + 1, PLACES + 2);
@@ -231,9 +193,9 @@ TEST_F(AsyncSendToScriptedServer, TheOneAfterAThousandAndTwentyFourIsRefused)
 
 TEST_F(AsyncSendToScriptedServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
 {
-    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
+    ScriptedServer server(ECHOING_ON_RELEASE);
     Batch batch(PLACES);
-    ASSERT_TRUE(test::AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
+    ASSERT_TRUE(AllowDescriptors(2 * PLACES + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < 1000; ++i) {
         batch.SetTimeout(0);
         ASSERT_EQ(batch.Send(i, server.Url(), Record(i)), SENDBYCURL_INVALID_PARAM) << i;
@@ -251,14 +213,14 @@ TEST_F(AsyncSendToScriptedServer, ASubmissionTheEngineRefusesCostsAPlaceForGood)
 
 TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
 {
-    const test::ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     const std::string url = server.Url();
     std::vector<std::vector<char>> answers(2 * PLACES, std::vector<char>(64, '\0'));
     for (size_t i = 0; i < answers.size(); ++i) {
         const std::string body = Record(i);
         TSendByCurlParam param = Param(url, body, answers[i].data(), 64);
         /* Refused while every place is taken, never for good. */
-        ASSERT_TRUE(test::WaitUntil([&] {
+        ASSERT_TRUE(WaitUntil([&] {
             const ESendByCurlRet result = Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_ASYNC);
             EXPECT_TRUE(result == SENDBYCURL_OK || result == SENDBYCURL_NO_SLOT) << result;
             return result == SENDBYCURL_OK;
@@ -267,10 +229,10 @@ TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
     ASSERT_TRUE(server.WaitForRequests(answers.size()));
 
     /* All places are free again, and with them the buffers, once as many sends fit in as there are places. */
-    test::ScriptedServer holding(test::ECHOING_ON_RELEASE);
+    ScriptedServer holding(ECHOING_ON_RELEASE);
     Batch batch(PLACES);
     for (size_t i = 0; i < PLACES; ++i) {
-        ASSERT_TRUE(test::WaitUntil([&] { return batch.Send(i, holding.Url(), Record(i)) == SENDBYCURL_OK; })) << i;
+        ASSERT_TRUE(WaitUntil([&] { return batch.Send(i, holding.Url(), Record(i)) == SENDBYCURL_OK; })) << i;
     }
     holding.Release();
     ASSERT_TRUE(batch.WaitFor(PLACES));
@@ -286,8 +248,8 @@ TEST_F(AsyncSendToScriptedServer, SendsWithoutANotificationGiveTheirPlacesBack)
 TEST_F(AsyncSendToScriptedServer, ATimeoutIsNotifiedWithTheWorkersNextActivity)
 {
     constexpr size_t WORKERS = 8;
-    const test::ScriptedServer silent(test::SILENT);
-    test::ScriptedServer holding(test::ECHOING_ON_RELEASE);
+    const ScriptedServer silent(SILENT);
+    ScriptedServer holding(ECHOING_ON_RELEASE);
     Batch overdue(WORKERS);
     Batch next(2 * WORKERS);
     overdue.SetTimeout(1000);
@@ -349,7 +311,7 @@ TEST_F(AsyncSend, ANotificationMaySendAgain)
     TSendByCurlParam param = Param(relay.url, body, relay.answer, sizeof(relay.answer));
     param.pfNtf = SendOn;
     ASSERT_EQ(Qelvo_SendStrByHttp(&param, SENDBYCURL_MODE_ASYNC), SENDBYCURL_OK);
-    ASSERT_TRUE(test::WaitUntil([&] { return relay.over.load(); }));
+    ASSERT_TRUE(WaitUntil([&] { return relay.over.load(); }));
     EXPECT_EQ(relay.failed.load(), 0U);
     EXPECT_EQ(relay.left.load(), 0U);
 }

@@ -4,20 +4,16 @@
  *
  * Each cell counts the requests that stall. NVRHTTP_CELL_REQUESTS sets how many it makes.
  */
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "engine_runs.h"
 #include "nginx_server.h"
 
 namespace
 {
+
+using namespace test;
 
 constexpr std::chrono::seconds STALLED_AFTER{10};
 
@@ -31,8 +27,7 @@ struct Answer {
 
 constexpr Answer ANSWERS[] = {
     {"1KB", "/files/1KB", 1024},    {"64KB", "/files/64KB", 65536}, {"256KB", "/files/256KB", 262144},
-    {"5MB", "/files/5MB", 5 << 20}, {"Late", "/late", 2},           {"InPieces", "/pieces", 11},
-};
+    {"5MB", "/files/5MB", 5 << 20}, {"Late", "/late", 2},           {"InPieces", "/pieces", 11}};
 
 const char *NameOf(Protocol protocol)
 {
@@ -88,10 +83,10 @@ void ExpectAnswer(HNvrHttpCurlCltReq request, uint32_t length)
     uint32_t received = 0;
     EXPECT_EQ(NvrHttpCurlCltGetRespBodyLen(request, &received), NVRHTTPCURLCLT_OK);
     EXPECT_EQ(received, length);
-    EXPECT_EQ(test::StatusOf(request), 200);
+    EXPECT_EQ(StatusOf(request), 200);
 }
 
-class Completion : public test::NginxTest
+class Completion : public NginxTest
 {
   protected:
     Completion()
@@ -103,14 +98,14 @@ class Completion : public test::NginxTest
     /* Waits for so many ends; returns how many had to be helped along by other submissions. */
     size_t WaitForEnds(HNvrHttpCurlCltInst instance, size_t count)
     {
-        if (test::WaitUntil([count] { return ended.load() >= count; }, STALLED_AFTER)) {
+        if (WaitUntil([count] { return ended.load() >= count; }, STALLED_AFTER)) {
             return 0;
         }
         const size_t stalled = count - ended.load();
         std::vector<HNvrHttpCurlCltReq> helpers;
         for (unsigned tries = 0; ended.load() < count + helpers.size() && tries < 100; ++tries) {
             helpers.push_back(Submit(instance, nginx.Http("/ready")));
-            test::WaitUntil([&] { return ended.load() >= count + helpers.size(); }, std::chrono::milliseconds(200));
+            WaitUntil([&] { return ended.load() >= count + helpers.size(); }, std::chrono::milliseconds(200));
         }
         EXPECT_EQ(ended.load(), count + helpers.size()) << "not even help made them end";
         for (HNvrHttpCurlCltReq helper : helpers) {
@@ -149,7 +144,7 @@ TEST_P(SingleRequests, AreReportedOnAnIdleTask)
     const bool fresh = std::get<2>(GetParam());
     const Answer &answer = std::get<1>(GetParam());
     nginx.MakeFile(answer.name, answer.length);
-    std::unique_ptr<test::Engine> engine = std::make_unique<test::Engine>(1);
+    std::unique_ptr<Engine> engine = std::make_unique<Engine>(1);
     if (!fresh) {
         RunOne(engine->Handle());
     }
@@ -157,7 +152,7 @@ TEST_P(SingleRequests, AreReportedOnAnIdleTask)
     for (int number = 0; number < count; ++number) {
         if (fresh) {
             engine.reset(); /* one slot, one connection at a time */
-            engine = std::make_unique<test::Engine>(1);
+            engine = std::make_unique<Engine>(1);
         }
         stalled += RunOne(engine->Handle());
     }
@@ -181,8 +176,8 @@ TEST_P(ManyAtOnce, AreAllReportedOverHttp2)
 {
     constexpr size_t ROUNDS = 3;
     constexpr size_t COUNT = 200;
-    const std::string body = test::SampleText(20000);
-    test::Engine engine(GetParam());
+    const std::string body = SampleText(20000);
+    Engine engine(GetParam());
     size_t stalled = 0;
     for (size_t round = 0; round < ROUNDS; ++round) {
         ended = 0;
@@ -214,16 +209,16 @@ uint32_t NoteEndless(HNvrHttpCurlCltReq, ENvrHttpCurlCltReqProgress, ENvrHttpCur
 TEST_F(Completion, AnEndlessAnswerHoldsNobodyUp)
 {
     ASSERT_TRUE(nginx.MakeHugeFile("endless"));
-    test::Engine engine(1);
+    Engine engine(1);
     HNvrHttpCurlCltReq endless = Submit(engine.Handle(), nginx.Http2("/files/endless"), "{}", NoteEndless, 1000);
     for (size_t number = 1; number <= 3; ++number) {
         HNvrHttpCurlCltReq request = Submit(engine.Handle(), nginx.Http2("/ready"));
-        ASSERT_TRUE(test::WaitUntil([number] { return ended.load() == number; }));
+        ASSERT_TRUE(WaitUntil([number] { return ended.load() == number; }));
         ExpectAnswer(request, 5);
         NvrHttpCurlCltReqDestroy(request);
     }
     EXPECT_EQ(failed.load(), 0U);
-    EXPECT_TRUE(test::WaitUntil([] { return endlessResult == NVRHTTPCURLCLT_TIMED_OUT; }));
+    EXPECT_TRUE(WaitUntil([] { return endlessResult == NVRHTTPCURLCLT_TIMED_OUT; }));
     NvrHttpCurlCltReqDestroy(endless);
 }
 

@@ -1,32 +1,31 @@
 /*
  * The direct send, against a real server and against ones that misbehave.
  */
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "nginx_server.h"
 #include "sends.h"
 #include "tests/support/loopback.h"
+#include "tests/support/race.h"
 #include "tests/support/scripted_server.h"
 
 namespace
 {
 
-using test::Post;
+using namespace test;
+using DirectSend = NginxTest;
+using DirectSendToScriptedServer = IntegrationTest;
 
-using DirectSend = test::NginxTest;
-using DirectSendToScriptedServer = test::IntegrationTest;
-
-TEST_F(DirectSend, BringsTheAnswerAndStartsTheModule)
+TEST_F(DirectSend, BringsTheAnswerOfAnyStatusAndStartsTheModule)
 {
     Post post(nginx.Http("/echo"), "{\"record\":1}");
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     EXPECT_EQ(post.Received(), "{\"record\":1}");
-    EXPECT_EQ(test::SendAndWait(nginx.Http("/echo"), "{}").result, SENDBYCURL_OK);
+    EXPECT_EQ(SendAndWait(nginx.Http("/echo"), "{}").result, SENDBYCURL_OK);
+    Post missing(nginx.Http("/status/404"), "{}");
+    EXPECT_EQ(missing.SendDirect(), SENDBYCURL_OK);
+    EXPECT_EQ(missing.Received(), "nothing here, says the server");
+    EXPECT_EQ(Post(nginx.Http("/echo", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED) << "a plain port";
 }
 
 TEST_F(DirectSend, ChecksTheCertificateOnlyWhereAskedTo)
@@ -34,10 +33,8 @@ TEST_F(DirectSend, ChecksTheCertificateOnlyWhereAskedTo)
     Post unchecked(nginx.Https("/echo"), "{\"record\":2}");
     EXPECT_EQ(unchecked.SendDirect(), SENDBYCURL_OK);
     EXPECT_EQ(unchecked.Received(), "{\"record\":2}");
-
     Post capitals(nginx.Https("/echo", "HTTPS"), "{\"record\":3}");
     EXPECT_EQ(capitals.SendDirect(), SENDBYCURL_OK);
-
     ASSERT_TRUE(nginx.WaitForRequests(2));
     Post checked(nginx.Https("/echo"), "{\"record\":4}");
     checked.param.bSSLserver = 1;
@@ -46,16 +43,9 @@ TEST_F(DirectSend, ChecksTheCertificateOnlyWhereAskedTo)
     EXPECT_EQ(nginx.RequestCount(), 2U);
 }
 
-TEST_F(DirectSend, AnyStatusIsAnAnswer)
-{
-    Post post(nginx.Http("/status/404"), "{}");
-    EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
-    EXPECT_EQ(post.Received(), "nothing here, says the server");
-}
-
 TEST_F(DirectSend, AnAnswerOfExactlyTheCapacityFitsWithoutTerminator)
 {
-    Post post(nginx.Http("/echo"), test::SampleText(100), 100);
+    Post post(nginx.Http("/echo"), SampleText(100), 100);
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     EXPECT_EQ(post.param.dwRecvLen, 100U);
     EXPECT_EQ(post.Received(), post.body);
@@ -64,7 +54,7 @@ TEST_F(DirectSend, AnAnswerOfExactlyTheCapacityFitsWithoutTerminator)
 
 TEST_F(DirectSend, AnAnswerOneByteLongerFails)
 {
-    Post post(nginx.Http("/echo"), test::SampleText(101), 100);
+    Post post(nginx.Http("/echo"), SampleText(101), 100);
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
     EXPECT_LE(post.param.dwRecvLen, 100U);
     EXPECT_EQ(post.answer[100], '#');
@@ -72,23 +62,16 @@ TEST_F(DirectSend, AnAnswerOneByteLongerFails)
 
 TEST_F(DirectSend, CarriesTwoMegabytesThereAndBack)
 {
-    Post post(nginx.Http("/echo"), test::SampleText(2000000), 2000000);
+    Post post(nginx.Http("/echo"), SampleText(2000000), 2000000);
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     EXPECT_EQ(post.param.dwRecvLen, 2000000U);
     EXPECT_TRUE(post.body == post.Received());
 }
 
-TEST_F(DirectSend, PlainPortAskedForTlsReturns5)
-{
-    EXPECT_EQ(Post(nginx.Http("/echo", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
-}
-
 TEST_F(DirectSend, NothingOfTheAnswerReachesStandardOutput)
 {
     Post post(nginx.Http("/echo"), "{\"secret\":1}");
-    ESendByCurlRet result = SENDBYCURL_INVALID_PARAM;
-    const std::string output = test::StandardOutputOf([&] { result = post.SendDirect(); });
-    EXPECT_EQ(result, SENDBYCURL_OK);
+    const std::string output = StandardOutputOf([&] { EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK); });
     EXPECT_EQ(post.Received(), "{\"secret\":1}");
     EXPECT_EQ(output.find("secret"), std::string::npos) << output;
 }
@@ -106,7 +89,7 @@ TEST_F(DirectSend, TheSimpleFormBringsAnswerAndLength)
 TEST_F(DirectSend, TheSimpleFormWithoutALengthCollectsNothing)
 {
     char answer[64] = "before";
-    const std::string output = test::StandardOutputOf([&] {
+    const std::string output = StandardOutputOf([&] {
         EXPECT_EQ(Qelvo_SyncSendStrByHttp(nginx.Http("/echo").c_str(), "{\"record\":6}", 12, 60000, answer, nullptr),
                   SENDBYCURL_OK);
     });
@@ -117,36 +100,24 @@ TEST_F(DirectSend, TheSimpleFormWithoutALengthCollectsNothing)
 
 TEST_F(DirectSend, SendsFromManyThreadsAtOnce)
 {
-    std::vector<std::string> problems(8);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < problems.size(); ++t) {
-        threads.emplace_back([this, t, &problems] {
-            for (size_t i = 0; i < 10; ++i) {
-                Post post(nginx.Http("/echo"), "thread " + std::to_string(t) + " send " + std::to_string(i));
-                const ESendByCurlRet result = post.SendDirect();
-                if (result != SENDBYCURL_OK || post.Received() != post.body) {
-                    problems[t] += post.body + " -> " + std::to_string(result) + " " + post.Received() + "\n";
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    for (const std::string &problem : problems) {
-        EXPECT_EQ(problem, "");
-    }
+    Race(8, [this](unsigned thread) {
+        for (size_t i = 0; i < 10; ++i) {
+            Post post(nginx.Http("/echo"), "thread " + std::to_string(thread) + " send " + std::to_string(i));
+            EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
+            EXPECT_EQ(post.Received(), post.body);
+        }
+    });
 }
 
 /* --- what leaves ------------------------------------------------------------------------------ */
 
 TEST_F(DirectSendToScriptedServer, APostCarriesTheBodyUpToItsFirstZeroByte)
 {
-    const test::ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Post post(server.Url("/place"), std::string("{\"a\":1}\0more", 12));
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
     ASSERT_EQ(server.RequestCount(), 1U);
-    const test::Request seen = server.Requests()[0];
+    const Request seen = server.Requests()[0];
     EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
     EXPECT_TRUE(seen.HasLine("Content-Type:application/json;charset=UTF-8")) << seen.head;
     EXPECT_TRUE(seen.HasLine("Content-Length: 7")) << seen.head;
@@ -156,7 +127,7 @@ TEST_F(DirectSendToScriptedServer, APostCarriesTheBodyUpToItsFirstZeroByte)
 TEST_F(DirectSendToScriptedServer, TheOtherMethodsLeaveAsGetWithoutBody)
 {
     for (const uint32_t method : {SENDBYCURL_METHOD_PUT, SENDBYCURL_METHOD_GET}) {
-        const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "here"))}});
+        const ScriptedServer server(Answering("here"));
         Post post(server.Url("/place"), "{\"a\":1}");
         post.param.eHeadType = method;
         EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
@@ -170,7 +141,7 @@ TEST_F(DirectSendToScriptedServer, TheOtherMethodsLeaveAsGetWithoutBody)
 
 TEST_F(DirectSendToScriptedServer, TheAnswerIsPutWhereTheLengthPoints)
 {
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send(test::Reply(200, "answer"))}});
+    const ScriptedServer server(Answering("answer"));
     Post post(server.Url(), "{}", 16);
     post.param.dwRecvLen = 4;
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_OK);
@@ -188,9 +159,9 @@ TEST_F(DirectSendToScriptedServer, TheAnswerIsPutWhereTheLengthPoints)
 
 TEST_F(DirectSendToScriptedServer, AnOverflowKeepsTheChunksThatFitted)
 {
-    const test::ScriptedServer server({test::When::REQUEST,
-                                       {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n12345678"),
-                                        test::Pause(std::chrono::milliseconds(300)), test::Send("9abc")}});
+    const ScriptedServer server({When::REQUEST,
+                                 {Send("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n12345678"),
+                                  Pause(std::chrono::milliseconds(300)), Send("9abc")}});
     Post post(server.Url(), "{}", 10);
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
     EXPECT_EQ(post.Received(), "12345678");
@@ -198,12 +169,11 @@ TEST_F(DirectSendToScriptedServer, AnOverflowKeepsTheChunksThatFitted)
 
 TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 {
-    const test::ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     Post post(server.Url(), "{}");
     post.param.dwTimeoutMS = 300;
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TIMED_OUT);
     EXPECT_EQ(server.RequestCount(), 1U);
-
     char answer[16] = "";
     uint32_t length = sizeof(answer);
     EXPECT_EQ(Qelvo_SyncSendStrByHttp(server.Url().c_str(), "{}", 2, 300, answer, &length), SENDBYCURL_TIMED_OUT);
@@ -212,28 +182,20 @@ TEST_F(DirectSendToScriptedServer, ASilentServerReturns7)
 
 TEST_F(DirectSendToScriptedServer, AnAddressThatDoesNotAnswerReturns7)
 {
-    const test::SilentAddress silent;
+    const SilentAddress silent;
     Post post(silent.Url(), "{}");
     post.param.dwConnTimeOutMS = 300;
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TIMED_OUT);
 }
 
-TEST_F(DirectSendToScriptedServer, ARefusedConnectionReturns5)
+TEST_F(DirectSendToScriptedServer, AFailureReturns5WithWhatCame)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     EXPECT_EQ(Post(closed.Url(), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
-}
-
-TEST_F(DirectSendToScriptedServer, AHandshakeBrokenOffReturns5)
-{
-    const test::ScriptedServer server({test::When::FIRST_BYTE, {test::CLOSE}});
-    EXPECT_EQ(Post(server.Url("/", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
-}
-
-TEST_F(DirectSendToScriptedServer, ATransferCutOffReturns5WithWhatCame)
-{
-    const test::ScriptedServer server(test::CUTTING_OFF);
-    Post post(server.Url(), "{}");
+    const ScriptedServer breaking({When::FIRST_BYTE, {CLOSE}});
+    EXPECT_EQ(Post(breaking.Url("/", "https"), "{}").SendDirect(), SENDBYCURL_TRANSFER_FAILED);
+    const ScriptedServer cutting(CUTTING_OFF);
+    Post post(cutting.Url(), "{}");
     EXPECT_EQ(post.SendDirect(), SENDBYCURL_TRANSFER_FAILED);
     EXPECT_EQ(post.Received(), "part");
 }

@@ -1,11 +1,6 @@
 /*
  * What the send module and its engine hold while sends run, seen from inside.
  */
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "engine/httpcurlclient_inner.h"
 #include "sendbycurl/sendbycurl_inner.h"
 #include "sends.h"
@@ -17,9 +12,9 @@
 namespace
 {
 
-using test::Batch;
+using namespace test;
 
-class ModuleState : public test::WithSendModule<test::IntegrationTest>
+class ModuleState : public WithSendModule<IntegrationTest>
 {
   protected:
     /* Places taken, counted under their lock. */
@@ -53,9 +48,9 @@ class ModuleState : public test::WithSendModule<test::IntegrationTest>
 TEST_F(ModuleState, SendsAreSpreadEvenlyAndLeaveNothingBehind)
 {
     constexpr size_t COUNT = SENDBYCURL_ASYNC_SLOTS;
-    test::ScriptedServer server(test::ECHOING_ON_RELEASE);
+    ScriptedServer server(ECHOING_ON_RELEASE);
     Batch batch(COUNT);
-    ASSERT_TRUE(test::AllowDescriptors(2 * COUNT + 200)) << "too few descriptors allowed";
+    ASSERT_TRUE(AllowDescriptors(2 * COUNT + 200)) << "too few descriptors allowed";
     for (size_t i = 0; i < COUNT; ++i) {
         ASSERT_EQ(batch.Send(i, server.Url(), "{}"), SENDBYCURL_OK);
     }
@@ -65,10 +60,9 @@ TEST_F(ModuleState, SendsAreSpreadEvenlyAndLeaveNothingBehind)
     for (uint32_t task = 0; task < 8; ++task) {
         EXPECT_EQ(Running(task), COUNT / 8) << task;
     }
-
     server.Release();
     ASSERT_TRUE(batch.WaitFor(COUNT));
-    EXPECT_TRUE(test::WaitUntil([this] { return PlacesTaken() == 0; })) << PlacesTaken();
+    EXPECT_TRUE(WaitUntil([this] { return PlacesTaken() == 0; })) << PlacesTaken();
     EXPECT_EQ(EngineRequests(), 0U);
     for (uint32_t task = 0; task < 8; ++task) {
         EXPECT_EQ(Running(task), 0U) << task;
@@ -88,18 +82,18 @@ TEST_F(ModuleState, ARefusedSubmissionLeavesItsPlaceTakenAndNothingInTheEngine)
 
 TEST_F(ModuleState, AFailedTransferGivesItsPlaceBack)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     Batch batch(1);
     ASSERT_EQ(batch.Send(0, closed.Url(), "{}"), SENDBYCURL_OK);
     ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_TRUE(test::WaitUntil([this] { return PlacesTaken() == 0; }));
+    EXPECT_TRUE(WaitUntil([this] { return PlacesTaken() == 0; }));
     EXPECT_EQ(EngineRequests(), 0U);
 }
 
 TEST_F(ModuleState, SynchronousSendsTakeNoPlace)
 {
-    const test::ScriptedServer server(test::ECHOING);
-    EXPECT_EQ(test::SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
+    const ScriptedServer server(ECHOING);
+    EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
     EXPECT_EQ(PlacesTaken(), 0U);
     EXPECT_EQ(EngineRequests(), 0U);
 }

@@ -162,11 +162,6 @@ void NginxServer::Launch(const std::vector<int> &sockets)
     }
 }
 
-bool NginxServer::IsRunning() const
-{
-    return problem.empty();
-}
-
 const std::string &NginxServer::Problem() const
 {
     return problem;

@@ -1,5 +1,5 @@
 /*
- * Counts the semaphores of the engine, for programs that use the engine alone. Each Init replaces
+ * Counts the semaphores and memory blocks of the engine, for programs that use the engine alone. Each Init replaces
  * the engine-wide lock and keeps the old one; any other that is left at the end was leaked.
  */
 #include <dlfcn.h>
@@ -30,6 +30,7 @@ class SemAccount : public testing::Environment
     {
         std::lock_guard<std::mutex> guard(semsLock);
         EXPECT_EQ(sems.size(), test::Inits());
+        EXPECT_EQ(test::BlocksAlive(), 0);
         for (const HOspSem sem : sems) {
             Next<decltype(OspSemDelete)>("OspSemDelete")(sem);
         }

@@ -2,26 +2,28 @@
  * Synchronous sends of the send module against a real server and against ones that
  * misbehave.
  */
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "nginx_server.h"
 #include "sends.h"
 #include "tests/support/loopback.h"
+#include "tests/support/race.h"
 #include "tests/support/scripted_server.h"
 
 namespace
 {
 
-using test::Outcome;
-using test::Post;
-using test::SendAndWait;
+using namespace test;
 
-class SyncSend : public test::WithSendModule<test::NginxTest>
+/* An answer that came whole. */
+void ExpectOutcome(const Outcome &outcome, ESendByCurlRet result, const std::string &answer)
+{
+    EXPECT_EQ(outcome.result, result);
+    EXPECT_EQ(outcome.answer, answer);
+    EXPECT_EQ(outcome.length, answer.size());
+}
+
+class SyncSend : public WithSendModule<NginxTest>
 {
   protected:
     /* A send with credentials. */
@@ -35,19 +37,11 @@ class SyncSend : public test::WithSendModule<test::NginxTest>
     }
 };
 
-TEST_F(SyncSend, BringsTheAnswerOverHttp)
+TEST_F(SyncSend, BringsTheAnswerAlsoFromASelfSignedServer)
 {
-    const Outcome outcome = SendAndWait(nginx.Http("/echo"), "{\"record\":1}");
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.answer, "{\"record\":1}");
-    EXPECT_EQ(outcome.length, 12U);
-}
-
-TEST_F(SyncSend, AcceptsASelfSignedCertificateOverHttps)
-{
-    const Outcome outcome = SendAndWait(nginx.Https("/echo"), "{\"record\":2}");
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.answer, "{\"record\":2}");
+    ExpectOutcome(SendAndWait(nginx.Http("/echo"), "{\"record\":1}"), SENDBYCURL_OK, "{\"record\":1}");
+    ExpectOutcome(SendAndWait(nginx.Https("/echo"), "{\"record\":2}"), SENDBYCURL_OK, "{\"record\":2}");
+    ExpectOutcome(SendAndWait(nginx.Http("/echo"), "", 1), SENDBYCURL_OK, "");
 }
 
 TEST_F(SyncSend, VerifiesTheCertificateForASchemeInCapitals)
@@ -56,25 +50,20 @@ TEST_F(SyncSend, VerifiesTheCertificateForASchemeInCapitals)
     ASSERT_TRUE(nginx.WaitForRequests(1));
     EXPECT_EQ(SendAndWait(nginx.Https("/echo", "HTTPS"), "{}").result, SENDBYCURL_HTTP_STATUS);
     EXPECT_EQ(nginx.RequestCount(), 1U);
+    EXPECT_EQ(SendAndWait(nginx.Http("/echo", "https"), "{}").result, SENDBYCURL_HTTP_STATUS) << "a plain port";
 }
 
-TEST_F(SyncSend, AuthenticatesWithTheRightPassword)
+TEST_F(SyncSend, AuthenticatesWithTheRightPasswordOnly)
 {
-    const Outcome outcome = SendAs(std::string(test::NginxServer::USER) + ":" + test::NginxServer::PASSWORD, 1);
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.answer, "{\"secret\":1}");
-}
-
-TEST_F(SyncSend, IsTurnedAwayWithTheWrongPasswordOrNone)
-{
-    const std::string right = std::string(test::NginxServer::USER) + ":" + test::NginxServer::PASSWORD;
-    EXPECT_EQ(SendAs(std::string(test::NginxServer::USER) + ":guess", 1).result, SENDBYCURL_HTTP_STATUS);
-    EXPECT_EQ(SendAs(right, 0).result, SENDBYCURL_HTTP_STATUS);
+    const std::string user = NginxServer::USER;
+    ExpectOutcome(SendAs(user + ":" + NginxServer::PASSWORD, 1), SENDBYCURL_OK, "{\"secret\":1}");
+    EXPECT_EQ(SendAs(user + ":guess", 1).result, SENDBYCURL_HTTP_STATUS);
+    EXPECT_EQ(SendAs(user + ":" + NginxServer::PASSWORD, 0).result, SENDBYCURL_HTTP_STATUS);
 }
 
 TEST_F(SyncSend, AnAnswerOfExactlyTheCapacityFits)
 {
-    Post post(nginx.Http("/echo"), test::SampleText(100), 100);
+    Post post(nginx.Http("/echo"), SampleText(100), 100);
     EXPECT_EQ(post.SendSync(), SENDBYCURL_OK);
     EXPECT_EQ(post.param.dwRecvLen, 100U);
     EXPECT_EQ(post.answer, post.body + std::string("\0#", 2));
@@ -82,18 +71,10 @@ TEST_F(SyncSend, AnAnswerOfExactlyTheCapacityFits)
 
 TEST_F(SyncSend, AnAnswerOneByteLongerCopiesNothingAndReportsItsLength)
 {
-    Post post(nginx.Http("/echo"), test::SampleText(101), 100);
+    Post post(nginx.Http("/echo"), SampleText(101), 100);
     EXPECT_EQ(post.SendSync(), SENDBYCURL_BUFFER_TOO_SMALL);
     EXPECT_EQ(post.param.dwRecvLen, 101U);
     EXPECT_EQ(post.answer, std::string(102, '#'));
-}
-
-TEST_F(SyncSend, AnEmptyAnswerIsAnAnswer)
-{
-    const Outcome outcome = SendAndWait(nginx.Http("/echo"), "", 1);
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.length, 0U);
-    EXPECT_EQ(outcome.answer, "");
 }
 
 TEST_F(SyncSend, AnotherStatusThan200LeavesTheBufferAlone)
@@ -108,50 +89,31 @@ TEST_F(SyncSend, AnotherStatusThan200LeavesTheBufferAlone)
 
 TEST_F(SyncSend, CarriesTwoMegabytesThereAndBack)
 {
-    const std::string body = test::SampleText(2000000) + "\xE8\xAE\xB0\xE5\xBD\x95";
+    const std::string body = SampleText(2000000) + "\xE8\xAE\xB0\xE5\xBD\x95";
     const Outcome outcome = SendAndWait(nginx.Http("/echo"), body, 2100000);
     EXPECT_EQ(outcome.result, SENDBYCURL_OK);
     EXPECT_EQ(outcome.length, body.size());
     EXPECT_TRUE(body == outcome.answer);
 }
 
-TEST_F(SyncSend, PlainPortAskedForTlsReturns10)
-{
-    EXPECT_EQ(SendAndWait(nginx.Http("/echo", "https"), "{}").result, SENDBYCURL_HTTP_STATUS);
-}
-
 TEST_F(SyncSend, SendsFromManyThreadsAtOnce)
 {
-    constexpr size_t THREADS = 8;
-    constexpr size_t SENDS_EACH = 12;
-    std::vector<std::string> problems(THREADS);
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < THREADS; ++t) {
-        threads.emplace_back([this, t, &problems] {
-            for (size_t i = 0; i < SENDS_EACH; ++i) {
-                const std::string body = "{\"thread\":" + std::to_string(t) + ",\"send\":" + std::to_string(i) + "}";
-                const Outcome outcome = SendAndWait(i % 4 == 0 ? nginx.Https("/echo") : nginx.Http("/echo"), body);
-                if (outcome.result != SENDBYCURL_OK || outcome.answer != body) {
-                    problems[t] += body + " -> " + std::to_string(outcome.result) + " " + outcome.answer + "\n";
-                }
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    for (const std::string &problem : problems) {
-        EXPECT_EQ(problem, "");
-    }
+    Race(8, [this](unsigned thread) {
+        for (size_t i = 0; i < 12; ++i) {
+            const std::string body = "{\"thread\":" + std::to_string(thread) + ",\"send\":" + std::to_string(i) + "}";
+            ExpectOutcome(SendAndWait(i % 4 == 0 ? nginx.Https("/echo") : nginx.Http("/echo"), body), SENDBYCURL_OK,
+                          body);
+        }
+    });
 }
 
 /* --- servers that misbehave ------------------------------------------------------------ */
 
-using SyncSendToBadServer = test::WithSendModule<test::IntegrationTest>;
+using SyncSendToBadServer = WithSendModule<IntegrationTest>;
 
 TEST_F(SyncSendToBadServer, ARefusedConnectionReturns10)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     const Outcome outcome = SendAndWait(closed.Url(), "{}", 64);
     EXPECT_EQ(outcome.result, SENDBYCURL_HTTP_STATUS);
     EXPECT_EQ(outcome.length, 64U);
@@ -159,7 +121,7 @@ TEST_F(SyncSendToBadServer, ARefusedConnectionReturns10)
 
 TEST_F(SyncSendToBadServer, ASilentServerReturns10AfterTheTimeout)
 {
-    const test::ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     Post post(server.Url(), "{}", 64);
     post.param.dwTimeoutMS = 300;
     const auto start = std::chrono::steady_clock::now();
@@ -171,7 +133,7 @@ TEST_F(SyncSendToBadServer, ASilentServerReturns10AfterTheTimeout)
 
 TEST_F(SyncSendToBadServer, AnAddressThatDoesNotAnswerReturns10AfterTheConnectTimeout)
 {
-    const test::SilentAddress silent;
+    const SilentAddress silent;
     Post post(silent.Url(), "{}");
     post.param.dwConnTimeOutMS = 300;
     EXPECT_EQ(post.SendSync(), SENDBYCURL_HTTP_STATUS);
@@ -179,29 +141,25 @@ TEST_F(SyncSendToBadServer, AnAddressThatDoesNotAnswerReturns10AfterTheConnectTi
 
 TEST_F(SyncSendToBadServer, ATransferCutOffAfterA200Returns0WithWhatCame)
 {
-    const test::ScriptedServer server(test::CUTTING_OFF);
-    const Outcome outcome = SendAndWait(server.Url(), "{}");
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.answer, "part");
-    EXPECT_EQ(outcome.length, 4U);
+    const ScriptedServer server(CUTTING_OFF);
+    ExpectOutcome(SendAndWait(server.Url(), "{}"), SENDBYCURL_OK, "part");
 }
 
 TEST_F(SyncSendToBadServer, ATransferThatTimesOutAfterA200Returns0WithWhatCame)
 {
-    const test::ScriptedServer server(
-        {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::HOLD}});
+    const ScriptedServer server({When::REQUEST, {Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), HOLD}});
     Post post(server.Url(), "{}", 64);
     post.param.dwTimeoutMS = 500;
     EXPECT_EQ(post.SendSync(), SENDBYCURL_OK);
     EXPECT_STREQ(post.answer.c_str(), "part");
 }
 
-TEST_F(SyncSendToBadServer, AConnectionClosedWithoutAnAnswerReturns10)
+TEST_F(SyncSendToBadServer, AConnectionClosedWithoutAnHttpAnswerReturns10)
 {
-    for (const test::Script &script :
-         {test::Script{test::When::REQUEST, {test::CLOSE}}, test::Script{test::When::FIRST_BYTE, {test::RESET}},
-          test::Script{test::When::CONNECTED, {test::CLOSE}}}) {
-        const test::ScriptedServer server(script);
+    for (const Script &script :
+         {Script{When::REQUEST, {CLOSE}}, Script{When::FIRST_BYTE, {RESET}}, Script{When::CONNECTED, {CLOSE}},
+          Script{When::REQUEST, {Send("220 mail ready\r\n"), CLOSE}}}) {
+        const ScriptedServer server(script);
         EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_HTTP_STATUS);
     }
 }
@@ -209,19 +167,10 @@ TEST_F(SyncSendToBadServer, AConnectionClosedWithoutAnAnswerReturns10)
 TEST_F(SyncSendToBadServer, AnAnswerInSlowPiecesComesWhole)
 {
     const std::chrono::milliseconds pause(30);
-    const test::ScriptedServer server({test::When::REQUEST,
-                                       {test::Send("HTTP/1.1 20"), test::Pause(pause), test::Send("0 OK\r\nContent-Le"),
-                                        test::Pause(pause), test::Send("ngth: 9\r\n\r\none"), test::Pause(pause),
-                                        test::Send("two"), test::Pause(pause), test::Send("six")}});
-    const Outcome outcome = SendAndWait(server.Url(), "{}");
-    EXPECT_EQ(outcome.result, SENDBYCURL_OK);
-    EXPECT_EQ(outcome.answer, "onetwosix");
-}
-
-TEST_F(SyncSendToBadServer, SomethingThatIsNoHttpReturns10)
-{
-    const test::ScriptedServer server({test::When::REQUEST, {test::Send("220 mail ready\r\n"), test::CLOSE}});
-    EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_HTTP_STATUS);
+    const ScriptedServer server({When::REQUEST,
+                                 {Send("HTTP/1.1 20"), Pause(pause), Send("0 OK\r\nContent-Le"), Pause(pause),
+                                  Send("ngth: 9\r\n\r\none"), Pause(pause), Send("two"), Pause(pause), Send("six")}});
+    ExpectOutcome(SendAndWait(server.Url(), "{}"), SENDBYCURL_OK, "onetwosix");
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 /*
  * Traps of docs/contracts.md that can be shown: behaviour that surprises callers and is kept.
  */
-#include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -9,28 +8,20 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engine_runs.h"
 #include "nginx_server.h"
 #include "sends.h"
-#include "tests/support/child_process.h"
-#include "tests/support/process_state.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/wait.h"
 
 namespace
 {
 
-using test::AnswerOf;
-using test::Engine;
-using test::Has;
-using test::Submission;
+using namespace test;
 
 std::atomic<bool> lookupsMayEnd{false};
 
@@ -39,17 +30,17 @@ std::atomic<bool> lookupsMayEnd{false};
 /* In place of the C library's: libcurl's lookups wait for the test, and no question leaves the machine. */
 extern "C" int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **)
 {
-    test::WaitUntil([] { return lookupsMayEnd.load(); });
+    WaitUntil([] { return lookupsMayEnd.load(); });
     return EAI_NONAME;
 }
 
 namespace
 {
 
-class Scripted : public test::IntegrationTest
+class Scripted : public IntegrationTest
 {
   protected:
-    const test::ScriptedServer server{test::ECHOING};
+    const ScriptedServer server{ECHOING};
 };
 
 class Traps : public Scripted
@@ -67,7 +58,7 @@ class Traps : public Scripted
     Engine engine{1};
 };
 
-using TrapsWithNginx = test::NginxTest;
+using TrapsWithNginx = NginxTest;
 
 void RunSync(HNvrHttpCurlCltReq request)
 {
@@ -84,11 +75,11 @@ void SetBody(HNvrHttpCurlCltReq request, const std::string &body)
 
 TEST_F(Traps, WithoutABodyTheRequestIsAGetAndTheAnswerGoesToStandardOutput)
 {
-    const test::ScriptedServer answering(test::Answering("an answer"));
+    const ScriptedServer answering(Answering("an answer"));
     HNvrHttpCurlCltReq request = NewRequest(answering.Url("/place"));
-    EXPECT_EQ(test::StandardOutputOf([request] { RunSync(request); }), "an answer");
+    EXPECT_EQ(StandardOutputOf([request] { RunSync(request); }), "an answer");
     EXPECT_EQ(answering.Requests().at(0).Line(), "GET /place HTTP/1.1");
-    EXPECT_EQ(test::StatusOf(request), 200);
+    EXPECT_EQ(StatusOf(request), 200);
     EXPECT_EQ(AnswerOf(request), "(no answer)");
     NvrHttpCurlCltReqDestroy(request);
 }
@@ -100,13 +91,13 @@ TEST_F(Traps, AFirstHeaderLineAfterTheBodyIsNotSentAndTheAnswerKeepsItsHeaders)
     EXPECT_EQ(NvrHttpCurlCltSetReqHeader(request, "X-Late", "1"), NVRHTTPCURLCLT_OK);
     RunSync(request);
     EXPECT_FALSE(server.Requests().at(0).HasHeader("X-Late"));
-    EXPECT_EQ(AnswerOf(request), test::Reply(200, "one"));
+    EXPECT_EQ(AnswerOf(request), Reply(200, "one"));
 
     /* Another body passes the line on, and leaves the headers in the answer. */
     SetBody(request, "two");
     RunSync(request);
     EXPECT_TRUE(server.Requests().at(1).HasLine("X-Late:1"));
-    EXPECT_EQ(AnswerOf(request), test::Reply(200, "two"));
+    EXPECT_EQ(AnswerOf(request), Reply(200, "two"));
     NvrHttpCurlCltReqDestroy(request);
 }
 
@@ -145,47 +136,44 @@ TEST_F(Traps, CarriageReturnAndLineFeedInAHeaderTextReachTheServer)
 
 /* --- the send module -------------------------------------------------------------------------- */
 
-using SendTraps = test::WithSendModule<Scripted>;
+class SendTraps : public WithSendModule<Scripted>
+{
+  protected:
+    /* Only the synchronous send takes this answer for a failure. */
+    static void ExpectAnswer(const std::string &url, const std::string &answer)
+    {
+        EXPECT_EQ(SendAndWait(url, "{}").result, SENDBYCURL_HTTP_STATUS);
+        Batch batch(1);
+        ASSERT_EQ(batch.Send(0, url, "{}"), SENDBYCURL_OK);
+        ASSERT_TRUE(batch.WaitFor(1));
+        EXPECT_EQ(batch.Result(0), SENDBYCURL_OK);
+        EXPECT_EQ(batch.Answer(0), answer);
+        Post direct(url, "{}");
+        EXPECT_EQ(direct.SendDirect(), SENDBYCURL_OK);
+        EXPECT_EQ(direct.Received(), answer);
+    }
+};
 
+/* Without an HTTP status. */
 TEST_F(SendTraps, AFileUrlComesBackAsAnAnswer)
 {
     const std::string path = logFolder.Path() + "/secret";
-    test::WriteFile(path, "a secret");
-    test::Batch batch(1);
-    ASSERT_EQ(batch.Send(0, "file://" + path, "{}"), SENDBYCURL_OK);
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(batch.Result(0), SENDBYCURL_OK);
-    EXPECT_EQ(batch.Answer(0), "a secret");
-
-    test::Post direct("file://" + path, "{}");
-    EXPECT_EQ(direct.SendDirect(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.Received(), "a secret");
-
-    /* It has no HTTP status, hence the synchronous send takes it for a failure. */
-    EXPECT_EQ(test::SendAndWait("file://" + path, "{}").result, SENDBYCURL_HTTP_STATUS);
+    WriteFile(path, "a secret");
+    ExpectAnswer("file://" + path, "a secret");
 }
 
 TEST_F(SendTraps, ARedirectIsNotFollowed)
 {
-    const test::ScriptedServer moved(
-        {test::When::REQUEST, {test::Send(test::Reply(302, "moved", "Location: " + server.Url() + "\r\n"))}});
-    EXPECT_EQ(test::SendAndWait(moved.Url(), "{}").result, SENDBYCURL_HTTP_STATUS);
-    test::Batch batch(1);
-    ASSERT_EQ(batch.Send(0, moved.Url(), "{}"), SENDBYCURL_OK);
-    ASSERT_TRUE(batch.WaitFor(1));
-    EXPECT_EQ(batch.Result(0), SENDBYCURL_OK);
-    EXPECT_EQ(batch.Answer(0), "moved");
-    test::Post direct(moved.Url(), "{}");
-    EXPECT_EQ(direct.SendDirect(), SENDBYCURL_OK);
-    EXPECT_EQ(direct.Received(), "moved");
+    const ScriptedServer moved({When::REQUEST, {Send(Reply(302, "moved", "Location: " + server.Url() + "\r\n"))}});
+    ExpectAnswer(moved.Url(), "moved");
     EXPECT_EQ(server.RequestCount(), 0U);
 }
 
 TEST_F(SendTraps, ASynchronousSendClosesItsConnection)
 {
     for (size_t count = 1; count <= 2; ++count) {
-        EXPECT_EQ(test::SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
-        ASSERT_TRUE(test::WaitUntil([this] { return server.OpenConnections() == 0; }));
+        EXPECT_EQ(SendAndWait(server.Url(), "{}").result, SENDBYCURL_OK);
+        ASSERT_TRUE(WaitUntil([this] { return server.OpenConnections() == 0; }));
         EXPECT_EQ(server.RequestCount(), count);
     }
 }
@@ -211,7 +199,7 @@ std::vector<uint16_t> PortsOf(const std::set<int> &descriptors, int type)
 
 size_t Connections()
 {
-    return PortsOf(test::OpenDescriptors(), SOCK_STREAM).size();
+    return PortsOf(OpenDescriptors(), SOCK_STREAM).size();
 }
 
 /* Runs requests for the URL, all at once, and destroys them. */
@@ -253,15 +241,15 @@ TEST_F(TrapsWithNginx, OverHttp1EveryRequestUnderWayHasItsOwnAndIdleOnesStayOpen
 TEST_F(Traps, EachLookupTakesAThreadAndDescriptors)
 {
     constexpr size_t COUNT = 8;
-    const size_t threads = test::RunningThreads();
-    const size_t descriptors = test::OpenDescriptors().size();
+    const size_t threads = RunningThreads();
+    const size_t descriptors = OpenDescriptors().size();
     std::vector<Submission> all(COUNT);
     for (Submission &run : all) {
         run.request = engine.MakeRequest("http://recorder.invalid/", "{}");
         ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
     }
-    EXPECT_TRUE(test::WaitUntil([=] { return test::RunningThreads() == threads + COUNT; })) << test::RunningThreads();
-    EXPECT_GE(test::OpenDescriptors().size(), descriptors + COUNT);
+    EXPECT_TRUE(WaitUntil([=] { return RunningThreads() == threads + COUNT; })) << RunningThreads();
+    EXPECT_GE(OpenDescriptors().size(), descriptors + COUNT);
     lookupsMayEnd = true;
     for (Submission &run : all) {
         EXPECT_TRUE(run.WaitForCallbacks(1));
@@ -302,17 +290,17 @@ TEST_F(Traps, AForkedChildsSubmissionIsAcceptedAndNeverReported)
 
 TEST_F(Traps, AProgramThatIsStartedInheritsTheWakeUpSockets)
 {
-    const std::vector<uint16_t> ports = PortsOf(test::OpenDescriptors(), SOCK_DGRAM);
+    const std::vector<uint16_t> ports = PortsOf(OpenDescriptors(), SOCK_DGRAM);
     ASSERT_EQ(ports.size(), 1U);
     std::string socketName;
-    for (const int fd : test::OpenDescriptors()) {
+    for (const int fd : OpenDescriptors()) {
         if (PortsOf({fd}, SOCK_DGRAM) == ports) {
             socketName = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
         }
     }
-    test::Program program;
+    Program program;
     program.command = {"/bin/sh", "-c", "ls -l /proc/self/fd; echo listed; cat"};
-    test::ChildProcess child(program);
+    ChildProcess child(program);
     EXPECT_TRUE(Has(child.ReadUntil("listed"), socketName)) << socketName;
 
     /* It keeps the port taken after the instance's end. */
