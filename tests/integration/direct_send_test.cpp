@@ -1,7 +1,6 @@
 /*
  * The direct send, against a real server and against ones that misbehave.
  */
-#include <cstring>
 
 #include "nginx_server.h"
 #include "sends.h"

@@ -136,7 +136,7 @@ TEST_F(ExecuteSubmit, FinishedRequestsCountUntilTheyAreDestroyed)
         EXPECT_EQ(Submit(refused), 8U);
         ExpectLines(AtLimit(2, 2));
     }
-    EXPECT_NE(FindListNode(inst->atTasks[1].tFinList, second), nullptr);
+    EXPECT_NE(FindListNode(inst->atTasks[0].tFinList, second), nullptr);
     EXPECT_EQ(hooks::OptionOrder(), NO_OPTIONS);
     NvrHttpCurlCltReqDestroy(first);
     EXPECT_EQ(inst->dwAsyncReqNum, 1U);

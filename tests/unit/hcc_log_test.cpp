@@ -1,6 +1,5 @@
 /* The logging switch and its macros. */
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 #include "support/hcc_log.h"
