@@ -35,14 +35,15 @@ TEST_F(Check, FailureSaysWhatHappened)
         int status;
         std::string line;
     } cases[] = {
-        {refusing.Url(), 1, closed + "Couldn't connect to server (libcurl code 7)\n"},
-        {closing.Url(), 1, closed + "Server returned nothing (no headers, no data) (libcurl code 52)\n"},
-        {UnresolvableUrl(), 1, closed + "Couldn't resolve host name (libcurl code 6)\n"},
-        {cutting.Url(), 1, closed + "Transferred a partial file (libcurl code 18)\n"},
+        {refusing.Url(), 1, closed + LibcurlReason(CURLE_COULDNT_CONNECT) + "\n"},
+        {closing.Url(), 1, closed + LibcurlReason(CURLE_GOT_NOTHING) + "\n"},
+        {UnresolvableUrl(), 1, closed + LibcurlReason(CURLE_COULDNT_RESOLVE_HOST) + "\n"},
+        {cutting.Url(), 1, closed + LibcurlReason(CURLE_PARTIAL_FILE) + "\n"},
         {plain.Url("/", "https"), 12,
-         "result 12: not reachable: the TLS connection failed: SSL connect error (libcurl code 35)\n"},
+         "result 12: not reachable: the TLS connection failed: " + LibcurlReason(CURLE_SSL_CONNECT_ERROR) + "\n"},
         {silent.Url(), 10,
-         "result 10: not reachable: no connection within the time-out: Timeout was reached (libcurl code 28)\n"}};
+         "result 10: not reachable: no connection within the time-out: " + LibcurlReason(CURLE_OPERATION_TIMEDOUT) +
+             "\n"}};
     for (const auto &each : cases) {
         const Finished run = RunProgram(Nvrhttp({"check", each.url, "--connect-timeout", "1"}));
         EXPECT_EQ(run.status, each.status) << each.url;
@@ -68,8 +69,7 @@ TEST_F(Check, SelfSignedServerIsReachableButNotInCapitals)
     EXPECT_EQ(RunProgram(Nvrhttp({"check", server.Url()})).status, 0);
     const Finished run = RunProgram(Nvrhttp({"check", "HTTPS" + server.Url().substr(5)}));
     EXPECT_EQ(run.status, 1);
-    EXPECT_TRUE(Has(run.output, ": SSL peer certificate or SSH remote key was not OK (libcurl code 60)\n"))
-        << run.output;
+    EXPECT_TRUE(Has(run.output, ": " + LibcurlReason(CURLE_PEER_FAILED_VERIFICATION) + "\n")) << run.output;
     EXPECT_TRUE(Has(RunProgram(Nvrhttp({"check", "--help"})).output, "HTTPS in capitals"));
 }
 

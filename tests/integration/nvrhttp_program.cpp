@@ -51,6 +51,11 @@ std::string UnresolvableUrl()
     return "http://" + std::string(64, 'x') + ".test/";
 }
 
+std::string LibcurlReason(CURLcode code)
+{
+    return std::string(curl_easy_strerror(code)) + " (libcurl code " + std::to_string(code) + ")";
+}
+
 std::string After(const std::string &text, const std::string &mark)
 {
     const size_t at = text.find(mark);

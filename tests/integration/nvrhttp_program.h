@@ -4,6 +4,8 @@
 #ifndef TESTS_INTEGRATION_NVRHTTP_PROGRAM_H
 #define TESTS_INTEGRATION_NVRHTTP_PROGRAM_H
 
+#include <curl/curl.h>
+
 #include <string>
 #include <vector>
 
@@ -25,6 +27,9 @@ bool RefuseAllPorts();
 
 /* A URL whose host no resolver is asked for: the first part of its name is too long. */
 std::string UnresolvableUrl();
+
+/* A failure in libcurl's words, which change with its version. */
+std::string LibcurlReason(CURLcode code);
 
 /* What follows a mark, up to the next comma or line end; empty without the mark. */
 std::string After(const std::string &text, const std::string &mark);

@@ -17,11 +17,11 @@ namespace
 
 using namespace test;
 
-const std::string REFUSED = "Couldn't connect to server (libcurl code 7)";
-const std::string UNRESOLVED = "Couldn't resolve host name (libcurl code 6)";
-const std::string NO_TLS = "SSL connect error (libcurl code 35)";
-const std::string TIMED_OUT = "Timeout was reached (libcurl code 28)";
-const std::string EMPTY = "Server returned nothing (no headers, no data) (libcurl code 52)";
+const std::string REFUSED = LibcurlReason(CURLE_COULDNT_CONNECT);
+const std::string UNRESOLVED = LibcurlReason(CURLE_COULDNT_RESOLVE_HOST);
+const std::string NO_TLS = LibcurlReason(CURLE_SSL_CONNECT_ERROR);
+const std::string TIMED_OUT = LibcurlReason(CURLE_OPERATION_TIMEDOUT);
+const std::string EMPTY = LibcurlReason(CURLE_GOT_NOTHING);
 
 class PostEndInEachMode : public PostInEachMode
 {
@@ -130,7 +130,7 @@ TEST_F(PostEnd, AnAnswerThatIsCutOffDoesNotPassForWhole)
     const Finished run = RunProgram(Nvrhttp({"post", server.Url()}));
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.output, "part");
-    EXPECT_TRUE(Has(run.errors, " ms, although: Transferred a partial file (libcurl code 18)\n")) << run.errors;
+    EXPECT_TRUE(Has(run.errors, " ms, although: " + LibcurlReason(CURLE_PARTIAL_FILE) + "\n")) << run.errors;
 }
 
 TEST_F(PostEnd, ASecondInterruptEndsItAtOnce)

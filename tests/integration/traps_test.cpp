@@ -1,6 +1,7 @@
 /*
  * Traps of docs/contracts.md that can be shown: behaviour that surprises callers and is kept.
  */
+#include <curl/curl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -248,8 +249,10 @@ TEST_F(Traps, EachLookupTakesAThreadAndDescriptors)
         run.request = engine.MakeRequest("http://recorder.invalid/", "{}");
         ASSERT_EQ(run.Submit(), NVRHTTPCURLCLT_OK);
     }
-    EXPECT_TRUE(WaitUntil([=] { return RunningThreads() == threads + COUNT; })) << RunningThreads();
-    EXPECT_GE(OpenDescriptors().size(), descriptors + COUNT);
+    /* Newer libcurl has a thread for each address family, and wakes its waits by itself. */
+    const bool isNew = curl_version_info(CURLVERSION_NOW)->version_num >= 0x081400;
+    EXPECT_TRUE(WaitUntil([=] { return RunningThreads() == threads + (isNew ? 2 : 1) * COUNT; })) << RunningThreads();
+    EXPECT_GE(OpenDescriptors().size(), descriptors + (isNew ? 0 : COUNT));
     lookupsMayEnd = true;
     for (Submission &run : all) {
         EXPECT_TRUE(run.WaitForCallbacks(1));

@@ -2,6 +2,7 @@
  * Reasons of failures in the library's log lines: those of each kind of send and of the URL check,
  * and no others.
  */
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +12,7 @@
 namespace
 {
 
-const std::string REFUSED = "Couldn't connect to server (libcurl code 7)";
+const std::string REFUSED = curl_easy_strerror(CURLE_COULDNT_CONNECT) + std::string(" (libcurl code 7)");
 
 struct LineCase {
     const char *name;
