@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -53,11 +54,11 @@ enum class Error {
 /* The enumerator's name in words, never null. */
 inline const char *to_string(Error error) noexcept
 {
-    static constexpr const char *names[] = {
+    static constexpr const char *words[] = {
         "none",           "invalid argument", "limit reached",   "no memory",       "timed out",
         "connect failed", "TLS failed",       "transfer failed", "answer too long", "cancelled"};
     const std::size_t index = static_cast<std::size_t>(error);
-    return index < sizeof(names) / sizeof(names[0]) ? names[index] : "unknown error";
+    return index < std::size(words) ? words[index] : "unknown error";
 }
 
 struct Response {
@@ -97,24 +98,18 @@ namespace detail
 using Clock = std::chrono::steady_clock;
 using Header = std::pair<std::string, std::string>;
 
-constexpr std::chrono::milliseconds beat_interval{20};
-constexpr std::chrono::seconds start_limit{5};
-constexpr std::chrono::milliseconds longest_timeout = std::chrono::hours(24 * 24);
-constexpr std::size_t longest_header = 127;
-constexpr std::size_t longest_text = 8000000; /* libcurl's own limit; credentials beyond it are silently not sent */
-constexpr std::size_t longest_answer = std::size_t{1} << 30;
-constexpr unsigned most_workers = NVRHTTPCURLCLT_MAX_INSTANCES;
-constexpr unsigned requests_per_worker = 1000; /* the engine's limit, less the heartbeat and some to spare */
+/* The engine's limit is 1,024; the heartbeat takes one. */
+constexpr unsigned requests_per_worker = 1000;
 
 struct Worker;
 
-/* A request on its way: from the call that submits it to its completion. */
+/* A request on its way, from its submission to its completion. */
 struct Record {
     Client *client = nullptr;
     Worker *worker = nullptr;
     HNvrHttpCurlCltReq request = nullptr;
     std::size_t max_answer = 0;
-    Error lost = Error::none; /* why a block was refused */
+    Error lost = Error::none; /* why memory was refused */
     Clock::time_point start{};
     std::function<void(Response)> callback{};
     Record *next = nullptr;
@@ -123,20 +118,19 @@ struct Record {
 struct Worker {
     HNvrHttpCurlCltInst instance = nullptr;
     std::atomic<unsigned> outstanding{0};
-    std::mutex calling;          /* held around each completion */
-    Record *cancelled = nullptr; /* requests that ended without completion, see release */
-    Record beat;                 /* the heartbeat; this and the next two under the client's m_beat_lock */
-    bool beating = false;        /* submitted and its callback not yet called */
-    bool beat_failed = false;
+    std::mutex calling;          /* held during each completion */
+    Record *cancelled = nullptr; /* requests that were released without completion */
+    Record beat;                 /* the heartbeat, under the client's m_beat_lock */
+    bool beating = false;        /* likewise: submitted, and its callback not yet called */
 };
 
-/* Only one thread of the process may be in the engine's Init or Uninit. */
+/* Promise 8: only one thread of the process may be in the engine's Init or Uninit. */
 inline std::mutex instances_lock;
 
 /*
- * The memory of the engine. Its callbacks have no context, so each block begins with the record of the request for
- * which it was obtained: the one that the thread is preparing, or none. A request's handle is such a block, hence
- * completion finds its record without a table and without a lock.
+ * The engine's memory. Its callbacks have no context, so each block begins with the record of the request for which it
+ * was obtained: the one that the thread is preparing, or none. A request's handle is such a block; its completion
+ * finds the record without a table and without a lock.
  */
 struct alignas(std::max_align_t) Block {
     Record *record;
@@ -153,9 +147,6 @@ inline void *obtain(std::size_t size) noexcept
 {
     Block *block = static_cast<Block *>(std::malloc(sizeof(Block) + size));
     if (block == nullptr) {
-        if (preparing != nullptr) {
-            preparing->lost = Error::no_memory;
-        }
         return nullptr;
     }
     block->record = preparing;
@@ -164,7 +155,7 @@ inline void *obtain(std::size_t size) noexcept
 
 /*
  * Only answers grow, each to its length and a terminator. Promise 2: one that is longer than the limit gets no memory,
- * which ends its transfer. The engine forgets the block in that case, so it is released here.
+ * which ends its transfer. The engine then forgets the old block, so it is released here.
  */
 inline void *grow(void *data, std::size_t size) noexcept
 {
@@ -181,9 +172,8 @@ inline void *grow(void *data, std::size_t size) noexcept
 }
 
 /*
- * A request that is released with its record still naming it was not completed: the client is being destroyed, and
- * its destructor completes it. Nothing else names the record any more, and the worker thread or, after it has ended,
- * the destructor is the only one to do this.
+ * Promise 7: a handle that is released while its record still names it ends without completion, for the client is being
+ * destroyed. The destructor completes it: the worker's thread, or the one that has waited for its end, leaves it there.
  */
 inline void release(void *data) noexcept
 {
@@ -198,27 +188,16 @@ inline void release(void *data) noexcept
 
 inline Error error_of(ENvrHttpCurlCltRet result) noexcept
 {
-    switch (result) {
-    case NVRHTTPCURLCLT_OK:
-        return Error::none;
-    case NVRHTTPCURLCLT_INVALID_ARG:
-        return Error::invalid_argument;
-    case NVRHTTPCURLCLT_NO_MEMORY:
-        return Error::no_memory;
-    case NVRHTTPCURLCLT_LIMIT_REACHED:
-        return Error::limit_reached;
-    case NVRHTTPCURLCLT_TIMED_OUT:
-        return Error::timed_out;
-    case NVRHTTPCURLCLT_CONNECT_FAILED:
-        return Error::connect_failed;
-    case NVRHTTPCURLCLT_TLS_FAILED:
-        return Error::tls_failed;
-    default:
-        return Error::transfer_failed;
-    }
+    return result == NVRHTTPCURLCLT_OK               ? Error::none
+           : result == NVRHTTPCURLCLT_NO_MEMORY      ? Error::no_memory
+           : result == NVRHTTPCURLCLT_LIMIT_REACHED  ? Error::limit_reached
+           : result == NVRHTTPCURLCLT_TIMED_OUT      ? Error::timed_out
+           : result == NVRHTTPCURLCLT_CONNECT_FAILED ? Error::connect_failed
+           : result == NVRHTTPCURLCLT_TLS_FAILED     ? Error::tls_failed
+                                                     : Error::transfer_failed;
 }
 
-/* Of ASCII alone, whatever the locale. */
+/* ASCII letters alone, whatever the locale. */
 inline std::string in_capitals(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -226,111 +205,102 @@ inline std::string in_capitals(std::string text)
     return text;
 }
 
+/*
+ * Promise 3. The engine checks no certificate where the URL contains "https" in small letters, wherever that is. So
+ * with "verify" scheme and host are spelled in capitals, and behind them one letter of the word is percent-encoded; a
+ * host in brackets stays, since its zone may be a name. Without "verify" the scheme is spelled in small letters. False
+ * for what cannot be spelled, or is no such URL.
+ */
+inline bool spell_url(std::string &url, bool verify)
+{
+    const std::string word = "https";
+    const std::size_t colon = url.find("://");
+    const std::string scheme = in_capitals(url.substr(0, colon));
+    if (colon == std::string::npos || (scheme != "HTTP" && scheme != "HTTPS")) {
+        return false;
+    }
+    const std::size_t begin = colon + 3;
+    const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
+    const std::size_t host = begin + url.substr(begin, end - begin).rfind('@') + 1; /* begin where there is no '@' */
+    if (host == end || url.substr(begin, host - begin).find(word) != std::string::npos) {
+        return false;
+    }
+    if (scheme == "HTTP" || !verify) {
+        url.replace(0, colon, scheme == "HTTP" ? "http" : word);
+        return true;
+    }
+    url.replace(0, colon, scheme);
+    if (url[host] != '[') {
+        url.replace(host, end - host, in_capitals(url.substr(host, end - host)));
+    }
+    for (std::size_t at = end; (at = url.find(word, at)) != std::string::npos;) {
+        url.replace(at, word.size(), "http%73");
+    }
+    return url.find(word) == std::string::npos;
+}
+
 inline bool is_blank_or_control(char c) noexcept
 {
     return static_cast<unsigned char>(c) <= ' ' || c == '\x7f';
 }
 
-/*
- * Promise 3. The engine checks no certificate where the URL contains "https" in small letters anywhere. So a URL whose
- * server is to be checked must not contain it: scheme and host are spelled in capitals, behind them one letter of the
- * word is percent-encoded. A host in brackets stays: its zone is the name of an interface. Where the server is not to
- * be checked, the scheme is spelled in small letters. False for what cannot be spelled, or is no such URL.
- */
-inline bool spell_url(std::string &url, bool verify)
-{
-    const std::string word = "https";
-    const std::size_t colon = std::min(url.find("://"), url.size());
-    std::string scheme = in_capitals(url.substr(0, colon));
-    if ((scheme != "HTTP" && scheme != "HTTPS") || colon == url.size()) {
-        return false;
-    }
-    const std::size_t begin = colon + 3;
-    const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
-    const std::string authority = url.substr(begin, end - begin);
-    const std::size_t host_begin = authority.rfind('@') + 1; /* 0 without user information */
-    const std::string user = authority.substr(0, host_begin);
-    std::string host = authority.substr(host_begin);
-    std::string rest = url.substr(end);
-    if (host.empty() || user.find(word) != std::string::npos) {
-        return false;
-    }
-    if (scheme == "HTTP") {
-        return true;
-    }
-    if (verify) {
-        host = host.front() == '[' ? host : in_capitals(host);
-        for (std::size_t at = 0; (at = rest.find(word, at)) != std::string::npos;) {
-            rest.replace(at, word.size(), "http%73");
-        }
-    }
-    url = (verify ? scheme : word) + "://" + user + host + rest;
-    return !verify || url.find(word) == std::string::npos;
-}
-
-/* The engine cuts longer lines; libcurl drops a line without value and takes one with a line end for two. */
+/* The engine cuts lines after 127 characters; libcurl drops one without value and takes one with a line end for two. */
 inline bool is_valid_header(const Header &header)
 {
-    const auto &[name, value] = header;
     static const std::string line_ends("\r\n\0", 3);
-    return !name.empty() && name.size() + 1 + value.size() <= longest_header && name.find(':') == std::string::npos &&
+    const auto &[name, value] = header;
+    return !name.empty() && name.size() + 1 + value.size() <= 127 && name.find(':') == std::string::npos &&
            std::none_of(name.begin(), name.end(), is_blank_or_control) &&
            value.find_first_of(line_ends) == std::string::npos &&
            !std::all_of(value.begin(), value.end(), is_blank_or_control);
 }
 
-inline bool is_valid_timeout(std::chrono::milliseconds timeout) noexcept
-{
-    return timeout >= std::chrono::milliseconds(1) && timeout <= longest_timeout;
-}
-
-/* Promise 4: what the engine or libcurl would cut, misread or pass on is refused before anything is sent. */
+/*
+ * Promise 4: what the engine or libcurl would cut, misread or pass on is refused before anything is sent. libcurl takes
+ * texts of up to 8,000,000 characters; nobody would report that longer credentials are not sent.
+ */
 inline bool is_valid(const Request &request)
 {
-    return std::none_of(request.url.begin(), request.url.end(), is_blank_or_control) &&
-           request.url.size() <= longest_text && (request.method == "POST" || request.method == "GET") &&
+    constexpr std::chrono::milliseconds shortest{1};
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 24);
+    return std::none_of(request.url.begin(), request.url.end(), is_blank_or_control) && request.url.size() <= 8000000 &&
+           (request.method == "POST" || request.method == "GET") && request.body.size() <= UINT32_MAX &&
            std::all_of(request.headers.begin(), request.headers.end(), is_valid_header) &&
-           request.user_and_password.size() <= longest_text &&
-           request.user_and_password.find('\0') == std::string::npos && request.body.size() <= UINT32_MAX &&
-           is_valid_timeout(request.timeout) && is_valid_timeout(request.connect_timeout);
+           request.user_and_password.size() <= 8000000 && request.user_and_password.find('\0') == std::string::npos &&
+           request.timeout >= shortest && request.timeout <= longest && request.connect_timeout >= shortest &&
+           request.connect_timeout <= longest;
 }
 
-/*
- * Makes a valid request what the engine needs; false where it cannot. Always with a header line: without any, the
- * engine puts the answer's headers before its body.
- */
+/* Makes of a request what the engine needs; false if it is not valid. */
 inline bool prepare(Request &request)
 {
-    const bool has_type = std::any_of(request.headers.begin(), request.headers.end(),
-                                      [](const Header &header) { return in_capitals(header.first) == "CONTENT-TYPE"; });
-    if (!has_type) {
+    const auto is_type = [](const Header &header) { return in_capitals(header.first) == "CONTENT-TYPE"; };
+    if (std::none_of(request.headers.begin(), request.headers.end(), is_type)) {
         request.headers.emplace_back("Content-Type", "application/json");
     }
     return spell_url(request.url, request.verify) && is_valid(request);
 }
 
-/* The method comes last: a GET that is set before the body is sent as a POST. */
+/*
+ * Braces keep the order: headers before the body, which passes them to libcurl, and the method behind it, for a GET
+ * that is set before is sent as a POST. There is always a header: without any, the answer would begin with its own
+ * headers.
+ */
 inline ENvrHttpCurlCltRet set_up(HNvrHttpCurlCltReq handle, const Request &request)
 {
-    ENvrHttpCurlCltRet result = NvrHttpCurlCltSetReqUri(handle, request.url.c_str());
-    if (result == NVRHTTPCURLCLT_OK) {
-        for (const Header &header : request.headers) {
-            NvrHttpCurlCltSetReqHeader(handle, header.first.c_str(), header.second.c_str());
-        }
+    const bool is_post = request.method == "POST";
+    for (const Header &header : request.headers) {
+        NvrHttpCurlCltSetReqHeader(handle, header.first.c_str(), header.second.c_str());
     }
-    if (result == NVRHTTPCURLCLT_OK) {
-        const bool has_user = !request.user_and_password.empty();
-        result = NvrHttpCurlCltSetAuthType(handle, has_user ? 1 : 0, request.user_and_password.c_str());
-    }
-    if (result == NVRHTTPCURLCLT_OK) {
-        const bool is_post = request.method == "POST";
-        result = NvrHttpCurlCltSetReqBody(handle, is_post ? request.body.data() : nullptr,
-                                          is_post ? static_cast<std::uint32_t>(request.body.size()) : 0);
-    }
-    return result != NVRHTTPCURLCLT_OK ? result : NvrHttpCurlCltSetReqMethod(handle, request.method.c_str());
+    return std::max({NvrHttpCurlCltSetReqUri(handle, request.url.c_str()),
+                     NvrHttpCurlCltSetAuthType(handle, request.user_and_password.empty() ? 0 : 1,
+                                               request.user_and_password.c_str()),
+                     NvrHttpCurlCltSetReqBody(handle, request.body.data(),
+                                              is_post ? static_cast<std::uint32_t>(request.body.size()) : 0),
+                     NvrHttpCurlCltSetReqMethod(handle, request.method.c_str())});
 }
 
-/* Destroys the record's request, of which nobody is to hear any more. */
+/* Destroys the record's request, if it has one; it no longer counts as one that ends without completion. */
 inline void drop(Record &record) noexcept
 {
     if (HNvrHttpCurlCltReq handle = std::exchange(record.request, nullptr)) {
@@ -339,10 +309,10 @@ inline void drop(Record &record) noexcept
 }
 
 /*
- * Makes the record's request where there is none and submits it. The pointer that the callback gets would also be the
- * target of an unbounded copy of the answer, hence null. After success the record may be gone.
+ * Makes the record's request where there is none, and submits it; after success the record may be gone. The pointer
+ * for the callback would also be the target of an unbounded copy of the answer, hence null.
  */
-inline Error submit(Record &record, const Request &request, PFNvrHttpCurlCltNtf on_end)
+inline Error submit(Record &record, const Request &request, PFNvrHttpCurlCltNtf on_end) noexcept
 {
     ENvrHttpCurlCltRet result = NVRHTTPCURLCLT_OK;
     if (record.request == nullptr) {
@@ -356,46 +326,38 @@ inline Error submit(Record &record, const Request &request, PFNvrHttpCurlCltNtf 
                                           static_cast<std::uint32_t>(request.connect_timeout.count()),
                                           NVRHTTPCURLCLT_MODE_ASYNC, on_end, nullptr);
     }
-    if (result == NVRHTTPCURLCLT_OK) {
-        return Error::none;
+    if (result != NVRHTTPCURLCLT_OK) {
+        drop(record);
     }
-    drop(record);
-    return record.lost != Error::none ? record.lost : error_of(result);
+    return error_of(result);
 }
 
-/* The engine writes a terminator behind what it is asked for, hence the byte more. */
-inline std::string read_body(HNvrHttpCurlCltReq handle)
-{
-    std::uint32_t length = 0;
-    NvrHttpCurlCltGetRespBodyLen(handle, &length);
-    std::string body(std::size_t{length} + 1, '\0');
-    std::uint32_t capacity = length + 1;
-    NvrHttpCurlCltGetRespBody(handle, body.data(), &capacity);
-    body.resize(length);
-    return body;
-}
-
+/* Promise 2: a string of the answer's own length; the engine writes a terminator behind it, hence the byte more. */
 inline Response read_answer(const Record &record, ENvrHttpCurlCltReqProgress progress, ENvrHttpCurlCltRet result)
 {
     Response answer;
-    std::int32_t status = 0;
-    NvrHttpCurlCltGetRespStatCode(record.request, &status);
-    answer.status = status;
+    NvrHttpCurlCltGetRespStatCode(record.request, &answer.status);
     answer.error = record.lost != Error::none ? record.lost : error_of(result);
-    if (answer.error == Error::none && (progress != NVRHTTPCURLCLT_PROGRESS_FINISHED || status == 0)) {
-        answer.error = Error::transfer_failed;
+    if (answer.error != Error::none) {
+        return answer;
     }
-    if (answer.error == Error::none) {
-        try {
-            answer.body = read_body(record.request);
-        } catch (const std::bad_alloc &) {
-            answer.error = Error::no_memory;
-        }
+    std::uint32_t length = 0;
+    if (progress != NVRHTTPCURLCLT_PROGRESS_FINISHED ||
+        NvrHttpCurlCltGetRespBodyLen(record.request, &length) != NVRHTTPCURLCLT_OK) {
+        answer.error = Error::transfer_failed;
+        return answer;
+    }
+    try {
+        answer.body.resize(std::size_t{length} + 1);
+        NvrHttpCurlCltGetRespBody(record.request, answer.body.data(), &++length);
+        answer.body.pop_back();
+    } catch (const std::bad_alloc &) {
+        answer.error = Error::no_memory;
     }
     return answer;
 }
 
-/* Calls back. Promise 6: an exception that leaves the callback ends the program, on whatever thread. */
+/* Promise 6: an exception that leaves the callback ends the program, on whatever thread this is. */
 inline void complete(const Record &record, Response answer) noexcept
 {
     answer.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - record.start);
@@ -404,42 +366,24 @@ inline void complete(const Record &record, Response answer) noexcept
 
 inline const Options &checked(const Options &options)
 {
-    if (options.workers < 1 || options.workers > most_workers) {
-        throw std::invalid_argument("nvrhttpcurl::Options: workers is not 1 to 16");
-    }
-    if (options.max_requests < 1 || options.max_requests > options.workers * requests_per_worker) {
-        throw std::invalid_argument("nvrhttpcurl::Options: max_requests is not 1 to 1,000 for each worker");
-    }
-    if (options.max_answer < 1 || options.max_answer > longest_answer) {
-        throw std::invalid_argument("nvrhttpcurl::Options: max_answer is not 1 byte to 1 GiB");
+    if (options.workers < 1 || options.workers > NVRHTTPCURLCLT_MAX_INSTANCES || options.max_requests < 1 ||
+        options.max_requests > options.workers * requests_per_worker || options.max_answer < 1 ||
+        options.max_answer > std::size_t{1} << 30) {
+        throw std::invalid_argument("nvrhttpcurl::Options: workers are 1 to 16, max_requests 1 to 1,000 for each of "
+                                    "them, max_answer 1 byte to 1 GiB");
     }
     return options;
 }
 
-inline const char *start_failure(ENvrHttpCurlCltRet result) noexcept
-{
-    switch (result) {
-    case NVRHTTPCURLCLT_NO_MEMORY:
-        return "no memory";
-    case NVRHTTPCURLCLT_LIMIT_REACHED:
-        return "limit reached, all 16 instances of the process are in use";
-    default:
-        return "failed, a thread, semaphore, loopback port or libcurl handle could not be created";
-    }
-}
-
 } // namespace detail
 
-/*
- * Promise 8: all members but the destructor may be called from any thread, and clients may be made and destroyed on
- * several threads at once.
- */
+/* Promise 8: all members but the destructor may be called from any thread. */
 class Client
 {
   public:
     /* Throws std::invalid_argument for options out of range, std::runtime_error where the engine cannot be started. */
     explicit Client(const Options &options = Options())
-        : m_options(detail::checked(options)), m_beat(beat_request()), m_workers(options.workers)
+        : m_options(detail::checked(options)), m_workers(options.workers)
     {
         if (const char *problem = start()) {
             stop();
@@ -459,7 +403,7 @@ class Client
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    /* Waits for the answer; not for callbacks, whose worker would wait for itself. */
+    /* Waits for the answer. Not for callbacks, whose worker would wait for itself. */
     Response send(Request request)
     {
         return send_async(std::move(request)).get();
@@ -474,8 +418,8 @@ class Client
     }
 
     /*
-     * The callback runs on a worker, or before this returns where the request is refused. It may send again, must not
-     * destroy the client, and holds its worker up as long as it runs. With an empty callback nothing is sent.
+     * The callback runs on a worker, or, where nothing is sent, before this returns. It may send again, must not
+     * destroy the client, and holds up its worker as long as it runs. With an empty callback nothing is sent.
      */
     void send_async(Request request, std::function<void(Response)> callback)
     {
@@ -490,7 +434,7 @@ class Client
         Response refusal;
         refusal.error = detail::prepare(request) ? submit(*record, request) : Error::invalid_argument;
         if (refusal.error == Error::none) {
-            static_cast<void>(record.release()); /* its completion has it, and may be over */
+            static_cast<void>(record.release()); /* its completion deletes it, or has */
         } else {
             detail::complete(*record, std::move(refusal));
         }
@@ -515,38 +459,30 @@ class Client
     }
 
   private:
-    /*
-     * Promise 5: never more than max_requests, and never more than its share for a worker. The client's count is
-     * raised first and lowered last, so while it leaves a place, one of the workers has one.
-     */
+    /* Promise 5: a place with the worker that has the fewest requests; false if all are taken. */
     bool take_place(detail::Record &record) noexcept
     {
-        std::size_t taken = m_outstanding.load();
-        do {
-            if (taken >= m_options.max_requests) {
-                return false;
-            }
-        } while (!m_outstanding.compare_exchange_weak(taken, taken + 1));
-        const auto has_fewer = [](const detail::Worker &a, const detail::Worker &b) {
+        const std::lock_guard<std::mutex> lock(m_places);
+        if (m_outstanding >= m_options.max_requests) {
+            return false;
+        }
+        record.worker = &*std::min_element(m_workers.begin(), m_workers.end(), [](const auto &a, const auto &b) {
             return a.outstanding.load() < b.outstanding.load();
-        };
-        unsigned used = 0;
-        do {
-            record.worker = &*std::min_element(m_workers.begin(), m_workers.end(), has_fewer);
-            used = record.worker->outstanding.load();
-        } while (used >= detail::requests_per_worker ||
-                 !record.worker->outstanding.compare_exchange_weak(used, used + 1));
+        });
+        ++record.worker->outstanding;
+        ++m_outstanding;
         return true;
     }
 
+    /* The worker's count is the first to be lowered: while the client has a place, one of its workers has one. */
     void give_place(detail::Worker &worker) noexcept
     {
-        worker.outstanding.fetch_sub(1);
-        m_outstanding.fetch_sub(1);
+        --worker.outstanding;
+        --m_outstanding;
     }
 
-    /* The gate keeps the destructor from ending a worker to which a callback of another one is just submitting. */
-    Error submit(detail::Record &record, const Request &request)
+    /* The gate keeps the destructor from ending a worker to which a callback of another one is submitting. */
+    Error submit(detail::Record &record, const Request &request) noexcept
     {
         const std::shared_lock<std::shared_mutex> gate(m_gate);
         if (m_stopping) {
@@ -566,9 +502,8 @@ class Client
     }
 
     /*
-     * Promise 1, exactly once: the engine calls this once for each request that it accepted. Promise 6: the request is
-     * gone and its place free before the callback starts. Once the client is being destroyed, "release" keeps the
-     * record for the destructor.
+     * Promise 1: called exactly once for each request that the engine has accepted. Promise 6: the request is gone and
+     * its place free before the callback starts. While the client is being destroyed, "release" keeps the record.
      */
     static std::uint32_t on_end(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress progress,
                                 ENvrHttpCurlCltRet result, void *) noexcept
@@ -588,27 +523,16 @@ class Client
         return 0;
     }
 
-    /* --- promise 1, in time ------------------------------------------------------------------ */
-
     /*
-     * A worker drives its transfers only when one of them has something to read or write, or when a request is
-     * submitted to it: libcurl's timers, the time-outs of silent servers among them, would wait for that. So while
-     * a worker has requests, the client's one helper thread submits a cheap one of its own to it every 20 ms: the
-     * heartbeat. It is never submitted before its last callback has come.
+     * Promise 1, in time: a worker drives its transfers when one of them has something to read or write, or when a
+     * request is submitted to it. Timers of libcurl, the time-out of a silent server among them, wait for that. So
+     * while a worker has requests, the client's one helper thread submits a cheap one to it every 20 ms, the heartbeat;
+     * the same one again, but never before its last callback. What fails for lack of memory is made anew with the next
+     * beat.
      */
-    static Request beat_request()
-    {
-        Request request;
-        request.url = "file:///dev/null";
-        request.method = "GET";
-        return request;
-    }
-
-    /* m_beat_lock is held. What fails for lack of memory is tried again with the next beat. */
     void beat(detail::Worker &worker) noexcept
     {
         worker.beating = detail::submit(worker.beat, m_beat, on_beat) == Error::none;
-        worker.beat_failed = !worker.beating;
     }
 
     static std::uint32_t on_beat(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress progress, ENvrHttpCurlCltRet,
@@ -617,39 +541,37 @@ class Client
         const detail::Record &record = *detail::block_of(handle)->record;
         const std::lock_guard<std::mutex> lock(record.client->m_beat_lock);
         record.worker->beating = false;
-        record.worker->beat_failed = progress != NVRHTTPCURLCLT_PROGRESS_FINISHED;
-        record.client->m_beaten.notify_all();
+        record.client->m_beats += progress == NVRHTTPCURLCLT_PROGRESS_FINISHED ? 1 : 0;
+        record.client->m_beaten.notify_one();
         return 0;
     }
 
-    /* With nothing outstanding it sleeps until a submission wakes it. */
+    /* With nothing outstanding it sleeps. It announces that before it reads the count, which submissions raise first.
+     */
     void help() noexcept
     {
         std::unique_lock<std::mutex> lock(m_beat_lock);
         while (!m_stopping) {
-            m_asleep = true; /* before the count is read; submissions raise the count before they read this */
+            m_asleep = true;
             m_wake.wait(lock, [this] { return m_stopping || m_outstanding != 0; });
             m_asleep = false;
-            m_wake.wait_for(lock, detail::beat_interval, [this] { return m_stopping.load(); });
+            m_wake.wait_for(lock, std::chrono::milliseconds(20), [this] { return m_stopping.load(); });
             for (detail::Worker &worker : m_workers) {
-                if (!m_stopping && worker.outstanding != 0 && !worker.beating) {
+                if (worker.outstanding != 0 && !worker.beating) {
                     beat(worker);
                 }
             }
         }
     }
 
+    /* The lock: not between the helper's look and its sleep. */
     void wake_helper() noexcept
     {
-        {
-            const std::lock_guard<std::mutex> lock(m_beat_lock); /* not between its check and its sleep */
-        }
+        const std::lock_guard<std::mutex> lock(m_beat_lock);
         m_wake.notify_one();
     }
 
-    /* --- start and end ----------------------------------------------------------------------- */
-
-    /* Null, or what failed. The first beats show that they work, and let libcurl set itself up on one thread. */
+    /* Null, or what failed. The first beats show that they work, and make libcurl set itself up on one thread. */
     const char *start()
     {
         std::unique_lock<std::mutex> lock(m_beat_lock);
@@ -658,11 +580,7 @@ class Client
                 return problem;
             }
         }
-        const auto is_beating = [](const detail::Worker &worker) { return worker.beating; };
-        const auto has_failed = [](const detail::Worker &worker) { return worker.beating || worker.beat_failed; };
-        m_beaten.wait_for(lock, detail::start_limit,
-                          [&] { return std::none_of(m_workers.begin(), m_workers.end(), is_beating); });
-        if (std::any_of(m_workers.begin(), m_workers.end(), has_failed)) {
+        if (!m_beaten.wait_for(lock, std::chrono::seconds(5), [this] { return m_beats == m_workers.size(); })) {
             return "failed, libcurl cannot read file:///dev/null, which time-outs need";
         }
         try {
@@ -673,14 +591,16 @@ class Client
         return nullptr;
     }
 
-    const char *start_worker(detail::Worker &worker)
+    const char *start_worker(detail::Worker &worker) noexcept
     {
         static constexpr TNvrHttpCurlCltInitParam param = {1, NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS};
         static constexpr TNvrHttpCurlCltMemCB memory = {detail::obtain, detail::grow, detail::release};
         const std::lock_guard<std::mutex> lock(detail::instances_lock);
         const ENvrHttpCurlCltRet result = NvrHttpCurlCltInit(&param, &memory, &worker.instance);
         if (result != NVRHTTPCURLCLT_OK) {
-            return detail::start_failure(result);
+            return result == NVRHTTPCURLCLT_LIMIT_REACHED ? "limit reached, all 16 instances of the process are in use"
+                   : result == NVRHTTPCURLCLT_NO_MEMORY   ? "no memory"
+                                                          : "failed, no thread, loopback port or handle of libcurl";
         }
         worker.beat.client = this;
         worker.beat.worker = &worker;
@@ -689,31 +609,29 @@ class Client
     }
 
     /*
-     * First what could still submit: sends, the helper, callbacks in progress. Then nothing calls back any more, so
-     * that another client's construction never waits for a callback of this one.
+     * First ends what could still submit: sends, the helper, callbacks in progress. Later ends of requests call nobody
+     * back, so that no other client waits for a callback of this one while its workers end.
      */
     void stop() noexcept
     {
         m_stopping = true;
-        {
-            const std::lock_guard<std::shared_mutex> sends(m_gate);
-        }
+        std::unique_lock<std::shared_mutex>(m_gate).unlock();
         wake_helper();
         if (m_helper.joinable()) {
             m_helper.join();
         }
         for (detail::Worker &worker : m_workers) {
-            const std::lock_guard<std::mutex> callbacks(worker.calling);
+            const std::lock_guard<std::mutex> callback_in_progress(worker.calling);
         }
         for (detail::Worker &worker : m_workers) {
             stop_worker(worker);
         }
         for (detail::Worker &worker : m_workers) {
-            cancel(worker);
+            cancel_all(worker);
         }
     }
 
-    /* Uninit releases all requests of the worker, its heartbeat too, of which nobody is to hear. */
+    /* Uninit releases all requests of the worker. Nobody waits for its heartbeat. */
     static void stop_worker(detail::Worker &worker) noexcept
     {
         if (worker.instance != nullptr) {
@@ -723,28 +641,30 @@ class Client
         }
     }
 
-    void cancel(detail::Worker &worker) noexcept
+    void cancel_all(detail::Worker &worker) noexcept
     {
         while (worker.cancelled != nullptr) {
-            const std::unique_ptr<detail::Record> owner(worker.cancelled);
-            worker.cancelled = owner->next;
+            const std::unique_ptr<detail::Record> record(worker.cancelled);
+            worker.cancelled = record->next;
             give_place(worker);
             Response answer;
             answer.error = Error::cancelled;
-            detail::complete(*owner, std::move(answer));
+            detail::complete(*record, std::move(answer));
         }
     }
 
     const Options m_options;
-    const Request m_beat;
+    const Request m_beat{"file:///dev/null", "", "GET", {{"Accept", "*/*"}}, ""};
     std::vector<detail::Worker> m_workers;
-    std::atomic<std::size_t> m_outstanding{0};
+    std::mutex m_places;
+    std::atomic<std::size_t> m_outstanding{0}; /* raised under m_places */
     std::atomic<bool> m_stopping{false};
-    std::atomic<bool> m_asleep{false}; /* the helper, or about to */
-    std::shared_mutex m_gate;          /* shared by submissions */
+    std::shared_mutex m_gate; /* shared by submissions */
     std::mutex m_beat_lock;
-    std::condition_variable m_wake;   /* the helper */
-    std::condition_variable m_beaten; /* the constructor */
+    std::size_t m_beats = 0;           /* heartbeats that ended well, under m_beat_lock */
+    std::condition_variable m_beaten;  /* for the constructor */
+    std::condition_variable m_wake;    /* for the helper */
+    std::atomic<bool> m_asleep{false}; /* the helper, or about to be */
     std::thread m_helper;
 };
 
