@@ -43,7 +43,7 @@ prompt = no
 [name]
 CN = 127.0.0.1
 [server]
-subjectAltName = IP:127.0.0.1
+subjectAltName = IP:127.0.0.1,DNS:https.localhost
 )";
 
 const char *const SETTINGS = R"(daemon off;
@@ -182,6 +182,11 @@ std::string NginxServer::Http2(const std::string &path) const
     return LoopbackUrl(http2Port, path, "https");
 }
 
+std::string NginxServer::CertificatePath() const
+{
+    return folder.Path() + "/certificate.pem";
+}
+
 void NginxServer::MakeFile(const std::string &name, size_t length) const
 {
     mkdir((folder.Path() + "/files").c_str(), 0700);
@@ -198,6 +203,14 @@ size_t NginxServer::RequestCount() const
 {
     const std::string log = ReadFile(folder.Path() + "/access.log");
     return static_cast<size_t>(std::count(log.begin(), log.end(), '\n'));
+}
+
+std::string NginxServer::LastRequest() const
+{
+    const std::string log = ReadFile(folder.Path() + "/access.log");
+    const size_t end = log.rfind('\n');
+    const size_t begin = log.rfind('\n', end - 1) + 1; /* 0 for the first line */
+    return end == std::string::npos ? std::string() : log.substr(begin, end - begin);
 }
 
 bool NginxServer::WaitForRequests(size_t count) const

@@ -44,6 +44,8 @@ class NginxServer
 
     /* The TLS port that offers HTTP/2. */
     std::string Http2(const std::string &path) const;
+    /* The certificate of both TLS ports, for 127.0.0.1 and https.localhost. */
+    std::string CertificatePath() const;
     /* Makes the file behind /files/NAME. */
     void MakeFile(const std::string &name, size_t length) const;
     /* 1 TB of zeros that take no space: an answer without end. */
@@ -51,6 +53,8 @@ class NginxServer
 
     /* Requests that it has answered, and so those that got past a handshake. */
     size_t RequestCount() const;
+    /* Scheme, path and query of the last of them. */
+    std::string LastRequest() const;
     bool WaitForRequests(size_t count) const;
 
   private:

@@ -1,0 +1,207 @@
+/*
+ * Requests end in time, with nothing else going on that would drive their worker.
+ *
+ * Measured loosely, since the machine may be busy: without the heartbeat they would never end. With
+ * NVRHTTP_STRICT_TIMES set, as on a quiet machine, each has to end within its time-out and 100 ms.
+ */
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <vector>
+
+#include "client_fixture.h"
+#include "nginx_server.h"
+
+namespace
+{
+
+using test::Await;
+using test::Client;
+using test::Error;
+using test::ExpectAnswer;
+using test::ExpectFailure;
+using test::Limits;
+using test::milliseconds;
+using test::PostOf;
+using test::Response;
+using test::ScriptedServer;
+
+std::atomic<size_t> submissions{0};
+
+/* Clocks may differ by a millisecond. */
+void ExpectInTime(const Response &answer, milliseconds timeout)
+{
+    EXPECT_GE(answer.elapsed, timeout - milliseconds(2));
+    EXPECT_LE(answer.elapsed,
+              timeout + (getenv("NVRHTTP_STRICT_TIMES") != nullptr ? milliseconds(100) : milliseconds(5000)));
+}
+
+nvrhttpcurl::Request Limited(const std::string &url, milliseconds timeout)
+{
+    nvrhttpcurl::Request request = PostOf(url);
+    request.timeout = timeout;
+    return request;
+}
+
+using ClientDeadline = test::ClientTest;
+
+TEST_F(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
+{
+    const ScriptedServer server(test::SILENT);
+    Client client(Limits(1));
+    for (const int timeout : {1, 300, 700}) {
+        const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(timeout))));
+        ExpectFailure(answer, Error::timed_out);
+        ExpectInTime(answer, milliseconds(timeout));
+    }
+}
+
+TEST_F(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
+{
+    const ScriptedServer server(
+        {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::HOLD}});
+    Client client(Limits(1));
+    const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(300))));
+    ExpectFailure(answer, Error::timed_out, 200);
+    ExpectInTime(answer, milliseconds(300));
+}
+
+TEST_F(ClientDeadline, SoIsOneThatSendsAllTheTime)
+{
+    std::vector<test::Step> steps = {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")};
+    for (size_t number = 0; number < 400; ++number) {
+        steps.push_back(test::Pause(milliseconds(10)));
+        steps.push_back(test::Send("x"));
+    }
+    const ScriptedServer server({test::When::REQUEST, steps});
+    Client client(Limits(1));
+    const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(300))));
+    ExpectFailure(answer, Error::timed_out, 200);
+    ExpectInTime(answer, milliseconds(300));
+}
+
+TEST_F(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout)
+{
+    const test::SilentAddress silent;
+    Client client(Limits(1));
+    nvrhttpcurl::Request request = PostOf(silent.Url());
+    request.connect_timeout = milliseconds(300);
+    const Response answer = Await(client.send_async(request));
+    ExpectFailure(answer, Error::timed_out);
+    ExpectInTime(answer, milliseconds(300));
+}
+
+/* Each worker has its own heartbeat, and each request its own end. */
+TEST_F(ClientDeadline, ManyEndEachAtItsOwnTime)
+{
+    const ScriptedServer server(test::SILENT);
+    Client client(Limits(4));
+    std::vector<std::future<Response>> answers;
+    for (int number = 0; number < 100; ++number) {
+        answers.push_back(client.send_async(Limited(server.Url(), milliseconds(200 + number * 5))));
+    }
+    EXPECT_EQ(client.outstanding(), 100U);
+    for (int number = 0; number < 100; ++number) {
+        const Response answer = Await(std::move(answers[static_cast<size_t>(number)]));
+        ExpectFailure(answer, Error::timed_out);
+        ExpectInTime(answer, milliseconds(200 + number * 5));
+    }
+    EXPECT_EQ(client.outstanding(), 0U);
+}
+
+/* --- two addresses, of which the first is dead ------------------------------------------------- */
+
+/* The IPv6 loopback address with the same port as a server on the other one, and with a full backlog. */
+class DeadIpv6
+{
+  public:
+    explicit DeadIpv6(const std::string &url)
+    {
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        address.sin6_addr = in6addr_loopback;
+        address.sin6_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+        const auto *generic = reinterpret_cast<const sockaddr *>(&address);
+        sockets.push_back(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (bind(sockets[0], generic, sizeof(address)) != 0 || listen(sockets[0], 0) != 0) {
+            return;
+        }
+        while (!dead && sockets.size() < 16) {
+            sockets.push_back(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            (void)connect(sockets.back(), generic, sizeof(address));
+            pollfd waiting{sockets.back(), POLLOUT, 0};
+            dead = poll(&waiting, 1, 200) == 0;
+        }
+    }
+
+    ~DeadIpv6()
+    {
+        for (const int fd : sockets) {
+            close(fd);
+        }
+    }
+
+    DeadIpv6(const DeadIpv6 &) = delete;
+    DeadIpv6 &operator=(const DeadIpv6 &) = delete;
+
+    bool IsDead() const
+    {
+        return dead;
+    }
+
+  private:
+    bool dead = false;
+    std::vector<int> sockets;
+};
+
+TEST_F(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
+{
+    const ScriptedServer server(test::ECHOING);
+    const DeadIpv6 dead(server.Url(""));
+    if (!dead.IsDead()) {
+        GTEST_SKIP() << "no IPv6 loopback address whose backlog can be filled";
+    }
+    Client client(Limits(1));
+    const std::string url = "http://localhost" + server.Url().substr(std::string("http://127.0.0.1").size());
+    ExpectAnswer(Await(client.send_async(Limited(url, milliseconds(20000)))), "{}");
+}
+
+/* --- the heartbeat ------------------------------------------------------------------------------- */
+
+TEST_F(ClientDeadline, OnlyWorkersWithRequestsBeat)
+{
+    const ScriptedServer server(test::ECHOING_ON_RELEASE);
+    Client client(Limits(4));
+    ExpectFailure(Await(client.send_async(Limited(server.Url(), milliseconds(50)))), Error::timed_out);
+    std::this_thread::sleep_for(milliseconds(50)); /* the beat that may have begun */
+    const size_t idle = submissions.load();
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_EQ(submissions.load(), idle);
+
+    std::future<Response> answer = client.send_async(Limited(server.Url(), milliseconds(60000)));
+    EXPECT_TRUE(test::WaitUntil([&] { return submissions.load() >= idle + 4; }));
+    const size_t busy = submissions.load();
+    const auto begin = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(milliseconds(400));
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    EXPECT_LE(submissions.load() - busy, static_cast<size_t>(passed / milliseconds(20) + 1));
+    EXPECT_EQ(client.outstanding(), 1U);
+}
+
+} // namespace
+
+/* Counts what the client submits, its heartbeats too, and passes it on. */
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS,
+                                                       uint32_t dwConnTimeOutMS, ENvrHttpCurlCltMode eMode,
+                                                       PFNvrHttpCurlCltNtf pfNtf, void *pvUserBuf)
+{
+    static const auto next =
+        reinterpret_cast<decltype(NvrHttpCurlCltProcessReq) *>(dlsym(RTLD_NEXT, "NvrHttpCurlCltProcessReq"));
+    submissions.fetch_add(1);
+    return next(hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
+}

@@ -1,0 +1,210 @@
+/*
+ * The end of a client: what was outstanding completes, nothing is left, and the program can return.
+ */
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "client_fixture.h"
+#include "nginx_server.h"
+#include "tests/support/child_process.h"
+
+namespace
+{
+
+using test::Client;
+using test::Error;
+using test::ExpectAnswer;
+using test::ExpectFailure;
+using test::Limits;
+using test::milliseconds;
+using test::PostOf;
+using test::Response;
+using test::ScriptedServer;
+using test::WaitUntil;
+
+using ClientEnd = test::ClientTest;
+
+TEST_F(ClientEnd, TwoHundredInFlightAreCancelledOnceEach)
+{
+    const ScriptedServer server(test::SILENT);
+    std::vector<unsigned> completions(200, 0);
+    auto client = std::make_unique<Client>(Limits(4));
+    const std::thread::id destroyer = std::this_thread::get_id();
+    for (unsigned &count : completions) {
+        client->send_async(PostOf(server.Url()), [&count, destroyer](const Response &answer) {
+            ExpectFailure(answer, Error::cancelled);
+            EXPECT_EQ(std::this_thread::get_id(), destroyer);
+            ++count;
+        });
+    }
+    std::future<Response> waiting = client->send_async(PostOf(server.Url()));
+    EXPECT_TRUE(server.WaitForRequests(201));
+    client.reset();
+    EXPECT_EQ(completions, std::vector<unsigned>(200, 1));
+    ASSERT_TRUE(test::IsReady(waiting));
+    ExpectFailure(waiting.get(), Error::cancelled);
+}
+
+/* Submitted just before, most have not yet reached a worker's transfers; some end by themselves. */
+TEST_F(ClientEnd, AtAnyMomentEachCompletesOnceAndNoneAfterwards)
+{
+    const ScriptedServer server(test::ECHOING);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<std::atomic<unsigned>> completions(200);
+        std::atomic<bool> isOver{false};
+        auto client = std::make_unique<Client>(Limits(2));
+        for (std::atomic<unsigned> &count : completions) {
+            client->send_async(PostOf(server.Url()), [&count, &isOver](const Response &answer) {
+                EXPECT_TRUE(answer.ok() || answer.error == Error::cancelled);
+                EXPECT_FALSE(isOver);
+                count.fetch_add(1);
+            });
+        }
+        std::this_thread::sleep_for(milliseconds(round));
+        client.reset();
+        isOver = true;
+        for (const std::atomic<unsigned> &count : completions) {
+            ASSERT_EQ(count.load(), 1U);
+        }
+    }
+}
+
+TEST_F(ClientEnd, ThePlacesAreFreeInTheCallbacksOfTheDestructor)
+{
+    const ScriptedServer server(test::SILENT);
+    std::vector<size_t> outstanding;
+    {
+        Client client(Limits(1, 3));
+        for (int number = 0; number < 3; ++number) {
+            client.send_async(PostOf(server.Url()),
+                              [&](const Response &) { outstanding.push_back(client.outstanding()); });
+        }
+    }
+    EXPECT_EQ(outstanding, (std::vector<size_t>{2, 1, 0}));
+}
+
+/* --- sends that come meanwhile ----------------------------------------------------------------- */
+
+TEST_F(ClientEnd, ASendFromTheDestructorsCallbacksIsCancelled)
+{
+    const ScriptedServer server(test::SILENT);
+    std::vector<Error> errors;
+    {
+        Client client(Limits(2));
+        client.send_async(PostOf(server.Url()), [&](const Response &answer) {
+            errors.push_back(answer.error);
+            client.send_async(PostOf(server.Url()), [&](const Response &second) { errors.push_back(second.error); });
+            errors.push_back(client.send_async(PostOf(server.Url())).get().error);
+        });
+        EXPECT_TRUE(server.WaitForRequests(1));
+    }
+    EXPECT_EQ(errors, std::vector<Error>(3, Error::cancelled));
+    EXPECT_EQ(server.RequestCount(), 1U);
+}
+
+/* Chains over all workers never end by themselves: each worker submits to the others while these are stopped. */
+TEST_F(ClientEnd, ChainsThatNeverEndAreCancelled)
+{
+    const ScriptedServer server(test::ECHOING);
+    for (int round = 0; round < 10; ++round) {
+        std::atomic<int> alive{0};
+        std::function<void(Client &)> next = [&](Client &client) {
+            client.send_async(PostOf(server.Url()), [&](const Response &answer) {
+                if (answer.error == Error::cancelled) {
+                    alive.fetch_sub(1);
+                } else {
+                    next(client);
+                }
+            });
+        };
+        {
+            Client client(Limits(4));
+            for (int number = 0; number < 32; ++number) {
+                alive.fetch_add(1);
+                next(client);
+            }
+            std::this_thread::sleep_for(milliseconds(10 + 3 * round));
+        }
+        EXPECT_EQ(alive.load(), 0);
+    }
+}
+
+TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
+{
+    const ScriptedServer server(test::ECHOING);
+    std::promise<void> entered;
+    std::atomic<bool> isMade{false};
+    {
+        Client client(Limits(2));
+        client.send_async(PostOf(server.Url()), [&](const Response &) {
+            entered.set_value();
+            std::this_thread::sleep_for(milliseconds(100)); /* until the destructor runs */
+            Client other(Limits(1));
+            ExpectAnswer(other.send(PostOf(server.Url())), "{}");
+            isMade = true;
+        });
+        entered.get_future().wait();
+    }
+    EXPECT_TRUE(isMade);
+}
+
+/* --- nothing is left --------------------------------------------------------------------------- */
+
+TEST_F(ClientEnd, TwoHundredClientsLeaveNoDescriptorAndNoThread)
+{
+    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer silent(test::SILENT);
+    const auto makeOne = [&] {
+        Client client(Limits(1));
+        ExpectAnswer(client.send(PostOf(server.Url())), "{}");
+        client.send_async(PostOf(silent.Url()), [](const Response &) {});
+    };
+    makeOne();
+    const size_t threads = test::RunningThreads();
+    EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() + silent.OpenConnections() == 0; }));
+    const std::set<int> descriptors = test::OpenDescriptors();
+    for (int number = 1; number < 200; ++number) {
+        makeOne();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() + silent.OpenConnections() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return test::OpenDescriptors() == descriptors; }, std::chrono::seconds(5)));
+    EXPECT_EQ(test::RunningThreads(), threads);
+}
+
+TEST_F(ClientEnd, ClientsAreMadeAndDestroyedOnSeveralThreads)
+{
+    const ScriptedServer server(test::ECHOING);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.emplace_back([&server] {
+            for (int number = 0; number < 10; ++number) {
+                Client client(Limits(2));
+                ExpectAnswer(client.send(PostOf(server.Url())), "{}");
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+/* --- the program ------------------------------------------------------------------------------- */
+
+class ClientProgram : public test::NginxTest
+{
+};
+
+TEST_F(ClientProgram, ReturnsFromMainWithTlsInFlight)
+{
+    for (int number = 0; number < 20; ++number) {
+        const std::string place = number % 2 == 0 ? "local" : "static";
+        const test::Finished run =
+            test::RunProgram({{CLIENT_EXIT_PROGRAM, place, nginx.Https("/late"), std::to_string(number * 4)}});
+        EXPECT_EQ(run.status, 0) << place << " " << number << ": " << run.errors;
+        EXPECT_EQ(run.output, "returns\n");
+    }
+}
+
+} // namespace
