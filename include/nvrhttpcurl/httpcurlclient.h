@@ -141,7 +141,7 @@ void NvrHttpCurlCltUninit(HNvrHttpCurlCltInst hInstance);
 /*
  * Creates a request.
  *
- * phReq: receives the request; written on success only. The caller destroys it.
+ * phReq: receives the request, a block of pfMalloc; written on success only. The caller destroys it.
  * Returns 0; 4 for an address that is no instance, an instance not in use or a null
  * phReq; 5 memory; 1 if libcurl gave no easy handle.
  */

@@ -32,6 +32,7 @@ using test::Response;
 using test::ScriptedServer;
 
 std::atomic<size_t> submissions{0};
+std::atomic<size_t> refusals{0};
 
 /* Clocks may differ by a millisecond. */
 void ExpectInTime(const Response &answer, milliseconds timeout)
@@ -193,6 +194,24 @@ TEST_F(ClientDeadline, OnlyWorkersWithRequestsBeat)
     EXPECT_EQ(client.outstanding(), 1U);
 }
 
+/* While the worker is held up its heartbeat waits in its queue: the engine must not get it a second time. */
+TEST_F(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
+{
+    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer silent(test::SILENT);
+    Client client(Limits(1));
+    std::future<Response> late = client.send_async(Limited(silent.Url(), milliseconds(600)));
+    std::promise<size_t> passed;
+    client.send_async(Limited(server.Url(), milliseconds(60000)), [&passed](const Response &) {
+        const size_t before = submissions.load();
+        std::this_thread::sleep_for(milliseconds(200));
+        passed.set_value(submissions.load() - before);
+    });
+    EXPECT_LE(passed.get_future().get(), 1U);
+    ExpectFailure(Await(std::move(late)), Error::timed_out);
+    EXPECT_EQ(refusals.load(), 0U);
+}
+
 } // namespace
 
 /* Counts what the client submits, its heartbeats too, and passes it on. */
@@ -203,5 +222,7 @@ extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, 
     static const auto next =
         reinterpret_cast<decltype(NvrHttpCurlCltProcessReq) *>(dlsym(RTLD_NEXT, "NvrHttpCurlCltProcessReq"));
     submissions.fetch_add(1);
-    return next(hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
+    const ENvrHttpCurlCltRet result = next(hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
+    refusals.fetch_add(result == NVRHTTPCURLCLT_OK ? 0 : 1);
+    return result;
 }
