@@ -10,6 +10,7 @@ int main(int argc, char **argv)
     const std::string url = argc > 1 ? argv[1] : "http://127.0.0.1:8080/";
     nvrhttpcurl::Client client;
     std::vector<std::future<nvrhttpcurl::Response>> answers;
+    answers.reserve(100);
     for (int number = 0; number < 100; ++number) {
         answers.push_back(client.post_async(url, "{\"number\":" + std::to_string(number) + "}"));
     }

@@ -26,7 +26,6 @@
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -385,9 +384,11 @@ class Client
     explicit Client(const Options &options = Options())
         : m_options(detail::checked(options)), m_workers(options.workers)
     {
-        if (const char *problem = start()) {
+        try {
+            start();
+        } catch (...) {
             stop();
-            throw std::runtime_error(std::string("nvrhttpcurl::Client: ") + problem);
+            throw;
         }
     }
 
@@ -571,41 +572,36 @@ class Client
         m_wake.notify_one();
     }
 
-    /* Null, or what failed. The first beats show that they work, and make libcurl set itself up on one thread. */
-    const char *start()
+    /* The first beats show that they work, and make libcurl set itself up before threads race to do so. */
+    void start()
     {
         std::unique_lock<std::mutex> lock(m_beat_lock);
         for (detail::Worker &worker : m_workers) {
-            if (const char *problem = start_worker(worker)) {
-                return problem;
-            }
+            start_worker(worker);
         }
         if (!m_beaten.wait_for(lock, std::chrono::seconds(5), [this] { return m_beats == m_workers.size(); })) {
-            return "failed, libcurl cannot read file:///dev/null, which time-outs need";
+            throw std::runtime_error(
+                "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null that libcurl can read");
         }
-        try {
-            m_helper = std::thread(&Client::help, this);
-        } catch (const std::system_error &) {
-            return "failed, no thread could be created";
-        }
-        return nullptr;
+        m_helper = std::thread(&Client::help, this);
     }
 
-    const char *start_worker(detail::Worker &worker) noexcept
+    void start_worker(detail::Worker &worker)
     {
         static constexpr TNvrHttpCurlCltInitParam param = {1, NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS};
         static constexpr TNvrHttpCurlCltMemCB memory = {detail::obtain, detail::grow, detail::release};
         const std::lock_guard<std::mutex> lock(detail::instances_lock);
         const ENvrHttpCurlCltRet result = NvrHttpCurlCltInit(&param, &memory, &worker.instance);
         if (result != NVRHTTPCURLCLT_OK) {
-            return result == NVRHTTPCURLCLT_LIMIT_REACHED ? "limit reached, all 16 instances of the process are in use"
-                   : result == NVRHTTPCURLCLT_NO_MEMORY   ? "no memory"
-                                                          : "failed, no thread, loopback port or handle of libcurl";
+            throw std::runtime_error(result == NVRHTTPCURLCLT_LIMIT_REACHED
+                                         ? "nvrhttpcurl::Client: limit reached, 16 instances are in use"
+                                     : result == NVRHTTPCURLCLT_NO_MEMORY
+                                         ? "nvrhttpcurl::Client: no memory"
+                                         : "nvrhttpcurl::Client: failed, no thread, loopback port or libcurl handle");
         }
         worker.beat.client = this;
         worker.beat.worker = &worker;
         beat(worker);
-        return nullptr;
     }
 
     /*

@@ -131,6 +131,36 @@ TEST_F(ClientEnd, ChainsThatNeverEndAreCancelled)
     }
 }
 
+/* It could make another client, which would wait for the destructor, which would wait for the callback. */
+TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
+{
+    const ScriptedServer server(test::ECHOING);
+    ScriptedServer held(test::ECHOING_ON_RELEASE);
+    std::vector<Error> errors;
+    std::promise<void> entered;
+    const std::thread::id destroyer = std::this_thread::get_id();
+    {
+        Client client(Limits(2));
+        client.send_async(PostOf(held.Url()), [&](const Response &answer) {
+            errors.push_back(answer.error);
+            EXPECT_EQ(std::this_thread::get_id(), destroyer);
+        });
+        client.send_async(
+            PostOf(server.Url()),
+            [&](const Response &) { /* on the other worker */
+                                    entered.set_value();
+                                    EXPECT_TRUE(WaitUntil([&] {
+                                        std::future<Response> probe = client.send_async(PostOf(held.Url()));
+                                        return test::IsReady(probe) && probe.get().error == Error::cancelled;
+                                    }));
+                                    held.Release();
+                                    std::this_thread::sleep_for(milliseconds(200)); /* the answer comes */
+            });
+        entered.get_future().wait();
+    }
+    EXPECT_EQ(errors, std::vector<Error>{Error::cancelled});
+}
+
 TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
 {
     const ScriptedServer server(test::ECHOING);
@@ -148,6 +178,13 @@ TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
         entered.get_future().wait();
     }
     EXPECT_TRUE(isMade);
+}
+
+/* Its helper thread sleeps by then. */
+TEST_F(ClientEnd, AnIdleClientEnds)
+{
+    const Client client;
+    std::this_thread::sleep_for(milliseconds(100));
 }
 
 /* --- nothing is left --------------------------------------------------------------------------- */

@@ -39,9 +39,9 @@ TEST_F(ClientExamples, Chain)
 {
     const ScriptedServer server(test::ECHOING);
     ExpectRun(RunProgram({{EXAMPLE_CHAIN, server.Url()}}), 0,
-              "step 0: none, status 200\nstep 1: none, status 200\nstep 2: none, status 200\n"
-              "step 3: none, status 200\nstep 4: none, status 200\n");
-    EXPECT_EQ(server.Requests().at(4).body, "{\"step\":4}");
+              "step 1: none, status 200\nstep 2: none, status 200\nstep 3: none, status 200\n"
+              "step 4: none, status 200\nstep 5: none, status 200\n");
+    EXPECT_EQ(server.Requests().at(4).body, "{\"step\":5}");
 }
 
 TEST_F(ClientExamples, Get)

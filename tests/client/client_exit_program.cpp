@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <thread>
 
 #include "nvrhttpcurl/client.hpp"
@@ -28,7 +29,7 @@ void SendMany(nvrhttpcurl::Client &client, char **argv)
 } // namespace
 
 int main(int argc, char **argv)
-{
+try {
     if (argc != 4) {
         return 1;
     }
@@ -40,4 +41,7 @@ int main(int argc, char **argv)
     nvrhttpcurl::Client client;
     SendMany(client, argv);
     return 0;
+} catch (const std::exception &problem) {
+    fprintf(stderr, "%s\n", problem.what());
+    return 1;
 }

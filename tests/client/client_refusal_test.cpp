@@ -256,7 +256,7 @@ std::string ProblemOf(const Options &options)
 TEST_F(ClientRefusal, MoreInstancesThanTheProcessMayHave)
 {
     const Client most(Limits(14));
-    EXPECT_EQ(ProblemOf(Limits(3)), "nvrhttpcurl::Client: limit reached, all 16 instances of the process are in use");
+    EXPECT_EQ(ProblemOf(Limits(3)), "nvrhttpcurl::Client: limit reached, 16 instances are in use");
     EXPECT_EQ(ProblemOf(Limits(2)), "") << "instances of the client that was not made were kept";
 }
 
@@ -267,7 +267,7 @@ std::atomic<Missing> missing{Missing::NOTHING};
 TEST_F(ClientRefusal, AnEngineThatCannotBeStarted)
 {
     missing = Missing::WAKE_UP_SOCKET;
-    EXPECT_EQ(ProblemOf(Limits(2)), "nvrhttpcurl::Client: failed, no thread, loopback port or handle of libcurl");
+    EXPECT_EQ(ProblemOf(Limits(2)), "nvrhttpcurl::Client: failed, no thread, loopback port or libcurl handle");
     missing = Missing::NOTHING;
     EXPECT_EQ(ProblemOf(Limits(2)), "");
 }
@@ -276,7 +276,7 @@ TEST_F(ClientRefusal, ALibcurlThatCannotBeat)
 {
     missing = Missing::FILE_PROTOCOL;
     EXPECT_EQ(ProblemOf(Limits(2)),
-              "nvrhttpcurl::Client: failed, libcurl cannot read file:///dev/null, which time-outs need");
+              "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null that libcurl can read");
     missing = Missing::NOTHING;
     EXPECT_EQ(ProblemOf(Limits(2)), "");
 }
