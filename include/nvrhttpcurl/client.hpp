@@ -497,7 +497,7 @@ class Client
         if (error != Error::none) {
             give_place(worker);
         } else if (m_asleep) {
-            wake_helper();
+            wake_beat_thread();
         }
         return error;
     }
@@ -527,7 +527,7 @@ class Client
     /*
      * Promise 1, in time: a worker drives its transfers when one of them has something to read or write, or when a
      * request is submitted to it. Timers of libcurl, the time-out of a silent server among them, wait for that. So
-     * while a worker has requests, the client's one helper thread submits a cheap one to it every 20 ms, the heartbeat;
+     * while a worker has requests, the client's one own thread submits a cheap one to it every 20 ms, the heartbeat;
      * the same one again, but never before its last callback. What fails for lack of memory is made anew with the next
      * beat.
      */
@@ -549,7 +549,7 @@ class Client
 
     /* With nothing outstanding it sleeps. It announces that before it reads the count, which submissions raise first.
      */
-    void help() noexcept
+    void keep_beating() noexcept
     {
         std::unique_lock<std::mutex> lock(m_beat_lock);
         while (!m_stopping) {
@@ -565,8 +565,8 @@ class Client
         }
     }
 
-    /* The lock: not between the helper's look and its sleep. */
-    void wake_helper() noexcept
+    /* The lock: not between that thread's look and its sleep. */
+    void wake_beat_thread() noexcept
     {
         const std::lock_guard<std::mutex> lock(m_beat_lock);
         m_wake.notify_one();
@@ -583,7 +583,7 @@ class Client
             throw std::runtime_error(
                 "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null that libcurl can read");
         }
-        m_helper = std::thread(&Client::help, this);
+        m_beat_thread = std::thread(&Client::keep_beating, this);
     }
 
     void start_worker(detail::Worker &worker)
@@ -605,16 +605,16 @@ class Client
     }
 
     /*
-     * First ends what could still submit: sends, the helper, callbacks in progress. Later ends of requests call nobody
-     * back, so that no other client waits for a callback of this one while its workers end.
+     * First ends what could still submit: sends, the beat thread, callbacks in progress. Later ends of requests call
+     * nobody back, so that no other client waits for a callback of this one while its workers end.
      */
     void stop() noexcept
     {
         m_stopping = true;
         std::unique_lock<std::shared_mutex>(m_gate).unlock();
-        wake_helper();
-        if (m_helper.joinable()) {
-            m_helper.join();
+        wake_beat_thread();
+        if (m_beat_thread.joinable()) {
+            m_beat_thread.join();
         }
         for (detail::Worker &worker : m_workers) {
             const std::lock_guard<std::mutex> callback_in_progress(worker.calling);
@@ -659,9 +659,9 @@ class Client
     std::mutex m_beat_lock;
     std::size_t m_beats = 0;           /* heartbeats that ended well, under m_beat_lock */
     std::condition_variable m_beaten;  /* for the constructor */
-    std::condition_variable m_wake;    /* for the helper */
-    std::atomic<bool> m_asleep{false}; /* the helper, or about to be */
-    std::thread m_helper;
+    std::condition_variable m_wake;    /* for the beat thread */
+    std::atomic<bool> m_asleep{false}; /* the beat thread, or about to be */
+    std::thread m_beat_thread;
 };
 
 } // namespace nvrhttpcurl

@@ -180,7 +180,7 @@ TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
     EXPECT_TRUE(isMade);
 }
 
-/* Its helper thread sleeps by then. */
+/* Its own thread sleeps by then. */
 TEST_F(ClientEnd, AnIdleClientEnds)
 {
     const Client client;
