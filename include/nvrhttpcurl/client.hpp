@@ -4,14 +4,19 @@
  *     nvrhttpcurl::Client client;
  *     nvrhttpcurl::Response answer = client.post("https://recorder.example/api", "{\"a\":1}");
  *
- * What it promises is described beside what keeps it; docs/client.md has the whole. Needs C++17, threads and the shared
- * library. Besides std::bad_alloc only the constructor throws.
+ * docs/client.md has its eight promises; each is described beside what keeps it. Needs C++17, POSIX sockets, threads
+ * and the shared library. Besides std::bad_alloc only the constructor throws.
  */
 #ifndef NVRHTTPCURL_CLIENT_HPP
 #define NVRHTTPCURL_CLIENT_HPP
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -19,7 +24,7 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
-#include <iterator>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -32,6 +37,7 @@
 
 #include "nvrhttpcurl/httpcurlclient.h"
 
+/* Named as the standard library is. NOLINTBEGIN(readability-identifier-naming) */
 NVRHTTPCURL_BEGIN_VISIBLE
 
 namespace nvrhttpcurl
@@ -63,7 +69,7 @@ inline const char *to_string(Error error) noexcept
 struct Response {
     Error error = Error::none;            /* none: an HTTP answer came, as far as libcurl can tell whole */
     int status = 0;                       /* HTTP status; 0 where no answer came */
-    std::string body;                     /* without headers; empty unless error is none */
+    std::string body = {};                /* without headers; empty unless error is none */
     std::chrono::milliseconds elapsed{0}; /* submission to completion */
 
     bool ok() const noexcept
@@ -73,12 +79,12 @@ struct Response {
 };
 
 struct Request {
-    std::string url; /* http:// or https://, in any case of letters */
-    std::string body;
-    std::string method = "POST";                              /* "POST", or "GET", whose body is not sent */
-    std::vector<std::pair<std::string, std::string>> headers; /* Content-Type: application/json unless given */
-    std::string user_and_password;                            /* "user:password"; empty: none */
-    std::chrono::milliseconds timeout{10000};                 /* for the whole exchange */
+    std::string url = {}; /* http:// or https://, in any case of letters */
+    std::string body = {};
+    std::string method = "POST";                                   /* "POST", or "GET", whose body is not sent */
+    std::vector<std::pair<std::string, std::string>> headers = {}; /* Content-Type: application/json unless given */
+    std::string user_and_password = {};                            /* "user:password"; empty: none */
+    std::chrono::milliseconds timeout{10000};                      /* for the whole exchange */
     std::chrono::milliseconds connect_timeout{5000};
     bool verify = true; /* check certificate and host name against libcurl's own bundle */
 };
@@ -97,45 +103,40 @@ namespace detail
 using Clock = std::chrono::steady_clock;
 using Header = std::pair<std::string, std::string>;
 
-/* The engine's limit is 1,024; the heartbeat takes one. */
-constexpr unsigned requests_per_worker = 1000;
-
 struct Worker;
 
-/* A request on its way, from its submission to its completion. */
+/* A request on its way. */
 struct Record {
     Client *client = nullptr;
     Worker *worker = nullptr;
-    HNvrHttpCurlCltReq request = nullptr;
     std::size_t max_answer = 0;
     Error lost = Error::none; /* why memory was refused */
     Clock::time_point start{};
-    std::function<void(Response)> callback{};
-    Record *next = nullptr;
+    std::function<void(Response)> callback = {};
 };
+
+using Records = std::list<Record>;
 
 struct Worker {
     HNvrHttpCurlCltInst instance = nullptr;
-    std::atomic<unsigned> outstanding{0};
-    std::mutex calling;          /* held during each completion */
-    Record *cancelled = nullptr; /* requests that were released without completion */
-    Record beat;                 /* the heartbeat, under the client's m_beat_lock */
-    bool beating = false;        /* likewise: submitted, and its callback not yet called */
+    std::mutex calling;             /* held during each completion */
+    Records outstanding;            /* this and the following under the client's m_lock */
+    Records heartbeat = Records(1); /* the record of its heartbeats */
+    bool beating = false;           /* one is submitted, and its callback not yet called */
 };
 
 /* Promise 8: only one thread of the process may be in the engine's Init or Uninit. */
 inline std::mutex instances_lock;
 
 /*
- * The engine's memory. Its callbacks have no context, so each block begins with the record of the request for which it
- * was obtained: the one that the thread is preparing, or none. A request's handle is such a block; its completion
- * finds the record without a table and without a lock.
+ * The engine's memory. Its callbacks have no context, so each block begins with the record of the request that the
+ * thread was preparing, if any. A handle is such a block: a completion finds its record without a table and a lock.
  */
 struct alignas(std::max_align_t) Block {
-    Record *record;
+    Records::iterator record;
 };
 
-inline thread_local Record *preparing = nullptr;
+inline thread_local const Records::iterator *preparing = nullptr;
 
 inline Block *block_of(void *data) noexcept
 {
@@ -144,45 +145,26 @@ inline Block *block_of(void *data) noexcept
 
 inline void *obtain(std::size_t size) noexcept
 {
-    Block *block = static_cast<Block *>(std::malloc(sizeof(Block) + size));
-    if (block == nullptr) {
-        return nullptr;
-    }
-    block->record = preparing;
-    return block + 1;
+    void *block = std::malloc(sizeof(Block) + size);
+    return block == nullptr ? nullptr : new (block) Block{preparing != nullptr ? *preparing : Records::iterator()} + 1;
 }
 
 /*
  * Only answers grow, each to its length and a terminator. Promise 2: one that is longer than the limit gets no memory,
- * which ends its transfer. The engine then forgets the old block, so it is released here.
+ * which ends its transfer. The engine then forgets the old block: hence the free.
  */
 inline void *grow(void *data, std::size_t size) noexcept
 {
     Block *old = block_of(data);
-    Record *record = old->record;
-    const bool fits = size - 1 <= record->max_answer;
-    Block *block = fits ? static_cast<Block *>(std::realloc(old, sizeof(Block) + size)) : nullptr;
+    Record &record = *old->record;
+    const bool fits = size - 1 <= record.max_answer;
+    void *block = fits ? std::realloc(static_cast<void *>(old), sizeof(Block) + size) : nullptr;
     if (block == nullptr) {
-        record->lost = fits ? Error::no_memory : Error::answer_too_long;
+        record.lost = fits ? Error::no_memory : Error::answer_too_long;
         std::free(old);
         return nullptr;
     }
-    return block + 1;
-}
-
-/*
- * Promise 7: a handle that is released while its record still names it ends without completion, for the client is being
- * destroyed. The destructor completes it: the worker's thread, or the one that has waited for its end, leaves it there.
- */
-inline void release(void *data) noexcept
-{
-    Block *block = block_of(data);
-    Record *record = block->record;
-    if (record != nullptr && record->request == data) {
-        record->request = nullptr;
-        record->next = std::exchange(record->worker->cancelled, record);
-    }
-    std::free(block);
+    return static_cast<Block *>(block) + 1;
 }
 
 inline Error error_of(ENvrHttpCurlCltRet result) noexcept
@@ -205,10 +187,9 @@ inline std::string in_capitals(std::string text)
 }
 
 /*
- * Promise 3. The engine checks no certificate where the URL contains "https" in small letters, wherever that is. So
- * with "verify" scheme and host are spelled in capitals, and behind them one letter of the word is percent-encoded; a
- * host in brackets stays, since its zone may be a name. Without "verify" the scheme is spelled in small letters. False
- * for what cannot be spelled, or is no such URL.
+ * Promise 3. The engine checks no certificate where the URL contains "https" in small letters, anywhere. So with
+ * "verify" scheme and host are spelled in capitals and the word's last letter behind them as "%73"; a host in brackets
+ * stays, since its zone may be a name. False for what cannot be spelled, or is no such URL.
  */
 inline bool spell_url(std::string &url, bool verify)
 {
@@ -220,7 +201,7 @@ inline bool spell_url(std::string &url, bool verify)
     }
     const std::size_t begin = colon + 3;
     const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
-    const std::size_t host = begin + url.substr(begin, end - begin).rfind('@') + 1; /* begin where there is no '@' */
+    const std::size_t host = begin + url.substr(begin, end - begin).rfind('@') + 1; /* begin without an '@' */
     if (host == end || url.substr(begin, host - begin).find(word) != std::string::npos) {
         return false;
     }
@@ -228,128 +209,112 @@ inline bool spell_url(std::string &url, bool verify)
         url.replace(0, colon, scheme == "HTTP" ? "http" : word);
         return true;
     }
-    url.replace(0, colon, scheme);
-    if (url[host] != '[') {
-        url.replace(host, end - host, in_capitals(url.substr(host, end - host)));
+    const std::string authority = url.substr(host, end - host);
+    std::string spelled = scheme + url.substr(colon, host - colon);
+    spelled += authority[0] == '[' ? authority : in_capitals(authority);
+    for (const char letter : url.substr(end)) {
+        const std::size_t before = spelled.size() - (word.size() - 1);
+        const bool ends_word = letter == 's' && spelled.compare(before, std::string::npos, "http") == 0;
+        spelled += ends_word ? "%73" : std::string(1, letter);
     }
-    for (std::size_t at = end; (at = url.find(word, at)) != std::string::npos;) {
-        url.replace(at, word.size(), "http%73");
-    }
+    url = std::move(spelled);
     return url.find(word) == std::string::npos;
 }
 
-inline bool is_blank_or_control(char c) noexcept
+inline bool has_blank_or_control(const std::string &text) noexcept
 {
-    return static_cast<unsigned char>(c) <= ' ' || c == '\x7f';
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7f'; });
+}
+
+inline bool has_line_end(const std::string &text) noexcept
+{
+    return text.find_first_of("\r\n\0", 0, 3) != std::string::npos;
 }
 
 /* The engine cuts lines after 127 characters; libcurl drops one without value and takes one with a line end for two. */
 inline bool is_valid_header(const Header &header)
 {
-    static const std::string line_ends("\r\n\0", 3);
     const auto &[name, value] = header;
-    return !name.empty() && name.size() + 1 + value.size() <= 127 && name.find(':') == std::string::npos &&
-           std::none_of(name.begin(), name.end(), is_blank_or_control) &&
-           value.find_first_of(line_ends) == std::string::npos &&
-           !std::all_of(value.begin(), value.end(), is_blank_or_control);
+    return !name.empty() && !has_blank_or_control(name) && name.find(':') == std::string::npos &&
+           value.find_first_not_of(" \t\v\f") != std::string::npos && !has_line_end(value) &&
+           name.size() + 1 + value.size() <= 127;
 }
 
 /*
  * Promise 4: what the engine or libcurl would cut, misread or pass on is refused before anything is sent. libcurl takes
- * texts of up to 8,000,000 characters; nobody would report that longer credentials are not sent.
+ * texts of up to 8,000,000 characters, and nobody would report that longer credentials are not sent; line ends in them
+ * would begin header lines. A request that is valid is made what the engine needs.
  */
-inline bool is_valid(const Request &request)
-{
-    constexpr std::chrono::milliseconds shortest{1};
-    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 24);
-    return std::none_of(request.url.begin(), request.url.end(), is_blank_or_control) && request.url.size() <= 8000000 &&
-           (request.method == "POST" || request.method == "GET") && request.body.size() <= UINT32_MAX &&
-           std::all_of(request.headers.begin(), request.headers.end(), is_valid_header) &&
-           request.user_and_password.size() <= 8000000 && request.user_and_password.find('\0') == std::string::npos &&
-           request.timeout >= shortest && request.timeout <= longest && request.connect_timeout >= shortest &&
-           request.connect_timeout <= longest;
-}
-
-/* Makes of a request what the engine needs; false if it is not valid. */
 inline bool prepare(Request &request)
 {
+    constexpr std::size_t longest_text = 8000000;
+    constexpr std::chrono::milliseconds shortest{1};
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 24);
     const auto is_type = [](const Header &header) { return in_capitals(header.first) == "CONTENT-TYPE"; };
     if (std::none_of(request.headers.begin(), request.headers.end(), is_type)) {
         request.headers.emplace_back("Content-Type", "application/json");
     }
-    return spell_url(request.url, request.verify) && is_valid(request);
+    return spell_url(request.url, request.verify) && !has_blank_or_control(request.url) &&
+           request.url.size() <= longest_text && (request.method == "POST" || request.method == "GET") &&
+           request.body.size() <= UINT32_MAX &&
+           std::all_of(request.headers.begin(), request.headers.end(), is_valid_header) &&
+           request.user_and_password.size() <= longest_text && !has_line_end(request.user_and_password) &&
+           std::min(request.timeout, request.connect_timeout) >= shortest &&
+           std::max(request.timeout, request.connect_timeout) <= longest;
 }
 
 /*
  * Braces keep the order: headers before the body, which passes them to libcurl, and the method behind it, for a GET
- * that is set before is sent as a POST. There is always a header: without any, the answer would begin with its own
- * headers.
+ * that is set before is sent as a POST. Without any header the answer would begin with its own headers.
  */
 inline ENvrHttpCurlCltRet set_up(HNvrHttpCurlCltReq handle, const Request &request)
 {
-    const bool is_post = request.method == "POST";
+    const std::size_t length = request.method == "POST" ? request.body.size() : 0;
     for (const Header &header : request.headers) {
         NvrHttpCurlCltSetReqHeader(handle, header.first.c_str(), header.second.c_str());
     }
     return std::max({NvrHttpCurlCltSetReqUri(handle, request.url.c_str()),
                      NvrHttpCurlCltSetAuthType(handle, request.user_and_password.empty() ? 0 : 1,
                                                request.user_and_password.c_str()),
-                     NvrHttpCurlCltSetReqBody(handle, request.body.data(),
-                                              is_post ? static_cast<std::uint32_t>(request.body.size()) : 0),
+                     NvrHttpCurlCltSetReqBody(handle, request.body.data(), static_cast<std::uint32_t>(length)),
                      NvrHttpCurlCltSetReqMethod(handle, request.method.c_str())});
 }
 
-/* Destroys the record's request, if it has one; it no longer counts as one that ends without completion. */
-inline void drop(Record &record) noexcept
+/* After success the record may be gone. The callback's pointer would also get an unbounded copy of the answer: null. */
+inline Error submit(Records::iterator record, const Request &request, PFNvrHttpCurlCltNtf on_end) noexcept
 {
-    if (HNvrHttpCurlCltReq handle = std::exchange(record.request, nullptr)) {
-        NvrHttpCurlCltReqDestroy(handle);
-    }
-}
-
-/*
- * Makes the record's request where there is none, and submits it; after success the record may be gone. The pointer
- * for the callback would also be the target of an unbounded copy of the answer, hence null.
- */
-inline Error submit(Record &record, const Request &request, PFNvrHttpCurlCltNtf on_end) noexcept
-{
-    ENvrHttpCurlCltRet result = NVRHTTPCURLCLT_OK;
-    if (record.request == nullptr) {
-        preparing = &record;
-        result = NvrHttpCurlCltReqCreat(record.worker->instance, &record.request);
-        result = result == NVRHTTPCURLCLT_OK ? set_up(record.request, request) : result;
-        preparing = nullptr;
-    }
+    HNvrHttpCurlCltReq handle = nullptr;
+    preparing = &record;
+    ENvrHttpCurlCltRet result = NvrHttpCurlCltReqCreat(record->worker->instance, &handle);
+    result = result == NVRHTTPCURLCLT_OK ? set_up(handle, request) : result;
+    preparing = nullptr;
     if (result == NVRHTTPCURLCLT_OK) {
-        result = NvrHttpCurlCltProcessReq(record.request, static_cast<std::uint32_t>(request.timeout.count()),
+        result = NvrHttpCurlCltProcessReq(handle, static_cast<std::uint32_t>(request.timeout.count()),
                                           static_cast<std::uint32_t>(request.connect_timeout.count()),
                                           NVRHTTPCURLCLT_MODE_ASYNC, on_end, nullptr);
     }
-    if (result != NVRHTTPCURLCLT_OK) {
-        drop(record);
+    if (result != NVRHTTPCURLCLT_OK && handle != nullptr) {
+        NvrHttpCurlCltReqDestroy(handle);
     }
     return error_of(result);
 }
 
 /* Promise 2: a string of the answer's own length; the engine writes a terminator behind it, hence the byte more. */
-inline Response read_answer(const Record &record, ENvrHttpCurlCltReqProgress progress, ENvrHttpCurlCltRet result)
+inline Response read_answer(HNvrHttpCurlCltReq handle, Error error)
 {
-    Response answer;
-    NvrHttpCurlCltGetRespStatCode(record.request, &answer.status);
-    answer.error = record.lost != Error::none ? record.lost : error_of(result);
-    if (answer.error != Error::none) {
-        return answer;
-    }
+    Response answer{error};
+    NvrHttpCurlCltGetRespStatCode(handle, &answer.status);
     std::uint32_t length = 0;
-    if (progress != NVRHTTPCURLCLT_PROGRESS_FINISHED ||
-        NvrHttpCurlCltGetRespBodyLen(record.request, &length) != NVRHTTPCURLCLT_OK) {
-        answer.error = Error::transfer_failed;
-        return answer;
+    if (error == Error::none) {
+        answer.error = error_of(NvrHttpCurlCltGetRespBodyLen(handle, &length));
     }
     try {
-        answer.body.resize(std::size_t{length} + 1);
-        NvrHttpCurlCltGetRespBody(record.request, answer.body.data(), &++length);
-        answer.body.pop_back();
+        if (answer.error == Error::none) {
+            answer.body.resize(std::size_t{length} + 1);
+            NvrHttpCurlCltGetRespBody(handle, answer.body.data(), &++length);
+            answer.body.pop_back();
+        }
     } catch (const std::bad_alloc &) {
         answer.error = Error::no_memory;
     }
@@ -363,17 +328,6 @@ inline void complete(const Record &record, Response answer) noexcept
     record.callback(std::move(answer));
 }
 
-inline const Options &checked(const Options &options)
-{
-    if (options.workers < 1 || options.workers > NVRHTTPCURLCLT_MAX_INSTANCES || options.max_requests < 1 ||
-        options.max_requests > options.workers * requests_per_worker || options.max_answer < 1 ||
-        options.max_answer > std::size_t{1} << 30) {
-        throw std::invalid_argument("nvrhttpcurl::Options: workers are 1 to 16, max_requests 1 to 1,000 for each of "
-                                    "them, max_answer 1 byte to 1 GiB");
-    }
-    return options;
-}
-
 } // namespace detail
 
 /* Promise 8: all members but the destructor may be called from any thread. */
@@ -381,8 +335,7 @@ class Client
 {
   public:
     /* Throws std::invalid_argument for options out of range, std::runtime_error where the engine cannot be started. */
-    explicit Client(const Options &options = Options())
-        : m_options(detail::checked(options)), m_workers(options.workers)
+    explicit Client(const Options &options = Options()) : m_options(options)
     {
         try {
             start();
@@ -392,10 +345,7 @@ class Client
         }
     }
 
-    /*
-     * Promise 7: stops the workers, about 50 ms for each, plus callbacks and name lookups in progress; then completes
-     * what was outstanding with "cancelled", on its own thread.
-     */
+    /* Promise 7: about 50 ms for each worker, plus callbacks and name lookups in progress. */
     ~Client()
     {
         stop();
@@ -427,245 +377,280 @@ class Client
         if (!callback) {
             return;
         }
-        auto record = std::make_unique<detail::Record>();
-        record->client = this;
-        record->max_answer = m_options.max_answer;
-        record->start = detail::Clock::now();
-        record->callback = std::move(callback);
-        Response refusal;
-        refusal.error = detail::prepare(request) ? submit(*record, request) : Error::invalid_argument;
-        if (refusal.error == Error::none) {
-            static_cast<void>(record.release()); /* its completion deletes it, or has */
-        } else {
-            detail::complete(*record, std::move(refusal));
+        Records record;
+        record.push_back({this, nullptr, m_options.max_answer, Error::none, detail::Clock::now(), std::move(callback)});
+        const Error error = detail::prepare(request) ? submit(record, request) : Error::invalid_argument;
+        if (error != Error::none) {
+            detail::complete(record.front(), {error});
         }
     }
 
     Response post(std::string url, std::string json)
     {
-        return post_async(std::move(url), std::move(json)).get();
+        return send({std::move(url), std::move(json)});
     }
 
     std::future<Response> post_async(std::string url, std::string json)
     {
-        Request request;
-        request.url = std::move(url);
-        request.body = std::move(json);
-        return send_async(std::move(request));
+        return send_async({std::move(url), std::move(json)});
     }
 
     std::size_t outstanding() const noexcept
     {
-        return m_outstanding.load();
+        return m_outstanding;
     }
 
   private:
-    /* Promise 5: a place with the worker that has the fewest requests; false if all are taken. */
-    bool take_place(detail::Record &record) noexcept
+    using Lock = std::unique_lock<std::mutex>;
+    using Records = detail::Records;
+    using Worker = detail::Worker;
+
+    /*
+     * Promise 5: a place with the worker that has the fewest requests; it never has more than 1,000, while the engine's
+     * limit is 1,024 and the heartbeat takes one.
+     */
+    Error take_place(Records &record) noexcept
     {
-        const std::lock_guard<std::mutex> lock(m_places);
-        if (m_outstanding >= m_options.max_requests) {
-            return false;
+        const Lock lock(m_lock);
+        if (m_stopping || m_outstanding >= m_options.max_requests) {
+            return m_stopping ? Error::cancelled : Error::limit_reached;
         }
-        record.worker = &*std::min_element(m_workers.begin(), m_workers.end(), [](const auto &a, const auto &b) {
-            return a.outstanding.load() < b.outstanding.load();
+        Worker &worker = *std::min_element(m_workers.begin(), m_workers.end(), [](const Worker &a, const Worker &b) {
+            return a.outstanding.size() < b.outstanding.size();
         });
-        ++record.worker->outstanding;
-        ++m_outstanding;
-        return true;
+        record.front().worker = &worker;
+        worker.outstanding.splice(worker.outstanding.end(), record);
+        if (++m_outstanding == 1) {
+            m_wake.notify_one();
+        }
+        return Error::none;
     }
 
-    /* The worker's count is the first to be lowered: while the client has a place, one of its workers has one. */
-    void give_place(detail::Worker &worker) noexcept
+    /* Promise 1: from here on the record is the caller's, who completes it. */
+    Records give_place(Records::iterator record) noexcept
     {
-        --worker.outstanding;
+        Records owner;
+        const Lock lock(m_lock);
+        owner.splice(owner.end(), record->worker->outstanding, record);
         --m_outstanding;
+        return owner;
     }
 
-    /* The gate keeps the destructor from ending a worker to which a callback of another one is submitting. */
-    Error submit(detail::Record &record, const Request &request) noexcept
+    /* The gate keeps the destructor from ending a worker to which another thread is submitting. */
+    Error submit(Records &record, const Request &request) noexcept
     {
         const std::shared_lock<std::shared_mutex> gate(m_gate);
-        if (m_stopping) {
-            return Error::cancelled;
-        }
-        if (!take_place(record)) {
-            return Error::limit_reached;
-        }
-        detail::Worker &worker = *record.worker;
-        const Error error = detail::submit(record, request, on_end);
-        if (error != Error::none) {
-            give_place(worker);
-        } else if (m_asleep) {
-            wake_beat_thread();
+        const Records::iterator place = record.begin();
+        Error error = take_place(record);
+        if (error == Error::none) {
+            error = detail::submit(place, request, on_end);
+            if (error != Error::none) {
+                record = give_place(place);
+            }
         }
         return error;
     }
 
     /*
      * Promise 1: called exactly once for each request that the engine has accepted. Promise 6: the request is gone and
-     * its place free before the callback starts. While the client is being destroyed, "release" keeps the record.
+     * its place free before the callback starts. Promise 7: once the client is stopping, the destructor completes it.
      */
-    static std::uint32_t on_end(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress progress,
-                                ENvrHttpCurlCltRet result, void *) noexcept
+    static std::uint32_t on_end(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet result,
+                                void *) noexcept
     {
-        detail::Record *record = detail::block_of(handle)->record;
-        detail::Worker &worker = *record->worker;
-        const std::lock_guard<std::mutex> calling(worker.calling);
+        const Records::iterator record = detail::block_of(handle)->record;
+        const Lock calling(record->worker->calling);
         if (record->client->m_stopping) {
-            NvrHttpCurlCltReqDestroy(handle);
             return 0;
         }
-        const std::unique_ptr<detail::Record> owner(record);
-        Response answer = detail::read_answer(*record, progress, result);
-        detail::drop(*record);
-        record->client->give_place(worker);
+        const Error error = record->lost != Error::none ? record->lost : detail::error_of(result);
+        Response answer = detail::read_answer(handle, error);
+        NvrHttpCurlCltReqDestroy(handle);
+        const Records owner = record->client->give_place(record);
         detail::complete(*record, std::move(answer));
         return 0;
     }
 
     /*
-     * Promise 1, in time: a worker drives its transfers when one of them has something to read or write, or when a
-     * request is submitted to it. Timers of libcurl, the time-out of a silent server among them, wait for that. So
-     * while a worker has requests, the client's one own thread submits a cheap one to it every 20 ms, the heartbeat;
-     * the same one again, but never before its last callback. What fails for lack of memory is made anew with the next
-     * beat.
+     * Promise 1, in time: a worker acts on libcurl's timers, the time-out of a silent server among them, only when a
+     * transfer has something to read or write or a request is submitted. So while it has requests, the client's one
+     * own thread submits a cheap one every 20 ms, the heartbeat, but not before the callback of the last.
      */
-    void beat(detail::Worker &worker) noexcept
+    void beat(Worker &worker) noexcept
     {
-        worker.beating = detail::submit(worker.beat, m_beat, on_beat) == Error::none;
+        if (!worker.beating && detail::submit(worker.heartbeat.begin(), m_beat, on_beat) == Error::none) {
+            worker.beating = true;
+            ++m_beating;
+        }
     }
 
-    static std::uint32_t on_beat(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress progress, ENvrHttpCurlCltRet,
+    static std::uint32_t on_beat(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet result,
                                  void *) noexcept
     {
-        const detail::Record &record = *detail::block_of(handle)->record;
-        const std::lock_guard<std::mutex> lock(record.client->m_beat_lock);
-        record.worker->beating = false;
-        record.client->m_beats += progress == NVRHTTPCURLCLT_PROGRESS_FINISHED ? 1 : 0;
-        record.client->m_beaten.notify_one();
+        const Records::iterator record = detail::block_of(handle)->record;
+        NvrHttpCurlCltReqDestroy(handle);
+        const Lock lock(record->client->m_lock);
+        record->worker->beating = false;
+        --record->client->m_beating;
+        record->client->m_has_beat = result == NVRHTTPCURLCLT_OK;
         return 0;
     }
 
-    /* With nothing outstanding it sleeps. It announces that before it reads the count, which submissions raise first.
-     */
+    /* With nothing outstanding it sleeps. */
     void keep_beating() noexcept
     {
-        std::unique_lock<std::mutex> lock(m_beat_lock);
+        Lock lock(m_lock);
         while (!m_stopping) {
-            m_asleep = true;
-            m_wake.wait(lock, [this] { return m_stopping || m_outstanding != 0; });
-            m_asleep = false;
+            m_wake.wait(lock, [this] { return m_stopping || m_outstanding + m_beating != 0; });
             m_wake.wait_for(lock, std::chrono::milliseconds(20), [this] { return m_stopping.load(); });
-            for (detail::Worker &worker : m_workers) {
-                if (worker.outstanding != 0 && !worker.beating) {
+            answer_beats();
+            for (Worker &worker : m_workers) {
+                if (!worker.outstanding.empty()) {
                     beat(worker);
                 }
             }
         }
     }
 
-    /* The lock: not between that thread's look and its sleep. */
-    void wake_beat_thread() noexcept
+    /*
+     * Heartbeats read /dev/null. A libcurl without the file protocol gets them over http, from a port of the client's
+     * own: one connection of each worker, and some more while those are replaced.
+     */
+    void listen()
     {
-        const std::lock_guard<std::mutex> lock(m_beat_lock);
-        m_wake.notify_one();
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr *name = reinterpret_cast<sockaddr *>(&address);
+        socklen_t length = sizeof(address);
+        m_sockets.reserve(1 + 4 * m_workers.size());
+        m_sockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (bind(m_sockets[0], name, length) == 0 && ::listen(m_sockets[0], SOMAXCONN) == 0 &&
+            getsockname(m_sockets[0], name, &length) == 0) {
+            m_beat.url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+        }
     }
 
-    /* The first beats show that they work, and make libcurl set itself up before threads race to do so. */
+    /* Each heartbeat is so short that it comes in one piece. Nothing is done where none goes over http. */
+    void answer_beats() noexcept
+    {
+        static constexpr char answer[] = "HTTP/1.1 204 No Content\r\n\r\n";
+        int fd = 0;
+        while (fd >= 0 && m_sockets.size() < m_sockets.capacity()) {
+            fd = accept4(m_sockets[0], nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            m_sockets.insert(m_sockets.end(), fd >= 0 ? 1 : 0, fd);
+        }
+        for (std::size_t i = m_sockets.size(); i-- > 1;) {
+            char request[1000];
+            const ssize_t length = recv(m_sockets[i], request, sizeof(request), 0);
+            if (length > 0) {
+                ::send(m_sockets[i], answer, sizeof(answer) - 1, MSG_NOSIGNAL);
+            } else if (length == 0 || errno != EAGAIN) {
+                close(m_sockets[i]);
+                m_sockets.erase(m_sockets.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+        }
+    }
+
+    /* Whether a heartbeat ends well within 5 s, and one over http at the client's own port, not at a proxy's. */
+    bool can_beat(Lock &lock) noexcept
+    {
+        beat(m_workers.front());
+        for (int waits = 0; m_beating != 0 && waits < 5000; ++waits) {
+            m_wake.wait_for(lock, std::chrono::milliseconds(1));
+            answer_beats();
+        }
+        return m_has_beat && m_sockets.size() != 1;
+    }
+
+    /* The first heartbeat also makes libcurl set itself up, before threads race to do so. */
     void start()
     {
-        std::unique_lock<std::mutex> lock(m_beat_lock);
-        for (detail::Worker &worker : m_workers) {
-            start_worker(worker);
+        if (m_options.workers < 1 || m_options.workers > NVRHTTPCURLCLT_MAX_INSTANCES || m_options.max_requests < 1 ||
+            m_options.max_requests > m_options.workers * 1000 || m_options.max_answer < 1 ||
+            m_options.max_answer > 1 << 30) {
+            throw std::invalid_argument("nvrhttpcurl::Options: workers are 1 to 16, max_requests 1 to 1,000 for each "
+                                        "of them, max_answer 1 byte to 1 GiB");
         }
-        if (!m_beaten.wait_for(lock, std::chrono::seconds(5), [this] { return m_beats == m_workers.size(); })) {
-            throw std::runtime_error(
-                "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null that libcurl can read");
+        m_workers = std::vector<Worker>(m_options.workers);
+        const Lock instances(detail::instances_lock);
+        Lock lock(m_lock);
+        std::for_each(m_workers.begin(), m_workers.end(), [this](Worker &worker) { start_worker(worker); });
+        if (!can_beat(lock)) {
+            listen();
+            if (!can_beat(lock)) {
+                throw std::runtime_error("nvrhttpcurl::Client: failed, time-outs need a file:///dev/null or a "
+                                         "http://127.0.0.1 that libcurl can read");
+            }
         }
         m_beat_thread = std::thread(&Client::keep_beating, this);
     }
 
-    void start_worker(detail::Worker &worker)
+    void start_worker(Worker &worker)
     {
         static constexpr TNvrHttpCurlCltInitParam param = {1, NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS};
-        static constexpr TNvrHttpCurlCltMemCB memory = {detail::obtain, detail::grow, detail::release};
-        const std::lock_guard<std::mutex> lock(detail::instances_lock);
+        static constexpr TNvrHttpCurlCltMemCB memory = {detail::obtain, detail::grow,
+                                                        [](void *data) { std::free(detail::block_of(data)); }};
+        worker.heartbeat.front().client = this;
+        worker.heartbeat.front().worker = &worker;
         const ENvrHttpCurlCltRet result = NvrHttpCurlCltInit(&param, &memory, &worker.instance);
         if (result != NVRHTTPCURLCLT_OK) {
-            throw std::runtime_error(result == NVRHTTPCURLCLT_LIMIT_REACHED
-                                         ? "nvrhttpcurl::Client: limit reached, 16 instances are in use"
-                                     : result == NVRHTTPCURLCLT_NO_MEMORY
-                                         ? "nvrhttpcurl::Client: no memory"
-                                         : "nvrhttpcurl::Client: failed, no thread, loopback port or libcurl handle");
+            throw std::runtime_error(std::string("nvrhttpcurl::Client: ") +
+                                     (result == NVRHTTPCURLCLT_LIMIT_REACHED ? "limit reached, 16 instances are in use"
+                                      : result == NVRHTTPCURLCLT_NO_MEMORY
+                                          ? "no memory"
+                                          : "failed, no thread, loopback port or libcurl handle"));
         }
-        worker.beat.client = this;
-        worker.beat.worker = &worker;
-        beat(worker);
     }
 
     /*
-     * First ends what could still submit: sends, the beat thread, callbacks in progress. Later ends of requests call
+     * Promise 7. First ends what could still submit: sends, the beat thread, callbacks in progress. Later ends call
      * nobody back, so that no other client waits for a callback of this one while its workers end.
      */
     void stop() noexcept
     {
+        Lock lock(m_lock);
         m_stopping = true;
+        lock.unlock();
+        m_wake.notify_one();
         std::unique_lock<std::shared_mutex>(m_gate).unlock();
-        wake_beat_thread();
         if (m_beat_thread.joinable()) {
             m_beat_thread.join();
         }
-        for (detail::Worker &worker : m_workers) {
-            const std::lock_guard<std::mutex> callback_in_progress(worker.calling);
+        for (Worker &worker : m_workers) {
+            const Lock callback_in_progress(worker.calling);
         }
-        for (detail::Worker &worker : m_workers) {
-            stop_worker(worker);
+        for (Worker &worker : m_workers) {
+            if (worker.instance != nullptr) {
+                const Lock instances(detail::instances_lock);
+                NvrHttpCurlCltUninit(worker.instance);
+            }
         }
-        for (detail::Worker &worker : m_workers) {
-            cancel_all(worker);
-        }
-    }
-
-    /* Uninit releases all requests of the worker. Nobody waits for its heartbeat. */
-    static void stop_worker(detail::Worker &worker) noexcept
-    {
-        if (worker.instance != nullptr) {
-            const std::lock_guard<std::mutex> lock(detail::instances_lock);
-            worker.beat.request = nullptr;
-            NvrHttpCurlCltUninit(worker.instance);
-        }
-    }
-
-    void cancel_all(detail::Worker &worker) noexcept
-    {
-        while (worker.cancelled != nullptr) {
-            const std::unique_ptr<detail::Record> record(worker.cancelled);
-            worker.cancelled = record->next;
-            give_place(worker);
-            Response answer;
-            answer.error = Error::cancelled;
-            detail::complete(*record, std::move(answer));
+        std::for_each(m_sockets.begin(), m_sockets.end(), close);
+        for (Worker &worker : m_workers) {
+            while (!worker.outstanding.empty()) {
+                detail::complete(give_place(worker.outstanding.begin()).front(), {Error::cancelled});
+            }
         }
     }
 
     const Options m_options;
-    const Request m_beat{"file:///dev/null", "", "GET", {{"Accept", "*/*"}}, ""};
-    std::vector<detail::Worker> m_workers;
-    std::mutex m_places;
-    std::atomic<std::size_t> m_outstanding{0}; /* raised under m_places */
-    std::atomic<bool> m_stopping{false};
+    Request m_beat{"file:///dev/null", "", "GET", {{"Accept", "*/*"}}};
+    std::vector<Worker> m_workers;
     std::shared_mutex m_gate; /* shared by submissions */
-    std::mutex m_beat_lock;
-    std::size_t m_beats = 0;           /* heartbeats that ended well, under m_beat_lock */
-    std::condition_variable m_beaten;  /* for the constructor */
-    std::condition_variable m_wake;    /* for the beat thread */
-    std::atomic<bool> m_asleep{false}; /* the beat thread, or about to be */
+    std::mutex m_lock;        /* for what follows; what is atomic is read without it, too */
+    std::atomic<std::size_t> m_outstanding{0};
+    std::atomic<bool> m_stopping{false};
+    std::size_t m_beating = 0; /* workers whose heartbeat is under way */
+    bool m_has_beat = false;   /* the last heartbeat ended well */
+    std::condition_variable m_wake;
+    std::vector<int> m_sockets; /* for heartbeats over http: the port's and its connections' */
     std::thread m_beat_thread;
 };
 
 } // namespace nvrhttpcurl
 
 NVRHTTPCURL_END_VISIBLE
+/* NOLINTEND(readability-identifier-naming) */
 
 #endif

@@ -7,7 +7,6 @@
 
 #include "client_fixture.h"
 #include "nginx_server.h"
-#include "nvrhttpcurl/sendbycurl.h"
 
 namespace
 {
@@ -215,22 +214,6 @@ TEST_F(ClientAnswerLength, WrongCredentialsAreAnAnswer)
     EXPECT_EQ(answer.error, Error::none);
     EXPECT_EQ(answer.status, 401);
     EXPECT_FALSE(answer.ok());
-}
-
-/* --- the log ------------------------------------------------------------------------------------- */
-
-/* The heartbeats of this request write some twenty lines each, none of them an error. */
-TEST_F(ClientAnswer, TheClientsOwnRequestsLogNoError)
-{
-    const ScriptedServer server({test::When::REQUEST, {test::Pause(milliseconds(400)), test::Echo()}});
-    const test::ClosedPort closed;
-    Client client; /* before the log: ports of the wake-up range may be taken */
-    ASSERT_EQ(SendByCurlLogInit(), 0U);
-    const auto errorsOf = [](const std::function<void()> &action) {
-        return test::Has(test::StandardOutputOf(action), "[Error]");
-    };
-    EXPECT_FALSE(errorsOf([&] { ExpectAnswer(client.post(server.Url(), "{}"), "{}"); }));
-    EXPECT_TRUE(errorsOf([&] { ExpectFailure(client.post(closed.Url(), "{}"), Error::connect_failed); }));
 }
 
 } // namespace

@@ -1,11 +1,14 @@
 /*
- * Requests end in time, with nothing else going on that would drive their worker.
+ * Requests end in time, with nothing else going on that would drive their worker. Each case runs with a libcurl that
+ * has the file protocol and with one that does not.
  *
  * Measured loosely, since the machine may be busy: without the heartbeat they would never end. With
  * NVRHTTP_STRICT_TIMES set, as on a quiet machine, each has to end within its time-out and 100 ms.
  */
 #include <arpa/inet.h>
+#include <curl/curl.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,6 +19,7 @@
 
 #include "client_fixture.h"
 #include "nginx_server.h"
+#include "nvrhttpcurl/sendbycurl.h"
 
 namespace
 {
@@ -33,6 +37,7 @@ using test::ScriptedServer;
 
 std::atomic<size_t> submissions{0};
 std::atomic<size_t> refusals{0};
+std::atomic<bool> hasFileProtocol{true};
 
 /* Clocks may differ by a millisecond. */
 void ExpectInTime(const Response &answer, milliseconds timeout)
@@ -49,9 +54,19 @@ nvrhttpcurl::Request Limited(const std::string &url, milliseconds timeout)
     return request;
 }
 
-using ClientDeadline = test::ClientTest;
+class ClientDeadline : public test::ClientTest, public testing::WithParamInterface<bool>
+{
+  protected:
+    ClientDeadline()
+    {
+        hasFileProtocol = GetParam();
+    }
+};
 
-TEST_F(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
+INSTANTIATE_TEST_SUITE_P(Cases, ClientDeadline, testing::Bool(),
+                         [](const auto &has) { return has.param ? "WithFileProtocol" : "Without"; });
+
+TEST_P(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
 {
     const ScriptedServer server(test::SILENT);
     Client client(Limits(1));
@@ -62,7 +77,7 @@ TEST_F(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
     }
 }
 
-TEST_F(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
+TEST_P(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
 {
     const ScriptedServer server(
         {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::HOLD}});
@@ -72,7 +87,7 @@ TEST_F(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
     ExpectInTime(answer, milliseconds(300));
 }
 
-TEST_F(ClientDeadline, SoIsOneThatSendsAllTheTime)
+TEST_P(ClientDeadline, SoIsOneThatSendsAllTheTime)
 {
     std::vector<test::Step> steps = {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")};
     for (size_t number = 0; number < 400; ++number) {
@@ -86,7 +101,7 @@ TEST_F(ClientDeadline, SoIsOneThatSendsAllTheTime)
     ExpectInTime(answer, milliseconds(300));
 }
 
-TEST_F(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout)
+TEST_P(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout)
 {
     const test::SilentAddress silent;
     Client client(Limits(1));
@@ -98,7 +113,7 @@ TEST_F(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout
 }
 
 /* Each worker has its own heartbeat, and each request its own end. */
-TEST_F(ClientDeadline, ManyEndEachAtItsOwnTime)
+TEST_P(ClientDeadline, ManyEndEachAtItsOwnTime)
 {
     const ScriptedServer server(test::SILENT);
     Client client(Limits(4));
@@ -160,7 +175,7 @@ class DeadIpv6
     std::vector<int> sockets;
 };
 
-TEST_F(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
+TEST_P(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 {
     const ScriptedServer server(test::ECHOING);
     const DeadIpv6 dead(server.Url(""));
@@ -174,7 +189,7 @@ TEST_F(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 
 /* --- the heartbeat ------------------------------------------------------------------------------- */
 
-TEST_F(ClientDeadline, OnlyWorkersWithRequestsBeat)
+TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
 {
     const ScriptedServer server(test::ECHOING_ON_RELEASE);
     Client client(Limits(4));
@@ -195,7 +210,7 @@ TEST_F(ClientDeadline, OnlyWorkersWithRequestsBeat)
 }
 
 /* While the worker is held up its heartbeat waits in its queue: the engine must not get it a second time. */
-TEST_F(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
+TEST_P(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
 {
     const ScriptedServer server(test::ECHOING);
     const ScriptedServer silent(test::SILENT);
@@ -212,7 +227,86 @@ TEST_F(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
     EXPECT_EQ(refusals.load(), 0U);
 }
 
+/* Some twenty lines each, none of them an error. */
+TEST_P(ClientDeadline, HeartbeatsLogNoError)
+{
+    const ScriptedServer server({test::When::REQUEST, {test::Pause(milliseconds(400)), test::Echo()}});
+    const test::ClosedPort closed;
+    Client client(Limits(2)); /* before the log: the one line of a missing protocol, ports that are taken */
+    ASSERT_EQ(SendByCurlLogInit(), 0U);
+    const auto errorsOf = [](const std::function<void()> &action) {
+        return test::Has(test::StandardErrorOf(action), "[Error]");
+    };
+    EXPECT_FALSE(errorsOf([&] { ExpectAnswer(client.send(PostOf(server.Url())), "{}"); }));
+    EXPECT_TRUE(errorsOf([&] { ExpectFailure(client.send(PostOf(closed.Url())), Error::connect_failed); }));
+}
+
+/* --- heartbeats over http ------------------------------------------------------------------------ */
+
+class ClientWithoutFile : public test::ClientTest
+{
+  protected:
+    ClientWithoutFile()
+    {
+        hasFileProtocol = false;
+    }
+};
+
+bool IsListening(int fd)
+{
+    int listening = 0;
+    socklen_t length = sizeof(listening);
+    return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
+}
+
+TEST_F(ClientWithoutFile, ThePortIsNotInheritedAndIsClosed)
+{
+    const std::set<int> before = test::OpenDescriptors();
+    {
+        Client client(Limits(2));
+        size_t ports = 0;
+        for (const int fd : test::OpenDescriptors()) {
+            if (before.count(fd) == 0 && IsListening(fd)) {
+                ++ports;
+                EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+            }
+        }
+        EXPECT_EQ(ports, 1U);
+        const ScriptedServer silent(test::SILENT);
+        ExpectFailure(client.send(Limited(silent.Url(), milliseconds(200))), Error::timed_out);
+    }
+    EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
+/* The client must not send its heartbeats to it. */
+TEST_F(ClientWithoutFile, AProxyInTheWayIsReportedByTheConstructor)
+{
+    const ScriptedServer proxy(test::Answering("", 204));
+    setenv("http_proxy", proxy.Url().c_str(), 1);
+    EXPECT_THROW(Client(Limits(1)), std::runtime_error);
+    EXPECT_EQ(proxy.RequestCount(), 1U);
+    setenv("no_proxy", "127.0.0.1", 1);
+    EXPECT_NO_THROW(Client(Limits(1)));
+    EXPECT_EQ(proxy.RequestCount(), 1U);
+    test::ClearProxies();
+}
+
 } // namespace
+
+/* A libcurl that is built without the file protocol refuses it in the same way. */
+extern "C" CURL *curl_easy_init(void)
+{
+    static const auto next = reinterpret_cast<decltype(curl_easy_init) *>(dlsym(RTLD_NEXT, "curl_easy_init"));
+    CURL *easy = next();
+    if (easy != nullptr && !hasFileProtocol) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+        /* Its successor takes texts, and is newer than the oldest libcurl that is supported. */
+        curl_easy_setopt(easy, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
+#pragma GCC diagnostic pop
+    }
+    return easy;
+}
 
 /* Counts what the client submits, its heartbeats too, and passes it on. */
 extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS,

@@ -134,6 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
         Header("BlankValue", "A", " \t "), Header("CrInValue", "A", "1\r2"), Header("LfInValue", "A", "1\n2"),
         Header("LineEndLast", "A", "1\r\n"), Header("NulInValue", "A", std::string("1\0", 2)),
         Header("LineTooLong", "A", LONGEST_LINE + "v"), Credentials("NulInCredentials", std::string("a:b\0c", 5)),
+        Credentials("LineEndInCredentials", "a\r\nX-Other: 1"), Credentials("LineFeedInCredentials", "a:b\n"),
         Credentials("CredentialsTooLong", "a:" + std::string(8000000, 'b')),
         Times("NoTime", milliseconds(0), milliseconds(1)), Times("LessThanNoTime", milliseconds(-1), milliseconds(1)),
         Times("TooMuchTime", LONGEST_TIME + milliseconds(1), milliseconds(1)),
@@ -161,8 +162,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Url("Query", "http://{SERVER}?https"), Url("Fragment", "http://{SERVER}/#https"),
                     Url("OtherBytes", "http://{SERVER}/\xc3\xa4"), Header("LongestLine", "A", LONGEST_LINE),
                     Header("BlanksAround", "A", " 1 "), Header("TabInValue", "A", "1\t2"),
-                    Header("SignsInName", "A_b-c;", "1"), Credentials("NoPassword", "user"),
-                    Times("LongestTimes", LONGEST_TIME, LONGEST_TIME)),
+                    Header("ControlInValue", "A", "\x01"), Header("SignsInName", "A_b-c;", "1"),
+                    Credentials("NoPassword", "user"), Times("LongestTimes", LONGEST_TIME, LONGEST_TIME)),
     [](const auto &change) { return change.param.name; });
 
 /* --- the callback -------------------------------------------------------------------------------- */
@@ -261,7 +262,7 @@ TEST_F(ClientRefusal, MoreInstancesThanTheProcessMayHave)
 }
 
 /* What the program does not have while this is set. */
-enum class Missing { NOTHING, FILE_PROTOCOL, WAKE_UP_SOCKET };
+enum class Missing { NOTHING, PROTOCOLS, WAKE_UP_SOCKET };
 std::atomic<Missing> missing{Missing::NOTHING};
 
 TEST_F(ClientRefusal, AnEngineThatCannotBeStarted)
@@ -274,9 +275,10 @@ TEST_F(ClientRefusal, AnEngineThatCannotBeStarted)
 
 TEST_F(ClientRefusal, ALibcurlThatCannotBeat)
 {
-    missing = Missing::FILE_PROTOCOL;
+    missing = Missing::PROTOCOLS;
     EXPECT_EQ(ProblemOf(Limits(2)),
-              "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null that libcurl can read");
+              "nvrhttpcurl::Client: failed, time-outs need a file:///dev/null or a http://127.0.0.1 that libcurl can "
+              "read");
     missing = Missing::NOTHING;
     EXPECT_EQ(ProblemOf(Limits(2)), "");
 }
@@ -324,7 +326,7 @@ template <typename Function> Function *Next(const char *name)
 
 extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltSetReqUri(HNvrHttpCurlCltReq hReq, const char *szUri)
 {
-    const char *sent = missing == Missing::FILE_PROTOCOL ? "nothing:///" : szUri;
+    const char *sent = missing == Missing::PROTOCOLS ? "nothing:///" : szUri;
     return Next<decltype(NvrHttpCurlCltSetReqUri)>("NvrHttpCurlCltSetReqUri")(hReq, sent);
 }
 

@@ -130,6 +130,19 @@ TEST_F(ClientVerify, PlainHttpIsSentAsItIs)
     EXPECT_EQ(nginx.LastRequest(), "http /ready/https?https");
 }
 
+/* In a time that grows with the URL, not with its square. */
+TEST_F(ClientVerify, AUrlOfAMillionWordsIsSpelled)
+{
+    const test::ClosedPort closed;
+    std::string url = closed.Url("/", "https");
+    for (int word = 0; word < 1000000; ++word) {
+        url += "https";
+    }
+    const Response answer = client.send(PostOf(url));
+    ExpectFailure(answer, Error::connect_failed);
+    EXPECT_LT(answer.elapsed, test::PATIENCE);
+}
+
 /* A zone is the name of an interface, in which letters count; this one cannot be spelled. */
 TEST_F(ClientVerify, AZoneThatCannotBeSpelledIsRefused)
 {

@@ -81,17 +81,32 @@ void FeedStandardInput(const std::string &text)
     clearerr(stdin);
 }
 
-std::string StandardOutputOf(const std::function<void()> &action)
+namespace
+{
+
+std::string WrittenTo(int descriptor, const std::function<void()> &action)
 {
     const MemoryFile file;
-    fflush(stdout);
-    const int before = dup(STDOUT_FILENO);
-    dup2(file.Descriptor(), STDOUT_FILENO);
+    fflush(nullptr);
+    const int before = dup(descriptor);
+    dup2(file.Descriptor(), descriptor);
     action();
-    fflush(stdout);
-    dup2(before, STDOUT_FILENO);
+    fflush(nullptr);
+    dup2(before, descriptor);
     close(before);
     return file.Text();
+}
+
+} // namespace
+
+std::string StandardOutputOf(const std::function<void()> &action)
+{
+    return WrittenTo(STDOUT_FILENO, action);
+}
+
+std::string StandardErrorOf(const std::function<void()> &action)
+{
+    return WrittenTo(STDERR_FILENO, action);
 }
 
 } // namespace test

@@ -27,8 +27,9 @@ bool AllowDescriptors(size_t count);
 /* Standard input reads from this text from now on. */
 void FeedStandardInput(const std::string &text);
 
-/* Runs the action and returns what this process wrote to standard output meanwhile. */
+/* Run the action and return what this process wrote to standard output, or standard error, meanwhile. */
 std::string StandardOutputOf(const std::function<void()> &action);
+std::string StandardErrorOf(const std::function<void()> &action);
 
 } // namespace test
 
