@@ -103,6 +103,8 @@ namespace detail
 using Clock = std::chrono::steady_clock;
 using Header = std::pair<std::string, std::string>;
 
+constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 24);
+
 struct Worker;
 
 /* A request on its way. */
@@ -250,7 +252,6 @@ inline bool prepare(Request &request)
 {
     constexpr std::size_t longest_text = 8000000;
     constexpr std::chrono::milliseconds shortest{1};
-    constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 24);
     const auto is_type = [](const Header &header) { return in_capitals(header.first) == "CONTENT-TYPE"; };
     if (std::none_of(request.headers.begin(), request.headers.end(), is_type)) {
         request.headers.emplace_back("Content-Type", "application/json");
@@ -478,10 +479,7 @@ class Client
      */
     void beat(Worker &worker) noexcept
     {
-        if (!worker.beating && detail::submit(worker.heartbeat.begin(), m_beat, on_beat) == Error::none) {
-            worker.beating = true;
-            ++m_beating;
-        }
+        worker.beating = worker.beating || detail::submit(worker.heartbeat.begin(), m_beat, on_beat) == Error::none;
     }
 
     static std::uint32_t on_beat(HNvrHttpCurlCltReq handle, ENvrHttpCurlCltReqProgress, ENvrHttpCurlCltRet result,
@@ -491,7 +489,6 @@ class Client
         NvrHttpCurlCltReqDestroy(handle);
         const Lock lock(record->client->m_lock);
         record->worker->beating = false;
-        --record->client->m_beating;
         record->client->m_has_beat = result == NVRHTTPCURLCLT_OK;
         return 0;
     }
@@ -501,7 +498,7 @@ class Client
     {
         Lock lock(m_lock);
         while (!m_stopping) {
-            m_wake.wait(lock, [this] { return m_stopping || m_outstanding + m_beating != 0; });
+            m_wake.wait(lock, [this] { return m_stopping || m_outstanding != 0; });
             m_wake.wait_for(lock, std::chrono::milliseconds(20), [this] { return m_stopping.load(); });
             answer_beats();
             for (Worker &worker : m_workers) {
@@ -555,8 +552,9 @@ class Client
     /* Whether a heartbeat ends well within 5 s, and one over http at the client's own port, not at a proxy's. */
     bool can_beat(Lock &lock) noexcept
     {
-        beat(m_workers.front());
-        for (int waits = 0; m_beating != 0 && waits < 5000; ++waits) {
+        Worker &worker = m_workers.front();
+        beat(worker);
+        for (int waits = 0; worker.beating && waits < 5000; ++waits) {
             m_wake.wait_for(lock, std::chrono::milliseconds(1));
             answer_beats();
         }
@@ -575,7 +573,9 @@ class Client
         m_workers = std::vector<Worker>(m_options.workers);
         const Lock instances(detail::instances_lock);
         Lock lock(m_lock);
-        std::for_each(m_workers.begin(), m_workers.end(), [this](Worker &worker) { start_worker(worker); });
+        for (Worker &worker : m_workers) {
+            start_worker(worker);
+        }
         if (!can_beat(lock)) {
             listen();
             if (!can_beat(lock)) {
@@ -635,14 +635,13 @@ class Client
     }
 
     const Options m_options;
-    Request m_beat{"file:///dev/null", "", "GET", {{"Accept", "*/*"}}};
+    Request m_beat{"file:///dev/null", "", "GET", {{"Accept", "*/*"}}, "", detail::longest, detail::longest};
     std::vector<Worker> m_workers;
     std::shared_mutex m_gate; /* shared by submissions */
     std::mutex m_lock;        /* for what follows; what is atomic is read without it, too */
     std::atomic<std::size_t> m_outstanding{0};
     std::atomic<bool> m_stopping{false};
-    std::size_t m_beating = 0; /* workers whose heartbeat is under way */
-    bool m_has_beat = false;   /* the last heartbeat ended well */
+    bool m_has_beat = false; /* the last heartbeat ended well */
     std::condition_variable m_wake;
     std::vector<int> m_sockets; /* for heartbeats over http: the port's and its connections' */
     std::thread m_beat_thread;
