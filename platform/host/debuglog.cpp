@@ -4,9 +4,9 @@
  * The host has modules 0 to 255 and holds 4095 bytes in a line. At the start no level of a
  * module is switched on, neither console nor file takes a line, and a file's length is
  * 0x20000 bytes. The file is <name>.log, the previous one <name>.1.log, in the folder that
- * debuglog_place.h describes; several processes may write it. The console is standard error, so
- * that a program's standard output stays its own. A line begins with the prefix; in the file the
- * time follows.
+ * debuglog_place.h describes; several processes may write it. The console is standard error unless
+ * the program names another descriptor: its standard output stays its own. A line begins with the prefix; in the file
+ * the time follows.
  */
 #include "platform/debuglog.h"
 
@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "debuglog_file.h"
+#include "debuglog_host.h"
 
 namespace
 {
@@ -42,6 +43,8 @@ struct TModule {
 };
 
 std::mutex s_tLock; /* guards the modules */
+
+std::atomic<int> s_nConsole{STDERR_FILENO};
 
 /*
  * Created by the first call that names the module and never destroyed: tasks may still log
@@ -183,7 +186,7 @@ __attribute__((noinline, format(printf, 3, 0))) void PrintWanted(uint32_t dwModu
     if (nLen >= 0) { /* otherwise a text that the locale cannot convert */
         try {
             /* Without the lock: whoever reads the console may be slow. */
-            LogWriteAll(STDERR_FILENO, WriteToSinks(dwModule, dwLevel, LineText(achLine, nLen)));
+            LogWriteAll(s_nConsole, WriteToSinks(dwModule, dwLevel, LineText(achLine, nLen)));
         } catch (...) { /* no memory: the line is lost, the caller goes on */
         }
     }
@@ -282,4 +285,9 @@ void DebugLogPrint(uint32_t dwModule, uint32_t dwLevel, const char *szFormat, ..
     va_start(tArgs, szFormat);
     PrintWanted(dwModule, dwLevel, szFormat, tArgs);
     va_end(tArgs);
+}
+
+void HostDebugLogSetConsole(int nFd)
+{
+    s_nConsole = nFd;
 }

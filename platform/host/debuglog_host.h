@@ -17,6 +17,12 @@ NVRHTTPCURL_BEGIN_DECLS
  */
 uint32_t HostDebugLogPath(const char *szName, char *achPath, uint32_t dwSize);
 
+/*
+ * Lines for the console go to this open descriptor; at the start it is standard error. It is one for
+ * all modules.
+ */
+void HostDebugLogSetConsole(int nFd);
+
 NVRHTTPCURL_END_DECLS
 
 #endif

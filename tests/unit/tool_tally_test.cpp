@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fcntl.h>
+#include <map>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -38,7 +39,7 @@ class Tally : public testing::Test
     void End(uint32_t count)
     {
         while (count-- > 0) {
-            TallyEnd(tally, SENDBYCURL_OK, milliseconds(1));
+            TallyEnd(tally, SENDBYCURL_OK, milliseconds(1), 0);
         }
     }
 
@@ -120,9 +121,9 @@ TEST_F(Tally, NumberOfAnUnstartedPostComesAgain)
 TEST_F(Tally, SuccessesBringTheirTimes)
 {
     Begin(3, 3);
-    TallyEnd(tally, SENDBYCURL_OK, microseconds(1500));
-    TallyEnd(tally, SENDBYCURL_TIMED_OUT, microseconds(7000));
-    TallyEnd(tally, SENDBYCURL_OK, microseconds(250));
+    TallyEnd(tally, SENDBYCURL_OK, microseconds(1500), 0);
+    TallyEnd(tally, SENDBYCURL_TIMED_OUT, microseconds(7000), 0);
+    TallyEnd(tally, SENDBYCURL_OK, microseconds(250), 0);
     EXPECT_EQ(TallyCounts(tally).dwOk, 2U);
     EXPECT_EQ(TallyCounts(tally).dwFailed, 1U);
     EXPECT_EQ(tally.adMillis, (std::vector<double>{1.5, 0.25}));
@@ -131,9 +132,9 @@ TEST_F(Tally, SuccessesBringTheirTimes)
 TEST_F(Tally, FailuresAreCountedByResultAndTheFirstIsKept)
 {
     Begin(4, 4);
-    TallyEnd(tally, SENDBYCURL_HTTP_STATUS, milliseconds(1));
-    TallyEnd(tally, SENDBYCURL_CONNECT_FAILED, milliseconds(1));
-    TallyEnd(tally, SENDBYCURL_CONNECT_FAILED, milliseconds(1));
+    TallyEnd(tally, SENDBYCURL_HTTP_STATUS, milliseconds(1), 0);
+    TallyEnd(tally, SENDBYCURL_CONNECT_FAILED, milliseconds(1), 0);
+    TallyEnd(tally, SENDBYCURL_CONNECT_FAILED, milliseconds(1), 0);
     End(1);
     EXPECT_EQ(tally.adwFailures[SENDBYCURL_HTTP_STATUS], 1U);
     EXPECT_EQ(tally.adwFailures[SENDBYCURL_CONNECT_FAILED], 2U);
@@ -142,11 +143,21 @@ TEST_F(Tally, FailuresAreCountedByResultAndTheFirstIsKept)
     EXPECT_EQ(TallyCounts(tally).dwFailed, 3U);
 }
 
+TEST_F(Tally, AnswersAreCountedByStatusWhereItIsKnown)
+{
+    Begin(4, 4);
+    TallyEnd(tally, SENDBYCURL_OK, milliseconds(1), 200);
+    TallyEnd(tally, SENDBYCURL_HTTP_STATUS, milliseconds(1), 404);
+    TallyEnd(tally, SENDBYCURL_OK, milliseconds(1), 200);
+    TallyEnd(tally, SENDBYCURL_TIMED_OUT, milliseconds(1), 0);
+    EXPECT_EQ(tally.tStatuses, (std::map<int, uint32_t>{{200, 2}, {404, 1}}));
+}
+
 TEST_F(Tally, RefusedPostsAreAmongTheFailed)
 {
     Begin(2, 2);
     TallyRefuse(tally, SENDBYCURL_INVALID_PARAM);
-    TallyEnd(tally, SENDBYCURL_TIMED_OUT, milliseconds(1));
+    TallyEnd(tally, SENDBYCURL_TIMED_OUT, milliseconds(1), 0);
     EXPECT_EQ(TallyCounts(tally).dwFailed, 2U);
     EXPECT_EQ(TallyCounts(tally).dwRefused, 1U);
     EXPECT_EQ(tally.adwFailures[SENDBYCURL_INVALID_PARAM], 1U);

@@ -45,6 +45,34 @@ const char *EngineSendText(ESendByCurlRet eRet)
     }
 }
 
+const char *ClientSendText(ESendByCurlRet eRet)
+{
+    switch (eRet) {
+    case SENDBYCURL_OK:
+        return "success";
+    case SENDBYCURL_INVALID_PARAM:
+        return "invalid argument: the client refused it before anything was sent";
+    case SENDBYCURL_TRANSFER_FAILED:
+        return "transfer failed";
+    case SENDBYCURL_TIMED_OUT:
+        return "timed out";
+    case SENDBYCURL_NO_MEMORY:
+        return "no memory";
+    case SENDBYCURL_HTTP_STATUS:
+        return "the HTTP status was not 200 to 299";
+    case SENDBYCURL_BUFFER_TOO_SMALL:
+        return "answer too long: it is longer than --max-answer";
+    case SENDBYCURL_LIMIT_REACHED:
+        return "limit reached: the client has no place for more posts";
+    case SENDBYCURL_CONNECT_FAILED:
+        return "connect failed";
+    case SENDBYCURL_TLS_FAILED:
+        return "TLS failed";
+    default:
+        return "a result that a post through the client does not give";
+    }
+}
+
 const char *DirectSendText(ESendByCurlRet eRet)
 {
     switch (eRet) {

@@ -13,6 +13,9 @@ const char *ModuleStartText(ESendByCurlRet eRet);
 /* A result of a send over the engine, synchronous or asynchronous. */
 const char *EngineSendText(ESendByCurlRet eRet);
 
+/* The result that stands for the end of a post through the C++ client. */
+const char *ClientSendText(ESendByCurlRet eRet);
+
 /* A result of a direct send: the numbers are the same, some of them mean something else. */
 const char *DirectSendText(ESendByCurlRet eRet);
 

@@ -1,5 +1,5 @@
 /*
- * nvrhttp post: one or many posts through the send module.
+ * nvrhttp post: one or many posts, through the C++ client or the send module.
  */
 #include "tools/nvrhttp/commands.h"
 
@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "tools/common/open_files.h"
 #include "tools/common/result_text.h"
 #include "tools/nvrhttp/post_options.h"
+#include "tools/post/post_client.h"
 #include "tools/post/post_report.h"
 #include "tools/post/post_run.h"
 #include "tools/post/send_log.h"
@@ -33,10 +35,15 @@ const char s_szHelp[] =
     "cannot be written ends the run with 1. Ctrl-C ends it with the summary so far and 130, a second\n"
     "one at once; posts in flight then may or may not arrive.\n"
     "\n"
-    "What libcurl says of a failed transfer, and the HTTP status that made one fail, are read from\n"
-    "the lines that the library logs.\n"
+    "What libcurl says of a failed transfer is read from the lines that the library logs; so is the\n"
+    "HTTP status that made one fail in sync mode.\n"
     "\n"
-    "Modes:\n"
+    "Modes. client is the one to use; the others show the send module as it is.\n"
+    "  client  through the C++ client. Success is HTTP status 200 to 299. Time-outs are kept, an\n"
+    "          https server's certificate is checked unless --no-verify, an answer longer than\n"
+    "          --max-answer is a failure. Results: 1 refused before anything was sent, 5 transfer\n"
+    "          failed (no such host, refused certificate, cut off and all else), 7 timed out, 9 no\n"
+    "          memory, 10 another HTTP status, 11 answer too long, 14 connect failed, 15 TLS failed.\n"
     "  sync    over the engine, on a thread of its own. Success is HTTP status 200. An answer cut\n"
     "          off after the status counts as success: check the text. Never verifies an https\n"
     "          server in small letters.\n"
@@ -54,18 +61,17 @@ const char s_szHelp[] =
     "/etc/ssl/certs/ca-certificates.crt, and heeds no variable. To have it trust nvrhttp serve:\n"
     "  nvrhttp serve --tls --port 8443 --cert-out nvrhttp.crt\n"
     "  sudo cp nvrhttp.crt /usr/local/share/ca-certificates/ && sudo update-ca-certificates\n"
-    "  nvrhttp post https://127.0.0.1:8443/ --mode direct --verify\n"
+    "  nvrhttp post https://127.0.0.1:8443/\n"
     "The next serve makes another certificate. Afterwards remove the file there and run\n"
     "update-ca-certificates --fresh.\n"
     "\n"
-    "Methods: sync and async leave as POST whatever is asked for, since libcurl decides so once it\n"
-    "is given data. Direct sends put and get both as a GET without data.\n"
-    "\n"
     "Examples:\n"
     "  nvrhttp post http://127.0.0.1:8080/ --data '{\"a\":1}'\n"
-    "  nvrhttp post http://127.0.0.1:8080/ --data @event.json --mode direct > answer.json\n"
+    "  nvrhttp post http://127.0.0.1:8080/ --data @event.json > answer.json\n"
+    "  nvrhttp post https://127.0.0.1:8443/ --no-verify --method get\n"
     "  date +'\"%c\"' | nvrhttp post http://127.0.0.1:8080/ -\n"
     "  nvrhttp post http://127.0.0.1:8080/ --user admin\n"
+    "  nvrhttp post http://127.0.0.1:8080/ --count 5000 --parallel 200 --quiet\n"
     "  nvrhttp post http://127.0.0.1:8080/ --mode async --count 5000 --parallel 200 --quiet";
 
 /* The lines of the start go to standard error, all later ones to the run's log. */
@@ -81,6 +87,21 @@ ESendByCurlRet StartModule(bool bLog)
     }
     SendLogTurnOn();
     return SENDBYCURL_OK;
+}
+
+/* As StartModule. Of the later lines the errors are enough for the reasons. */
+std::unique_ptr<nvrhttpcurl::Client> StartClient(const TPostJob &tJob, bool bLog)
+{
+    StartLog(bLog ? uint32_t{HCC_LEVEL_INFO} : 0);
+    try {
+        auto ptClient = MakePostClient(tJob);
+        SendLogTakeDebugLog();
+        StartLog(bLog ? HCC_LEVEL_INFO : HCC_LEVEL_ERROR);
+        return ptClient;
+    } catch (const std::runtime_error &tError) {
+        fprintf(stderr, "nvrhttp post: the client could not be started: %s; try nvrhttp doctor\n", tError.what());
+        return nullptr;
+    }
 }
 
 void WriteAnswer(TPostReport &tReport, TPostTally &tTally, const TPostEnd &tEnd)
@@ -119,6 +140,28 @@ int RunJob(TPostJob &tJob, bool bQuiet, int nAnswerFd, TSendLog &tLog)
     return static_cast<int>(tTally.eFirstFailure);
 }
 
+int RunWithClient(TPostJob &tJob, const TPostOptions &tOptions, int nAnswerFd, TSendLog &tLog)
+{
+    const std::unique_ptr<nvrhttpcurl::Client> ptClient = StartClient(tJob, tOptions.bLog);
+    if (!ptClient) {
+        SendLogEnd(tLog);
+        return EXIT_FAILURE;
+    }
+    tJob.ptClient = ptClient.get();
+    return RunJob(tJob, tOptions.bQuiet, nAnswerFd, tLog);
+}
+
+int RunWithModule(TPostJob &tJob, const TPostOptions &tOptions, int nAnswerFd, TSendLog &tLog)
+{
+    const ESendByCurlRet eRet = StartModule(tOptions.bLog);
+    /* A direct send does without the engine. */
+    if (eRet != SENDBYCURL_OK && tJob.eMode != POST_MODE_DIRECT) {
+        SendLogEnd(tLog);
+        return static_cast<int>(eRet);
+    }
+    return RunJob(tJob, tOptions.bQuiet, nAnswerFd, tLog);
+}
+
 int Post(const TPostOptions &tOptions)
 {
     TPostJob tJob = MakePostJob(tOptions);
@@ -130,13 +173,8 @@ int Post(const TPostOptions &tOptions)
         return EXIT_FAILURE;
     }
     RaiseOpenFiles();
-    const ESendByCurlRet eRet = StartModule(tOptions.bLog);
-    /* A direct send does without the engine. */
-    if (eRet != SENDBYCURL_OK && tJob.eMode != POST_MODE_DIRECT) {
-        SendLogEnd(tLog);
-        return static_cast<int>(eRet);
-    }
-    const int nStatus = RunJob(tJob, tOptions.bQuiet, nAnswerFd, tLog);
+    const auto pfRun = tJob.eMode == POST_MODE_CLIENT ? RunWithClient : RunWithModule;
+    const int nStatus = pfRun(tJob, tOptions, nAnswerFd, tLog);
     if (close(nAnswerFd) != 0) {
         perror("nvrhttp post: an answer could not be written");
         return EXIT_FAILURE;

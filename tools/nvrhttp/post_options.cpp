@@ -83,28 +83,38 @@ std::string LoadUser(const std::string &strUser)
 
 EPostMode ModeOf(const std::string &strMode)
 {
+    if (strMode == "client") {
+        return POST_MODE_CLIENT;
+    }
     if (strMode == "direct") {
         return POST_MODE_DIRECT;
     }
     return strMode == "async" ? POST_MODE_ASYNC : POST_MODE_SYNC;
 }
 
-uint32_t MethodOf(const std::string &strMethod)
+bool IsOverTheEngine(const TPostJob &tJob)
 {
-    if (strMethod == "put") {
-        return SENDBYCURL_METHOD_PUT;
-    }
-    return strMethod == "get" ? SENDBYCURL_METHOD_GET : SENDBYCURL_METHOD_POST;
+    return tJob.eMode == POST_MODE_SYNC || tJob.eMode == POST_MODE_ASYNC;
+}
+
+/* libcurl takes a URL without a scheme for one of http; the client takes none for granted. */
+std::string UrlOf(const TPostJob &tJob)
+{
+    const bool bPlain = tJob.eMode == POST_MODE_CLIENT && tJob.strUrl.find("://") == std::string::npos;
+    return bPlain ? "http://" + tJob.strUrl : tJob.strUrl;
 }
 
 /* Refuses what the chosen mode would silently leave undone. */
 void CheckJob(const TPostJob &tJob)
 {
-    if (tJob.bVerify && tJob.eMode != POST_MODE_DIRECT) {
-        Refuse("--verify", "works with --mode direct only: the other modes never verify an https server");
+    if (tJob.bVerify && IsOverTheEngine(tJob)) {
+        Refuse("--verify", "works with --mode client and direct only: the other modes never verify an https server");
     }
-    if (!tJob.strUserAndPassWd.empty() && tJob.eMode != POST_MODE_SYNC) {
-        Refuse("--user", "works with --mode sync only: the other modes never authenticate");
+    if (tJob.eHeadType == SENDBYCURL_METHOD_GET && IsOverTheEngine(tJob)) {
+        Refuse("--method", "get works with --mode client and direct only: the other modes send a POST all the same");
+    }
+    if (!tJob.strUserAndPassWd.empty() && tJob.eMode != POST_MODE_CLIENT && tJob.eMode != POST_MODE_SYNC) {
+        Refuse("--user", "works with --mode client and sync only: the other modes never authenticate");
     }
     const size_t uZero = tJob.strBody.find('\0');
     if (tJob.eMode == POST_MODE_DIRECT && uZero != std::string::npos) {
@@ -135,17 +145,20 @@ void AddTransferOptions(CLI::App &tPost, TPostOptions &tOptions)
 {
     TPostJob &tJob = tOptions.tJob;
     tPost.add_option("--mode", tOptions.strMode, "How to send")
-        ->check(CLI::IsMember({"sync", "async", "direct"}))
+        ->check(CLI::IsMember({"client", "sync", "async", "direct"}))
         ->capture_default_str();
-    tPost.add_option("--method", tOptions.strMethod, "Method asked for")
-        ->check(CLI::IsMember({"post", "put", "get"}))
+    tPost.add_option("--method", tOptions.strMethod, "get sends no data; in client and direct mode only")
+        ->check(CLI::IsMember({"post", "get"}))
         ->capture_default_str();
     tPost
-        .add_option("--user", tJob.strUserAndPassWd,
-                    "User and password, in sync mode only; a password that is missing is asked for, and one that is "
-                    "given can be seen in the list of processes")
+        .add_option(
+            "--user", tJob.strUserAndPassWd,
+            "User and password, in client and sync mode only; a password that is missing is asked for, and one that is "
+            "given can be seen in the list of processes")
         ->type_name("NAME[:PASSWORD]");
-    tPost.add_flag("--verify", tJob.bVerify, "Check the server's certificate, in direct mode only");
+    tOptions.ptVerify = tPost.add_flag("--verify,!--no-verify", tJob.bVerify,
+                                       "Check the certificate of an https server, or do not: by default client mode "
+                                       "does, direct mode does not; the other modes cannot");
 }
 
 void AddLimitOptions(CLI::App &tPost, TPostOptions &tOptions)
@@ -153,7 +166,7 @@ void AddLimitOptions(CLI::App &tPost, TPostOptions &tOptions)
     TPostJob &tJob = tOptions.tJob;
     tJob.dwTimeoutMS = 10000;
     tJob.dwConnTimeOutMS = 5000;
-    const CLI::Range tMillis(1U, 0x7FFFFFFFU);
+    const CLI::Range tMillis(1U, 24U * 24 * 3600 * 1000); /* the client takes up to 24 days */
 
     tPost.add_option("--timeout", tJob.dwTimeoutMS, "Milliseconds for a whole transfer")
         ->type_name("MS")
@@ -201,7 +214,11 @@ TPostJob MakePostJob(const TPostOptions &tOptions)
 {
     TPostJob tJob = tOptions.tJob;
     tJob.eMode = ModeOf(tOptions.strMode);
-    tJob.eHeadType = MethodOf(tOptions.strMethod);
+    tJob.strUrl = UrlOf(tJob);
+    tJob.eHeadType = tOptions.strMethod == "get" ? SENDBYCURL_METHOD_GET : SENDBYCURL_METHOD_POST;
+    if (tOptions.ptVerify->count() == 0) {
+        tJob.bVerify = tJob.eMode == POST_MODE_CLIENT;
+    }
     tJob.szOverrun = s_szOverrun;
     tJob.strBody = LoadData(tOptions);
     CheckJob(tJob);

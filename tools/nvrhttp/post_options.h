@@ -16,12 +16,13 @@ struct TPostOptions {
     TPostJob tJob;
     std::string strData;
     std::string strSource;
-    std::string strMode = "sync";
+    std::string strMode = "client";
     std::string strMethod = "post";
     uint32_t dwMaxData = 64U << 20;
     bool bQuiet = false; /* answers are not written */
     bool bLog = false;
     CLI::Option *ptData = nullptr;
+    CLI::Option *ptVerify = nullptr;
     CLI::Option *ptMaxAnswer = nullptr;
 };
 

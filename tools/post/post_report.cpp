@@ -21,6 +21,18 @@ std::string StatusLine(const TPostCounts &tCounts, double dRate)
     return achLine;
 }
 
+const char *ResultText(const TPostReport &tReport, ESendByCurlRet eRet)
+{
+    switch (tReport.eMode) {
+    case POST_MODE_CLIENT:
+        return ClientSendText(eRet);
+    case POST_MODE_DIRECT:
+        return DirectSendText(eRet);
+    default:
+        return EngineSendText(eRet);
+    }
+}
+
 /* What the library's log says of transfers that failed, in one text. */
 std::string Reasons(const TPostReport &tReport)
 {
@@ -31,17 +43,44 @@ std::string Reasons(const TPostReport &tReport)
     return strAll;
 }
 
-void ShowOne(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
+/* Results of the client behind which more than one thing may be. */
+bool NeedsReasons(ESendByCurlRet eRet)
+{
+    return eRet == SENDBYCURL_TRANSFER_FAILED || eRet == SENDBYCURL_CONNECT_FAILED || eRet == SENDBYCURL_TLS_FAILED;
+}
+
+/* Why the only post failed. The client knows status and time-outs; what libcurl says is in the log alone. */
+std::string FailureText(const TPostReport &tReport, const TPostTally &tTally)
+{
+    const std::string strResult = ResultText(tReport, tTally.eFirstFailure);
+    const std::string strReasons = Reasons(tReport);
+    if (!tTally.tStatuses.empty()) {
+        return "HTTP status " + std::to_string(tTally.tStatuses.begin()->first);
+    }
+    if (tReport.eMode != POST_MODE_CLIENT) {
+        return strReasons.empty() ? strResult : strReasons;
+    }
+    return NeedsReasons(tTally.eFirstFailure) && !strReasons.empty() ? strResult + ": " + strReasons : strResult;
+}
+
+void ShowSuccess(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
 {
     const std::string strReasons = Reasons(tReport);
+    fprintf(stderr, "succeeded in %.1f ms", Millis(tTook));
+    if (!tTally.tStatuses.empty()) {
+        fprintf(stderr, ", HTTP status %d", tTally.tStatuses.begin()->first);
+    }
+    fprintf(stderr, "%s%s\n", strReasons.empty() ? "" : ", although: ", strReasons.c_str());
+}
+
+void ShowOne(const TPostReport &tReport, const TPostTally &tTally, CPostClock::duration tTook)
+{
     if (tTally.tCounts.dwLost != 0) {
         fprintf(stderr, "nvrhttp post: result 7: no notification came within the time-out and 2 s more\n");
     } else if (tTally.eFirstFailure != SENDBYCURL_OK) {
-        fprintf(stderr, "nvrhttp post: result %u: %s\n", tTally.eFirstFailure,
-                strReasons.empty() ? tReport.pfResultText(tTally.eFirstFailure) : strReasons.c_str());
+        fprintf(stderr, "nvrhttp post: result %u: %s\n", tTally.eFirstFailure, FailureText(tReport, tTally).c_str());
     } else {
-        fprintf(stderr, "succeeded in %.1f ms%s%s\n", Millis(tTook),
-                strReasons.empty() ? "" : ", although: ", strReasons.c_str());
+        ShowSuccess(tReport, tTally, tTook);
     }
 }
 
@@ -54,12 +93,19 @@ void ShowTimes(const TPostTally &tTally)
     }
 }
 
+void ShowStatuses(const TPostTally &tTally)
+{
+    for (const auto &[nStatus, dwTimes] : tTally.tStatuses) {
+        fprintf(stderr, "  %u answered with HTTP status %d\n", dwTimes, nStatus);
+    }
+}
+
 void ShowFailures(const TPostReport &tReport, const TPostTally &tTally)
 {
     for (uint32_t eRet = 0; eRet < tTally.adwFailures.size(); eRet++) {
         if (tTally.adwFailures[eRet] != 0) {
             fprintf(stderr, "  %u failed with result %u: %s\n", tTally.adwFailures[eRet], eRet,
-                    tReport.pfResultText(eRet));
+                    ResultText(tReport, eRet));
         }
     }
 }
@@ -98,6 +144,7 @@ void ShowSummary(const TPostReport &tReport, const TPostTally &tTally, CPostCloc
     fprintf(stderr, "%u posts in %.2f s (%.0f/s): %u succeeded, %u failed, %u lost\n", EndedOf(tCounts), Seconds(tTook),
             EndedOf(tCounts) / Seconds(tTook), tCounts.dwOk, tCounts.dwFailed, tCounts.dwLost);
     ShowTimes(tTally);
+    ShowStatuses(tTally);
     ShowFailures(tReport, tTally);
     ShowReasons(tReport);
 }
@@ -110,7 +157,7 @@ void ReportBegin(TPostReport &tReport, const TPostJob &tJob, int nAnswerFd, TSen
     tReport.nAnswerFd = nAnswerFd;
     tReport.bMany = tJob.dwCount > 1;
     tReport.bAnswersOnTerminal = isatty(nAnswerFd) != 0;
-    tReport.pfResultText = tJob.eMode == POST_MODE_DIRECT ? DirectSendText : EngineSendText;
+    tReport.eMode = tJob.eMode;
     tReport.tStatus.ptFile = stderr;
     tReport.tStatus.bTerminal = isatty(STDERR_FILENO) != 0;
     tReport.tStatus.tInterval = tReport.tStatus.bTerminal ? s_tTerminalInterval : s_tPlainInterval;

@@ -13,7 +13,7 @@ struct TPostReport {
     int nAnswerFd = -1;
     bool bMany = false; /* of many answers, each ends its line */
     bool bAnswersOnTerminal = false;
-    const char *(*pfResultText)(ESendByCurlRet) = nullptr;
+    EPostMode eMode = POST_MODE_SYNC;
     TSendLog *ptLog = nullptr;
     TPostStatus tStatus; /* its lock keeps answers and status lines apart */
 };

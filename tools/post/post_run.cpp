@@ -9,6 +9,7 @@
 
 #include "tools/post/answer_slab.h"
 #include "tools/post/post_board.h"
+#include "tools/post/post_client.h"
 
 namespace
 {
@@ -54,7 +55,23 @@ void Report(const TPostJob &tJob, const TPostEnd &tEnd)
     }
 }
 
-/* One thread of the modes that block: posts until none is left. */
+/* One thread of the client's mode: posts until none is left. */
+void PostThroughClient(const TPostJob &tJob, TPostTally &tTally)
+{
+    uint32_t dwPost = 0;
+    while (TallyStart(tTally, dwPost)) {
+        std::string strOwn;
+        const CPostClock::time_point tStart = CPostClock::now();
+        const nvrhttpcurl::Response tAnswer = PostByClient(tJob, BodyOf(tJob, dwPost, strOwn));
+        const CPostClock::duration tTook = CPostClock::now() - tStart;
+        const ESendByCurlRet eRet = ResultOfClient(tAnswer);
+        const int nStatus = tAnswer.error == nvrhttpcurl::Error::none ? tAnswer.status : 0;
+        TallyEnd(tTally, eRet, tTook, nStatus);
+        Report(tJob, {dwPost, eRet, tTook, tAnswer.body.data(), tAnswer.body.size(), nStatus});
+    }
+}
+
+/* One thread of the synchronous and the direct mode: likewise. */
 void PostBlocking(const TPostJob &tJob, TPostTally &tTally, char *pchRecvBuf)
 {
     uint32_t dwPost = 0;
@@ -66,8 +83,25 @@ void PostBlocking(const TPostJob &tJob, TPostTally &tTally, char *pchRecvBuf)
         const ESendByCurlRet eRet = tJob.eMode == POST_MODE_DIRECT ? Qelvo_SyncSendStrByHttp_Ext(&tParam)
                                                                    : Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_SYNC);
         const CPostClock::duration tTook = CPostClock::now() - tStart;
-        TallyEnd(tTally, eRet, tTook);
-        Report(tJob, {dwPost, eRet, tTook, pchRecvBuf, tParam.dwRecvLen});
+        TallyEnd(tTally, eRet, tTook, 0);
+        Report(tJob, {dwPost, eRet, tTook, pchRecvBuf, tParam.dwRecvLen, 0});
+    }
+}
+
+/* Runs pfThread on so many threads, this one among them, with their numbers from 0 on; fewer if the system refuses. */
+void RunThreads(uint32_t dwThreads, const std::function<void(uint32_t)> &pfThread)
+{
+    std::vector<std::thread> atThreads;
+    try {
+        while (atThreads.size() + 1 < dwThreads) {
+            atThreads.emplace_back(pfThread, static_cast<uint32_t>(atThreads.size()));
+        }
+    } catch (const std::system_error &) {
+        fprintf(stderr, "nvrhttp post: only %zu threads could be started\n", atThreads.size());
+    }
+    pfThread(static_cast<uint32_t>(atThreads.size()));
+    for (std::thread &tThread : atThreads) {
+        tThread.join();
     }
 }
 
@@ -77,19 +111,7 @@ bool RunBlocking(const TPostJob &tJob, TPostTally &tTally, uint32_t dwThreads)
     if (!AnswerSlabCreate(tSlab, dwThreads, tJob.dwMaxAnswer)) {
         return false;
     }
-    std::vector<std::thread> atThreads;
-    try {
-        while (atThreads.size() + 1 < dwThreads) {
-            char *pchRecvBuf = AnswerSlabText(tSlab, static_cast<uint32_t>(atThreads.size()));
-            atThreads.emplace_back([&tJob, &tTally, pchRecvBuf] { PostBlocking(tJob, tTally, pchRecvBuf); });
-        }
-    } catch (const std::system_error &) {
-        fprintf(stderr, "nvrhttp post: only %zu threads could be started\n", atThreads.size());
-    }
-    PostBlocking(tJob, tTally, AnswerSlabText(tSlab, static_cast<uint32_t>(atThreads.size())));
-    for (std::thread &tThread : atThreads) {
-        tThread.join();
-    }
+    RunThreads(dwThreads, [&](uint32_t dwThread) { PostBlocking(tJob, tTally, AnswerSlabText(tSlab, dwThread)); });
     AnswerSlabDestroy(tSlab);
     return true;
 }
@@ -133,7 +155,7 @@ bool StartOne(TAsyncRun &tRun, uint32_t dwPost)
     tRun.tLastEvent = CPostClock::now();
     if (eRet != SENDBYCURL_OK) {
         TallyRefuse(tRun.tTally, eRet);
-        Report(tRun.tJob, {dwPost, eRet, {}, nullptr, 0});
+        Report(tRun.tJob, {dwPost, eRet, {}, nullptr, 0, 0});
     } else if (tRun.tJob.pfAccepted) {
         tRun.tJob.pfAccepted();
     }
@@ -158,8 +180,8 @@ void TakeEnd(TAsyncRun &tRun, const TBoardEnd &tEnd)
     const bool bTooLong = tEnd.eRet == SENDBYCURL_OK && uLen == uSize;
     const ESendByCurlRet eRet = bTooLong ? ESendByCurlRet{SENDBYCURL_BUFFER_TOO_SMALL} : tEnd.eRet;
     const CPostClock::duration tTook = tEnd.tWhen - tPlace.tStart;
-    TallyEnd(tRun.tTally, eRet, tTook);
-    Report(tRun.tJob, {tPlace.dwPost, eRet, tTook, pchAnswer, uLen});
+    TallyEnd(tRun.tTally, eRet, tTook, 0);
+    Report(tRun.tJob, {tPlace.dwPost, eRet, tTook, pchAnswer, uLen, 0});
     BoardFree(tRun.tBoard, tEnd.dwPlace);
     tRun.tLastEvent = std::max(tRun.tLastEvent, tEnd.tWhen);
 }
@@ -196,6 +218,15 @@ bool RunAsync(const TPostJob &tJob, TPostTally &tTally, uint32_t dwPlaces)
     return true;
 }
 
+bool RunMode(const TPostJob &tJob, TPostTally &tTally, uint32_t dwAtOnce)
+{
+    if (tJob.eMode == POST_MODE_CLIENT) {
+        RunThreads(dwAtOnce, [&](uint32_t) { PostThroughClient(tJob, tTally); });
+        return true;
+    }
+    return tJob.eMode == POST_MODE_ASYNC ? RunAsync(tJob, tTally, dwAtOnce) : RunBlocking(tJob, tTally, dwAtOnce);
+}
+
 } // namespace
 
 bool RunPosts(const TPostJob &tJob, TPostTally &tTally, TPostStatus *ptStatus)
@@ -205,9 +236,7 @@ bool RunPosts(const TPostJob &tJob, TPostTally &tTally, TPostStatus *ptStatus)
     if (ptStatus != nullptr) {
         tStatus = std::thread([ptStatus, &tTally] { ShowStatus(*ptStatus, tTally); });
     }
-    const uint32_t dwAtOnce = std::min(tJob.dwCount, tJob.dwParallel);
-    const bool bRun =
-        tJob.eMode == POST_MODE_ASYNC ? RunAsync(tJob, tTally, dwAtOnce) : RunBlocking(tJob, tTally, dwAtOnce);
+    const bool bRun = RunMode(tJob, tTally, std::min(tJob.dwCount, tJob.dwParallel));
     TallyOver(tTally);
     if (tStatus.joinable()) {
         tStatus.join();

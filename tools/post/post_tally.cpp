@@ -74,9 +74,12 @@ void TallyUnstart(TPostTally &tTally)
     NoteFailure(tTally, SENDBYCURL_NO_SLOT);
 }
 
-void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, CPostClock::duration tTook)
+void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, CPostClock::duration tTook, int nStatus)
 {
     const std::lock_guard<std::mutex> tGuard(tTally.tLock);
+    if (nStatus != 0) {
+        tTally.tStatuses[nStatus]++;
+    }
     if (eRet == SENDBYCURL_OK) {
         tTally.tCounts.dwOk++;
         tTally.adMillis.push_back(Millis(tTook));

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -30,6 +31,7 @@ struct TPostTally {
     std::condition_variable tChanged;
     TPostCounts tCounts;
     std::array<uint32_t, 16> adwFailures = {}; /* by result */
+    std::map<int, uint32_t> tStatuses;         /* answers by HTTP status, where the mode knows it */
     ESendByCurlRet eFirstFailure = SENDBYCURL_OK;
     std::vector<double> adMillis;    /* of those that succeeded */
     uint32_t dwAwaited = UINT32_MAX; /* ends that TallyAwait waits for */
@@ -53,8 +55,8 @@ bool TallyStart(TPostTally &tTally, uint32_t &dwPost);
 /* One that was started found all places taken and is not to be tried again. */
 void TallyUnstart(TPostTally &tTally);
 
-/* One has ended. */
-void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, CPostClock::duration tTook);
+/* One has ended; nStatus is its HTTP status, 0 if there is none. */
+void TallyEnd(TPostTally &tTally, ESendByCurlRet eRet, CPostClock::duration tTook, int nStatus);
 
 /* One was refused with a result other than success. */
 void TallyRefuse(TPostTally &tTally, ESendByCurlRet eRet);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/host/debuglog_host.h"
 #include "platform/host/osp_console.h"
 #include "tools/common/failure_reason.h"
 #include "tools/common/whole_file.h"
@@ -79,6 +80,11 @@ bool SendLogBegin(TSendLog &tLog, bool bShow)
 void SendLogTurnOn()
 {
     OspConsoleRun("sendbycurlsetlog 3");
+}
+
+void SendLogTakeDebugLog()
+{
+    HostDebugLogSetConsole(STDOUT_FILENO);
 }
 
 void SendLogEnd(TSendLog &tLog)

@@ -25,6 +25,9 @@ bool SendLogBegin(TSendLog &tLog, bool bShow);
 /* Has the library print its log; for a module that has started. */
 void SendLogTurnOn();
 
+/* Its debug log's lines for the console go there, too: all that there is without the module. */
+void SendLogTakeDebugLog();
+
 /* All has been read. From here on standard output is standard error. */
 void SendLogEnd(TSendLog &tLog);
 
