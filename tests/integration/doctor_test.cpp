@@ -28,7 +28,7 @@ TEST_F(Doctor, SaysWhereTheLogIs)
 {
     const ClosedPort closed;
     const std::string path = logFolder.Path() + "/SendCurl.log";
-    EXPECT_NE(RunProgram(Nvrhttp({"post", closed.Url()})).status, 0);
+    EXPECT_NE(RunProgram(Nvrhttp({"post", closed.Url(), "--mode", "sync"})).status, 0);
     EXPECT_TRUE(Has(ReadFile(path), "curl_easy_perform is failed"));
     EXPECT_TRUE(Has(RunProgram(Nvrhttp({"doctor"})).output, "ok       log           " + path + " ("));
     EXPECT_TRUE(Has(Folded(RunProgram(Nvrhttp({"--help"})).output), "logged in " + path + ";"));

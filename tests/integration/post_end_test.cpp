@@ -26,6 +26,12 @@ const std::string EMPTY = LibcurlReason(CURLE_GOT_NOTHING);
 class PostEndInEachMode : public PostInEachMode
 {
   protected:
+    /* What precedes libcurl's words. */
+    std::string In(const std::string &error) const
+    {
+        return Is("client") ? error + ": " : "";
+    }
+
     /* All that a post to this URL says besides its answer, without the module's result. */
     std::string WhyOf(const std::string &url, const std::vector<std::string> &more = {}) const
     {
@@ -41,7 +47,7 @@ using PostData = IntegrationTest;
 using PostEnd = IntegrationTest;
 using PostPassword = IntegrationTest;
 
-INSTANTIATE_TEST_SUITE_P(Modes, PostEndInEachMode, testing::Values("sync", "async", "direct"),
+INSTANTIATE_TEST_SUITE_P(Modes, PostEndInEachMode, testing::Values("client", "sync", "async", "direct"),
                          [](const auto &mode) { return mode.param; });
 
 TEST_P(PostEndInEachMode, AFailureSaysWhatLibcurlSays)
@@ -49,10 +55,10 @@ TEST_P(PostEndInEachMode, AFailureSaysWhatLibcurlSays)
     const ClosedPort closed;
     const ScriptedServer plain({When::FIRST_BYTE, {Send(Reply(400, "what?")), CLOSE}});
     const ScriptedServer closing({When::REQUEST, {CLOSE}});
-    EXPECT_EQ(WhyOf(closed.Url()), REFUSED + "\n");
-    EXPECT_EQ(WhyOf(UnresolvableUrl()), UNRESOLVED + "\n");
-    EXPECT_EQ(WhyOf(plain.Url("/", "https")), NO_TLS + "\n");
-    EXPECT_EQ(WhyOf(closing.Url()), EMPTY + "\n");
+    EXPECT_EQ(WhyOf(closed.Url()), In("connect failed") + REFUSED + "\n");
+    EXPECT_EQ(WhyOf(UnresolvableUrl()), In("transfer failed") + UNRESOLVED + "\n");
+    EXPECT_EQ(WhyOf(plain.Url("/", "https")), In("TLS failed") + NO_TLS + "\n");
+    EXPECT_EQ(WhyOf(closing.Url()), In("transfer failed") + EMPTY + "\n");
 }
 
 TEST_P(PostEndInEachMode, OfManyEachReasonIsCounted)
@@ -105,9 +111,9 @@ TEST_P(PostEndInEachMode, AClosedPipeEndsTheRun)
 TEST_F(PostEnd, TheStatusThatMadeItFailIsNamed)
 {
     const ServeProcess server;
-    const Finished one = RunProgram(Nvrhttp({"post", server.Url("/status/404")}));
+    const Finished one = RunProgram(Nvrhttp({"post", server.Url("/status/404"), "--mode", "sync"}));
     EXPECT_EQ(one.errors, "nvrhttp post: result 10: HTTP status 404\n");
-    const Finished many = RunProgram(Nvrhttp({"post", server.Url("/status/503"), "--count", "3"}));
+    const Finished many = RunProgram(Nvrhttp({"post", server.Url("/status/503"), "--mode", "sync", "--count", "3"}));
     EXPECT_TRUE(Has(many.errors, "  3 failed with result 10: the HTTP status was not 200, or no answer came\n"
                                  "    3: HTTP status 503\n"))
         << many.errors;
@@ -118,7 +124,7 @@ TEST_F(PostEnd, ATimeOutIsNamed)
 {
     const ScriptedServer silent(SILENT);
     const std::string url = silent.Url();
-    EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300"})).errors,
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300", "--mode", "sync"})).errors,
               "nvrhttp post: result 10: " + TIMED_OUT + "\n");
     EXPECT_EQ(RunProgram(Nvrhttp({"post", url, "--timeout", "300", "--mode", "direct"})).errors,
               "nvrhttp post: result 7: " + TIMED_OUT + "\n");
@@ -127,7 +133,7 @@ TEST_F(PostEnd, ATimeOutIsNamed)
 TEST_F(PostEnd, AnAnswerThatIsCutOffDoesNotPassForWhole)
 {
     const ScriptedServer server(CUTTING_OFF);
-    const Finished run = RunProgram(Nvrhttp({"post", server.Url()}));
+    const Finished run = RunProgram(Nvrhttp({"post", server.Url(), "--mode", "sync"}));
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.output, "part");
     EXPECT_TRUE(Has(run.errors, " ms, although: " + LibcurlReason(CURLE_PARTIAL_FILE) + "\n")) << run.errors;
@@ -179,7 +185,7 @@ TEST_F(PostData, TheLimitCanBeMoved)
     EXPECT_GT(longer.status, 100);
     EXPECT_TRUE(Has(longer.errors, "standard input is longer than 9 bytes")) << longer.errors;
     const std::string long65 = std::string(65U << 20, 'x');
-    EXPECT_EQ(RunProgram(Nvrhttp({"post", ClosedPort().Url(), "-", "--max-data", "100000000"}), long65).status, 10);
+    EXPECT_EQ(RunProgram(Nvrhttp({"post", ClosedPort().Url(), "-", "--max-data", "100000000"}), long65).status, 14);
 }
 
 /* A post with a user and no password. */

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "host_debuglog_fixture.h"
+#include "platform/host/debuglog_host.h"
 #include "tests/support/race.h"
 #include "tests/support/wait.h"
 
@@ -343,6 +344,24 @@ TEST_F(HostDebugLog, ConsoleThatBlocksHoldsUpNoOtherThread)
     other.join();
     dup2(before, STDERR_FILENO);
     EXPECT_TRUE(begun && written);
+}
+
+TEST_F(HostDebugLog, ConsoleMayBeAnotherDescriptor)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    RegisterFor(1, 0);
+    HostDebugLogSetConsole(ends[1]);
+    CaptureStderr();
+    DebugLogPrint(MODULE, 1, "elsewhere\n");
+    HostDebugLogSetConsole(STDERR_FILENO);
+    DebugLogPrint(MODULE, 1, "back\n");
+    EXPECT_EQ(GetCapturedStderr(), "[Mod] back\n");
+    std::string text(100, '\0');
+    close(ends[1]);
+    text.resize(static_cast<size_t>(read(ends[0], text.data(), text.size())));
+    EXPECT_EQ(text, "[Mod] elsewhere\n");
+    close(ends[0]);
 }
 
 } // namespace

@@ -38,7 +38,7 @@ const char s_szHelp[] =
     "What libcurl says of a failed transfer is read from the lines that the library logs; so is the\n"
     "HTTP status that made one fail in sync mode.\n"
     "\n"
-    "Modes. client is the one to use; the others show the send module as it is.\n"
+    "Modes: client, the default, is the one to use; the others show the send module as it is.\n"
     "  client  through the C++ client. Success is HTTP status 200 to 299. Time-outs are kept, an\n"
     "          https server's certificate is checked unless --no-verify, an answer longer than\n"
     "          --max-answer is a failure. Results: 1 refused before anything was sent, 5 transfer\n"
