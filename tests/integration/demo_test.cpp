@@ -40,10 +40,16 @@ TEST_F(DemoTest, EveryPostToItsOwnServerIsAnswered)
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
     ExpectInOrder(run.output, {"An echo server runs at http://127.0.0.1:",
                                "The send module runs (nvrhttpcurl " NVRHTTP_VERSION " over libcurl ",
+                               "== One JSON text, through the C++ client\n",
+                               "   Why: ",
+                               ", HTTP status 200, ",
+                               ", the same as sent\n",
                                "== One JSON text, synchronously\n",
+                               "   Why: ",
                                "   result  0 after ",
                                ", the same as sent\n",
                                "== One JSON text, asynchronously\n",
+                               "   Why: ",
                                "   accepted, waiting for the notification\n",
                                ", the same as sent\n",
                                "== 40 posts, asynchronously, up to 200 at once\n",
@@ -86,18 +92,26 @@ TEST_F(DemoTest, AProxyOfTheEnvironmentDoesNotSeeWhatGoesToItsOwnServer)
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
 }
 
-TEST_F(DemoTest, AServerThatIsGivenGetsTwoPostsAndNoOthers)
+TEST_F(DemoTest, AServerThatIsGivenGetsThreePostsAndNoOthers)
 {
     const ScriptedServer server(ECHOING);
     ExpectRun({server.Url("/place"), "{\"a\":1}"}, 0,
               {"Server: " + server.Url("/place") + "\n", "   sent    {\"a\":1}\n", "   answer  {\"a\":1}\n",
-               "   result  0 after ", ", 7 bytes\n", "   sent    {\"a\":1}\n", "   answer  {\"a\":1}\n", ", 7 bytes\n",
-               ALL_ANSWERED});
-    ASSERT_EQ(server.RequestCount(), 2U);
+               "   result  0 after ", ", HTTP status 200, 7 bytes\n", "   sent    {\"a\":1}\n",
+               "   answer  {\"a\":1}\n", "   result  0 after ", ", 7 bytes\n", "   sent    {\"a\":1}\n",
+               "   answer  {\"a\":1}\n", ", 7 bytes\n", ALL_ANSWERED});
+    ASSERT_EQ(server.RequestCount(), 3U);
     for (const Request &seen : server.Requests()) {
         EXPECT_EQ(seen.Line(), "POST /place HTTP/1.1");
         EXPECT_EQ(seen.body, "{\"a\":1}");
     }
+}
+
+TEST_F(DemoTest, AServerMayBeGivenWithoutAScheme)
+{
+    const ScriptedServer server(ECHOING);
+    ExpectRun({server.Url().substr(std::string("http://").size())}, 0, {ALL_ANSWERED});
+    EXPECT_EQ(server.RequestCount(), 3U);
 }
 
 TEST_F(DemoTest, ALongAnswerIsShownCut)
@@ -106,18 +120,22 @@ TEST_F(DemoTest, ALongAnswerIsShownCut)
     ExpectRun({server.Url()}, 0, {"   answer  " + std::string(2000, 'x') + " ...\n"});
 }
 
-TEST_F(DemoTest, OnlyTheSynchronousPostJudgesTheStatus)
+TEST_F(DemoTest, ClientAndSynchronousPostJudgeTheStatus)
 {
     const ScriptedServer server(Answering("nothing here", 404));
     ExpectRun({server.Url()}, 1,
-              {"== One JSON text, synchronously\n", "   FAILED  result 10: ", "== One JSON text, asynchronously\n",
+              {"== One JSON text, through the C++ client\n",
+               "   FAILED  result 10: the HTTP status was not 200 to 299, HTTP status 404\n",
+               "== One JSON text, synchronously\n", "   FAILED  result 10: ", "== One JSON text, asynchronously\n",
                "   answer  nothing here\n", "   result  0 after ", NOT_ALL_ANSWERED});
 }
 
-TEST_F(DemoTest, ARefusedConnectionFailsBothPosts)
+TEST_F(DemoTest, ARefusedConnectionFailsEachPost)
 {
     const ClosedPort closed;
-    ExpectRun({closed.Url()}, 1, {"   FAILED  result 10: ", "   FAILED  result 14: ", NOT_ALL_ANSWERED});
+    ExpectRun({closed.Url()}, 1,
+              {"   FAILED  result 14: connect failed\n",
+               "   FAILED  result 10: ", "   FAILED  result 14: ", NOT_ALL_ANSWERED});
 }
 
 TEST_F(DemoTest, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
@@ -126,8 +144,9 @@ TEST_F(DemoTest, AnAnswerOfMoreThanAMegabyteIsNotAskedForAsynchronously)
     const ScriptedServer server(Answering(body));
     ExpectRun({server.Url()}, 1,
               {"   FAILED  result 11: the answer is longer than 1 MiB\n",
+               "   FAILED  result 11: the answer is longer than 1 MiB\n",
                "The asynchronous post is left out: its answer would be copied without a bound.\n", NOT_ALL_ANSWERED});
-    EXPECT_EQ(server.RequestCount(), 1U);
+    EXPECT_EQ(server.RequestCount(), 2U);
 }
 
 TEST_F(DemoTest, WithoutPortsItSaysWhatIsMissing)

@@ -11,7 +11,10 @@
 #include <vector>
 
 #include "platform/host/osp_console.h"
+#include "support/hcc_numbers.h"
+#include "tools/common/module_start.h"
 #include "tools/common/result_text.h"
+#include "tools/post/post_client.h"
 #include "tools/post/post_run.h"
 
 namespace
@@ -33,7 +36,9 @@ const std::chrono::milliseconds s_tSettle(200);
 /* What became of one post. */
 struct TOutcome {
     bool bEnded = false;
+    EPostMode eMode = POST_MODE_SYNC;
     ESendByCurlRet eRet = SENDBYCURL_OK;
+    int nStatus = 0; /* of HTTP; 0 where the mode does not report it */
     double dMillis = 0;
     std::string strAnswer;
 };
@@ -53,9 +58,24 @@ void Heading(const std::string &strText)
     fflush(stdout);
 }
 
-const char *ResultText(ESendByCurlRet eRet)
+/* What a way of sending is good for. */
+void Why(const char *szText)
 {
-    return eRet == SENDBYCURL_BUFFER_TOO_SMALL ? "the answer is longer than 1 MiB" : EngineSendText(eRet);
+    printf("   %s\n", szText);
+    fflush(stdout);
+}
+
+const char *ResultText(EPostMode eMode, ESendByCurlRet eRet)
+{
+    if (eRet == SENDBYCURL_BUFFER_TOO_SMALL) {
+        return "the answer is longer than 1 MiB";
+    }
+    return eMode == POST_MODE_CLIENT ? ClientSendText(eRet) : EngineSendText(eRet);
+}
+
+std::string StatusText(const TOutcome &tOutcome)
+{
+    return tOutcome.nStatus == 0 ? "" : ", HTTP status " + std::to_string(tOutcome.nStatus);
 }
 
 TPostJob MakeJob(const std::string &strUrl, EPostMode eMode, uint32_t dwMaxAnswer)
@@ -93,8 +113,8 @@ TOutcome PostOne(TPostJob tJob, const std::string &strJson)
         printf("   accepted, waiting for the notification\n");
         fflush(stdout);
     };
-    tJob.pfEnded = [&tOutcome](const TPostEnd &tEnd) {
-        tOutcome = {true, tEnd.eRet, Millis(tEnd.tTook), AnswerOf(tEnd)};
+    tJob.pfEnded = [&](const TPostEnd &tEnd) {
+        tOutcome = {true, tJob.eMode, tEnd.eRet, tEnd.nStatus, Millis(tEnd.tTook), AnswerOf(tEnd)};
     };
     Run(tJob, nullptr);
     return tOutcome;
@@ -116,13 +136,14 @@ bool PrintOutcome(const TOutcome &tOutcome, const std::string &strSent, bool bOw
         return false;
     }
     if (tOutcome.eRet != SENDBYCURL_OK) {
-        printf("   FAILED  result %u: %s\n", tOutcome.eRet, ResultText(tOutcome.eRet));
+        printf("   FAILED  result %u: %s%s\n", tOutcome.eRet, ResultText(tOutcome.eMode, tOutcome.eRet),
+               StatusText(tOutcome).c_str());
         return false;
     }
     PrintText("answer", tOutcome.strAnswer);
     const bool bWrong = bOwnServer && tOutcome.strAnswer != strSent;
-    printf("   result  0 after %.1f ms, %zu bytes%s\n", tOutcome.dMillis, tOutcome.strAnswer.size(),
-           bWrong ? ", NOT what was sent" : (bOwnServer ? ", the same as sent" : ""));
+    printf("   result  0 after %.1f ms%s, %zu bytes%s\n", tOutcome.dMillis, StatusText(tOutcome).c_str(),
+           tOutcome.strAnswer.size(), bWrong ? ", NOT what was sent" : (bOwnServer ? ", the same as sent" : ""));
     return !bWrong;
 }
 
@@ -141,9 +162,9 @@ void NoteEnd(TBatch &tBatch, const TPostEnd &tEnd)
         tBatch.dwEchoed++;
     } else if (tEnd.dwPost < tBatch.dwFirstFailed) {
         tBatch.dwFirstFailed = tEnd.dwPost;
-        tBatch.strFirstFailure = tEnd.eRet == SENDBYCURL_OK
-                                     ? "sent " + strSent + ", answered " + strAnswer
-                                     : "result " + std::to_string(tEnd.eRet) + ", " + ResultText(tEnd.eRet);
+        tBatch.strFirstFailure = tEnd.eRet == SENDBYCURL_OK ? "sent " + strSent + ", answered " + strAnswer
+                                                            : "result " + std::to_string(tEnd.eRet) + ", " +
+                                                                  ResultText(POST_MODE_ASYNC, tEnd.eRet);
     }
 }
 
@@ -203,9 +224,23 @@ void RunCommand(const char *szLine)
 
 } // namespace
 
+bool ShowClient(const TDemoServer &tServer, const std::string &strJson)
+{
+    Heading("One JSON text, through the C++ client");
+    Why("Why: status and length come with the answer, time-outs are kept, certificates are checked. For C++ services.");
+    TPostJob tJob = MakeJob(tServer.strUrl, POST_MODE_CLIENT, SYNC_ANSWER);
+    tJob.bVerify = true;
+    StartLog(0);
+    const auto ptClient = MakePostClient(tJob);
+    StartLog(HCC_LEVEL_ERROR);
+    tJob.ptClient = ptClient.get();
+    return PrintOutcome(PostOne(tJob, strJson), strJson, tServer.bOwn);
+}
+
 bool ShowSync(const TDemoServer &tServer, const std::string &strJson, bool &bTooLong)
 {
     Heading("One JSON text, synchronously");
+    Why("Why: one call of C, which returns with the answer in the caller's buffer.");
     const TOutcome tOutcome = PostOne(MakeJob(tServer.strUrl, POST_MODE_SYNC, SYNC_ANSWER), strJson);
     bTooLong = tOutcome.eRet == SENDBYCURL_BUFFER_TOO_SMALL;
     return PrintOutcome(tOutcome, strJson, tServer.bOwn);
@@ -214,6 +249,7 @@ bool ShowSync(const TDemoServer &tServer, const std::string &strJson, bool &bToo
 bool ShowAsync(const TDemoServer &tServer, const std::string &strJson)
 {
     Heading("One JSON text, asynchronously");
+    Why("Why: the call returns at once, a worker notifies. The buffer has to hold any answer that may come.");
     const uint32_t dwOwnAnswer = OWN_ANSWER + static_cast<uint32_t>(strJson.size());
     const uint32_t dwMaxAnswer = tServer.bOwn ? dwOwnAnswer : uint32_t{FOREIGN_ANSWER};
     const TOutcome tOutcome = PostOne(MakeJob(tServer.strUrl, POST_MODE_ASYNC, dwMaxAnswer), strJson);

@@ -14,6 +14,9 @@ struct TDemoServer {
     bool bOwn = false; /* the demo's own: it answers each post with what was sent */
 };
 
+/* One post; its client lives as long as the call. False unless it succeeded. */
+bool ShowClient(const TDemoServer &tServer, const std::string &strJson);
+
 /* One post each. False unless it succeeded; bTooLong: its answer exceeds 1 MiB. */
 bool ShowSync(const TDemoServer &tServer, const std::string &strJson, bool &bTooLong);
 bool ShowAsync(const TDemoServer &tServer, const std::string &strJson);

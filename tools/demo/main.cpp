@@ -1,5 +1,5 @@
 /*
- * The demo: the send module at work, against a server of its own or one that the caller names.
+ * The demo: the C++ client and the send module at work, against a server of its own or one that the caller names.
  * The exit status is 0 only if every post was answered, and by a server of its own with what was
  * sent.
  */
@@ -54,13 +54,14 @@ bool RunForeign(const TDemo &tDemo)
         return false;
     }
     const TDemoServer tServer = {tDemo.strUrl, false};
+    const bool bClient = ShowClient(tServer, tDemo.strJson);
     bool bTooLong = false;
     const bool bSync = ShowSync(tServer, tDemo.strJson, bTooLong);
     if (bTooLong) {
         printf("\nThe asynchronous post is left out: its answer would be copied without a bound.\n");
         return false;
     }
-    return ShowAsync(tServer, tDemo.strJson) && bSync;
+    return ShowAsync(tServer, tDemo.strJson) && bSync && bClient;
 }
 
 bool RunOwn(const TDemo &tDemo)
@@ -73,12 +74,13 @@ bool RunOwn(const TDemo &tDemo)
     if (!StartModule()) {
         return false;
     }
+    const bool bClient = ShowClient(tServer, tDemo.strJson);
     bool bTooLong = false;
     const bool bSync = ShowSync(tServer, tDemo.strJson, bTooLong);
     const bool bAsync = ShowAsync(tServer, tDemo.strJson);
     const bool bBatch = ShowBatch(tServer, tDemo.dwCount, tDemo.dwDeadlineS);
     const bool bListings = ShowListings(tServer);
-    return bSync && bAsync && bBatch && bListings;
+    return bClient && bSync && bAsync && bBatch && bListings;
 }
 
 bool Run(const TDemo &tDemo)
@@ -90,12 +92,16 @@ bool Run(const TDemo &tDemo)
 
 int ParseAndRun(int nArgc, char **ppchArgv)
 {
-    CLI::App tApp{"Shows the send module at work: one post synchronously, one asynchronously, then many"};
+    CLI::App tApp{
+        "Shows the library at work: one post through the C++ client, one synchronously, one asynchronously, then many"};
     TDemo tDemo;
     tApp.set_version_flag("--version", std::string("nvrhttp_demo ") + NVRHTTP_VERSION);
-    tApp.add_option("URL", tDemo.strUrl, "Send the first two posts there, and no others; without it, to an own server")
+    tApp.add_option(
+            "URL", tDemo.strUrl,
+            "Send the first three posts there, and no others; without it, to an own server. The client checks the "
+            "certificate of an https server")
         ->check(HttpUrlComplaint);
-    tApp.add_option("JSON", tDemo.strJson, "The text of the first two posts");
+    tApp.add_option("JSON", tDemo.strJson, "The text of the first three posts");
     tApp.add_option("--count", tDemo.dwCount, "Number of posts of the batch")
         ->check(CLI::Range(1, 1000000))
         ->capture_default_str();

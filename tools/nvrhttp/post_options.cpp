@@ -97,13 +97,6 @@ bool IsOverTheEngine(const TPostJob &tJob)
     return tJob.eMode == POST_MODE_SYNC || tJob.eMode == POST_MODE_ASYNC;
 }
 
-/* libcurl takes a URL without a scheme for one of http; the client takes none for granted. */
-std::string UrlOf(const TPostJob &tJob)
-{
-    const bool bPlain = tJob.eMode == POST_MODE_CLIENT && tJob.strUrl.find("://") == std::string::npos;
-    return bPlain ? "http://" + tJob.strUrl : tJob.strUrl;
-}
-
 /* Refuses what the chosen mode would silently leave undone. */
 void CheckJob(const TPostJob &tJob)
 {
@@ -214,7 +207,6 @@ TPostJob MakePostJob(const TPostOptions &tOptions)
 {
     TPostJob tJob = tOptions.tJob;
     tJob.eMode = ModeOf(tOptions.strMode);
-    tJob.strUrl = UrlOf(tJob);
     tJob.eHeadType = tOptions.strMethod == "get" ? SENDBYCURL_METHOD_GET : SENDBYCURL_METHOD_POST;
     if (tOptions.ptVerify->count() == 0) {
         tJob.bVerify = tJob.eMode == POST_MODE_CLIENT;

@@ -3,6 +3,17 @@
 #include <algorithm>
 #include <chrono>
 
+namespace
+{
+
+/* What libcurl takes for a URL of http the client refuses for want of a scheme. */
+std::string WithScheme(const std::string &strUrl)
+{
+    return strUrl.find("://") == std::string::npos ? "http://" + strUrl : strUrl;
+}
+
+} // namespace
+
 std::unique_ptr<nvrhttpcurl::Client> MakePostClient(const TPostJob &tJob)
 {
     nvrhttpcurl::Options tOptions;
@@ -16,7 +27,7 @@ std::unique_ptr<nvrhttpcurl::Client> MakePostClient(const TPostJob &tJob)
 nvrhttpcurl::Response PostByClient(const TPostJob &tJob, const std::string &strBody)
 {
     nvrhttpcurl::Request tRequest;
-    tRequest.url = tJob.strUrl;
+    tRequest.url = WithScheme(tJob.strUrl);
     tRequest.body = strBody;
     tRequest.method = tJob.eHeadType == SENDBYCURL_METHOD_GET ? "GET" : "POST";
     tRequest.user_and_password = tJob.strUserAndPassWd;
