@@ -218,9 +218,7 @@ int Run(const TBench &tBench)
     return dwFailed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-} // namespace
-
-int main(int nArgc, char **ppchArgv)
+int ParseAndRun(int nArgc, char **ppchArgv)
 {
     CLI::App tApp{"Measures the C++ client beside the bare engine, the send module and threads over libcurl"};
     TBench tBench;
@@ -229,8 +227,15 @@ int main(int nArgc, char **ppchArgv)
         ->check(CLI::Range(10U, 10000U))
         ->capture_default_str();
     CLI11_PARSE(tApp, nArgc, ppchArgv);
+    return Run(tBench);
+}
+
+} // namespace
+
+int main(int nArgc, char **ppchArgv)
+{
     try {
-        return Run(tBench);
+        return ParseAndRun(nArgc, ppchArgv);
     } catch (const std::exception &tError) {
         fprintf(stderr, "client_cost: %s\n", tError.what());
         return EXIT_FAILURE;

@@ -47,6 +47,7 @@ bool Send(TChain &tChain)
 void RunBlocking(std::deque<TChain> &atChains)
 {
     std::vector<std::thread> atThreads;
+    atThreads.reserve(atChains.size());
     for (TChain &tChain : atChains) {
         atThreads.emplace_back([&tChain] {
             while (NoteEnd(tChain, Send(tChain))) {
