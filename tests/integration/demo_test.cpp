@@ -114,6 +114,14 @@ TEST_F(DemoTest, AServerMayBeGivenWithoutAScheme)
     EXPECT_EQ(server.RequestCount(), 3U);
 }
 
+TEST_F(DemoTest, AnUntrustedServerFailsTheClientAlone)
+{
+    const ServeProcess server({"--tls"});
+    ExpectRun(
+        {server.Url(), "{}"}, 1,
+        {"   FAILED  result 5: transfer failed\n", "   result  0 after ", "   result  0 after ", NOT_ALL_ANSWERED});
+}
+
 TEST_F(DemoTest, ALongAnswerIsShownCut)
 {
     const ScriptedServer server(Answering(std::string(2001, 'x')));
