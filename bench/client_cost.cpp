@@ -198,8 +198,8 @@ int Run(const TBench &tBench)
     if (!tServer.IsRunning()) {
         throw std::runtime_error(tServer.Problem());
     }
-    printf("%s, %u rounds of %u ms, %d workers, %u processors\n", curl_version(), tBench.dwRounds, tBench.dwLoadMS,
-           BENCH_WORKERS, std::thread::hardware_concurrency());
+    printf("libcurl %s, %u rounds of %u ms, %d workers, %u processors\n", curl_version_info(CURLVERSION_NOW)->version,
+           tBench.dwRounds, tBench.dwLoadMS, BENCH_WORKERS, std::thread::hardware_concurrency());
 
     /* Before the send module starts, whose workers never end. */
     const CSilentServer tSilent;
