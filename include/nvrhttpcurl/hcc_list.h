@@ -24,25 +24,25 @@ enum {
     NVRHCC_LIST_NO_MEMORY = 3    /* no node could be allocated; the list is unchanged */
 };
 
+/* A node of a list. */
 typedef struct TNVRHCCListNode {
     struct TNVRHCCListNode *ptPrev; /* null at the head */
     struct TNVRHCCListNode *ptNext; /* null at the tail */
     void *pvData;                   /* the element, never null */
 } TNVRHCCListNode;
 
-typedef struct TNVRHCCList {
-    uint32_t dwNumOfElem;    /* number of nodes; may be read without the list's lock, see below */
-    TNVRHCCListNode *ptHead; /* null when empty */
-    TNVRHCCListNode *ptTail; /* null when empty */
-    void *(*pfMalloc)(size_t);
-    void *(*pfRealloc)(void *, size_t); /* kept, never called */
-    void (*pfFree)(void *);
-} TNVRHCCList;
-
 /*
- * dwNumOfElem is written with relaxed atomic stores: a reader that only needs a momentary
- * count may load it atomically while another thread changes the list.
+ * A list. dwNumOfElem is written with relaxed atomic stores: a reader that only needs a
+ * momentary count may load it atomically while another thread changes the list.
  */
+typedef struct TNVRHCCList {
+    uint32_t dwNumOfElem;               /* number of nodes */
+    TNVRHCCListNode *ptHead;            /* null when empty */
+    TNVRHCCListNode *ptTail;            /* null when empty */
+    void *(*pfMalloc)(size_t);          /* makes nodes */
+    void *(*pfRealloc)(void *, size_t); /* kept, never called */
+    void (*pfFree)(void *);             /* releases nodes */
+} TNVRHCCList;
 
 /*
  * Makes an empty list. Nodes that the record still links are not released.
@@ -63,15 +63,17 @@ uint32_t NVRHCCListInit(TNVRHCCList *ptList, const TNvrHttpCurlCltMemCB *ptMemCB
 void NVRHCCListCleanUp(TNVRHCCList *ptList, void (*pfFreeData)(void *));
 
 /*
- * Inserts an element before (after) an anchor.
+ * Inserts an element before an anchor.
  *
- * ptAnchor: a node of this list; null means before the head (after the tail).
+ * ptAnchor: a node of this list; null means before the head.
  * pvData:   the element, not null; the list only keeps the pointer.
  * ppNode:   receives the new node unless null.
  * Returns 0; 2 if ptList or pvData is null or an anchor is given for an empty list;
  * 3 if no node could be allocated.
  */
 uint32_t NVRHCCListInsertBefore(TNVRHCCList *ptList, TNVRHCCListNode *ptAnchor, void *pvData, TNVRHCCListNode **ppNode);
+
+/* The same after an anchor; null means after the tail. */
 uint32_t NVRHCCListInsertAfter(TNVRHCCList *ptList, TNVRHCCListNode *ptAnchor, void *pvData, TNVRHCCListNode **ppNode);
 
 /*

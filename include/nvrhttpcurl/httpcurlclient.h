@@ -40,6 +40,7 @@ NVRHTTPCURL_BEGIN_DECLS
 
 /* What the operations return and what a completion callback receives. */
 typedef uint32_t ENvrHttpCurlCltRet;
+/* Values of ENvrHttpCurlCltRet. */
 enum {
     NVRHTTPCURLCLT_OK = 0,               /* success */
     NVRHTTPCURLCLT_FAILED = 1,           /* libcurl, a list or a set-up step failed; no answer */
@@ -54,24 +55,36 @@ enum {
 
 /* How an asynchronous request ended. */
 typedef uint32_t ENvrHttpCurlCltReqProgress;
-enum { NVRHTTPCURLCLT_PROGRESS_ERROR = 0, NVRHTTPCURLCLT_PROGRESS_FINISHED = 1 };
+/* Values of ENvrHttpCurlCltReqProgress. */
+enum {
+    NVRHTTPCURLCLT_PROGRESS_ERROR = 0,   /* the transfer failed */
+    NVRHTTPCURLCLT_PROGRESS_FINISHED = 1 /* an answer came */
+};
 
 /* Where a request runs. */
 typedef uint32_t ENvrHttpCurlCltMode;
-enum { NVRHTTPCURLCLT_MODE_SYNC = 0, NVRHTTPCURLCLT_MODE_ASYNC = 1 };
+/* Values of ENvrHttpCurlCltMode. */
+enum {
+    NVRHTTPCURLCLT_MODE_SYNC = 0, /* on the caller's thread */
+    NVRHTTPCURLCLT_MODE_ASYNC = 1 /* on a worker of the instance */
+};
 
+/* Limits of the engine. */
 enum {
     NVRHTTPCURLCLT_MAX_INSTANCES = 16,       /* usable instances in one process */
     NVRHTTPCURLCLT_MAX_TASKS = 16,           /* worker threads of one instance */
     NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS = 1024 /* asynchronous requests of one instance */
 };
 
+/* What an instance is started with. */
 typedef struct TNvrHttpCurlCltInitParam {
     uint32_t dwThreadNum;     /* worker threads to start, 0 to 16; 0 allows synchronous requests only */
     uint32_t dwMaxAsycReqNum; /* asynchronous requests not yet destroyed, 0 to 1024 */
 } TNvrHttpCurlCltInitParam;
 
+/* An instance. */
 typedef struct TNvrHttpCurlCltInst *HNvrHttpCurlCltInst;
+/* A request. */
 typedef struct TNvrHttpCurlCltReqInner *HNvrHttpCurlCltReq;
 
 /*

@@ -29,9 +29,9 @@ NVRHTTPCURL_BEGIN_DECLS
  *   pfFree     with a block of pfMalloc or pfRealloc, never null.
  */
 typedef struct TNvrHttpCurlCltMemCB {
-    void *(*pfMalloc)(size_t);
-    void *(*pfRealloc)(void *, size_t);
-    void (*pfFree)(void *);
+    void *(*pfMalloc)(size_t);          /* allocates */
+    void *(*pfRealloc)(void *, size_t); /* grows */
+    void (*pfFree)(void *);             /* releases */
 } TNvrHttpCurlCltMemCB;
 
 NVRHTTPCURL_END_DECLS

@@ -19,6 +19,7 @@ NVRHTTPCURL_BEGIN_DECLS
 
 /* What the sends return and what a notification receives. */
 typedef uint32_t ESendByCurlRet;
+/* Values of ESendByCurlRet. */
 enum {
     SENDBYCURL_OK = 0,                /* success */
     SENDBYCURL_INVALID_PARAM = 1,     /* a required pointer is null, unknown mode; general engine failure */
@@ -39,10 +40,17 @@ enum {
 };
 
 /* Values of TSendByCurlParam.eHeadType. Any other value is a POST over the engine, a GET in the direct send. */
-enum { SENDBYCURL_METHOD_POST = 0, SENDBYCURL_METHOD_PUT = 1, SENDBYCURL_METHOD_GET = 2 };
+enum {
+    SENDBYCURL_METHOD_POST = 0, /* POST */
+    SENDBYCURL_METHOD_PUT = 1,  /* sent as a POST too, by the direct send as a GET */
+    SENDBYCURL_METHOD_GET = 2   /* sent as a POST too, by the direct send as a GET */
+};
 
 /* Values of eSyncMode. */
-enum { SENDBYCURL_MODE_SYNC = 0, SENDBYCURL_MODE_ASYNC = 1 };
+enum {
+    SENDBYCURL_MODE_SYNC = 0, /* waits for the answer */
+    SENDBYCURL_MODE_ASYNC = 1 /* a notification reports the end */
+};
 
 /*
  * End of an asynchronous send.
