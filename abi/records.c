@@ -1,6 +1,6 @@
 /*
- * Prints size and field offsets of every public record, for comparison with abi/records.txt,
- * the layout that applications are compiled with on LP64.
+ * Prints size and field offsets of every public record and the value of every public constant, for
+ * comparison with abi/records.txt: what applications are compiled with on LP64.
  */
 #include <stddef.h>
 #include <stdio.h>
@@ -13,8 +13,9 @@
 
 #define RECORD(type) printf("%s %zu\n", #type, sizeof(type))
 #define FIELD(type, field) printf("%s.%s %zu\n", #type, #field, offsetof(type, field))
+#define VALUE(name) printf("%s %d\n", #name, name)
 
-int main(void)
+static void PrintRecords(void)
 {
     RECORD(TNvrHttpCurlCltMemCB);
     FIELD(TNvrHttpCurlCltMemCB, pfMalloc);
@@ -52,5 +53,57 @@ int main(void)
     FIELD(TSendByCurlParam, pfNtf);
     FIELD(TSendByCurlParam, bCurlAuth);
     FIELD(TSendByCurlParam, achUserAndPassWd);
+}
+
+static void PrintValues(void)
+{
+    VALUE(NVRHCC_LIST_OK);
+    VALUE(NVRHCC_LIST_INVALID_ARG);
+    VALUE(NVRHCC_LIST_NO_MEMORY);
+
+    VALUE(NVRHTTPCURLCLT_OK);
+    VALUE(NVRHTTPCURLCLT_FAILED);
+    VALUE(NVRHTTPCURLCLT_INVALID_ARG);
+    VALUE(NVRHTTPCURLCLT_NO_MEMORY);
+    VALUE(NVRHTTPCURLCLT_BUFFER_TOO_SMALL);
+    VALUE(NVRHTTPCURLCLT_LIMIT_REACHED);
+    VALUE(NVRHTTPCURLCLT_TIMED_OUT);
+    VALUE(NVRHTTPCURLCLT_CONNECT_FAILED);
+    VALUE(NVRHTTPCURLCLT_TLS_FAILED);
+    VALUE(NVRHTTPCURLCLT_PROGRESS_ERROR);
+    VALUE(NVRHTTPCURLCLT_PROGRESS_FINISHED);
+    VALUE(NVRHTTPCURLCLT_MODE_SYNC);
+    VALUE(NVRHTTPCURLCLT_MODE_ASYNC);
+    VALUE(NVRHTTPCURLCLT_MAX_INSTANCES);
+    VALUE(NVRHTTPCURLCLT_MAX_TASKS);
+    VALUE(NVRHTTPCURLCLT_MAX_ASYNC_REQUESTS);
+
+    VALUE(SENDBYCURL_OK);
+    VALUE(SENDBYCURL_INVALID_PARAM);
+    VALUE(SENDBYCURL_NO_HANDLE);
+    VALUE(SENDBYCURL_NO_HEADER);
+    VALUE(SENDBYCURL_NO_SLOT);
+    VALUE(SENDBYCURL_OPTION_REFUSED);
+    VALUE(SENDBYCURL_TRANSFER_FAILED);
+    VALUE(SENDBYCURL_TIMED_OUT);
+    VALUE(SENDBYCURL_ACCEPT_TIMED_OUT);
+    VALUE(SENDBYCURL_NO_MEMORY);
+    VALUE(SENDBYCURL_HTTP_STATUS);
+    VALUE(SENDBYCURL_BUFFER_TOO_SMALL);
+    VALUE(SENDBYCURL_LIMIT_REACHED);
+    VALUE(SENDBYCURL_ENGINE_9);
+    VALUE(SENDBYCURL_CONNECT_FAILED);
+    VALUE(SENDBYCURL_TLS_FAILED);
+    VALUE(SENDBYCURL_METHOD_POST);
+    VALUE(SENDBYCURL_METHOD_PUT);
+    VALUE(SENDBYCURL_METHOD_GET);
+    VALUE(SENDBYCURL_MODE_SYNC);
+    VALUE(SENDBYCURL_MODE_ASYNC);
+}
+
+int main(void)
+{
+    PrintRecords();
+    PrintValues();
     return 0;
 }
