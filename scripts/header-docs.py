@@ -28,7 +28,7 @@ def blocks(comment):
     """[kind, name, text] of each part of a comment; an empty line is a block of its own."""
     found = []
     for line in comment.strip("\n").split("\n"):
-        line = re.sub(r"^ ?\*? ?", "", line, count=1).rstrip() if line.startswith(" *") else line.strip()
+        line = re.sub(r"^ \* ?", "", line).rstrip() if line.startswith(" *") else line.strip()
         start = next(((kind, m) for kind, pattern in STARTS if (m := pattern.match(line))), None)
         if not line:
             found.append(["gap", "", ""])
@@ -42,6 +42,7 @@ def blocks(comment):
 
 
 def doxygen(header):
+    """The same header; comments behind code belong to what is before them."""
     forms = {"returns": "@returns {2}", "trap": "@attention {2}", "item": "- **{1}**: {2}", "number": "{1}. {2}"}
 
     def convert(match):
@@ -68,6 +69,7 @@ def sentences(text):
 
 
 def mdoc_text(comment):
+    """The lines of a comment: items and numbers as a list, all else as paragraphs."""
     lines, open_list = [], False
     for kind, name, text in blocks(comment):
         listed = kind in ("item", "number")
@@ -100,6 +102,7 @@ def parts(header):
 
 
 def declarations(code):
+    """Those of functions, each in one line."""
     return [" ".join(found.split()) for found in re.findall(r"^(?!typedef)\w[^;{}]*\([^;{}]*\);", code, re.M)]
 
 
@@ -108,6 +111,7 @@ def name_of(declaration):
 
 
 def listing(macro, names):
+    """A line for each name, with commas between them."""
     return ["%s %s ," % (macro, name) for name in names[:-1]] + ["%s %s" % (macro, names[-1])]
 
 
@@ -126,7 +130,7 @@ def mdoc(headers, name):
     types = ["/*%s*/\n%s" % one for header in headers for one in parts(header)[1] if not declarations(one[1])]
     if types:
         page += [".Sh TYPES", ".Bd -literal", escaped("\n\n".join(types)), ".Ed"]
-    see = ["nvrhttp 1"] + [page + " 3" for page in PAGES if page != name]
+    see = ["nvrhttp 1"] + [other + " 3" for other in PAGES if other != name]
     return "\n".join(page + [".Sh SEE ALSO"] + listing(".Xr", see)) + "\n"
 
 

@@ -71,7 +71,7 @@ bool RaiseOpenFiles()
 TEST_F(Examples, PostManyWaitsForSlots)
 {
     const ServeProcess server;
-    test::Program program = Example("post_many", {server.Url("/delay/1500")});
+    test::Program program = Example("post_many", {server.Url("/delay/4000")});
     program.inChild = RaiseOpenFiles;
     const Finished run = test::RunProgram(program);
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
