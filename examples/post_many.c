@@ -8,7 +8,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-enum { POSTS = 1500, ANSWER_BYTES = 4096, PAUSE_MS = 10, MAX_PAUSES = 1000, DEADLINE_S = 30 };
+enum { POSTS = 1500, ANSWER_BYTES = 4096, PAUSE_MS = 10, MAX_PAUSES = 3000, DEADLINE_S = 60 };
 
 static sem_t s_tEnded;    /* one for each notification */
 static sem_t s_tAnswered; /* one for each that brought an answer */
@@ -29,7 +29,7 @@ static ESendByCurlRet Post(const char *szUrl, uint32_t *pdwPauses)
 {
     const struct timespec tPause = {0, PAUSE_MS * 1000000L};
     TSendByCurlParam tParam = {.pchURL = szUrl, .pchSendBuf = "{}", .dwSendLen = 2, .pfNtf = Notified};
-    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 10000;
+    tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 30000;
     tParam.pchRecvBuf = calloc(1, ANSWER_BYTES); /* larger than any answer */
     if (tParam.pchRecvBuf == NULL) {
         return SENDBYCURL_NO_MEMORY;
