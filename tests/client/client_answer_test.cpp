@@ -11,37 +11,27 @@
 namespace
 {
 
-using test::Await;
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::milliseconds;
-using test::Options;
-using test::PostOf;
-using test::Response;
-using test::ScriptedServer;
-using test::Unverified;
+using namespace test;
 
-using ClientAnswer = test::ClientTest;
+using ClientAnswer = ClientTest;
 
 TEST_F(ClientAnswer, PostReturnsStatusBodyAndTime)
 {
-    const ScriptedServer server({test::When::REQUEST, {test::Pause(milliseconds(50)), test::Echo()}});
+    const ScriptedServer server({When::REQUEST, {Pause(milliseconds(50)), Echo()}});
     Client client;
     const Response answer = client.post(server.Url(), "{\"a\":1}");
     ExpectAnswer(answer, "{\"a\":1}");
     EXPECT_GE(answer.elapsed, milliseconds(45));
-    EXPECT_LT(answer.elapsed, test::PATIENCE);
+    EXPECT_LT(answer.elapsed, PATIENCE);
     EXPECT_EQ(client.outstanding(), 0U);
 }
 
 TEST_F(ClientAnswer, ThePostIsJsonWithItsLength)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client;
     ExpectAnswer(Await(client.post_async(server.Url("/api?x=1"), "{\"a\":1}")), "{\"a\":1}");
-    const test::Request seen = server.Requests().at(0);
+    const Request seen = server.Requests().at(0);
     EXPECT_EQ(seen.Line(), "POST /api?x=1 HTTP/1.1");
     EXPECT_TRUE(seen.HasLine("Content-Type:application/json") || seen.HasLine("Content-Type: application/json"))
         << seen.head;
@@ -51,26 +41,26 @@ TEST_F(ClientAnswer, ThePostIsJsonWithItsLength)
 
 TEST_F(ClientAnswer, GivenHeadersAreSent)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client;
     nvrhttpcurl::Request request = PostOf(server.Url());
     request.headers = {{"X-First", "1"}, {"content-TYPE", "text/plain"}, {"X-Last", "two words"}};
     ExpectAnswer(client.send(request), "{}");
     const std::string head = server.Requests().at(0).head;
-    EXPECT_TRUE(test::Has(head, "X-First:1\r\n")) << head;
-    EXPECT_TRUE(test::Has(head, "content-TYPE:text/plain\r\n")) << head;
-    EXPECT_TRUE(test::Has(head, "X-Last:two words")) << head;
-    EXPECT_FALSE(test::Has(head, "application/json")) << head;
+    EXPECT_TRUE(Has(head, "X-First:1\r\n")) << head;
+    EXPECT_TRUE(Has(head, "content-TYPE:text/plain\r\n")) << head;
+    EXPECT_TRUE(Has(head, "X-Last:two words")) << head;
+    EXPECT_FALSE(Has(head, "application/json")) << head;
 }
 
 TEST_F(ClientAnswer, GetSendsNoBody)
 {
-    const ScriptedServer server(test::Answering("got"));
+    const ScriptedServer server(Answering("got"));
     Client client;
     nvrhttpcurl::Request request = PostOf(server.Url("/list"), "ignored");
     request.method = "GET";
     ExpectAnswer(client.send(request), "got");
-    const test::Request seen = server.Requests().at(0);
+    const Request seen = server.Requests().at(0);
     EXPECT_EQ(seen.Line(), "GET /list HTTP/1.1");
     EXPECT_EQ(seen.body, "");
     EXPECT_FALSE(seen.HasHeader("Content-Length"));
@@ -78,8 +68,8 @@ TEST_F(ClientAnswer, GetSendsNoBody)
 
 TEST_F(ClientAnswer, AnEmptyBodyIsNotReadFromStandardInput)
 {
-    test::FeedStandardInput("not to be sent");
-    const ScriptedServer server(test::ECHOING);
+    FeedStandardInput("not to be sent");
+    const ScriptedServer server(ECHOING);
     Client client;
     ExpectAnswer(client.post(server.Url(), ""), "");
     EXPECT_TRUE(server.Requests().at(0).HasLine("Content-Length: 0"));
@@ -87,14 +77,14 @@ TEST_F(ClientAnswer, AnEmptyBodyIsNotReadFromStandardInput)
 
 TEST_F(ClientAnswer, BodiesKeepTheirBytes)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client;
     const std::string withNul("a\0b\r\n\xff", 6);
     ExpectAnswer(client.post(server.Url(), withNul), withNul);
     Options options;
     options.max_answer = 4 << 20;
     Client wide(options);
-    const std::string large = test::SampleText(3 << 20);
+    const std::string large = SampleText(3 << 20);
     ExpectAnswer(wide.post(server.Url(), large), large);
 }
 
@@ -102,7 +92,7 @@ TEST_F(ClientAnswer, AnyStatusIsAnAnswer)
 {
     Client client;
     for (const int status : {201, 299, 302, 404, 500}) {
-        const ScriptedServer server(test::Answering("text", status));
+        const ScriptedServer server(Answering("text", status));
         ExpectAnswer(client.post(server.Url(), "{}"), "text", status);
     }
 }
@@ -110,36 +100,36 @@ TEST_F(ClientAnswer, AnyStatusIsAnAnswer)
 TEST_F(ClientAnswer, AnswersOfALengthThatTheServerDoesNotTell)
 {
     Client client;
-    const ScriptedServer chunked({test::When::REQUEST,
-                                  {test::Send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n"),
-                                   test::Pause(milliseconds(20)), test::Send("2\r\nde\r\n0\r\n\r\n")}});
+    const ScriptedServer chunked({When::REQUEST,
+                                  {Send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n"),
+                                   Pause(milliseconds(20)), Send("2\r\nde\r\n0\r\n\r\n")}});
     ExpectAnswer(client.post(chunked.Url(), "{}"), "abcde");
-    const ScriptedServer closing({test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\n\r\nabc"), test::CLOSE}});
+    const ScriptedServer closing({When::REQUEST, {Send("HTTP/1.1 200 OK\r\n\r\nabc"), CLOSE}});
     ExpectAnswer(client.post(closing.Url(), "{}"), "abc");
-    const ScriptedServer without({test::When::REQUEST, {test::Send("HTTP/1.1 204 No Content\r\n\r\n")}});
+    const ScriptedServer without({When::REQUEST, {Send("HTTP/1.1 204 No Content\r\n\r\n")}});
     ExpectAnswer(client.post(without.Url(), "{}"), "", 204);
 }
 
 TEST_F(ClientAnswer, FailuresHaveReasons)
 {
     Client client;
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     ExpectFailure(client.post(closed.Url(), "{}"), Error::connect_failed);
     ExpectFailure(client.post("http://[::1", "{}"), Error::transfer_failed);
-    const ScriptedServer plain({test::When::FIRST_BYTE, {test::Send("no TLS here\r\n"), test::CLOSE}});
+    const ScriptedServer plain({When::FIRST_BYTE, {Send("no TLS here\r\n"), CLOSE}});
     ExpectFailure(client.post(plain.Url("/", "https"), "{}"), Error::tls_failed);
     ExpectFailure(client.send(Unverified(plain.Url("/", "https"))), Error::tls_failed);
-    const ScriptedServer noHttp({test::When::REQUEST, {test::Send("220 mail.example\r\n"), test::CLOSE}});
+    const ScriptedServer noHttp({When::REQUEST, {Send("220 mail.example\r\n"), CLOSE}});
     ExpectFailure(client.post(noHttp.Url(), "{}"), Error::transfer_failed);
-    const ScriptedServer closing({test::When::REQUEST, {test::CLOSE}});
+    const ScriptedServer closing({When::REQUEST, {CLOSE}});
     ExpectFailure(client.post(closing.Url(), "{}"), Error::transfer_failed);
-    const ScriptedServer cutting(test::CUTTING_OFF);
+    const ScriptedServer cutting(CUTTING_OFF);
     ExpectFailure(client.post(cutting.Url(), "{}"), Error::transfer_failed, 200);
 }
 
 /* --- the longest answer -------------------------------------------------------------------------- */
 
-class ClientAnswerLength : public test::NginxTest
+class ClientAnswerLength : public NginxTest
 {
   protected:
     static Options Longest(size_t bytes)
@@ -152,10 +142,10 @@ class ClientAnswerLength : public test::NginxTest
 
 TEST_F(ClientAnswerLength, ExactlyTheLimitIsAccepted)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     for (const size_t limit : {size_t{1}, size_t{1000}, size_t{100000}}) {
         Client client(Longest(limit));
-        const std::string exact = test::SampleText(limit);
+        const std::string exact = SampleText(limit);
         ExpectAnswer(client.post(server.Url(), exact), exact);
         ExpectAnswer(client.post(server.Url(), ""), "");
         ExpectFailure(client.post(server.Url(), exact + "+"), Error::answer_too_long, 200);
@@ -169,7 +159,7 @@ TEST_F(ClientAnswerLength, OverHttp2AndTlsToo)
     nginx.MakeFile("longer", 65537);
     Client client(Longest(65536));
     for (const std::string &prefix : {nginx.Http("/files/"), nginx.Https("/files/"), nginx.Http2("/files/")}) {
-        ExpectAnswer(client.send(Unverified(prefix + "exact")), test::SampleText(65536));
+        ExpectAnswer(client.send(Unverified(prefix + "exact")), SampleText(65536));
         ExpectFailure(client.send(Unverified(prefix + "longer")), Error::answer_too_long, 200);
     }
 }

@@ -24,16 +24,7 @@
 namespace
 {
 
-using test::Await;
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::Limits;
-using test::milliseconds;
-using test::PostOf;
-using test::Response;
-using test::ScriptedServer;
+using namespace test;
 
 std::atomic<size_t> submissions{0};
 std::atomic<size_t> refusals{0};
@@ -54,7 +45,7 @@ nvrhttpcurl::Request Limited(const std::string &url, milliseconds timeout)
     return request;
 }
 
-class ClientDeadline : public test::ClientTest, public testing::WithParamInterface<bool>
+class ClientDeadline : public ClientTest, public testing::WithParamInterface<bool>
 {
   protected:
     ClientDeadline()
@@ -68,7 +59,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, ClientDeadline, testing::Bool(),
 
 TEST_P(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
 {
-    const ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     Client client(Limits(1));
     for (const int timeout : {1, 300, 700}) {
         const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(timeout))));
@@ -79,8 +70,7 @@ TEST_P(ClientDeadline, ASilentServerIsReportedAtTheTimeout)
 
 TEST_P(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
 {
-    const ScriptedServer server(
-        {test::When::REQUEST, {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), test::HOLD}});
+    const ScriptedServer server({When::REQUEST, {Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart"), HOLD}});
     Client client(Limits(1));
     const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(300))));
     ExpectFailure(answer, Error::timed_out, 200);
@@ -89,12 +79,12 @@ TEST_P(ClientDeadline, SoIsOneThatFallsSilentInItsAnswer)
 
 TEST_P(ClientDeadline, SoIsOneThatSendsAllTheTime)
 {
-    std::vector<test::Step> steps = {test::Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")};
+    std::vector<Step> steps = {Send("HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")};
     for (size_t number = 0; number < 400; ++number) {
-        steps.push_back(test::Pause(milliseconds(10)));
-        steps.push_back(test::Send("x"));
+        steps.push_back(Pause(milliseconds(10)));
+        steps.push_back(Send("x"));
     }
-    const ScriptedServer server({test::When::REQUEST, steps});
+    const ScriptedServer server({When::REQUEST, steps});
     Client client(Limits(1));
     const Response answer = Await(client.send_async(Limited(server.Url(), milliseconds(300))));
     ExpectFailure(answer, Error::timed_out, 200);
@@ -103,7 +93,7 @@ TEST_P(ClientDeadline, SoIsOneThatSendsAllTheTime)
 
 TEST_P(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout)
 {
-    const test::SilentAddress silent;
+    const SilentAddress silent;
     Client client(Limits(1));
     nvrhttpcurl::Request request = PostOf(silent.Url());
     request.connect_timeout = milliseconds(300);
@@ -115,7 +105,7 @@ TEST_P(ClientDeadline, AnAddressThatSwallowsPacketsIsReportedAtTheConnectTimeout
 /* Each worker has its own heartbeat, and each request its own end. */
 TEST_P(ClientDeadline, ManyEndEachAtItsOwnTime)
 {
-    const ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     Client client(Limits(4));
     std::vector<std::future<Response>> answers;
     for (int number = 0; number < 100; ++number) {
@@ -177,7 +167,7 @@ class DeadIpv6
 
 TEST_P(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     const DeadIpv6 dead(server.Url(""));
     if (!dead.IsDead()) {
         GTEST_SKIP() << "no IPv6 loopback address whose backlog can be filled";
@@ -191,7 +181,7 @@ TEST_P(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 
 TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
 {
-    const ScriptedServer server(test::ECHOING_ON_RELEASE);
+    const ScriptedServer server(ECHOING_ON_RELEASE);
     Client client(Limits(4));
     ExpectFailure(Await(client.send_async(Limited(server.Url(), milliseconds(50)))), Error::timed_out);
     std::this_thread::sleep_for(milliseconds(50)); /* the beat that may have begun */
@@ -200,7 +190,7 @@ TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
     EXPECT_EQ(submissions.load(), idle);
 
     std::future<Response> answer = client.send_async(Limited(server.Url(), milliseconds(60000)));
-    EXPECT_TRUE(test::WaitUntil([&] { return submissions.load() >= idle + 4; }));
+    EXPECT_TRUE(WaitUntil([&] { return submissions.load() >= idle + 4; }));
     const size_t busy = submissions.load();
     const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(milliseconds(400));
@@ -212,8 +202,8 @@ TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
 /* While the worker is held up its heartbeat waits in its queue: the engine must not get it a second time. */
 TEST_P(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
 {
-    const ScriptedServer server(test::ECHOING);
-    const ScriptedServer silent(test::SILENT);
+    const ScriptedServer server(ECHOING);
+    const ScriptedServer silent(SILENT);
     Client client(Limits(1));
     std::future<Response> late = client.send_async(Limited(silent.Url(), milliseconds(600)));
     std::promise<size_t> passed;
@@ -230,20 +220,18 @@ TEST_P(ClientDeadline, AHeartbeatThatIsUnderWayIsNotSubmittedAgain)
 /* Some twenty lines each, none of them an error. */
 TEST_P(ClientDeadline, HeartbeatsLogNoError)
 {
-    const ScriptedServer server({test::When::REQUEST, {test::Pause(milliseconds(400)), test::Echo()}});
-    const test::ClosedPort closed;
+    const ScriptedServer server({When::REQUEST, {Pause(milliseconds(400)), Echo()}});
+    const ClosedPort closed;
     Client client(Limits(2)); /* before the log: the one line of a missing protocol, ports that are taken */
     ASSERT_EQ(SendByCurlLogInit(), 0U);
-    const auto errorsOf = [](const std::function<void()> &action) {
-        return test::Has(test::StandardErrorOf(action), "[Error]");
-    };
+    const auto errorsOf = [](const std::function<void()> &action) { return Has(StandardErrorOf(action), "[Error]"); };
     EXPECT_FALSE(errorsOf([&] { ExpectAnswer(client.send(PostOf(server.Url())), "{}"); }));
     EXPECT_TRUE(errorsOf([&] { ExpectFailure(client.send(PostOf(closed.Url())), Error::connect_failed); }));
 }
 
 /* --- heartbeats over http ------------------------------------------------------------------------ */
 
-class ClientWithoutFile : public test::ClientTest
+class ClientWithoutFile : public ClientTest
 {
   protected:
     ClientWithoutFile()
@@ -261,34 +249,34 @@ bool IsListening(int fd)
 
 TEST_F(ClientWithoutFile, ThePortIsNotInheritedAndIsClosed)
 {
-    const std::set<int> before = test::OpenDescriptors();
+    const std::set<int> before = OpenDescriptors();
     {
         Client client(Limits(2));
         size_t ports = 0;
-        for (const int fd : test::OpenDescriptors()) {
+        for (const int fd : OpenDescriptors()) {
             if (before.count(fd) == 0 && IsListening(fd)) {
                 ++ports;
                 EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
             }
         }
         EXPECT_EQ(ports, 1U);
-        const ScriptedServer silent(test::SILENT);
+        const ScriptedServer silent(SILENT);
         ExpectFailure(client.send(Limited(silent.Url(), milliseconds(200))), Error::timed_out);
     }
-    EXPECT_EQ(test::OpenDescriptors(), before);
+    EXPECT_EQ(OpenDescriptors(), before);
 }
 
 /* The client must not send its heartbeats to it. */
 TEST_F(ClientWithoutFile, AProxyInTheWayIsReportedByTheConstructor)
 {
-    const ScriptedServer proxy(test::Answering("", 204));
+    const ScriptedServer proxy(Answering("", 204));
     setenv("http_proxy", proxy.Url().c_str(), 1);
     EXPECT_THROW(Client(Limits(1)), std::runtime_error);
     EXPECT_EQ(proxy.RequestCount(), 1U);
     setenv("no_proxy", "127.0.0.1", 1);
     EXPECT_NO_THROW(Client(Limits(1)));
     EXPECT_EQ(proxy.RequestCount(), 1U);
-    test::ClearProxies();
+    ClearProxies();
 }
 
 } // namespace

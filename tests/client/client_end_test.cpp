@@ -13,22 +13,13 @@
 namespace
 {
 
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::Limits;
-using test::milliseconds;
-using test::PostOf;
-using test::Response;
-using test::ScriptedServer;
-using test::WaitUntil;
+using namespace test;
 
-using ClientEnd = test::ClientTest;
+using ClientEnd = ClientTest;
 
 TEST_F(ClientEnd, TwoHundredInFlightAreCancelledOnceEach)
 {
-    const ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     std::vector<unsigned> completions(200, 0);
     auto client = std::make_unique<Client>(Limits(4));
     const std::thread::id destroyer = std::this_thread::get_id();
@@ -43,14 +34,14 @@ TEST_F(ClientEnd, TwoHundredInFlightAreCancelledOnceEach)
     EXPECT_TRUE(server.WaitForRequests(201));
     client.reset();
     EXPECT_EQ(completions, std::vector<unsigned>(200, 1));
-    ASSERT_TRUE(test::IsReady(waiting));
+    ASSERT_TRUE(IsReady(waiting));
     ExpectFailure(waiting.get(), Error::cancelled);
 }
 
 /* Submitted just before, most have not yet reached a worker's transfers; some end by themselves. */
 TEST_F(ClientEnd, AtAnyMomentEachCompletesOnceAndNoneAfterwards)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     for (int round = 0; round < 20; ++round) {
         std::vector<std::atomic<unsigned>> completions(200);
         std::atomic<bool> isOver{false};
@@ -73,7 +64,7 @@ TEST_F(ClientEnd, AtAnyMomentEachCompletesOnceAndNoneAfterwards)
 
 TEST_F(ClientEnd, ThePlacesAreFreeInTheCallbacksOfTheDestructor)
 {
-    const ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     std::vector<size_t> outstanding;
     {
         Client client(Limits(1, 3));
@@ -89,7 +80,7 @@ TEST_F(ClientEnd, ThePlacesAreFreeInTheCallbacksOfTheDestructor)
 
 TEST_F(ClientEnd, ASendFromTheDestructorsCallbacksIsCancelled)
 {
-    const ScriptedServer server(test::SILENT);
+    const ScriptedServer server(SILENT);
     std::vector<Error> errors;
     {
         Client client(Limits(2));
@@ -107,7 +98,7 @@ TEST_F(ClientEnd, ASendFromTheDestructorsCallbacksIsCancelled)
 /* Chains over all workers never end by themselves: each worker submits to the others while these are stopped. */
 TEST_F(ClientEnd, ChainsThatNeverEndAreCancelled)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     for (int round = 0; round < 10; ++round) {
         std::atomic<int> alive{0};
         std::function<void(Client &)> next = [&](Client &client) {
@@ -134,8 +125,8 @@ TEST_F(ClientEnd, ChainsThatNeverEndAreCancelled)
 /* It could make another client, which would wait for the destructor, which would wait for the callback. */
 TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
 {
-    const ScriptedServer server(test::ECHOING);
-    ScriptedServer held(test::ECHOING_ON_RELEASE);
+    const ScriptedServer server(ECHOING);
+    ScriptedServer held(ECHOING_ON_RELEASE);
     std::vector<Error> errors;
     std::promise<void> entered;
     const std::thread::id destroyer = std::this_thread::get_id();
@@ -145,17 +136,17 @@ TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
             errors.push_back(answer.error);
             EXPECT_EQ(std::this_thread::get_id(), destroyer);
         });
-        client.send_async(
-            PostOf(server.Url()),
-            [&](const Response &) { /* on the other worker */
-                                    entered.set_value();
-                                    EXPECT_TRUE(WaitUntil([&] {
-                                        std::future<Response> probe = client.send_async(PostOf(held.Url()));
-                                        return test::IsReady(probe) && probe.get().error == Error::cancelled;
-                                    }));
-                                    held.Release();
-                                    std::this_thread::sleep_for(milliseconds(200)); /* the answer comes */
-            });
+        client.send_async(PostOf(server.Url()),
+                          [&](const Response &) { /* on the other worker */
+                                                  entered.set_value();
+                                                  EXPECT_TRUE(WaitUntil([&] {
+                                                      std::future<Response> probe =
+                                                          client.send_async(PostOf(held.Url()));
+                                                      return IsReady(probe) && probe.get().error == Error::cancelled;
+                                                  }));
+                                                  held.Release();
+                                                  std::this_thread::sleep_for(milliseconds(200)); /* the answer comes */
+                          });
         entered.get_future().wait();
     }
     EXPECT_EQ(errors, std::vector<Error>{Error::cancelled});
@@ -163,7 +154,7 @@ TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
 
 TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     std::promise<void> entered;
     std::atomic<bool> isMade{false};
     {
@@ -191,28 +182,28 @@ TEST_F(ClientEnd, AnIdleClientEnds)
 
 TEST_F(ClientEnd, TwoHundredClientsLeaveNoDescriptorAndNoThread)
 {
-    const ScriptedServer server(test::ECHOING);
-    const ScriptedServer silent(test::SILENT);
+    const ScriptedServer server(ECHOING);
+    const ScriptedServer silent(SILENT);
     const auto makeOne = [&] {
         Client client(Limits(1));
         ExpectAnswer(client.send(PostOf(server.Url())), "{}");
         client.send_async(PostOf(silent.Url()), [](const Response &) {});
     };
     makeOne();
-    const size_t threads = test::RunningThreads();
+    const size_t threads = RunningThreads();
     EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() + silent.OpenConnections() == 0; }));
-    const std::set<int> descriptors = test::OpenDescriptors();
+    const std::set<int> descriptors = OpenDescriptors();
     for (int number = 1; number < 200; ++number) {
         makeOne();
     }
     EXPECT_TRUE(WaitUntil([&] { return server.OpenConnections() + silent.OpenConnections() == 0; }));
-    EXPECT_TRUE(WaitUntil([&] { return test::OpenDescriptors() == descriptors; }, std::chrono::seconds(5)));
-    EXPECT_EQ(test::RunningThreads(), threads);
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() == descriptors; }, std::chrono::seconds(5)));
+    EXPECT_EQ(RunningThreads(), threads);
 }
 
 TEST_F(ClientEnd, ClientsAreMadeAndDestroyedOnSeveralThreads)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 8; ++thread) {
         threads.emplace_back([&server] {
@@ -229,7 +220,7 @@ TEST_F(ClientEnd, ClientsAreMadeAndDestroyedOnSeveralThreads)
 
 /* --- the program ------------------------------------------------------------------------------- */
 
-class ClientProgram : public test::NginxTest
+class ClientProgram : public NginxTest
 {
 };
 
@@ -237,8 +228,8 @@ TEST_F(ClientProgram, ReturnsFromMainWithTlsInFlight)
 {
     for (int number = 0; number < 20; ++number) {
         const std::string place = number % 2 == 0 ? "local" : "static";
-        const test::Finished run =
-            test::RunProgram({{CLIENT_EXIT_PROGRAM, place, nginx.Https("/late"), std::to_string(number * 4)}});
+        const Finished run =
+            RunProgram({{CLIENT_EXIT_PROGRAM, place, nginx.Https("/late"), std::to_string(number * 4)}});
         EXPECT_EQ(run.status, 0) << place << " " << number << ": " << run.errors;
         EXPECT_EQ(run.output, "returns\n");
     }

@@ -8,11 +8,9 @@
 namespace
 {
 
-using test::Finished;
-using test::RunProgram;
-using test::ScriptedServer;
+using namespace test;
 
-using ClientExamples = test::ClientTest;
+using ClientExamples = ClientTest;
 
 void ExpectRun(const Finished &run, int status, const std::string &output)
 {
@@ -22,22 +20,22 @@ void ExpectRun(const Finished &run, int status, const std::string &output)
 
 TEST_F(ClientExamples, Post)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     ExpectRun(RunProgram({{EXAMPLE_POST, server.Url()}}), 0, "none, status 200: {\"hello\":\"recorder\"}\n");
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     ExpectRun(RunProgram({{EXAMPLE_POST, closed.Url()}}), 1, "connect failed, status 0: \n");
 }
 
 TEST_F(ClientExamples, Many)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     ExpectRun(RunProgram({{EXAMPLE_MANY, server.Url()}}), 0, "100 of 100 were answered\n");
     EXPECT_EQ(server.RequestCount(), 100U);
 }
 
 TEST_F(ClientExamples, Chain)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     ExpectRun(RunProgram({{EXAMPLE_CHAIN, server.Url()}}), 0,
               "step 1: none, status 200\nstep 2: none, status 200\nstep 3: none, status 200\n"
               "step 4: none, status 200\nstep 5: none, status 200\n");
@@ -46,12 +44,12 @@ TEST_F(ClientExamples, Chain)
 
 TEST_F(ClientExamples, Get)
 {
-    const ScriptedServer server(test::Answering("[]"));
+    const ScriptedServer server(Answering("[]"));
     ExpectRun(RunProgram({{EXAMPLE_GET, server.Url()}}), 0, "none, status 200: []\n");
     EXPECT_EQ(server.Requests().at(0).Line(), "GET / HTTP/1.1");
 }
 
-class ClientVerifyExample : public test::NginxTest
+class ClientVerifyExample : public NginxTest
 {
 };
 
@@ -63,7 +61,7 @@ TEST_F(ClientVerifyExample, Refused)
 
 TEST_F(ClientVerifyExample, Accepted)
 {
-    test::Program program;
+    Program program;
     program.command = {EXAMPLE_VERIFY_TRUSTING, nginx.Https("/echo")};
     program.environment = {"NVRHTTP_TRUSTED=" + nginx.CertificatePath()};
     ExpectRun(RunProgram(program), 0, "checked: none, status 200\nnot checked: none, status 200\n");

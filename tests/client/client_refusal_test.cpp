@@ -16,18 +16,7 @@ namespace
 {
 
 using nvrhttpcurl::Request;
-using test::Await;
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::IsReady;
-using test::Limits;
-using test::milliseconds;
-using test::Options;
-using test::PostOf;
-using test::Response;
-using test::ScriptedServer;
+using namespace test;
 
 const std::string LONGEST_LINE(125, 'v'); /* of a header with a name of one letter */
 constexpr milliseconds LONGEST_TIME = std::chrono::hours(24 * 24);
@@ -71,7 +60,7 @@ Change Credentials(const char *name, const std::string &text)
     return {name, [text](Request &request) { request.user_and_password = text; }};
 }
 
-class Requests : public test::ClientTest, public testing::WithParamInterface<Change>
+class Requests : public ClientTest, public testing::WithParamInterface<Change>
 {
   protected:
     Request Changed() const
@@ -85,7 +74,7 @@ class Requests : public test::ClientTest, public testing::WithParamInterface<Cha
         return request;
     }
 
-    const ScriptedServer server{test::ECHOING};
+    const ScriptedServer server{ECHOING};
     Client client{Limits(1)};
 };
 
@@ -168,11 +157,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 /* --- the callback -------------------------------------------------------------------------------- */
 
-using ClientRefusal = test::ClientTest;
+using ClientRefusal = ClientTest;
 
 TEST_F(ClientRefusal, WithAnEmptyCallbackNothingIsSent)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client;
     client.send_async(PostOf(server.Url()), std::function<void(Response)>());
     client.send_async(PostOf(server.Url()), nullptr);
@@ -183,15 +172,15 @@ TEST_F(ClientRefusal, WithAnEmptyCallbackNothingIsSent)
 
 /* --- the limit ----------------------------------------------------------------------------------- */
 
-class Limit : public test::ClientTest, public testing::WithParamInterface<std::pair<unsigned, unsigned>>
+class Limit : public ClientTest, public testing::WithParamInterface<std::pair<unsigned, unsigned>>
 {
 };
 
 TEST_P(Limit, IsReachedExactly)
 {
     const auto [workers, limit] = GetParam();
-    ASSERT_TRUE(test::AllowDescriptors(2 * limit + 200));
-    ScriptedServer server(test::ECHOING_ON_RELEASE);
+    ASSERT_TRUE(AllowDescriptors(2 * limit + 200));
+    ScriptedServer server(ECHOING_ON_RELEASE);
     Client client(Limits(workers, limit));
     std::vector<std::future<Response>> answers;
     for (unsigned number = 0; number < limit; ++number) {

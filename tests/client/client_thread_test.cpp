@@ -11,23 +11,13 @@
 namespace
 {
 
-using test::Await;
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::Limits;
-using test::milliseconds;
-using test::PostOf;
-using test::Response;
-using test::ScriptedServer;
-using test::WaitUntil;
+using namespace test;
 
-using ClientThread = test::ClientTest;
+using ClientThread = ClientTest;
 
 TEST_F(ClientThread, EightThreadsOfFiveHundredSends)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client;
     std::atomic<size_t> right{0};
     std::vector<std::thread> threads;
@@ -52,7 +42,7 @@ TEST_F(ClientThread, EveryRequestCompletesExactlyOnce)
 {
     constexpr size_t THREADS = 8;
     constexpr size_t EACH = 200;
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     std::vector<std::atomic<unsigned>> completions(THREADS * EACH);
     std::atomic<size_t> refused{0};
     {
@@ -107,7 +97,7 @@ struct Chain {
 /* With places for the chains alone: each callback finds the place of its own request free. */
 TEST_F(ClientThread, ChainsOfAHundredFromCallbacks)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client(Limits(2, 4));
     std::vector<std::unique_ptr<Chain>> chains;
     for (size_t number = 0; number < 4; ++number) {
@@ -115,7 +105,7 @@ TEST_F(ClientThread, ChainsOfAHundredFromCallbacks)
         chains.back()->Next();
     }
     for (const auto &chain : chains) {
-        EXPECT_EQ(chain->over.get_future().wait_for(test::PATIENCE), std::future_status::ready);
+        EXPECT_EQ(chain->over.get_future().wait_for(PATIENCE), std::future_status::ready);
         EXPECT_EQ(chain->failed, 0U);
     }
     EXPECT_EQ(server.RequestCount(), 400U);
@@ -123,8 +113,8 @@ TEST_F(ClientThread, ChainsOfAHundredFromCallbacks)
 
 TEST_F(ClientThread, ThePlaceIsFreeBeforeTheCallbackStarts)
 {
-    const ScriptedServer server(test::ECHOING);
-    const ScriptedServer silent(test::SILENT);
+    const ScriptedServer server(ECHOING);
+    const ScriptedServer silent(SILENT);
     Client client(Limits(1, 1));
     for (const std::string &url : {server.Url(), silent.Url()}) {
         std::promise<size_t> seen;
@@ -141,7 +131,7 @@ TEST_F(ClientThread, ThePlaceIsFreeBeforeTheCallbackStarts)
 
 TEST_F(ClientThread, CallbacksOfAWorkerComeOneAtATime)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client(Limits(2));
     std::atomic<int> running{0};
     std::atomic<int> most{0};
@@ -166,7 +156,7 @@ TEST_F(ClientThread, CallbacksOfAWorkerComeOneAtATime)
 /* The other worker's requests end meanwhile; a worker that is held up reports late, but reports. */
 TEST_F(ClientThread, ACallbackHoldsUpItsWorkerAlone)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     Client client(Limits(2));
     std::promise<void> entered;
     std::promise<void> leave;
@@ -179,7 +169,7 @@ TEST_F(ClientThread, ACallbackHoldsUpItsWorkerAlone)
     std::vector<std::future<Response>> answers;
     answers.push_back(client.send_async(PostOf(server.Url())));
     answers.push_back(client.send_async(PostOf(server.Url())));
-    EXPECT_TRUE(WaitUntil([&answers] { return test::IsReady(answers[0]) || test::IsReady(answers[1]); }));
+    EXPECT_TRUE(WaitUntil([&answers] { return IsReady(answers[0]) || IsReady(answers[1]); }));
     leave.set_value();
     for (std::future<Response> &answer : answers) {
         ExpectAnswer(Await(std::move(answer)), "{}");
@@ -201,7 +191,7 @@ TEST_F(ClientThreadDeathTest, AnExceptionThatLeavesACallbackEndsTheProgram)
     EXPECT_DEATH(
         {
             std::set_terminate(Terminated);
-            const ScriptedServer server(test::ECHOING);
+            const ScriptedServer server(ECHOING);
             Client client;
             client.send_async(PostOf(server.Url()), [](const Response &) { throw std::runtime_error("left"); });
             WaitUntil([] { return false; });

@@ -12,15 +12,7 @@ namespace
 {
 
 using nvrhttpcurl::Request;
-using test::Await;
-using test::Client;
-using test::Error;
-using test::ExpectAnswer;
-using test::ExpectFailure;
-using test::Limits;
-using test::PostOf;
-using test::Response;
-using test::Unverified;
+using namespace test;
 
 /* A URL of the TLS server. PORT is its port. */
 struct Spelling {
@@ -50,7 +42,7 @@ constexpr Spelling SPELLINGS[] = {
     {"CapitalsInTheUser", "https://HTTPS:x@https.localhost:PORT/ready", "/ready"},
 };
 
-class ClientVerify : public test::NginxTest
+class ClientVerify : public NginxTest
 {
   protected:
     ClientVerify()
@@ -133,14 +125,14 @@ TEST_F(ClientVerify, PlainHttpIsSentAsItIs)
 /* In a time that grows with the URL, not with its square. */
 TEST_F(ClientVerify, AUrlOfAMillionWordsIsSpelled)
 {
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     std::string url = closed.Url("/", "https");
     for (int word = 0; word < 1000000; ++word) {
         url += "https";
     }
     const Response answer = client.send(PostOf(url));
     ExpectFailure(answer, Error::connect_failed);
-    EXPECT_LT(answer.elapsed, test::PATIENCE);
+    EXPECT_LT(answer.elapsed, PATIENCE);
 }
 
 /* A zone is the name of an interface, in which letters count; this one cannot be spelled. */

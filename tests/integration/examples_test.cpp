@@ -15,26 +15,24 @@
 namespace
 {
 
-using test::Finished;
-using test::Has;
-using test::ServeProcess;
+using namespace test;
 
-test::Program Example(const std::string &name, const std::vector<std::string> &arguments)
+Program Example(const std::string &name, const std::vector<std::string> &arguments)
 {
-    test::Program program;
+    Program program;
     program.command = {std::string(EXAMPLES_FOLDER "/example_") + name};
     program.command.insert(program.command.end(), arguments.begin(), arguments.end());
     return program;
 }
 
-void ExpectRun(const test::Program &program, int status, const std::string &output)
+void ExpectRun(const Program &program, int status, const std::string &output)
 {
-    const Finished run = test::RunProgram(program);
+    const Finished run = RunProgram(program);
     EXPECT_EQ(run.status, status) << run.errors;
     EXPECT_EQ(run.output, output);
 }
 
-using Examples = test::IntegrationTest;
+using Examples = IntegrationTest;
 
 TEST_F(Examples, PostJson)
 {
@@ -47,7 +45,7 @@ TEST_F(Examples, PostAsync)
 {
     const ServeProcess server;
     ExpectRun(Example("post_async", {server.Url()}), 0, "result 0: {\"hello\":\"recorder\"}\n");
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     ExpectRun(Example("post_async", {closed.Url()}), 14, "result 14: \n");
 }
 
@@ -55,7 +53,7 @@ TEST_F(Examples, EngineGet)
 {
     const ServeProcess server;
     ExpectRun(Example("engine_get", {server.Url("/size/5")}), 0, "status 200, 5 bytes\n\"xxx\"\n");
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     ExpectRun(Example("engine_get", {closed.Url()}), 1, "");
 }
 
@@ -71,9 +69,9 @@ bool RaiseOpenFiles()
 TEST_F(Examples, PostManyWaitsForSlots)
 {
     const ServeProcess server;
-    test::Program program = Example("post_many", {server.Url("/delay/4000")});
+    Program program = Example("post_many", {server.Url("/delay/4000")});
     program.inChild = RaiseOpenFiles;
-    const Finished run = test::RunProgram(program);
+    const Finished run = RunProgram(program);
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
     EXPECT_TRUE(Has(run.output, "last result 0, accepted 1500, ended 1500, answered 1500, pauses ")) << run.output;
     EXPECT_FALSE(Has(run.output, "pauses 0\n")) << run.output;
@@ -81,8 +79,8 @@ TEST_F(Examples, PostManyWaitsForSlots)
 
 TEST_F(Examples, PostManyTellsFailures)
 {
-    const test::ClosedPort closed;
-    const Finished run = test::RunProgram(Example("post_many", {closed.Url()}));
+    const ClosedPort closed;
+    const Finished run = RunProgram(Example("post_many", {closed.Url()}));
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(Has(run.output, "accepted 1500, ended 1500, answered 0, pauses ")) << run.output;
 }
@@ -90,7 +88,7 @@ TEST_F(Examples, PostManyTellsFailures)
 TEST_F(Examples, EngineManyWaitsForTheLimit)
 {
     const ServeProcess server;
-    const Finished run = test::RunProgram(Example("engine_many", {server.Url("/delay/50")}));
+    const Finished run = RunProgram(Example("engine_many", {server.Url("/delay/50")}));
     EXPECT_EQ(run.status, 0) << run.output << run.errors;
     EXPECT_TRUE(Has(run.output, "last result 0, accepted 100, ended 100, pauses ")) << run.output;
     EXPECT_FALSE(Has(run.output, "pauses 0\n")) << run.output;
@@ -110,16 +108,16 @@ TEST_F(Examples, OwnInstance)
     const ServeProcess server;
     ExpectRun(Example("own_instance", {server.Url()}), 0, "result 0, status 200: {\"a\":1}\n");
     ExpectRun(Example("own_instance", {server.Url("/status/500")}), 0, "result 0, status 500: {\"a\":1}\n");
-    const test::ClosedPort closed;
+    const ClosedPort closed;
     ExpectRun(Example("own_instance", {closed.Url()}), 1, "result 11, status 0: \n");
 }
 
-using ExampleOfAuthentication = test::NginxTest;
+using ExampleOfAuthentication = NginxTest;
 
 TEST_F(ExampleOfAuthentication, PostAuth)
 {
-    const std::string user = test::NginxServer::USER;
-    ExpectRun(Example("post_auth", {nginx.Http("/auth"), user + ":" + test::NginxServer::PASSWORD}), 0,
+    const std::string user = NginxServer::USER;
+    ExpectRun(Example("post_auth", {nginx.Http("/auth"), user + ":" + NginxServer::PASSWORD}), 0,
               "result 0: {\"a\":1}\n");
     ExpectRun(Example("post_auth", {nginx.Http("/auth"), user + ":wrong"}), 10, "result 10: \n");
     ExpectRun(Example("post_auth", {nginx.Http("/auth"), user + ":" + std::string(128, 'x')}), 2, "");
@@ -128,9 +126,9 @@ TEST_F(ExampleOfAuthentication, PostAuth)
 /* The example gives the post one second. */
 TEST_F(Examples, KeepTimeOutsEndsThePostOfASilentServerInTime)
 {
-    const test::ScriptedServer silent(test::SILENT);
+    const ScriptedServer silent(SILENT);
     const auto begin = std::chrono::steady_clock::now();
-    const Finished run = test::RunProgram(Example("keep_time_outs", {silent.Url()}));
+    const Finished run = RunProgram(Example("keep_time_outs", {silent.Url()}));
     const auto elapsed = std::chrono::steady_clock::now() - begin;
     EXPECT_EQ(run.status, 0) << run.errors;
     EXPECT_TRUE(Has(run.output, "result 10 after about ")) << run.output;

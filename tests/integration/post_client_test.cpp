@@ -14,14 +14,9 @@ namespace
 {
 
 using std::chrono::milliseconds;
-using test::Finished;
-using test::Has;
-using test::Nvrhttp;
-using test::RunProgram;
-using test::ScriptedServer;
-using test::ServeProcess;
+using namespace test;
 
-using PostClient = test::IntegrationTest;
+using PostClient = IntegrationTest;
 
 /* Without --mode. */
 Finished Post(const std::string &url, const std::vector<std::string> &more = {})
@@ -42,12 +37,12 @@ TEST_F(PostClient, FiveFailuresHaveFiveReasons)
 {
     const ServeProcess plain;
     const ServeProcess untrusted({"--tls"});
-    const test::ClosedPort closed;
-    const ScriptedServer silent(test::SILENT);
+    const ClosedPort closed;
+    const ScriptedServer silent(SILENT);
     ExpectWhy(Post(plain.Url("/status/404")), 10, "HTTP status 404");
-    ExpectWhy(Post(closed.Url()), 14, "connect failed: " + test::LibcurlReason(CURLE_COULDNT_CONNECT));
-    ExpectWhy(Post(test::UnresolvableUrl()), 5, "transfer failed: " + test::LibcurlReason(CURLE_COULDNT_RESOLVE_HOST));
-    ExpectWhy(Post(untrusted.Url()), 5, "transfer failed: " + test::LibcurlReason(CURLE_PEER_FAILED_VERIFICATION));
+    ExpectWhy(Post(closed.Url()), 14, "connect failed: " + LibcurlReason(CURLE_COULDNT_CONNECT));
+    ExpectWhy(Post(UnresolvableUrl()), 5, "transfer failed: " + LibcurlReason(CURLE_COULDNT_RESOLVE_HOST));
+    ExpectWhy(Post(untrusted.Url()), 5, "transfer failed: " + LibcurlReason(CURLE_PEER_FAILED_VERIFICATION));
     ExpectWhy(Post(silent.Url(), {"--timeout", "300"}), 7, "timed out");
 }
 
@@ -60,14 +55,14 @@ TEST_F(PostClient, AnswerThatIsTooLongIsNotAFailedTransfer)
 
 TEST_F(PostClient, AnswerThatIsCutOffIsAFailure)
 {
-    const ScriptedServer server(test::CUTTING_OFF);
-    ExpectWhy(Post(server.Url()), 5, "transfer failed: " + test::LibcurlReason(CURLE_PARTIAL_FILE));
+    const ScriptedServer server(CUTTING_OFF);
+    ExpectWhy(Post(server.Url()), 5, "transfer failed: " + LibcurlReason(CURLE_PARTIAL_FILE));
 }
 
 /* The engine does not check a URL with user information like this, so the client does not send it. */
 TEST_F(PostClient, WhatTheClientRefusesIsNotSent)
 {
-    const ScriptedServer server(test::ECHOING);
+    const ScriptedServer server(ECHOING);
     const std::string url = server.Url();
     ExpectWhy(Post("http://https@" + url.substr(url.find("://") + 3)), 1,
               "invalid argument: the client refused it before anything was sent");
@@ -77,22 +72,22 @@ TEST_F(PostClient, WhatTheClientRefusesIsNotSent)
 TEST_F(PostClient, AnyStatusFrom200To299IsASuccess)
 {
     for (const int status : {200, 201, 299}) {
-        const ScriptedServer server(test::Answering("ok", status));
+        const ScriptedServer server(Answering("ok", status));
         const Finished run = Post(server.Url());
         EXPECT_EQ(run.status, 0) << run.errors;
         EXPECT_EQ(run.output, "ok");
         EXPECT_TRUE(Has(run.errors, " ms, HTTP status " + std::to_string(status) + "\n")) << run.errors;
     }
     for (const int status : {300, 404, 503}) {
-        const ScriptedServer server(test::Answering("not ok", status));
+        const ScriptedServer server(Answering("not ok", status));
         ExpectWhy(Post(server.Url()), 10, "HTTP status " + std::to_string(status));
     }
 }
 
 TEST_F(PostClient, OfManyEachStatusIsCounted)
 {
-    const ScriptedServer server({test::When::REQUEST, {test::Answer([served = 0](const test::Request &) mutable {
-                                     return test::Reply(served++ % 3 == 0 ? 503 : 200, "ok");
+    const ScriptedServer server({When::REQUEST, {Answer([served = 0](const Request &) mutable {
+                                     return Reply(served++ % 3 == 0 ? 503 : 200, "ok");
                                  })}});
     const Finished run = Post(server.Url(), {"--count", "6", "--quiet"});
     EXPECT_EQ(run.status, 10);
@@ -153,7 +148,7 @@ TEST_F(PostClient, TimeOutsAreAtMostTwentyFourDays)
 TEST_F(PostClient, HelpCallsItTheDefault)
 {
     const Finished run = RunProgram(Nvrhttp({"post", "--help"}));
-    EXPECT_TRUE(Has(test::Folded(run.output), "Modes: client, the default, is the one to use")) << run.output;
+    EXPECT_TRUE(Has(Folded(run.output), "Modes: client, the default, is the one to use")) << run.output;
 }
 
 } // namespace
