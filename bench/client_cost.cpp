@@ -195,7 +195,7 @@ int Run(const TBench &tBench)
     RaiseOpenFiles();
     curl_global_init(CURL_GLOBAL_ALL);
     const test::NginxServer tServer;
-    if (!tServer.IsRunning()) {
+    if (!tServer.Problem().empty()) {
         throw std::runtime_error(tServer.Problem());
     }
     printf("libcurl %s, %u rounds of %u ms, %d workers, %u processors\n", curl_version_info(CURLVERSION_NOW)->version,
