@@ -21,8 +21,8 @@ expect() { # offered word...
 expect "--help --version check console doctor post serve" ""
 expect "check console" c
 expect "--max-answer --max-data" post http://127.0.0.1/ --max
-expect "async direct sync" post --mode ""
-expect "post put" post --method p
+expect "async client direct sync" post --mode ""
+expect "post" post --method p
 expect "both console debuglog" console --log ""
 expect "$1/share" serve --tls --cert-out "$1/s"
 expect "@$1/share" post --data "@$1/s"
