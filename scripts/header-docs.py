@@ -13,7 +13,7 @@ from pathlib import Path
 
 DATE = "November 22, 2026"
 PAGES = ["hcc_list", "hcc_tools", "httpcurlclient", "sendbycurl"]
-COMMENT = re.compile(r"^/\*(.*?)\*/\n", re.M | re.S)
+COMMENT = re.compile(r"^ *?/\*(.*?)\*/\n", re.M | re.S)
 TRAILING = re.compile(r"(\S.*?\s)/\* (.*?) \*/$", re.M)
 STARTS = [
     ("returns", re.compile(r"(Returns)(?: +(.*))?$")),
@@ -28,7 +28,7 @@ def blocks(comment):
     """[kind, name, text] of each part of a comment; an empty line is a block of its own."""
     found = []
     for line in comment.strip("\n").split("\n"):
-        line = re.sub(r"^ \* ?", "", line).rstrip() if line.startswith(" *") else line.strip()
+        line = re.sub(r"^ *\* ?", "", line).rstrip() if re.match(" +\\*", line) else line.strip()
         start = next(((kind, m) for kind, pattern in STARTS if (m := pattern.match(line))), None)
         if not line:
             found.append(["gap", "", ""])

@@ -43,8 +43,9 @@ NVRHTTPCURL_BEGIN_VISIBLE
 namespace nvrhttpcurl
 {
 
+/* How a request has ended. */
 enum class Error {
-    none,
+    none,             /* an HTTP answer came, whatever its status */
     invalid_argument, /* refused before anything was sent */
     limit_reached,    /* max_requests are outstanding */
     no_memory,
@@ -66,29 +67,33 @@ inline const char *to_string(Error error) noexcept
     return index < std::size(words) ? words[index] : "unknown error";
 }
 
+/* What came of a request. */
 struct Response {
     Error error = Error::none;            /* none: an HTTP answer came, as far as libcurl can tell whole */
     int status = 0;                       /* HTTP status; 0 where no answer came */
     std::string body = {};                /* without headers; empty unless error is none */
     std::chrono::milliseconds elapsed{0}; /* submission to completion */
 
+    /* An answer came, with a status of success. */
     bool ok() const noexcept
     {
         return error == Error::none && status >= 200 && status <= 299;
     }
 };
 
+/* What to send, and how long to wait. The client takes a copy, or the request itself where it is moved. */
 struct Request {
-    std::string url = {}; /* http:// or https://, in any case of letters */
-    std::string body = {};
-    std::string method = "POST";                                   /* "POST", or "GET", whose body is not sent */
+    std::string url = {};        /* http:// or https://, in any case of letters */
+    std::string body = {};       /* sent as it is; may be empty and may hold any byte */
+    std::string method = "POST"; /* "POST", or "GET", whose body is not sent */
     std::vector<std::pair<std::string, std::string>> headers = {}; /* Content-Type: application/json unless given */
     std::string user_and_password = {};                            /* "user:password"; empty: none */
     std::chrono::milliseconds timeout{10000};                      /* for the whole exchange */
-    std::chrono::milliseconds connect_timeout{5000};
+    std::chrono::milliseconds connect_timeout{5000};               /* for name lookup, connection and handshake */
     bool verify = true; /* check certificate and host name against libcurl's own bundle */
 };
 
+/* What a client may use. */
 struct Options {
     unsigned workers = 2;             /* 1 to 16, each an engine instance with one worker task */
     unsigned max_requests = 256;      /* outstanding in the whole client, 1 to 1,000 for each worker */
@@ -355,12 +360,16 @@ class Client
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
 
-    /* Waits for the answer. Not for callbacks, whose worker would wait for itself. */
+    /*
+     * Waits for the answer, up to the request's time-out. Trap: never call it in a callback, whose worker would wait
+     * for itself.
+     */
     Response send(Request request)
     {
         return send_async(std::move(request)).get();
     }
 
+    /* Returns at once. The future gets each outcome as a Response, and never an exception. */
     std::future<Response> send_async(Request request)
     {
         auto promise = std::make_shared<std::promise<Response>>();
@@ -386,16 +395,19 @@ class Client
         }
     }
 
+    /* A POST with the other settings as Request has them; waits as send does. */
     Response post(std::string url, std::string json)
     {
         return send({std::move(url), std::move(json)});
     }
 
+    /* The same without waiting. */
     std::future<Response> post_async(std::string url, std::string json)
     {
         return send_async({std::move(url), std::move(json)});
     }
 
+    /* How many requests have not been answered yet. A request's own callback no longer counts it. */
     std::size_t outstanding() const noexcept
     {
         return m_outstanding;
