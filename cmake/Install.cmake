@@ -14,8 +14,19 @@ install(
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
 
-# Both find their prefix at run time, so that a tree may be moved or be a sysroot's.
-file(RELATIVE_PATH prefix_of_pkgconfig /${pkgconfig_dir} /.)
+# Both find their prefix at run time, so that a tree may be moved or be a sysroot's; not where a
+# folder was given as an absolute path.
+set(pkgconfig_prefix ${CMAKE_INSTALL_PREFIX})
+if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  file(RELATIVE_PATH pkgconfig_prefix /${pkgconfig_dir} /.)
+  set(pkgconfig_prefix "\${pcfiledir}/${pkgconfig_prefix}")
+endif()
+foreach(folder LIBDIR INCLUDEDIR)
+  set(pkgconfig_${folder} "\${prefix}/${CMAKE_INSTALL_${folder}}")
+  if(IS_ABSOLUTE ${CMAKE_INSTALL_${folder}})
+    set(pkgconfig_${folder} ${CMAKE_INSTALL_${folder}})
+  endif()
+endforeach()
 configure_file(cmake/nvrhttpcurl.pc.in nvrhttpcurl.pc @ONLY)
 install(
   FILES ${PROJECT_BINARY_DIR}/nvrhttpcurl.pc
@@ -54,20 +65,37 @@ if(NVRHTTPCURL_BUILD_TOOLS AND NVRHTTPCURL_INSTALL_HOST_PLATFORM)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
     RENAME nvrhttp
     COMPONENT tools)
+  install(
+    FILES man/nvrhttp.1 man/nvrhttp-console.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+    COMPONENT tools)
 endif()
 
-# Man pages of commands come with the tools, those of functions with the headers.
-if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/man)
-  install(
-    DIRECTORY man/
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-    COMPONENT tools
-    FILES_MATCHING
-    PATTERN "*.1")
-  install(
-    DIRECTORY man/
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
-    COMPONENT development
-    FILES_MATCHING
-    PATTERN "*.3")
-endif()
+# The man pages of functions, and the guides that headers and man pages name.
+file(GLOB pages man/*.3)
+foreach(page ${pages})
+  get_filename_component(name ${page} NAME_WE)
+  file(STRINGS ${page} functions REGEX "^\\.Nm [A-Za-z_]+( ,)?$")
+  foreach(function ${functions})
+    string(REGEX REPLACE "^\\.Nm ([A-Za-z_]+).*" "\\1" function ${function})
+    file(CONFIGURE OUTPUT man/${function}.3 CONTENT ".so man3/${name}.3\n")
+    list(APPEND pages ${PROJECT_BINARY_DIR}/man/${function}.3)
+  endforeach()
+endforeach()
+install(
+  FILES ${pages}
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+  COMPONENT development)
+install(
+  FILES README.md CHANGELOG.md ${PROJECT_BINARY_DIR}/nvrhttpcurl.spdx
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  COMPONENT development)
+install(
+  DIRECTORY docs examples
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  COMPONENT development
+  FILES_MATCHING
+  PATTERN "*.md"
+  PATTERN "*.svg"
+  PATTERN "*.c"
+  PATTERN "*.cpp")

@@ -13,6 +13,11 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/platform/host)
 
+# A plain "cmake --install" leaves these files out.
+function(install_for_packages file folder name component)
+  install(FILES ${file} DESTINATION ${folder} RENAME ${name} COMPONENT ${component} EXCLUDE_FROM_ALL)
+endfunction()
+
 function(describe_package component name section summary)
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name} PARENT_SCOPE)
@@ -20,22 +25,21 @@ function(describe_package component name section summary)
   string(JOIN "\n" description ${summary} ${ARGN})
   set(CPACK_COMPONENT_${upper}_DESCRIPTION "${description}" PARENT_SCOPE)
   set(folder ${CMAKE_INSTALL_DATADIR}/doc/${name})
-  install(FILES packaging/copyright DESTINATION ${folder} COMPONENT ${component})
-  install(FILES packaging/changelog DESTINATION ${folder} RENAME changelog.Debian COMPONENT ${component})
+  install_for_packages(packaging/copyright ${folder} copyright ${component})
+  install_for_packages(packaging/changelog ${folder} changelog.Debian ${component})
   if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/${name}.lintian-overrides)
-    install(
-      FILES packaging/${name}.lintian-overrides
-      DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
-      RENAME ${name}
-      COMPONENT ${component})
+    install_for_packages(packaging/${name}.lintian-overrides ${CMAKE_INSTALL_DATADIR}/lintian/overrides ${name}
+                         ${component})
   endif()
 endfunction()
 
 set(CPACK_COMPONENTS_ALL runtime development tools)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/shlibs
-                                               ${PROJECT_SOURCE_DIR}/packaging/triggers)
+configure_file(packaging/shlibs.in shlibs @ONLY)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/shlibs ${PROJECT_SOURCE_DIR}/packaging/triggers)
+# Its symbols are older; what the library relies on is not, see the build's check of the version.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libcurl4 (>= 7.66.0)")
 describe_package(
   runtime
   libnvrhttpcurl${PROJECT_VERSION_MAJOR}

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # A Debian in a folder, for scripts that source this. Needs root.
 
 # The mirror that this machine's apt uses.

@@ -9,6 +9,7 @@ belong to one of these are indented, except those of Returns and Trap.
 """
 import re
 import sys
+import textwrap
 from pathlib import Path
 
 DATE = "November 22, 2026"
@@ -64,8 +65,9 @@ def escaped(text):
 
 
 def sentences(text):
-    """Each on a line of its own, as mdoc wants it."""
-    return escaped(re.sub(r"(?<=[a-z0-9)][.?]) +(?=[A-Z\"])", "\n", text))
+    """Each begins a line, as mdoc wants it, and no line is longer than 80 characters."""
+    found = re.sub(r"(?<=[a-z0-9)][.?]) +(?=[A-Z\"])", "\n", text).split("\n")
+    return escaped("\n".join(textwrap.fill(one, 78, break_long_words=False, break_on_hyphens=False) for one in found))
 
 
 def mdoc_text(comment):
@@ -121,7 +123,7 @@ def mdoc(headers, name):
     names = [name_of(one) for _, found in functions for one in found]
     summary = blocks(about)[0][2].split(". ")[0].split(": ")[-1].rstrip(".")
     page = [".Dd " + DATE, ".Dt %s 3" % name.upper(), ".Os", ".Sh NAME"] + listing(".Nm", names)
-    page += [".Nd " + summary[0].lower() + summary[1:], ".Sh SYNOPSIS", ".In nvrhttpcurl/%s.h" % name]
+    page += [".Nd " + re.sub(r"^[A-Z](?=[a-z ])", lambda first: first[0].lower(), summary), ".Sh SYNOPSIS", ".In nvrhttpcurl/%s.h" % name]
     for _, found in functions:
         page += [line for one in found for line in synopsis(one)]
     page += [".Sh DESCRIPTION"] + mdoc_text(about)

@@ -24,4 +24,4 @@ FILES:${PN}-dev = " \
     ${libdir}/cmake/nvrhttpcurl \
     ${libdir}/pkgconfig/nvrhttpcurl.pc \
 "
-FILES:${PN}-doc = "${mandir}"
+FILES:${PN}-doc = "${mandir} ${docdir}"

@@ -37,9 +37,10 @@
 
 #include "nvrhttpcurl/httpcurlclient.h"
 
-/* Named as the standard library is. NOLINTBEGIN(readability-identifier-naming) */
+// Named as the standard library is. NOLINTBEGIN(readability-identifier-naming)
 NVRHTTPCURL_BEGIN_VISIBLE
 
+/* The C++ client, and what it takes and returns. */
 namespace nvrhttpcurl
 {
 
@@ -336,7 +337,11 @@ inline void complete(const Record &record, Response answer) noexcept
 
 } // namespace detail
 
-/* Promise 8: all members but the destructor may be called from any thread. */
+/*
+ * Sends requests, from any number of threads, and completes each exactly once.
+ *
+ * Promise 8: all members but the destructor may be called from any thread.
+ */
 class Client
 {
   public:
@@ -351,7 +356,10 @@ class Client
         }
     }
 
-    /* Promise 7: about 50 ms for each worker, plus callbacks and name lookups in progress. */
+    /*
+     * Promise 7: completes what is outstanding with "cancelled", on this thread. Takes about 50 ms for each worker,
+     * plus callbacks and name lookups in progress.
+     */
     ~Client()
     {
         stop();
@@ -662,6 +670,6 @@ class Client
 } // namespace nvrhttpcurl
 
 NVRHTTPCURL_END_VISIBLE
-/* NOLINTEND(readability-identifier-naming) */
+// NOLINTEND(readability-identifier-naming)
 
 #endif

@@ -15,8 +15,8 @@ NVRHTTPCURL_BEGIN_DECLS
  * The clock ticks since an arbitrary fixed point, or 0 if the system call fails. A second
  * has sysconf(_SC_CLK_TCK) of them, usually 100.
  *
- * Elapsed time is NVRHCCTickToMS(NVRHCCTickDiff(start, NVRHCCGetTickCount())): the 32-bit
- * operations use the low half of a count.
+ * For an elapsed time, pass two counts to NVRHCCTickDiff and the result to NVRHCCTickToMS:
+ * the 32-bit operations use the low half of a count.
  */
 uint64_t NVRHCCGetTickCount(void);
 

@@ -1,5 +1,5 @@
 /*
- * The send module: sends the JSON text of a record to a URL and returns the answer.
+ * The send module: posts of JSON texts, and their answers.
  *
  * Call Qelvo_SyncSendStrByHttp_Init once; then, from any number of threads,
  * Qelvo_SendStrByHttp in mode 0 (the answer is in the caller's buffer when it returns) or
