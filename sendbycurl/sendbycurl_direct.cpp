@@ -116,9 +116,6 @@ static void LogReceived(const TSendByCurlParam *ptParam)
         HCC_LOG_AS(s_szExt, HCC_LEVEL_INFO, " RecvLen:%u  \n", ptParam->dwRecvLen);
         return;
     }
-    if (!HCCLogGoesTo(HCC_LOG_TO_BOTH)) {
-        return;
-    }
     /* A buffer that is full to its last byte has no terminator: then a terminated copy is logged. */
     char *pchCopy = nullptr;
     const char *szText = ptParam->pchRecvBuf;
