@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -98,7 +98,7 @@ std::unique_ptr<nvrhttpcurl::Client> StartClient(const TPostJob &tJob, bool bLog
         SendLogTakeDebugLog();
         StartLog(bLog ? HCC_LEVEL_INFO : HCC_LEVEL_ERROR);
         return ptClient;
-    } catch (const std::runtime_error &tError) {
+    } catch (const std::exception &tError) {
         fprintf(stderr, "nvrhttp post: the client could not be started: %s; try nvrhttp doctor\n", tError.what());
         return nullptr;
     }

@@ -13,7 +13,7 @@
 namespace
 {
 
-enum { MAX_ANSWER_OF_ONE = 16 << 20, MAX_ANSWER_OF_MANY = 64 << 10 };
+enum { MAX_ANSWER_OF_ONE = 16 << 20, MAX_ANSWER_OF_MANY = 64 << 10, LONGEST_ANSWER = 1 << 30 };
 
 const char s_szOverrun[] =
     "\nnvrhttp post: an answer is longer than --max-answer (result 11); the asynchronous copy has no bound, so the "
@@ -175,7 +175,7 @@ void AddLimitOptions(CLI::App &tPost, TPostOptions &tOptions)
                         "Longest answer in bytes; by default 16777216 for one post, for many 65536 and the length "
                         "of the data")
             ->type_name("BYTES")
-            ->check(CLI::Range(1U, 1U << 30));
+            ->check(CLI::Range(1U, uint32_t{LONGEST_ANSWER}));
 }
 
 void AddRunOptions(CLI::App &tPost, TPostOptions &tOptions)
@@ -203,6 +203,14 @@ void AddPostOptions(CLI::App &tPost, TPostOptions &tOptions)
     AddRunOptions(tPost, tOptions);
 }
 
+uint32_t DefaultMaxAnswer(uint32_t dwCount, size_t uDataLen)
+{
+    if (dwCount == 1) {
+        return MAX_ANSWER_OF_ONE;
+    }
+    return static_cast<uint32_t>(std::min<size_t>(MAX_ANSWER_OF_MANY + uDataLen, LONGEST_ANSWER));
+}
+
 TPostJob MakePostJob(const TPostOptions &tOptions)
 {
     TPostJob tJob = tOptions.tJob;
@@ -216,9 +224,7 @@ TPostJob MakePostJob(const TPostOptions &tOptions)
     CheckJob(tJob);
     tJob.strUserAndPassWd = LoadUser(tJob.strUserAndPassWd);
     if (tOptions.ptMaxAnswer->count() == 0) {
-        /* The data may come back, too. */
-        const size_t uMany = std::min<size_t>(MAX_ANSWER_OF_MANY + tJob.strBody.size(), UINT32_MAX - 1);
-        tJob.dwMaxAnswer = tJob.dwCount > 1 ? static_cast<uint32_t>(uMany) : uint32_t{MAX_ANSWER_OF_ONE};
+        tJob.dwMaxAnswer = DefaultMaxAnswer(tJob.dwCount, tJob.strBody.size());
     }
     return tJob;
 }

@@ -4,6 +4,7 @@
 #ifndef TOOLS_NVRHTTP_POST_OPTIONS_H
 #define TOOLS_NVRHTTP_POST_OPTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -28,6 +29,9 @@ struct TPostOptions {
 
 /* Registers all options; tOptions must live until the command line has been run. */
 void AddPostOptions(CLI::App &tPost, TPostOptions &tOptions);
+
+/* The longest answer where --max-answer is not given, within its range: the data may come back, too. */
+uint32_t DefaultMaxAnswer(uint32_t dwCount, size_t uDataLen);
 
 /*
  * What is to be run: reads the data, and asks for a password that is missing. Throws
