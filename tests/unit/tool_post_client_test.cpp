@@ -1,5 +1,5 @@
 /*
- * What stands for the ends of posts through the C++ client: each has the send module's result that says the same.
+ * Posts through the C++ client: the URL that it gets, and the send module's result for each end.
  */
 #include <gtest/gtest.h>
 
@@ -37,6 +37,24 @@ TEST(PostClient, EachEndHasItsResult)
         answer.error = end.error;
         answer.status = end.status;
         EXPECT_EQ(ResultOfClient(answer), end.result) << nvrhttpcurl::to_string(end.error) << ' ' << end.status;
+    }
+}
+
+TEST(PostClient, AUrlWithoutASchemeGetsTheOneOfHttp)
+{
+    for (const std::string url :
+         {"127.0.0.1", "127.0.0.1:1", "127.0.0.1:1/", "127.0.0.1?to=a:/b", "127.0.0.1#:/", "127.0.0.1:1/?to=https://a/",
+          "127.0.0.1:1/https://a/", "user:pass@127.0.0.1/", "[::1]:1/", "[::1]"}) {
+        EXPECT_EQ(WithScheme(url), "http://" + url);
+    }
+}
+
+/* What the client refuses must not reach a server, the data in clear least of all. */
+TEST(PostClient, AUrlWithASchemeStays)
+{
+    for (const std::string url : {"http://127.0.0.1:1/", "HTTPS://127.0.0.1", "https://127.0.0.1/?to=http://a/",
+                                  "http:/127.0.0.1:1/", "https:/127.0.0.1:1/"}) {
+        EXPECT_EQ(WithScheme(url), url);
     }
 }
 

@@ -3,17 +3,6 @@
 #include <algorithm>
 #include <chrono>
 
-namespace
-{
-
-/* What libcurl takes for a URL of http the client refuses for want of a scheme. */
-std::string WithScheme(const std::string &strUrl)
-{
-    return strUrl.find("://") == std::string::npos ? "http://" + strUrl : strUrl;
-}
-
-} // namespace
-
 std::unique_ptr<nvrhttpcurl::Client> MakePostClient(const TPostJob &tJob)
 {
     nvrhttpcurl::Options tOptions;
@@ -22,6 +11,12 @@ std::unique_ptr<nvrhttpcurl::Client> MakePostClient(const TPostJob &tJob)
     tOptions.max_requests = dwAtOnce;
     tOptions.max_answer = tJob.dwMaxAnswer;
     return std::make_unique<nvrhttpcurl::Client>(tOptions);
+}
+
+/* A scheme ends with the ":" before the first slash. One without two slashes is the client's to refuse. */
+std::string WithScheme(const std::string &strUrl)
+{
+    return strUrl.find(":/") + 1 == strUrl.find_first_of("/?#") ? strUrl : "http://" + strUrl;
 }
 
 nvrhttpcurl::Response PostByClient(const TPostJob &tJob, const std::string &strBody)

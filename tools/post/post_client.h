@@ -10,8 +10,11 @@
 #include "nvrhttpcurl/client.hpp"
 #include "tools/post/post_run.h"
 
-/* A client that has a place for each post of the job. Throws as its constructor does. */
+/* A client that has a place for each post that is under way at once. Throws as its constructor does. */
 std::unique_ptr<nvrhttpcurl::Client> MakePostClient(const TPostJob &tJob);
+
+/* With http:// in front where it has no scheme, as libcurl takes it; the client refuses one without. */
+std::string WithScheme(const std::string &strUrl);
 
 /* Posts by the job's client and waits for the end. */
 nvrhttpcurl::Response PostByClient(const TPostJob &tJob, const std::string &strBody);
