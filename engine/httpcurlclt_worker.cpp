@@ -156,8 +156,9 @@ static bool IsTimerDue(CURLM *ptMulti)
  * A perform that fails ends the drive.
  *
  * The bound keeps callbacks and the exit request from waiting for an answer that never ends. A
- * perform moves some 16 KB of each transfer, so answers of up to some 16 MB always get through;
- * the end of a longer one may, in the worst case, wait for the next activity.
+ * perform moves at least some 16 KB of each transfer, so answers of up to some 16 MB always get
+ * through; the end of a longer one may, in the worst case, wait for the next activity. From a fast
+ * server a perform moves over 1 MB of each: callbacks then wait for as much as 1 GB of each.
  */
 static CURLMcode DriveTransfers(CURLM *ptMulti, int *pnStillRunning)
 {
