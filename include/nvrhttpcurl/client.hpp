@@ -4,8 +4,8 @@
  *     nvrhttpcurl::Client client;
  *     nvrhttpcurl::Response answer = client.post("https://recorder.example/api", "{\"a\":1}");
  *
- * docs/client.md has its eight promises; each is described beside what keeps it. Needs C++17, POSIX sockets, threads
- * and the shared library. Besides std::bad_alloc only the constructor throws.
+ * docs/client.md has its eight promises; each is described beside what keeps it. Needs C++17, Linux, threads and
+ * the shared library. Besides std::bad_alloc only the constructor throws.
  */
 #ifndef NVRHTTPCURL_CLIENT_HPP
 #define NVRHTTPCURL_CLIENT_HPP
