@@ -5,13 +5,9 @@
  * Measured loosely, since the machine may be busy: without the heartbeat they would never end. With
  * NVRHTTP_STRICT_TIMES set, as on a quiet machine, each has to end within its time-out and 100 ms.
  */
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -20,6 +16,7 @@
 #include "client_fixture.h"
 #include "nginx_server.h"
 #include "nvrhttpcurl/sendbycurl.h"
+#include "tests/support/next.h"
 
 namespace
 {
@@ -122,59 +119,16 @@ TEST_P(ClientDeadline, ManyEndEachAtItsOwnTime)
 
 /* --- two addresses, of which the first is dead ------------------------------------------------- */
 
-/* The IPv6 loopback address with the same port as a server on the other one, and with a full backlog. */
-class DeadIpv6
-{
-  public:
-    explicit DeadIpv6(const std::string &url)
-    {
-        sockaddr_in6 address{};
-        address.sin6_family = AF_INET6;
-        address.sin6_addr = in6addr_loopback;
-        address.sin6_port = htons(static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
-        const auto *generic = reinterpret_cast<const sockaddr *>(&address);
-        sockets.push_back(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (bind(sockets[0], generic, sizeof(address)) != 0 || listen(sockets[0], 0) != 0) {
-            return;
-        }
-        while (!dead && sockets.size() < 16) {
-            sockets.push_back(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            (void)connect(sockets.back(), generic, sizeof(address));
-            pollfd waiting{sockets.back(), POLLOUT, 0};
-            dead = poll(&waiting, 1, 200) == 0;
-        }
-    }
-
-    ~DeadIpv6()
-    {
-        for (const int fd : sockets) {
-            close(fd);
-        }
-    }
-
-    DeadIpv6(const DeadIpv6 &) = delete;
-    DeadIpv6 &operator=(const DeadIpv6 &) = delete;
-
-    bool IsDead() const
-    {
-        return dead;
-    }
-
-  private:
-    bool dead = false;
-    std::vector<int> sockets;
-};
-
 TEST_P(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 {
     const ScriptedServer server(ECHOING);
-    const DeadIpv6 dead(server.Url(""));
-    if (!dead.IsDead()) {
+    const std::string port = server.Url("").substr(std::string("http://127.0.0.1:").size());
+    const SilentAddress dead(static_cast<uint16_t>(std::stoi(port)));
+    if (!dead.IsSilent()) {
         GTEST_SKIP() << "no IPv6 loopback address whose backlog can be filled";
     }
     Client client(Limits(1));
-    const std::string url = "http://localhost" + server.Url().substr(std::string("http://127.0.0.1").size());
-    ExpectAnswer(Await(client.send_async(Limited(url, milliseconds(20000)))), "{}");
+    ExpectAnswer(Await(client.send_async(Limited("http://localhost:" + port, milliseconds(20000)))), "{}");
 }
 
 /* --- the heartbeat ------------------------------------------------------------------------------- */
@@ -284,8 +238,7 @@ TEST_F(ClientWithoutFile, AProxyInTheWayIsReportedByTheConstructor)
 /* A libcurl that is built without the file protocol refuses it in the same way. */
 extern "C" CURL *curl_easy_init(void)
 {
-    static const auto next = reinterpret_cast<decltype(curl_easy_init) *>(dlsym(RTLD_NEXT, "curl_easy_init"));
-    CURL *easy = next();
+    CURL *easy = Next<decltype(curl_easy_init)>("curl_easy_init")();
     if (easy != nullptr && !hasFileProtocol) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -301,10 +254,9 @@ extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, 
                                                        uint32_t dwConnTimeOutMS, ENvrHttpCurlCltMode eMode,
                                                        PFNvrHttpCurlCltNtf pfNtf, void *pvUserBuf)
 {
-    static const auto next =
-        reinterpret_cast<decltype(NvrHttpCurlCltProcessReq) *>(dlsym(RTLD_NEXT, "NvrHttpCurlCltProcessReq"));
     submissions.fetch_add(1);
-    const ENvrHttpCurlCltRet result = next(hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
+    const ENvrHttpCurlCltRet result = Next<decltype(NvrHttpCurlCltProcessReq)>("NvrHttpCurlCltProcessReq")(
+        hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
     refusals.fetch_add(result == NVRHTTPCURLCLT_OK ? 0 : 1);
     return result;
 }

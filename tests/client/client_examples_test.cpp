@@ -12,31 +12,25 @@ using namespace test;
 
 using ClientExamples = ClientTest;
 
-void ExpectRun(const Finished &run, int status, const std::string &output)
-{
-    EXPECT_EQ(run.status, status) << run.errors;
-    EXPECT_EQ(run.output, output);
-}
-
 TEST_F(ClientExamples, Post)
 {
     const ScriptedServer server(ECHOING);
-    ExpectRun(RunProgram({{EXAMPLE_POST, server.Url()}}), 0, "none, status 200: {\"hello\":\"recorder\"}\n");
+    ExpectRun({{EXAMPLE_POST, server.Url()}}, 0, "none, status 200: {\"hello\":\"recorder\"}\n");
     const ClosedPort closed;
-    ExpectRun(RunProgram({{EXAMPLE_POST, closed.Url()}}), 1, "connect failed, status 0: \n");
+    ExpectRun({{EXAMPLE_POST, closed.Url()}}, 1, "connect failed, status 0: \n");
 }
 
 TEST_F(ClientExamples, Many)
 {
     const ScriptedServer server(ECHOING);
-    ExpectRun(RunProgram({{EXAMPLE_MANY, server.Url()}}), 0, "100 of 100 were answered\n");
+    ExpectRun({{EXAMPLE_MANY, server.Url()}}, 0, "100 of 100 were answered\n");
     EXPECT_EQ(server.RequestCount(), 100U);
 }
 
 TEST_F(ClientExamples, Chain)
 {
     const ScriptedServer server(ECHOING);
-    ExpectRun(RunProgram({{EXAMPLE_CHAIN, server.Url()}}), 0,
+    ExpectRun({{EXAMPLE_CHAIN, server.Url()}}, 0,
               "step 1: none, status 200\nstep 2: none, status 200\nstep 3: none, status 200\n"
               "step 4: none, status 200\nstep 5: none, status 200\n");
     EXPECT_EQ(server.Requests().at(4).body, "{\"step\":5}");
@@ -45,7 +39,7 @@ TEST_F(ClientExamples, Chain)
 TEST_F(ClientExamples, Get)
 {
     const ScriptedServer server(Answering("[]"));
-    ExpectRun(RunProgram({{EXAMPLE_GET, server.Url()}}), 0, "none, status 200: []\n");
+    ExpectRun({{EXAMPLE_GET, server.Url()}}, 0, "none, status 200: []\n");
     EXPECT_EQ(server.Requests().at(0).Line(), "GET / HTTP/1.1");
 }
 
@@ -55,7 +49,7 @@ class ClientVerifyExample : public NginxTest
 
 TEST_F(ClientVerifyExample, Refused)
 {
-    ExpectRun(RunProgram({{EXAMPLE_VERIFY, nginx.Https("/echo")}}), 0,
+    ExpectRun({{EXAMPLE_VERIFY, nginx.Https("/echo")}}, 0,
               "checked: transfer failed, status 0\nnot checked: none, status 200\n");
 }
 
@@ -64,7 +58,7 @@ TEST_F(ClientVerifyExample, Accepted)
     Program program;
     program.command = {EXAMPLE_VERIFY_TRUSTING, nginx.Https("/echo")};
     program.environment = {"NVRHTTP_TRUSTED=" + nginx.CertificatePath()};
-    ExpectRun(RunProgram(program), 0, "checked: none, status 200\nnot checked: none, status 200\n");
+    ExpectRun(program, 0, "checked: none, status 200\nnot checked: none, status 200\n");
 }
 
 } // namespace

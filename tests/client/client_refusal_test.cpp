@@ -2,14 +2,13 @@
  * What the client refuses: invalid requests, more requests than it may have, options out of range, and its construction
  * where the engine cannot be started.
  */
-#include <dlfcn.h>
-
 #include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "client_fixture.h"
+#include "tests/support/next.h"
 #include "tests/support/process_state.h"
 
 namespace
@@ -303,12 +302,6 @@ TEST_F(ClientRefusal, OkIsAnAnswerOfTheTwoHundreds)
     EXPECT_FALSE(isOk(Error::none, 199));
     EXPECT_FALSE(isOk(Error::none, 300));
     EXPECT_FALSE(isOk(Error::transfer_failed, 200));
-}
-
-/* The function of a library that this program's own of the same name hides. */
-template <typename Function> Function *Next(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace

@@ -2,11 +2,12 @@
  * For programs that need names under "localhost": libcurl before 7.77 asks the resolver for them, which need not know
  * any. Takes the place of getaddrinfo and answers as newer libcurl does: ::1, then 127.0.0.1.
  */
-#include <dlfcn.h>
 #include <netdb.h>
 #include <strings.h>
 
 #include <string>
+
+#include "tests/support/next.h"
 
 static bool IsLocal(const char *node)
 {
@@ -17,7 +18,7 @@ static bool IsLocal(const char *node)
 
 extern "C" int getaddrinfo(const char *node, const char *service, const addrinfo *hints, addrinfo **result)
 {
-    const auto real = reinterpret_cast<decltype(getaddrinfo) *>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    const auto real = test::Next<decltype(getaddrinfo)>("getaddrinfo");
     if (!IsLocal(node)) {
         return real(node, service, hints, result);
     }

@@ -3,13 +3,14 @@
  * is the file that NVRHTTP_TRUSTED names.
  */
 #include <curl/curl.h>
-#include <dlfcn.h>
 
 #include <cstdlib>
 
+#include "tests/support/next.h"
+
 extern "C" CURL *curl_easy_init(void)
 {
-    CURL *easy = reinterpret_cast<decltype(curl_easy_init) *>(dlsym(RTLD_NEXT, "curl_easy_init"))();
+    CURL *easy = test::Next<decltype(curl_easy_init)>("curl_easy_init")();
     const char *trusted = getenv("NVRHTTP_TRUSTED");
     if (easy != nullptr && trusted != nullptr) {
         curl_easy_setopt(easy, CURLOPT_CAINFO, trusted);

@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <malloc.h>
 #include <nvrhttpcurl/sendbycurl.h>
 #include <pthread.h>
@@ -21,6 +20,8 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/support/next.h"
 
 enum { OUTSTANDING = 1024, MAX_THREADS = 64, PORT_TEXT = 64 };
 
@@ -72,9 +73,8 @@ static std::atomic<unsigned> threadCount;
 extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *),
                               void *context)
 {
-    using Create = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-    static const Create create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    const int result = create(thread, attributes, entry, context);
+    using Create = int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+    const int result = test::Next<Create>("pthread_create")(thread, attributes, entry, context);
     if (result == 0 && threadCount < MAX_THREADS) {
         threads[threadCount++] = *thread;
     }

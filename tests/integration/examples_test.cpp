@@ -25,13 +25,6 @@ Program Example(const std::string &name, const std::vector<std::string> &argumen
     return program;
 }
 
-void ExpectRun(const Program &program, int status, const std::string &output)
-{
-    const Finished run = RunProgram(program);
-    EXPECT_EQ(run.status, status) << run.errors;
-    EXPECT_EQ(run.output, output);
-}
-
 using Examples = IntegrationTest;
 
 TEST_F(Examples, PostJson)

@@ -2,7 +2,6 @@
  * Counts the semaphores and memory blocks of the engine, for programs that use the engine alone. Each Init replaces
  * the engine-wide lock and keeps the old one; any other that is left at the end was leaked.
  */
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -10,18 +9,13 @@
 
 #include "engine_runs.h"
 #include "platform/osp.h"
+#include "tests/support/next.h"
 
 namespace
 {
 
 std::mutex semsLock;
 std::set<HOspSem> sems;
-
-/* The function that this program's own of the same name hides. */
-template <typename Function> Function *Next(const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 class SemAccount : public testing::Environment
 {
@@ -32,7 +26,7 @@ class SemAccount : public testing::Environment
         EXPECT_EQ(sems.size(), test::Inits());
         EXPECT_EQ(test::BlocksAlive(), 0);
         for (const HOspSem sem : sems) {
-            Next<decltype(OspSemDelete)>("OspSemDelete")(sem);
+            test::Next<decltype(OspSemDelete)>("OspSemDelete")(sem);
         }
     }
 };
@@ -44,7 +38,7 @@ testing::Environment *const semAccount = testing::AddGlobalTestEnvironment(new S
 extern "C" uint32_t OspSemBCreate(HOspSem *phSem)
 {
     std::lock_guard<std::mutex> guard(semsLock);
-    const uint32_t created = Next<decltype(OspSemBCreate)>("OspSemBCreate")(phSem);
+    const uint32_t created = test::Next<decltype(OspSemBCreate)>("OspSemBCreate")(phSem);
     if (created != 0) {
         sems.insert(*phSem);
     }
@@ -55,5 +49,5 @@ extern "C" uint32_t OspSemDelete(HOspSem hSem)
 {
     std::lock_guard<std::mutex> guard(semsLock);
     sems.erase(hSem);
-    return Next<decltype(OspSemDelete)>("OspSemDelete")(hSem);
+    return test::Next<decltype(OspSemDelete)>("OspSemDelete")(hSem);
 }

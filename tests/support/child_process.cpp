@@ -222,4 +222,11 @@ Finished RunProgram(const Program &program, const std::string &input)
     return {status, out.Text(), err.Text()};
 }
 
+void ExpectRun(const Program &program, int status, const std::string &output)
+{
+    const Finished run = RunProgram(program);
+    EXPECT_EQ(run.status, status) << run.errors;
+    EXPECT_EQ(run.output, output);
+}
+
 } // namespace test

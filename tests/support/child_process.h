@@ -72,6 +72,9 @@ struct Finished {
 /* Runs a program to its end, with this text as its standard input. */
 Finished RunProgram(const Program &program, const std::string &input = "");
 
+/* Runs it without input, and expects this of it. */
+void ExpectRun(const Program &program, int status, const std::string &output);
+
 } // namespace test
 
 #endif

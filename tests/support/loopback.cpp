@@ -64,22 +64,36 @@ std::string ClosedPort::Url(const std::string &path, const std::string &scheme) 
 
 SilentAddress::SilentAddress() : fd(BindLoopback(&port))
 {
-    EXPECT_TRUE(fd >= 0 && listen(fd, 0) == 0 && FillBacklog()) << "no backlog that can be filled";
+    FillBacklog();
+    EXPECT_TRUE(isSilent) << "no backlog that can be filled";
+}
+
+SilentAddress::SilentAddress(uint16_t ipv6Port) : port(ipv6Port), fd(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    address.sin6_port = htons(port);
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0) {
+        FillBacklog();
+    }
 }
 
 /* Nobody accepts: the first connections fill it, the one that stays pending proves it. */
-bool SilentAddress::FillBacklog()
+void SilentAddress::FillBacklog()
 {
-    const sockaddr_in address = AddressOf(port);
-    while (fillers.size() < 16) {
-        fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        pollfd waiting{fillers.back(), POLLOUT, 0};
-        (void)connect(fillers.back(), reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-        if (poll(&waiting, 1, 200) == 0) {
-            return true;
-        }
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    auto *generic = reinterpret_cast<sockaddr *>(&address);
+    if (listen(fd, 0) != 0 || getsockname(fd, generic, &length) != 0) {
+        return;
     }
-    return false;
+    while (!isSilent && fillers.size() < 16) {
+        fillers.push_back(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        pollfd waiting{fillers.back(), POLLOUT, 0};
+        (void)connect(fillers.back(), generic, length);
+        isSilent = poll(&waiting, 1, 200) == 0;
+    }
 }
 
 SilentAddress::~SilentAddress()
@@ -93,6 +107,11 @@ SilentAddress::~SilentAddress()
 std::string SilentAddress::Url() const
 {
     return LoopbackUrl(port);
+}
+
+bool SilentAddress::IsSilent() const
+{
+    return isSilent;
 }
 
 } // namespace test

@@ -1,5 +1,5 @@
 /*
- * Ports of 127.0.0.1: a free one, one that refuses, one that stays silent.
+ * Ports of 127.0.0.1, or ::1: a free one, one that refuses, one that stays silent.
  */
 #ifndef TESTS_SUPPORT_LOOPBACK_H
 #define TESTS_SUPPORT_LOOPBACK_H
@@ -36,16 +36,20 @@ class SilentAddress
 {
   public:
     SilentAddress();
+    /* This port of ::1. IsSilent is false where the machine has no such address. */
+    explicit SilentAddress(uint16_t ipv6Port);
     ~SilentAddress();
     SilentAddress(const SilentAddress &) = delete;
     SilentAddress &operator=(const SilentAddress &) = delete;
-    std::string Url() const;
+    std::string Url() const; /* of 127.0.0.1 */
+    bool IsSilent() const;
 
   private:
-    bool FillBacklog();
+    void FillBacklog();
 
     uint16_t port = 0; /* before fd, whose making sets it */
     int fd;
+    bool isSilent = false;
     std::vector<int> fillers;
 };
 

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/support/wait.h"
 #include "tools/common/whole_file.h"
 #include "tools/post/post_status.h"
 #include "tools/post/post_tally.h"
@@ -80,11 +81,7 @@ class Status : public Tally
     /* Waits until these lines are there, and perhaps more. */
     void AwaitShown(const std::string &text)
     {
-        const auto deadline = CPostClock::now() + std::chrono::seconds(60);
-        while (Shown().rfind(text, 0) != 0 && CPostClock::now() < deadline) {
-            std::this_thread::sleep_for(milliseconds(1));
-        }
-        EXPECT_EQ(Shown().rfind(text, 0), 0U) << Shown();
+        EXPECT_TRUE(test::WaitUntil([&] { return Shown().rfind(text, 0) == 0; })) << Shown();
     }
 
     FILE *file;
