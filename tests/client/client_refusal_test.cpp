@@ -3,8 +3,10 @@
  * where the engine cannot be started.
  */
 #include <atomic>
+#include <new>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "client_fixture.h"
@@ -16,6 +18,8 @@ namespace
 
 using nvrhttpcurl::Request;
 using namespace test;
+
+using ClientRefusal = ClientTest;
 
 const std::string LONGEST_LINE(125, 'v'); /* of a header with a name of one letter */
 constexpr milliseconds LONGEST_TIME = std::chrono::hours(24 * 24);
@@ -113,8 +117,7 @@ INSTANTIATE_TEST_SUITE_P(
         Url("LineEnd", "http://{SERVER}/\r\nX-Other: 1"), Url("Nul", std::string("http://{SERVER}/\0a", 18)),
         Url("Delete", "http://{SERVER}/\x7f"), Url("HttpsInTheUser", "https://https@{SERVER}/"),
         Url("HttpsInThePassword", "http://user:xhttpsx@{SERVER}/"),
-        Url("HttpsBeforeASecondAt", "https://a@https@{SERVER}/"),
-        Url("TooLong", "http://{SERVER}/" + std::string(8000000, 'a')), Method("Put", "PUT"), Method("Small", "post"),
+        Url("HttpsBeforeASecondAt", "https://a@https@{SERVER}/"), Method("Put", "PUT"), Method("Small", "post"),
         Method("NoMethod", ""), Method("LongerMethod", "GETS"), Method("NulInMethod", std::string("GET\0", 4)),
         Header("EmptyName", "", "1"), Header("ColonInName", "A:", "1"), Header("BlankInName", "A B", "1"),
         Header("TabInName", "A\t", "1"), Header("LineEndInName", "A\r\nB", "1"),
@@ -123,7 +126,6 @@ INSTANTIATE_TEST_SUITE_P(
         Header("LineEndLast", "A", "1\r\n"), Header("NulInValue", "A", std::string("1\0", 2)),
         Header("LineTooLong", "A", LONGEST_LINE + "v"), Credentials("NulInCredentials", std::string("a:b\0c", 5)),
         Credentials("LineEndInCredentials", "a\r\nX-Other: 1"), Credentials("LineFeedInCredentials", "a:b\n"),
-        Credentials("CredentialsTooLong", "a:" + std::string(8000000, 'b')),
         Times("NoTime", milliseconds(0), milliseconds(1)), Times("LessThanNoTime", milliseconds(-1), milliseconds(1)),
         Times("TooMuchTime", LONGEST_TIME + milliseconds(1), milliseconds(1)),
         Times("MuchTooMuchTime", milliseconds::max(), milliseconds(1)),
@@ -154,9 +156,25 @@ INSTANTIATE_TEST_SUITE_P(
                     Credentials("NoPassword", "user"), Times("LongestTimes", LONGEST_TIME, LONGEST_TIME)),
     [](const auto &change) { return change.param.name; });
 
-/* --- the callback -------------------------------------------------------------------------------- */
+/* libcurl may refuse them for other reasons. */
+TEST_F(ClientRefusal, TextsAreLimitedToWhatLibcurlTakes)
+{
+    constexpr size_t LONGEST = 8000000;
+    const ClosedPort closed;
+    Client client(Limits(1));
+    const auto errorOf = [&](size_t urlLength, size_t credentialsLength) {
+        Request request = PostOf(closed.Url());
+        request.url.resize(urlLength, 'a');
+        request.user_and_password.resize(credentialsLength, 'b');
+        return client.send(request).error;
+    };
+    EXPECT_NE(errorOf(LONGEST, 0), Error::invalid_argument);
+    EXPECT_EQ(errorOf(LONGEST + 1, 0), Error::invalid_argument);
+    EXPECT_NE(errorOf(100, LONGEST), Error::invalid_argument);
+    EXPECT_EQ(errorOf(100, LONGEST + 1), Error::invalid_argument);
+}
 
-using ClientRefusal = ClientTest;
+/* --- the callback -------------------------------------------------------------------------------- */
 
 TEST_F(ClientRefusal, WithAnEmptyCallbackNothingIsSent)
 {
@@ -250,7 +268,15 @@ TEST_F(ClientRefusal, MoreInstancesThanTheProcessMayHave)
 }
 
 /* What the program does not have while this is set. */
-enum class Missing { NOTHING, PROTOCOLS, WAKE_UP_SOCKET };
+enum class Missing {
+    NOTHING,
+    PROTOCOLS,
+    WAKE_UP_SOCKET,
+    ENGINE_PLACES,
+    MEMORY_FOR_BODIES,
+    MEMORY_FOR_ANSWERS,
+    MEMORY_FOR_STRINGS
+};
 std::atomic<Missing> missing{Missing::NOTHING};
 
 TEST_F(ClientRefusal, AnEngineThatCannotBeStarted)
@@ -270,6 +296,52 @@ TEST_F(ClientRefusal, ALibcurlThatCannotBeat)
     missing = Missing::NOTHING;
     EXPECT_EQ(ProblemOf(Limits(2)), "");
 }
+
+/* --- the engine refuses, or memory runs out ------------------------------------------------------ */
+
+std::atomic<int> handles{0}; /* of the engine, made by the client and not destroyed */
+
+struct Shortage {
+    const char *name;
+    Missing missing;
+    Error error;
+    int status;
+};
+
+void PrintTo(const Shortage &shortage, std::ostream *out)
+{
+    *out << shortage.name;
+}
+
+class ClientShortage : public ClientTest, public testing::WithParamInterface<Shortage>
+{
+};
+
+TEST_P(ClientShortage, EndsTheRequestAloneAndLeavesNothing)
+{
+    const std::string body = SampleText(100);
+    const ScriptedServer server(ECHOING);
+    Client client(Limits(1, 1));
+    handles = 0;
+    missing = GetParam().missing;
+    const Response answer = Await(client.send_async(PostOf(server.Url(), body)));
+    missing = Missing::NOTHING;
+    ExpectFailure(answer, GetParam().error, GetParam().status);
+    EXPECT_EQ(client.outstanding(), 0U);
+    ExpectAnswer(Await(client.send_async(PostOf(server.Url(), body))), body);
+    EXPECT_TRUE(WaitUntil([] { return handles.load() == 0; }, std::chrono::seconds(5)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ClientShortage,
+    testing::Values(Shortage{"EnginePlaces", Missing::ENGINE_PLACES, Error::limit_reached, 0},
+                    Shortage{"MemoryForBodies", Missing::MEMORY_FOR_BODIES, Error::no_memory, 0},
+                    Shortage{"MemoryForAnswers", Missing::MEMORY_FOR_ANSWERS, Error::no_memory, 200},
+                    Shortage{"MemoryForStrings", Missing::MEMORY_FOR_STRINGS, Error::no_memory, 200}),
+    [](const auto &shortage) { return shortage.param.name; });
+
+/* The next operator new of this thread fails. */
+thread_local bool losesString = false;
 
 /* --- words --------------------------------------------------------------------------------------- */
 
@@ -318,4 +390,55 @@ extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltInit(const TNvrHttpCurlCltInitParam 
     return missing == Missing::WAKE_UP_SOCKET
                ? static_cast<ENvrHttpCurlCltRet>(NVRHTTPCURLCLT_FAILED)
                : Next<decltype(NvrHttpCurlCltInit)>("NvrHttpCurlCltInit")(ptInitParam, ptMemCB, phResult);
+}
+
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltReqCreat(HNvrHttpCurlCltInst hInstance, HNvrHttpCurlCltReq *phReq)
+{
+    handles.fetch_add(1);
+    return Next<decltype(NvrHttpCurlCltReqCreat)>("NvrHttpCurlCltReqCreat")(hInstance, phReq);
+}
+
+extern "C" void NvrHttpCurlCltReqDestroy(HNvrHttpCurlCltReq hReq)
+{
+    handles.fetch_sub(1);
+    Next<decltype(NvrHttpCurlCltReqDestroy)>("NvrHttpCurlCltReqDestroy")(hReq);
+}
+
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltSetReqBody(HNvrHttpCurlCltReq hReq, const char *szBody, uint32_t dwSize)
+{
+    return missing == Missing::MEMORY_FOR_BODIES
+               ? static_cast<ENvrHttpCurlCltRet>(NVRHTTPCURLCLT_NO_MEMORY)
+               : Next<decltype(NvrHttpCurlCltSetReqBody)>("NvrHttpCurlCltSetReqBody")(hReq, szBody, dwSize);
+}
+
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS,
+                                                       uint32_t dwConnTimeOutMS, ENvrHttpCurlCltMode eMode,
+                                                       PFNvrHttpCurlCltNtf pfNtf, void *pvUserBuf)
+{
+    return missing == Missing::ENGINE_PLACES ? static_cast<ENvrHttpCurlCltRet>(NVRHTTPCURLCLT_LIMIT_REACHED)
+                                             : Next<decltype(NvrHttpCurlCltProcessReq)>("NvrHttpCurlCltProcessReq")(
+                                                   hReq, dwTimeoutMS, dwConnTimeOutMS, eMode, pfNtf, pvUserBuf);
+}
+
+/* The client makes its string right afterwards. */
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBodyLen(HNvrHttpCurlCltReq hReq, uint32_t *pdwBufSize)
+{
+    losesString = missing == Missing::MEMORY_FOR_STRINGS;
+    return Next<decltype(NvrHttpCurlCltGetRespBodyLen)>("NvrHttpCurlCltGetRespBodyLen")(hReq, pdwBufSize);
+}
+
+void *operator new(size_t size)
+{
+    static const auto next = Next<void *(size_t)>("_Znwm");
+    if (std::exchange(losesString, false)) {
+        throw std::bad_alloc();
+    }
+    return next(size);
+}
+
+/* Only answers grow. */
+extern "C" void *__real_realloc(void *block, size_t size);
+extern "C" void *__wrap_realloc(void *block, size_t size)
+{
+    return missing == Missing::MEMORY_FOR_ANSWERS ? nullptr : __real_realloc(block, size);
 }
