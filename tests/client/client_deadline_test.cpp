@@ -2,8 +2,8 @@
  * Requests end in time, with nothing else going on that would drive their worker. Each case runs with a libcurl that
  * has the file protocol and with one that does not.
  *
- * Measured loosely, since the machine may be busy: without the heartbeat they would never end. With
- * NVRHTTP_STRICT_TIMES set, as on a quiet machine, each has to end within its time-out and 100 ms.
+ * Measured loosely, since the machine may be busy: without the heartbeat they would never end. How late one may end
+ * is up to the heartbeat, whose submissions are counted.
  */
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -31,8 +31,7 @@ std::atomic<bool> hasFileProtocol{true};
 void ExpectInTime(const Response &answer, milliseconds timeout)
 {
     EXPECT_GE(answer.elapsed, timeout - milliseconds(2));
-    EXPECT_LE(answer.elapsed,
-              timeout + (getenv("NVRHTTP_STRICT_TIMES") != nullptr ? milliseconds(100) : milliseconds(5000)));
+    EXPECT_LE(answer.elapsed, timeout + milliseconds(5000));
 }
 
 nvrhttpcurl::Request Limited(const std::string &url, milliseconds timeout)
@@ -133,6 +132,18 @@ TEST_P(ClientDeadline, TheSecondAddressIsTriedWhenTheFirstIsDead)
 
 /* --- the heartbeat ------------------------------------------------------------------------------- */
 
+/* Of one worker: never more than one each 20 ms, and on a machine that has time one each 60 ms. */
+bool IsBeatingOften()
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const size_t before = submissions.load();
+    std::this_thread::sleep_for(milliseconds(400));
+    const size_t beats = submissions.load() - before;
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    EXPECT_LE(beats, static_cast<size_t>(passed / milliseconds(20) + 1));
+    return beats >= static_cast<size_t>(passed / milliseconds(60));
+}
+
 TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
 {
     const ScriptedServer server(ECHOING_ON_RELEASE);
@@ -145,11 +156,7 @@ TEST_P(ClientDeadline, OnlyWorkersWithRequestsBeat)
 
     std::future<Response> answer = client.send_async(Limited(server.Url(), milliseconds(60000)));
     EXPECT_TRUE(WaitUntil([&] { return submissions.load() >= idle + 4; }));
-    const size_t busy = submissions.load();
-    const auto begin = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(milliseconds(400));
-    const auto passed = std::chrono::steady_clock::now() - begin;
-    EXPECT_LE(submissions.load() - busy, static_cast<size_t>(passed / milliseconds(20) + 1));
+    EXPECT_TRUE(WaitUntil(IsBeatingOften, std::chrono::seconds(10)));
     EXPECT_EQ(client.outstanding(), 1U);
 }
 
