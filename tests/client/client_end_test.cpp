@@ -4,11 +4,13 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "client_fixture.h"
 #include "nginx_server.h"
 #include "tests/support/child_process.h"
+#include "tests/support/next.h"
 
 namespace
 {
@@ -122,6 +124,13 @@ TEST_F(ClientEnd, ChainsThatNeverEndAreCancelled)
     }
 }
 
+/* Whether the destructor runs, seen by a send. */
+bool IsEnding(Client &client, const std::string &url)
+{
+    std::future<Response> probe = client.send_async(PostOf(url));
+    return IsReady(probe) && probe.get().error == Error::cancelled;
+}
+
 /* It could make another client, which would wait for the destructor, which would wait for the callback. */
 TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
 {
@@ -136,20 +145,43 @@ TEST_F(ClientEnd, NoCallbackStartsOnAWorkerOnceTheDestructorRuns)
             errors.push_back(answer.error);
             EXPECT_EQ(std::this_thread::get_id(), destroyer);
         });
-        client.send_async(PostOf(server.Url()),
-                          [&](const Response &) { /* on the other worker */
-                                                  entered.set_value();
-                                                  EXPECT_TRUE(WaitUntil([&] {
-                                                      std::future<Response> probe =
-                                                          client.send_async(PostOf(held.Url()));
-                                                      return IsReady(probe) && probe.get().error == Error::cancelled;
-                                                  }));
-                                                  held.Release();
-                                                  std::this_thread::sleep_for(milliseconds(200)); /* the answer comes */
-                          });
+        /* On the other worker. */
+        client.send_async(PostOf(server.Url()), [&](const Response &) {
+            entered.set_value();
+            EXPECT_TRUE(WaitUntil([&] { return IsEnding(client, held.Url()); }));
+            held.Release();
+            std::this_thread::sleep_for(milliseconds(200)); /* the answer comes */
+        });
         entered.get_future().wait();
     }
     EXPECT_EQ(errors, std::vector<Error>{Error::cancelled});
+}
+
+/* What holds up this thread's next submission in the engine. */
+struct Hold {
+    std::promise<void> entered;
+    std::promise<void> leave;
+};
+thread_local Hold *nextHold = nullptr;
+
+/* The engine must not end an instance that a submission is still using. */
+TEST_F(ClientEnd, ItWaitsForASubmissionInTheEngine)
+{
+    const ScriptedServer server(ECHOING);
+    Hold hold;
+    auto client = std::make_unique<Client>(Limits(1));
+    std::future<Response> answer;
+    std::thread sender([&] {
+        nextHold = &hold;
+        answer = client->send_async(PostOf(server.Url()));
+    });
+    hold.entered.get_future().wait();
+    auto destroyed = std::async(std::launch::async, [&client] { client.reset(); });
+    EXPECT_EQ(destroyed.wait_for(milliseconds(500)), std::future_status::timeout);
+    hold.leave.set_value();
+    sender.join();
+    destroyed.wait();
+    ExpectFailure(Await(std::move(answer)), Error::cancelled);
 }
 
 TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
@@ -161,7 +193,7 @@ TEST_F(ClientEnd, ItWaitsForACallbackThatMakesAnotherClient)
         Client client(Limits(2));
         client.send_async(PostOf(server.Url()), [&](const Response &) {
             entered.set_value();
-            std::this_thread::sleep_for(milliseconds(100)); /* until the destructor runs */
+            EXPECT_TRUE(WaitUntil([&] { return IsEnding(client, server.Url()); }));
             Client other(Limits(1));
             ExpectAnswer(other.send(PostOf(server.Url())), "{}");
             isMade = true;
@@ -236,3 +268,15 @@ TEST_F(ClientProgram, ReturnsFromMainWithTlsInFlight)
 }
 
 } // namespace
+
+extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltProcessReq(HNvrHttpCurlCltReq hReq, uint32_t dwTimeoutMS,
+                                                       uint32_t dwConnTimeOutMS, ENvrHttpCurlCltMode eMode,
+                                                       PFNvrHttpCurlCltNtf pfNtf, void *pvUserBuf)
+{
+    if (Hold *hold = std::exchange(nextHold, nullptr)) {
+        hold->entered.set_value();
+        hold->leave.get_future().wait();
+    }
+    return Next<decltype(NvrHttpCurlCltProcessReq)>("NvrHttpCurlCltProcessReq")(hReq, dwTimeoutMS, dwConnTimeOutMS,
+                                                                                eMode, pfNtf, pvUserBuf);
+}
