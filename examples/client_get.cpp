@@ -1,4 +1,5 @@
 /* Gets a URL with a header of its own and a time-out. */
+#include <chrono>
 #include <cstdio>
 #include <nvrhttpcurl/client.hpp>
 

@@ -25,15 +25,24 @@ static uint32_t Ended(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg,
     return 0;
 }
 
-static ENvrHttpCurlCltRet Submit(HNvrHttpCurlCltReq hReq, uint32_t *pdwPauses)
+/* 0 where there were as many as there may be. */
+static int Pause(uint32_t *pdwPauses)
 {
     const struct timespec tPause = {0, PAUSE_MS * 1000000L};
-    ENvrHttpCurlCltRet eRet = NvrHttpCurlCltProcessReq(hReq, 5000, 2000, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL);
-    while (eRet == NVRHTTPCURLCLT_LIMIT_REACHED && *pdwPauses < MAX_PAUSES) {
-        ++*pdwPauses;
-        nanosleep(&tPause, NULL);
-        eRet = NvrHttpCurlCltProcessReq(hReq, 5000, 2000, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL);
+    if (*pdwPauses == MAX_PAUSES) {
+        return 0;
     }
+    ++*pdwPauses;
+    nanosleep(&tPause, NULL);
+    return 1;
+}
+
+static ENvrHttpCurlCltRet Submit(HNvrHttpCurlCltReq hReq, uint32_t *pdwPauses)
+{
+    ENvrHttpCurlCltRet eRet = NVRHTTPCURLCLT_OK;
+    do {
+        eRet = NvrHttpCurlCltProcessReq(hReq, 5000, 2000, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL);
+    } while (eRet == NVRHTTPCURLCLT_LIMIT_REACHED && Pause(pdwPauses));
     return eRet;
 }
 

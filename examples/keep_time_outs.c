@@ -28,14 +28,24 @@ static uint32_t Ended(HNvrHttpCurlCltReq hReq, ENvrHttpCurlCltReqProgress eProg,
     return 0;
 }
 
-static ENvrHttpCurlCltRet Submit(HNvrHttpCurlCltReq hReq, const char *szUrl)
+static ENvrHttpCurlCltRet Submit(HNvrHttpCurlCltReq hReq)
 {
-    ENvrHttpCurlCltRet eRet = NvrHttpCurlCltSetReqUri(hReq, szUrl);
     /* Setting the body again empties the answer of the run before. */
-    eRet = eRet == NVRHTTPCURLCLT_OK ? NvrHttpCurlCltSetReqBody(hReq, NULL, 0) : eRet;
+    const ENvrHttpCurlCltRet eRet = NvrHttpCurlCltSetReqBody(hReq, NULL, 0);
     return eRet == NVRHTTPCURLCLT_OK
                ? NvrHttpCurlCltProcessReq(hReq, TIMEOUT_MS, TIMEOUT_MS, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL)
                : eRet;
+}
+
+static ENvrHttpCurlCltRet Start(HNvrHttpCurlCltInst hInstance, const char *szUrl, HNvrHttpCurlCltReq *phReq)
+{
+    ENvrHttpCurlCltRet eRet = NvrHttpCurlCltReqCreat(hInstance, phReq);
+    eRet = eRet == NVRHTTPCURLCLT_OK ? NvrHttpCurlCltSetReqUri(*phReq, szUrl) : eRet;
+    eRet = eRet == NVRHTTPCURLCLT_OK ? Submit(*phReq) : eRet;
+    if (eRet != NVRHTTPCURLCLT_OK && *phReq != NULL) {
+        NvrHttpCurlCltReqDestroy(*phReq); /* not accepted: Uninit does not release it */
+    }
+    return eRet;
 }
 
 /* Never while it is under way: it may be submitted again only after its callback. */
@@ -43,7 +53,7 @@ static int WaitForPost(HNvrHttpCurlCltReq hCheap)
 {
     const struct timespec tPeriod = {0, PERIOD_MS * 1000000L};
     for (int nII = 0; nII < MAX_PERIODS; ++nII) {
-        if (sem_trywait(&s_tCheap) == 0 && Submit(hCheap, "file:///dev/null") != NVRHTTPCURLCLT_OK) {
+        if (sem_trywait(&s_tCheap) == 0 && Submit(hCheap) != NVRHTTPCURLCLT_OK) {
             return 1;
         }
         nanosleep(&tPeriod, NULL);
@@ -64,13 +74,12 @@ int main(int argc, char **argv)
     HNvrHttpCurlCltInst hInstance = NULL;
     HNvrHttpCurlCltReq hCheap = NULL;
     sem_init(&s_tPosted, 0, 0);
-    sem_init(&s_tCheap, 0, 1);
+    sem_init(&s_tCheap, 0, 0);
     curl_global_init(CURL_GLOBAL_ALL); /* before there are threads */
     int nFailed = 1;
     if (NvrHttpCurlCltInit(&tInitParam, &tMemCB, &hInstance) == NVRHTTPCURLCLT_OK &&
-        NvrHttpCurlCltReqCreat(hInstance, &s_hPost) == NVRHTTPCURLCLT_OK &&
-        NvrHttpCurlCltReqCreat(hInstance, &hCheap) == NVRHTTPCURLCLT_OK &&
-        Submit(s_hPost, argc > 1 ? argv[1] : "http://127.0.0.1:8080/") == NVRHTTPCURLCLT_OK) {
+        Start(hInstance, argc > 1 ? argv[1] : "http://127.0.0.1:8080/", &s_hPost) == NVRHTTPCURLCLT_OK &&
+        Start(hInstance, "file:///dev/null", &hCheap) == NVRHTTPCURLCLT_OK) {
         nFailed = WaitForPost(hCheap);
     }
     NvrHttpCurlCltUninit(hInstance); /* releases what was submitted, under way or not */

@@ -24,22 +24,31 @@ static uint32_t Notified(ESendByCurlRet eErrCode, void *pvContext)
     return 0;
 }
 
-/* Any other result than 4 is final. The pauses are bounded: a silent server may keep all slots. */
-static ESendByCurlRet Post(const char *szUrl, uint32_t *pdwPauses)
+/* 0 where there were as many as there may be: a silent server may keep all slots. */
+static int Pause(uint32_t *pdwPauses)
 {
     const struct timespec tPause = {0, PAUSE_MS * 1000000L};
+    if (*pdwPauses == MAX_PAUSES) {
+        return 0;
+    }
+    ++*pdwPauses;
+    nanosleep(&tPause, NULL);
+    return 1;
+}
+
+/* Any other result than 4 is final. */
+static ESendByCurlRet Post(const char *szUrl, uint32_t *pdwPauses)
+{
     TSendByCurlParam tParam = {.pchURL = szUrl, .pchSendBuf = "{}", .dwSendLen = 2, .pfNtf = Notified};
     tParam.dwConnTimeOutMS = tParam.dwTimeoutMS = 30000;
     tParam.pchRecvBuf = calloc(1, ANSWER_BYTES); /* larger than any answer */
     if (tParam.pchRecvBuf == NULL) {
         return SENDBYCURL_NO_MEMORY;
     }
-    ESendByCurlRet eRet = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_ASYNC);
-    while (eRet == SENDBYCURL_NO_SLOT && *pdwPauses < MAX_PAUSES) {
-        ++*pdwPauses;
-        nanosleep(&tPause, NULL);
+    ESendByCurlRet eRet = SENDBYCURL_OK;
+    do {
         eRet = Qelvo_SendStrByHttp(&tParam, SENDBYCURL_MODE_ASYNC);
-    }
+    } while (eRet == SENDBYCURL_NO_SLOT && Pause(pdwPauses));
     if (eRet != SENDBYCURL_OK) {
         free(tParam.pchRecvBuf); /* not accepted: there is no notification */
     }
