@@ -14,14 +14,7 @@
 #include <thread>
 
 #include "platform/osp.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define UNDER_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define UNDER_SANITIZER 1
-#endif
-#endif
+#include "tests/support/sanitizer.h"
 
 namespace
 {
