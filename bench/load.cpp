@@ -1,16 +1,18 @@
 #include "bench/load.h"
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <ctime>
 #include <deque>
 #include <mutex>
 #include <thread>
-
-#include "tools/post/latency.h"
+#include <type_traits>
 
 struct TLoop {
     const TWay &tWay;
     CBenchClock::time_point tDeadline;
+    std::atomic<int64_t> llLeft; /* posts that may still be started */
     std::mutex tLock;
     std::condition_variable tOver;
     uint32_t dwRunning; /* chains that go on; with dwFailed under the lock */
@@ -20,6 +22,9 @@ struct TLoop {
 namespace
 {
 
+/* More times than this of one chain move to a new place: their growth must not count as the way's. */
+enum { RESERVED_TIMES = 16384 };
+
 /* Whether the chain goes on. After its end the loop may be gone. */
 bool NoteEnd(TChain &tChain, bool bSucceeded)
 {
@@ -28,7 +33,7 @@ bool NoteEnd(TChain &tChain, bool bSucceeded)
     if (bSucceeded) {
         tChain.adMillis.push_back(std::chrono::duration<double, std::milli>(tNow - tChain.tStart).count());
     }
-    if (bSucceeded && tNow < tLoop.tDeadline) {
+    if (bSucceeded && tNow < tLoop.tDeadline && tLoop.llLeft-- > 0) {
         return true;
     }
     const std::lock_guard<std::mutex> tGuard(tLoop.tLock);
@@ -44,16 +49,20 @@ bool Send(TChain &tChain)
     return tChain.ptLoop->tWay.pfSend(tChain);
 }
 
+void RunChain(TChain &tChain)
+{
+    while (NoteEnd(tChain, Send(tChain))) {
+    }
+}
+
 void RunBlocking(std::deque<TChain> &atChains)
 {
     std::vector<std::thread> atThreads;
     atThreads.reserve(atChains.size());
-    for (TChain &tChain : atChains) {
-        atThreads.emplace_back([&tChain] {
-            while (NoteEnd(tChain, Send(tChain))) {
-            }
-        });
+    for (size_t uChain = 1; uChain < atChains.size(); uChain++) {
+        atThreads.emplace_back(RunChain, std::ref(atChains[uChain]));
     }
+    RunChain(atChains[0]);
     for (std::thread &tThread : atThreads) {
         tThread.join();
     }
@@ -70,23 +79,13 @@ void RunWithCallbacks(TLoop &tLoop, std::deque<TChain> &atChains)
     tLoop.tOver.wait(tGuard, [&tLoop] { return tLoop.dwRunning == 0; });
 }
 
-TLoadResult ResultOf(const std::deque<TChain> &atChains, CBenchClock::duration tTook, std::chrono::nanoseconds tCpu)
-{
-    std::vector<double> adMillis;
-    for (const TChain &tChain : atChains) {
-        adMillis.insert(adMillis.end(), tChain.adMillis.begin(), tChain.adMillis.end());
-    }
-    const double dPosts = static_cast<double>(adMillis.size());
-    const TLatencySummary tTimes = SummarizeLatency(std::move(adMillis));
-    TLoadResult tResult;
-    tResult.dPerSecond = dPosts / std::chrono::duration<double>(tTook).count();
-    tResult.dP50Millis = tTimes.dP50;
-    tResult.dP99Millis = tTimes.dP99;
-    tResult.dCpuMicros = std::chrono::duration<double, std::micro>(tCpu).count() / dPosts;
-    return tResult;
-}
-
 } // namespace
+
+TChain &ChainOf(void *pvAnswer)
+{
+    static_assert(std::is_standard_layout_v<TChain>, "its first member has its address");
+    return *static_cast<TChain *>(pvAnswer);
+}
 
 void ChainEnded(TChain &tChain, bool bSucceeded)
 {
@@ -95,23 +94,31 @@ void ChainEnded(TChain &tChain, bool bSucceeded)
     }
 }
 
-TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, std::chrono::milliseconds tSpan)
+TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, std::chrono::milliseconds tSpan)
 {
-    const CBenchClock::time_point tBegin = CBenchClock::now();
-    const std::chrono::nanoseconds tCpuBefore = CpuTime();
-    TLoop tLoop{tWay, tBegin + tSpan, {}, {}, dwOutstanding};
     std::deque<TChain> atChains(dwOutstanding);
+    TLoop tLoop{tWay, {}, int64_t{dwPosts} - dwOutstanding, {}, {}, dwOutstanding};
     for (uint32_t dwIndex = 0; dwIndex < dwOutstanding; dwIndex++) {
         atChains[dwIndex].dwIndex = dwIndex;
         atChains[dwIndex].ptLoop = &tLoop;
+        atChains[dwIndex].adMillis.reserve(std::min<uint32_t>(dwPosts, RESERVED_TIMES));
     }
+    const CBenchClock::time_point tBegin = CBenchClock::now();
+    const std::chrono::nanoseconds tCpuBefore = CpuTime();
+    tLoop.tDeadline = tBegin + tSpan;
     if (tWay.bBlocks) {
         RunBlocking(atChains);
     } else {
         RunWithCallbacks(tLoop, atChains);
     }
-    TLoadResult tResult = ResultOf(atChains, CBenchClock::now() - tBegin, CpuTime() - tCpuBefore);
+    TLoadResult tResult;
+    tResult.dSeconds = std::chrono::duration<double>(CBenchClock::now() - tBegin).count();
+    tResult.dCpuSeconds = std::chrono::duration<double>(CpuTime() - tCpuBefore).count();
     tResult.dwFailed = tLoop.dwFailed;
+    for (const TChain &tChain : atChains) {
+        tResult.adMillis.insert(tResult.adMillis.end(), tChain.adMillis.begin(), tChain.adMillis.end());
+    }
+    tResult.dPosts = static_cast<double>(tResult.adMillis.size());
     return tResult;
 }
 

@@ -7,38 +7,50 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 using CBenchClock = std::chrono::steady_clock;
+
+enum { CHAIN_ANSWER_BYTES = 4096 };
 
 struct TLoop;
 
 /* Posts that follow each other. Only one thread at a time has to do with it. */
 struct TChain {
-    uint32_t dwIndex = 0; /* from 0 on */
+    /* First, for callbacks that get nothing but the address of their buffer: see ChainOf. */
+    char achAnswer[CHAIN_ANSWER_BYTES];
+    std::string strAnswer; /* for answers of any length */
+    uint32_t dwIndex = 0;  /* from 0 on */
     TLoop *ptLoop = nullptr;
     CBenchClock::time_point tStart;
     std::vector<double> adMillis; /* of its posts that succeeded */
 };
 
+/* The chain whose achAnswer this is. */
+TChain &ChainOf(void *pvAnswer);
+
 /* A way of sending. */
 struct TWay {
-    const char *szName;
     /* Of a blocking way, whether the post succeeded; of another one, whether ChainEnded will be called. */
     std::function<bool(TChain &tChain)> pfSend;
     bool bBlocks = false;
 };
 
 struct TLoadResult {
-    double dPerSecond = 0;
-    double dP50Millis = 0;
-    double dP99Millis = 0;
-    double dCpuMicros = 0; /* of this process, for each post */
+    double dPosts = 0; /* that succeeded */
+    double dSeconds = 0;
+    double dCpuSeconds = 0;       /* of this process */
+    std::vector<double> adMillis; /* of each post */
     uint32_t dwFailed = 0;
 };
 
-/* Runs the loop for this long, and until what is outstanding has ended. A chain ends with its first failure. */
-TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, std::chrono::milliseconds tSpan);
+/*
+ * Runs the loop for so many posts or for this long, whichever is first, and until what is outstanding has
+ * ended. A chain ends with its first failure. A blocking way has a thread for each chain; the first one is the
+ * caller's.
+ */
+TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, std::chrono::milliseconds tSpan);
 
 /* The post of a way that does not block has ended, on whatever thread. */
 void ChainEnded(TChain &tChain, bool bSucceeded);

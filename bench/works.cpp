@@ -1,0 +1,198 @@
+#include "bench/works.h"
+
+#include <deque>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+
+#include "bench/heap.h"
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+enum { LIMIT_MS = 60000, SETTLE_MS = 300, REST_MS = 1000 };
+
+double Switches()
+{
+    rusage tUsage = {};
+    getrusage(RUSAGE_SELF, &tUsage);
+    return static_cast<double>(tUsage.ru_nvcsw);
+}
+
+TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
+{
+    TRun tRun;
+    if (!tWork.bNewConnections) {
+        tRun.dFailed = RunLoad(tWay, tWork.dwOutstanding, 2 * tWork.dwOutstanding, milliseconds(LIMIT_MS)).dwFailed;
+    }
+    tRun.dAllocations = -static_cast<double>(HeapAllocations());
+    tRun.dSwitches = -Switches();
+    const TLoadResult tLoad = RunLoad(tWay, tWork.dwOutstanding, dwPosts, milliseconds(LIMIT_MS));
+    tRun.dSwitches += Switches();
+    tRun.dAllocations += static_cast<double>(HeapAllocations());
+    tRun.dPosts = tLoad.dPosts;
+    tRun.dSeconds = tLoad.dSeconds;
+    tRun.dCpuSeconds = tLoad.dCpuSeconds;
+    tRun.dFailed += tLoad.dwFailed;
+    return tRun;
+}
+
+/* Nobody answers, and nobody waits for the ends. */
+TRun Rest(const TWork &tWork, const TWay &tWay)
+{
+    static std::deque<TChain> s_atChains(tWork.dwOutstanding);
+    TRun tRun;
+    const int64_t llHeapBefore = HeapBytes();
+    for (TChain &tChain : s_atChains) {
+        tRun.dFailed += tWay.pfSend(tChain) ? 0 : 1;
+        tChain.dwIndex = static_cast<uint32_t>(tRun.dPosts++);
+    }
+    std::this_thread::sleep_for(milliseconds(SETTLE_MS));
+    tRun.dHeapBytes = static_cast<double>(HeapBytes() - llHeapBefore);
+    tRun.dSwitches = -Switches();
+    const CBenchClock::time_point tBegin = CBenchClock::now();
+    const std::chrono::nanoseconds tCpuBefore = CpuTime();
+    std::this_thread::sleep_for(milliseconds(REST_MS));
+    tRun.dCpuSeconds = std::chrono::duration<double>(CpuTime() - tCpuBefore).count();
+    tRun.dSeconds = std::chrono::duration<double>(CBenchClock::now() - tBegin).count();
+    tRun.dSwitches += Switches();
+    return tRun;
+}
+
+} // namespace
+
+const std::vector<TWork> g_atWorks = {
+    {"new",
+     "one POST after the other, each on a new connection",
+     ANSWER_SHORT,
+     1,
+     1000,
+     true,
+     300,
+     {"libcurl", "libcurl, options of direct", "socket", "send module, synchronous", "send module, direct", "curlpp",
+      "Poco", "cpp-httplib", "Boost.Beast", "libsoup"}},
+    {"new-8",
+     "the same on 8 threads",
+     ANSWER_SHORT,
+     8,
+     4000,
+     true,
+     0,
+     {"libcurl", "socket", "send module, synchronous", "send module, direct", "curlpp", "Poco", "cpp-httplib",
+      "Boost.Beast", "libsoup"}},
+    {"large",
+     "answers of 1 MB, copied out",
+     ANSWER_1_MB,
+     1,
+     200,
+     true,
+     0,
+     {"libcurl", "socket", "send module, synchronous", "send module, direct", "curlpp", "Poco", "cpp-httplib",
+      "Boost.Beast", "libsoup"}},
+    {"200",
+     "1,000 asynchronous POSTs, 200 outstanding",
+     ANSWER_SHORT,
+     200,
+     1000,
+     false,
+     1000,
+     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
+      "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
+    {"200-tls",
+     "the same over TLS",
+     ANSWER_SHORT_TLS,
+     200,
+     1000,
+     false,
+     0,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
+    {"1024",
+     "1,024 outstanding at once",
+     ANSWER_SHORT,
+     1024,
+     1024,
+     true,
+     0,
+     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
+      "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
+    {"256",
+     "10,000 POSTs, 256 outstanding",
+     ANSWER_SHORT,
+     256,
+     10000,
+     false,
+     0,
+     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
+      "libcurl, a thread each", "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
+    {"16",
+     "2,000 POSTs, 16 outstanding",
+     ANSWER_SHORT,
+     16,
+     2000,
+     false,
+     0,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client",
+      "libcurl, a thread each"}},
+    {"1",
+     "one asynchronous POST at a time",
+     ANSWER_SHORT,
+     1,
+     100,
+     false,
+     0,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client",
+      "libcurl, a thread each"}},
+    {"idle",
+     "idle, 8 tasks",
+     ANSWER_NEVER,
+     0,
+     0,
+     false,
+     0,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
+    {"silent",
+     "one request that nobody answers",
+     ANSWER_NEVER,
+     1,
+     1,
+     false,
+     0,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
+    {"heap",
+     "1,000 requests that nobody answers",
+     ANSWER_NEVER,
+     1000,
+     1000,
+     false,
+     1000,
+     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
+};
+
+const TWork &WorkOf(const std::string &strName)
+{
+    for (const TWork &tWork : g_atWorks) {
+        if (strName == tWork.szName) {
+            return tWork;
+        }
+    }
+    throw std::invalid_argument("no work " + strName);
+}
+
+const TNamedWay &NamedWay(const std::string &strName)
+{
+    for (const TNamedWay &tWay : g_atWays) {
+        if (strName == tWay.szName) {
+            return tWay;
+        }
+    }
+    throw std::invalid_argument("no way " + strName);
+}
+
+TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)
+{
+    const size_t uAnswer = tWork.eAnswer == ANSWER_1_MB ? BENCH_LARGE_BYTES : BENCH_SHORT_BYTES;
+    const TWay tMade = tWay.pfMake(MakeTarget(strUrl, uAnswer));
+    return tWork.eAnswer == ANSWER_NEVER ? Rest(tWork, tMade) : RunPosts(tWork, tMade, dwPosts);
+}

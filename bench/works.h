@@ -1,0 +1,52 @@
+/*
+ * What is measured.
+ */
+#ifndef BENCH_WORKS_H
+#define BENCH_WORKS_H
+
+#include <string>
+#include <vector>
+
+#include "bench/ways.h"
+
+enum EAnswer {
+    ANSWER_SHORT,
+    ANSWER_SHORT_TLS,
+    ANSWER_1_MB,
+    ANSWER_NEVER /* the work is to wait: processor time and heap meanwhile */
+};
+
+enum { BENCH_SHORT_BYTES = 5, BENCH_LARGE_BYTES = 1 << 20 };
+
+struct TWork {
+    const char *szName;
+    const char *szTitle;
+    EAnswer eAnswer;
+    uint32_t dwOutstanding;
+    uint32_t dwPosts;
+    bool bNewConnections;              /* otherwise a load that does not count opens them */
+    uint32_t dwFigurePosts;            /* for the figures that repeat; 0: there are none */
+    std::vector<const char *> aszWays; /* the first one is the measure of the others */
+};
+
+extern const std::vector<TWork> g_atWorks;
+
+/* Throw std::invalid_argument for an unknown name. */
+const TWork &WorkOf(const std::string &strName);
+const TNamedWay &NamedWay(const std::string &strName);
+
+/* What one run of a work yields: totals of the process. */
+struct TRun {
+    double dPosts = 0;
+    double dSeconds = 0;
+    double dCpuSeconds = 0;
+    double dSwitches = 0;    /* of threads that had to wait */
+    double dAllocations = 0; /* this and the next one only where the heap is counted */
+    double dHeapBytes = 0;
+    double dFailed = 0;
+};
+
+/* In a process of its own: threads of ways never end. */
+TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl);
+
+#endif
