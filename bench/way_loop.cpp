@@ -1,7 +1,6 @@
 /*
  * The engine's worker without the engine: a wake-up socket, a list of what runs and one of what has ended, a wait of
- * 50 ms, a perform, a rest of 2 ms. One perform for each pass: a plain post of this size leaves libcurl nothing that
- * it would hold back.
+ * 50 ms, performs until nothing is due, a rest of 2 ms.
  */
 #include <arpa/inet.h>
 #include <atomic>
@@ -71,11 +70,30 @@ void Complete(TLoopWorker &tWorker, CURL *ptEasy, CURLcode eResult)
     ChainEnded(tChain, bSucceeded);
 }
 
-void PerformAndComplete(TLoopWorker &tWorker)
+bool IsTimerDue(CURLM *ptMulti)
+{
+    long nTimeoutMS = -1;
+    curl_multi_timeout(ptMulti, &nTimeoutMS);
+    return nTimeoutMS == 0;
+}
+
+/* Until libcurl has nothing left to do at once: a pass without activity performs nothing. */
+void Drive(CURLM *ptMulti)
 {
     int nRunning = 0;
+    bool bWasDue = false;
+    bool bDue = IsTimerDue(ptMulti);
+    do {
+        bWasDue = bDue;
+        curl_multi_perform(ptMulti, &nRunning);
+        bDue = IsTimerDue(ptMulti);
+    } while (nRunning > 0 && (bWasDue || bDue));
+}
+
+void PerformAndComplete(TLoopWorker &tWorker)
+{
     int nLeft = 0;
-    curl_multi_perform(tWorker.ptMulti, &nRunning);
+    Drive(tWorker.ptMulti);
     while (const CURLMsg *ptMsg = curl_multi_info_read(tWorker.ptMulti, &nLeft)) {
         Complete(tWorker, ptMsg->easy_handle, ptMsg->data.result);
     }

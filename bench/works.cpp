@@ -193,6 +193,6 @@ const TNamedWay &NamedWay(const std::string &strName)
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)
 {
     const size_t uAnswer = tWork.eAnswer == ANSWER_1_MB ? BENCH_LARGE_BYTES : BENCH_SHORT_BYTES;
-    const TWay tMade = tWay.pfMake(MakeTarget(strUrl, uAnswer));
-    return tWork.eAnswer == ANSWER_NEVER ? Rest(tWork, tMade) : RunPosts(tWork, tMade, dwPosts);
+    static const TWay s_tWay = tWay.pfMake(MakeTarget(strUrl, uAnswer)); /* its threads never end */
+    return tWork.eAnswer == ANSWER_NEVER ? Rest(tWork, s_tWay) : RunPosts(tWork, s_tWay, dwPosts);
 }
