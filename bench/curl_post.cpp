@@ -21,7 +21,8 @@ size_t TakeAnswer(char *pchPart, size_t, size_t uPart, void *pvPost)
 void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCapacity)
 {
     tPost.ptEasy = curl_easy_init();
-    tPost.ptHeaders = curl_slist_append(nullptr, "Content-Type: application/json");
+    tPost.ptHeaders = curl_slist_append(nullptr, "Content-Type:application/json;charset=UTF-8");
+    tPost.ptHeaders = curl_slist_append(tPost.ptHeaders, "Expect:"); /* as the library's sends have it */
     tPost.pchAnswer = pchAnswer;
     tPost.uCapacity = uCapacity;
     curl_easy_setopt(tPost.ptEasy, CURLOPT_URL, tTarget.strUrl.c_str());

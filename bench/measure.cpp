@@ -7,23 +7,27 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <thread>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
 
 #include "bench/heap.h"
-#include "bench/works.h"
+#include "bench/report.h"
+#include "bench/servers.h"
 #include "tools/common/open_files.h"
 
 namespace
 {
 
 struct TOptions {
+    uint32_t dwRounds = 3;
+    bool bAllFigures = false;
     std::string strWork;
     std::string strWay;
-    std::string strUrl;
     uint32_t dwPosts = 0;
+    std::string strUrl;
     bool bHeap = false;
 };
 
@@ -35,18 +39,48 @@ int RunOne(const TOptions &tOptions)
     RaiseOpenFiles();
     curl_global_init(CURL_GLOBAL_ALL);
     const TRun tRun = RunWork(WorkOf(tOptions.strWork), NamedWay(tOptions.strWay), tOptions.dwPosts, tOptions.strUrl);
-    printf("%.0f posts, %f s, %f s of processor, %.0f switches, %.0f allocations, %.0f bytes, %.0f failed\n",
-           tRun.dPosts, tRun.dSeconds, tRun.dCpuSeconds, tRun.dSwitches, tRun.dAllocations, tRun.dHeapBytes,
-           tRun.dFailed);
+    PrintRun(tRun);
     fflush(stdout);
     /* Threads of the way still run. */
     _exit(tRun.dFailed == 0 ? EXIT_SUCCESS : EXIT_FAILURE);
+}
+
+void PrintMachine(const TOptions &tOptions)
+{
+    const std::string strMissing = BENCH_MISSING;
+    printf("libcurl %s, %u processors, %u rounds", curl_version_info(CURLVERSION_NOW)->version,
+           std::thread::hardware_concurrency(), tOptions.dwRounds);
+    printf("%s%s.\n\n", strMissing.empty() ? "" : "; left out, since they are not installed: ", strMissing.c_str());
+}
+
+int RunAll(const TOptions &tOptions)
+{
+    const test::TemporaryFolder tLogFolder;
+    setenv("NVRHTTPCURL_LOG_DIR", tLogFolder.Path().c_str(), 1);
+    test::ClearProxies();
+    const CServers tServers;
+    CResults tResults;
+    MeasureTimes(tResults, tServers, tOptions.dwRounds);
+    for (const TWork &tWork : g_atWorks) {
+        for (const char *szWay : WaysOf(tWork)) {
+            if (tWork.dwFigureTo != 0 && (tOptions.bAllFigures || IsGoal(tWork.szName, szWay))) {
+                MeasureFigures(tResults[{tWork.szName, szWay}], tServers, tWork, szWay);
+            }
+        }
+    }
+    PrintMachine(tOptions);
+    PrintGoals(tResults);
+    PrintTimes(tResults);
+    PrintFigures(tResults);
+    return EXIT_SUCCESS;
 }
 
 int ParseAndRun(int nArgc, char **ppchArgv)
 {
     TOptions tOptions;
     CLI::App tApp{"Measures the library beside libcurl alone and other libraries"};
+    tApp.add_option("--rounds", tOptions.dwRounds)->check(CLI::Range(1U, 100U))->capture_default_str();
+    tApp.add_flag("--all-figures", tOptions.bAllFigures, "Count instructions and calls of all ways");
     CLI::App *ptOne = tApp.add_subcommand("one", "One work by one way, in this process");
     ptOne->add_option("work", tOptions.strWork)->required();
     ptOne->add_option("way", tOptions.strWay)->required();
@@ -54,7 +88,7 @@ int ParseAndRun(int nArgc, char **ppchArgv)
     ptOne->add_option("url", tOptions.strUrl)->required();
     ptOne->add_flag("--heap", tOptions.bHeap, "Count what is taken from the heap");
     CLI11_PARSE(tApp, nArgc, ppchArgv);
-    return RunOne(tOptions);
+    return ptOne->parsed() ? RunOne(tOptions) : RunAll(tOptions);
 }
 
 } // namespace

@@ -182,6 +182,8 @@ TWay LoopWay(const TTarget &tTarget)
     auto patWorkers = std::make_shared<std::deque<TLoopWorker>>(BENCH_WORKERS);
     for (TLoopWorker &tWorker : *patWorkers) {
         Start(tWorker, s_tTarget);
+        /* Waits that end together would find warm caches, and cost an idle process half. */
+        std::this_thread::sleep_for(std::chrono::milliseconds(WAIT_MS / BENCH_WORKERS));
     }
     return {[patWorkers](TChain &tChain) { return Submit(LeastLoaded(*patWorkers), tChain); }};
 }

@@ -1,5 +1,6 @@
 #include "bench/works.h"
 
+#include <cstdio>
 #include <deque>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -23,10 +24,10 @@ double Switches()
 
 TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
 {
-    TRun tRun;
-    if (!tWork.bNewConnections) {
-        tRun.dFailed = RunLoad(tWay, tWork.dwOutstanding, 2 * tWork.dwOutstanding, milliseconds(LIMIT_MS)).dwFailed;
+    if (dwPosts == 0) {
+        return {};
     }
+    TRun tRun;
     tRun.dAllocations = -static_cast<double>(HeapAllocations());
     tRun.dSwitches = -Switches();
     const TLoadResult tLoad = RunLoad(tWay, tWork.dwOutstanding, dwPosts, milliseconds(LIMIT_MS));
@@ -35,7 +36,7 @@ TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
     tRun.dPosts = tLoad.dPosts;
     tRun.dSeconds = tLoad.dSeconds;
     tRun.dCpuSeconds = tLoad.dCpuSeconds;
-    tRun.dFailed += tLoad.dwFailed;
+    tRun.dFailed = tLoad.dwFailed;
     return tRun;
 }
 
@@ -61,113 +62,53 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
     return tRun;
 }
 
+const std::vector<const char *> s_aszBlocking = {"libcurl",
+                                                 "socket",
+                                                 "send module, synchronous",
+                                                 "send module, direct",
+                                                 "libcurl, options of direct",
+                                                 "curlpp",
+                                                 "Poco",
+                                                 "cpp-httplib",
+                                                 "Boost.Beast",
+                                                 "libsoup"};
+/* The limit, the model of the worker, what this project has. */
+const std::vector<const char *> s_aszWorkers = {"libcurl, multi handles", "loop model", "send module, asynchronous",
+                                                "engine", "C++ client"};
+/* libsoup: a search through all outstanding posts for each makes it take seconds for hundreds of them. */
+const std::vector<const char *> s_aszAsynchronous = {"libcurl, multi handles",
+                                                     "loop model",
+                                                     "send module, asynchronous",
+                                                     "engine",
+                                                     "C++ client",
+                                                     "sockets, epoll",
+                                                     "libcurl, a thread each",
+                                                     "Boost.Beast, asynchronous"};
+const std::vector<const char *> s_aszFew = {"libcurl, multi handles",
+                                            "loop model",
+                                            "send module, asynchronous",
+                                            "engine",
+                                            "C++ client",
+                                            "sockets, epoll",
+                                            "libcurl, a thread each",
+                                            "Boost.Beast, asynchronous",
+                                            "libsoup, asynchronous"};
+
 } // namespace
 
 const std::vector<TWork> g_atWorks = {
-    {"new",
-     "one POST after the other, each on a new connection",
-     ANSWER_SHORT,
-     1,
-     1000,
-     true,
-     300,
-     {"libcurl", "libcurl, options of direct", "socket", "send module, synchronous", "send module, direct", "curlpp",
-      "Poco", "cpp-httplib", "Boost.Beast", "libsoup"}},
-    {"new-8",
-     "the same on 8 threads",
-     ANSWER_SHORT,
-     8,
-     4000,
-     true,
-     0,
-     {"libcurl", "socket", "send module, synchronous", "send module, direct", "curlpp", "Poco", "cpp-httplib",
-      "Boost.Beast", "libsoup"}},
-    {"large",
-     "answers of 1 MB, copied out",
-     ANSWER_1_MB,
-     1,
-     200,
-     true,
-     0,
-     {"libcurl", "socket", "send module, synchronous", "send module, direct", "curlpp", "Poco", "cpp-httplib",
-      "Boost.Beast", "libsoup"}},
-    {"200",
-     "1,000 asynchronous POSTs, 200 outstanding",
-     ANSWER_SHORT,
-     200,
-     1000,
-     false,
-     1000,
-     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
-      "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
-    {"200-tls",
-     "the same over TLS",
-     ANSWER_SHORT_TLS,
-     200,
-     1000,
-     false,
-     0,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
-    {"1024",
-     "1,024 outstanding at once",
-     ANSWER_SHORT,
-     1024,
-     1024,
-     true,
-     0,
-     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
-      "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
-    {"256",
-     "10,000 POSTs, 256 outstanding",
-     ANSWER_SHORT,
-     256,
-     10000,
-     false,
-     0,
-     {"libcurl, multi handles", "sockets, epoll", "loop model", "send module, asynchronous", "engine", "C++ client",
-      "libcurl, a thread each", "Boost.Beast, asynchronous", "libsoup, asynchronous"}},
-    {"16",
-     "2,000 POSTs, 16 outstanding",
-     ANSWER_SHORT,
-     16,
-     2000,
-     false,
-     0,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client",
-      "libcurl, a thread each"}},
-    {"1",
-     "one asynchronous POST at a time",
-     ANSWER_SHORT,
-     1,
-     100,
-     false,
-     0,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client",
-      "libcurl, a thread each"}},
-    {"idle",
-     "idle, 8 tasks",
-     ANSWER_NEVER,
-     0,
-     0,
-     false,
-     0,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
-    {"silent",
-     "one request that nobody answers",
-     ANSWER_NEVER,
-     1,
-     1,
-     false,
-     0,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
-    {"heap",
-     "1,000 requests that nobody answers",
-     ANSWER_NEVER,
-     1000,
-     1000,
-     false,
-     1000,
-     {"libcurl, multi handles", "loop model", "send module, asynchronous", "engine", "C++ client"}},
+    {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 1000, 300, 600, s_aszBlocking},
+    {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 4000, 0, 0, s_aszBlocking},
+    {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 200, 0, 0, s_aszBlocking},
+    {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, s_aszAsynchronous},
+    {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, s_aszWorkers},
+    {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, s_aszAsynchronous},
+    {"256", "10,000 POSTs, 256 outstanding", ANSWER_SHORT, 256, 10000, 0, 0, s_aszAsynchronous},
+    {"16", "2,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 2000, 0, 0, s_aszFew},
+    {"1", "one POST outstanding", ANSWER_SHORT, 1, 100, 0, 0, s_aszFew},
+    {"idle", "idle, 8 tasks", ANSWER_NEVER, 0, 0, 0, 0, s_aszWorkers},
+    {"silent", "one request that nobody answers", ANSWER_NEVER, 1, 1, 0, 0, s_aszWorkers},
+    {"heap", "1,000 requests that nobody answers", ANSWER_NEVER, 1000, 1000, 0, 1000, s_aszWorkers},
 };
 
 const TWork &WorkOf(const std::string &strName)
@@ -188,6 +129,23 @@ const TNamedWay &NamedWay(const std::string &strName)
         }
     }
     throw std::invalid_argument("no way " + strName);
+}
+
+void PrintRun(const TRun &tRun)
+{
+    printf("%.0f posts, %f s, %f s of processor, %.0f switches, %.0f allocations, %.0f bytes, %.0f failed\n",
+           tRun.dPosts, tRun.dSeconds, tRun.dCpuSeconds, tRun.dSwitches, tRun.dAllocations, tRun.dHeapBytes,
+           tRun.dFailed);
+}
+
+TRun ParseRun(const std::string &strLine)
+{
+    TRun tRun;
+    const int nFound =
+        sscanf(strLine.c_str(), "%lf posts, %lf s, %lf s of processor, %lf switches, %lf allocations, %lf bytes, %lf",
+               &tRun.dPosts, &tRun.dSeconds, &tRun.dCpuSeconds, &tRun.dSwitches, &tRun.dAllocations, &tRun.dHeapBytes,
+               &tRun.dFailed);
+    return nFound == 7 ? tRun : TRun{};
 }
 
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)

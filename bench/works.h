@@ -24,8 +24,8 @@ struct TWork {
     EAnswer eAnswer;
     uint32_t dwOutstanding;
     uint32_t dwPosts;
-    bool bNewConnections;              /* otherwise a load that does not count opens them */
-    uint32_t dwFigurePosts;            /* for the figures that repeat; 0: there are none */
+    uint32_t dwFigureFrom; /* of the posts from here to there the figures that repeat are taken; 0, 0: of none */
+    uint32_t dwFigureTo;
     std::vector<const char *> aszWays; /* the first one is the measure of the others */
 };
 
@@ -45,6 +45,11 @@ struct TRun {
     double dHeapBytes = 0;
     double dFailed = 0;
 };
+
+/* A line of text, for the process that started this one. */
+void PrintRun(const TRun &tRun);
+/* All 0 for any other text. */
+TRun ParseRun(const std::string &strLine);
 
 /* In a process of its own: threads of ways never end. */
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl);

@@ -1,0 +1,153 @@
+#include "bench/report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace
+{
+
+const char *const s_aszFigures[FIGURE_COUNT] = {"time",        "processor time", "switches",  "instructions",
+                                                "allocations", "system calls",   "heap bytes"};
+
+const char *const s_szEasy = "libcurl";
+const char *const s_szMulti = "libcurl, multi handles";
+const char *const s_szLoop = "loop model";
+const char *const s_szSync = "send module, synchronous";
+const char *const s_szDirect = "send module, direct";
+const char *const s_szAsync = "send module, asynchronous";
+
+/* Between the two values around that share of the sorted ones. */
+double Percentile(std::vector<double> adValues, double dShare)
+{
+    std::sort(adValues.begin(), adValues.end());
+    const double dPlace = dShare * static_cast<double>(adValues.size() - 1);
+    const double dBelow = adValues[static_cast<size_t>(std::floor(dPlace))];
+    const double dAbove = adValues[static_cast<size_t>(std::ceil(dPlace))];
+    return dBelow + (dAbove - dBelow) * (dPlace - std::floor(dPlace));
+}
+
+std::string Text(double dValue)
+{
+    char szText[32];
+    snprintf(szText, sizeof(szText), "%.*f", dValue < 10 ? 3 : dValue < 1000 ? 1 : 0, dValue);
+    return szText;
+}
+
+std::string MedianText(const std::vector<double> &adValues)
+{
+    return adValues.empty() ? "-" : Text(Percentile(adValues, 0.5));
+}
+
+/* The median, and in brackets the middle half of the rounds. */
+std::string SpreadText(const std::vector<double> &adValues)
+{
+    std::string strText = MedianText(adValues);
+    if (adValues.size() > 1) {
+        strText += " (" + Text(Percentile(adValues, 0.25)) + " to " + Text(Percentile(adValues, 0.75)) + ")";
+    }
+    return strText;
+}
+
+/* Of the rounds in which both were measured. */
+std::vector<double> Compared(const std::vector<double> &adValues, const std::vector<double> &adBasis, bool bRatio)
+{
+    std::vector<double> adCompared;
+    for (size_t uRound = 0; uRound < std::min(adValues.size(), adBasis.size()); uRound++) {
+        adCompared.push_back(bRatio ? adValues[uRound] / adBasis[uRound] : adValues[uRound] - adBasis[uRound]);
+    }
+    return adCompared;
+}
+
+} // namespace
+
+const std::vector<TGoal> g_atGoals = {
+    {"new", FIGURE_INSTRUCTIONS, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
+    {"new", FIGURE_INSTRUCTIONS, s_szDirect, s_szEasy, TGoal::RATIO, 1.015},
+    {"new", FIGURE_SYSTEM_CALLS, s_szDirect, "libcurl, options of direct", TGoal::DIFFERENCE, 1},
+    {"new", FIGURE_ALLOCATIONS, s_szSync, s_szEasy, TGoal::VALUE, 76},
+    {"new", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
+    {"new-8", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
+    {"large", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.08},
+    {"200", FIGURE_INSTRUCTIONS, s_szAsync, s_szMulti, TGoal::RATIO, 1.04},
+    {"200", FIGURE_ALLOCATIONS, s_szAsync, s_szMulti, TGoal::VALUE, 58},
+    {"200", FIGURE_SYSTEM_CALLS, s_szAsync, s_szMulti, TGoal::VALUE, 8.2},
+    {"200", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"200", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"200-tls", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"1024", FIGURE_TIME, s_szAsync, s_szMulti, TGoal::RATIO, 0.75},
+    {"256", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"256", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"256", FIGURE_TIME, "C++ client", "engine", TGoal::RATIO, 1.1},
+    {"1", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"idle", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::VALUE, 38},
+    {"idle", FIGURE_CPU, "C++ client", "engine", TGoal::RATIO, 1.0},
+    {"silent", FIGURE_CPU, "C++ client", "engine", TGoal::VALUE, 100},
+    {"heap", FIGURE_HEAP, s_szAsync, s_szMulti, TGoal::DIFFERENCE, 1024},
+};
+
+bool IsGoal(const std::string &strWork, const std::string &strWay)
+{
+    return std::any_of(g_atGoals.begin(), g_atGoals.end(), [&](const TGoal &tGoal) {
+        return strWork == tGoal.szWork && (strWay == tGoal.szWay || strWay == tGoal.szBasis);
+    });
+}
+
+void PrintGoals(CResults &tResults)
+{
+    printf("| work | figure | way | beside | is there | measured | goal, at most | "
+           "|\n|---|---|---|---|---|---|---|---|\n");
+    for (const TGoal &tGoal : g_atGoals) {
+        const std::vector<double> &adValues = tResults[{tGoal.szWork, tGoal.szWay}][tGoal.eFigure];
+        const std::vector<double> &adBasis = tResults[{tGoal.szWork, tGoal.szBasis}][tGoal.eFigure];
+        const std::vector<double> adMeasured =
+            tGoal.eKind == TGoal::VALUE ? adValues : Compared(adValues, adBasis, tGoal.eKind == TGoal::RATIO);
+        const char *szResult = adMeasured.empty()                             ? "not measured"
+                               : Percentile(adMeasured, 0.5) <= tGoal.dAtMost ? "met"
+                                                                              : "missed";
+        const char *szSign = tGoal.eKind == TGoal::VALUE ? "" : tGoal.eKind == TGoal::RATIO ? "x " : "+ ";
+        printf("| %s | %s | %s | %s | %s | %s%s | %s%s | %s |\n", WorkOf(tGoal.szWork).szTitle,
+               s_aszFigures[tGoal.eFigure], tGoal.szWay, tGoal.szBasis, MedianText(adBasis).c_str(), szSign,
+               SpreadText(adMeasured).c_str(), szSign, Text(tGoal.dAtMost).c_str(), szResult);
+    }
+}
+
+void PrintTimes(CResults &tResults)
+{
+    for (const TWork &tWork : g_atWorks) {
+        const std::vector<const char *> aszWays = WaysOf(tWork);
+        const CCell &tFirst = tResults[{tWork.szName, aszWays[0]}];
+        if (tFirst[FIGURE_CPU].empty()) {
+            continue;
+        }
+        const bool bWaits = tWork.eAnswer == ANSWER_NEVER;
+        printf("\n%s:\n\n| way | time | beside the first | processor time | beside the first | switches |\n"
+               "|---|---|---|---|---|---|\n",
+               tWork.szTitle);
+        for (const char *szWay : aszWays) {
+            const CCell &tCell = tResults[{tWork.szName, szWay}];
+            printf("| %s | %s%s | %s | %s%s | %s | %s |\n", szWay, MedianText(tCell[FIGURE_TIME]).c_str(),
+                   bWaits ? "" : " us", SpreadText(Compared(tCell[FIGURE_TIME], tFirst[FIGURE_TIME], true)).c_str(),
+                   MedianText(tCell[FIGURE_CPU]).c_str(), bWaits ? " ms in 10 s" : " us",
+                   SpreadText(Compared(tCell[FIGURE_CPU], tFirst[FIGURE_CPU], true)).c_str(),
+                   MedianText(tCell[FIGURE_SWITCHES]).c_str());
+        }
+    }
+}
+
+void PrintFigures(CResults &tResults)
+{
+    printf("\n| work | way | instructions | beside the first | allocations | system calls | heap bytes |\n"
+           "|---|---|---|---|---|---|---|\n");
+    for (const TWork &tWork : g_atWorks) {
+        for (const char *szWay : tWork.dwFigureTo != 0 ? WaysOf(tWork) : std::vector<const char *>()) {
+            const CCell &tCell = tResults[{tWork.szName, szWay}];
+            const CCell &tFirst = tResults[{tWork.szName, tWork.aszWays[0]}];
+            printf("| %s | %s | %s | %s | %s | %s | %s |\n", tWork.szTitle, szWay,
+                   MedianText(tCell[FIGURE_INSTRUCTIONS]).c_str(),
+                   MedianText(Compared(tCell[FIGURE_INSTRUCTIONS], tFirst[FIGURE_INSTRUCTIONS], true)).c_str(),
+                   MedianText(tCell[FIGURE_ALLOCATIONS]).c_str(), MedianText(tCell[FIGURE_SYSTEM_CALLS]).c_str(),
+                   MedianText(tCell[FIGURE_HEAP]).c_str());
+        }
+    }
+}

@@ -1,0 +1,137 @@
+#include "bench/results.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+
+#include "bench/servers.h"
+#include "tests/support/child_process.h"
+
+namespace
+{
+
+using CCommand = std::vector<std::string>;
+
+enum { STATUS_NOT_FOUND = 127, REST_SECONDS = 10 };
+
+CCommand operator+(CCommand astrFirst, const CCommand &astrSecond)
+{
+    astrFirst.insert(astrFirst.end(), astrSecond.begin(), astrSecond.end());
+    return astrFirst;
+}
+
+/* Runs this program for one work, below the tool where one is named. */
+test::Finished RunOne(const CServers &tServers, const TWork &tWork, const std::string &strWay, uint32_t dwPosts,
+                      const CCommand &astrTool, const CCommand &astrFlags)
+{
+    const CCommand astrOne = {std::filesystem::read_symlink("/proc/self/exe"),
+                              "one",
+                              tWork.szName,
+                              strWay,
+                              std::to_string(dwPosts),
+                              tServers.Url(tWork.eAnswer)};
+    const test::Finished tEnded = test::RunProgram({CCommand{"/usr/bin/env"} + astrTool + astrOne + astrFlags});
+    if (tEnded.status != 0 && tEnded.status != STATUS_NOT_FOUND) {
+        throw std::runtime_error(std::string(tWork.szName) + ", " + strWay + ": " + tEnded.output + tEnded.errors);
+    }
+    return tEnded;
+}
+
+/* Once is enough, and its processor time is that of the tasks and of 1,000 timers. */
+bool IsOfHeap(const TWork &tWork)
+{
+    return tWork.eAnswer == ANSWER_NEVER && tWork.dwFigureTo != 0;
+}
+
+void AddRun(CCell &tCell, const TWork &tWork, const TRun &tRun)
+{
+    if (tWork.eAnswer == ANSWER_NEVER) {
+        tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dSeconds * REST_SECONDS * 1e3);
+        tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dSeconds * REST_SECONDS);
+        return;
+    }
+    tCell[FIGURE_TIME].push_back(tRun.dSeconds / tRun.dPosts * 1e6);
+    tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dPosts * 1e6);
+    tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dPosts);
+}
+
+/* The number that the format finds at the last place of the mark in a tool's report. */
+std::optional<double> Reported(const std::string &strReport, const char *szMark, const char *szFormat)
+{
+    double dValue = 0;
+    const size_t uMark = strReport.rfind(szMark);
+    if (uMark == std::string::npos || sscanf(strReport.c_str() + uMark, szFormat, &dValue) != 1) {
+        return std::nullopt;
+    }
+    return dValue;
+}
+
+/* Two runs: what start and end of the process take cancels out. */
+template <typename TTotal> void AddDifference(std::vector<double> &adFigure, const TWork &tWork, const TTotal &tTotal)
+{
+    const std::optional<double> tFrom = tTotal(tWork.dwFigureFrom);
+    const std::optional<double> tTo = tFrom ? tTotal(tWork.dwFigureTo) : tFrom;
+    if (tTo) {
+        adFigure.push_back((*tTo - *tFrom) / (tWork.dwFigureTo - tWork.dwFigureFrom));
+    }
+}
+
+} // namespace
+
+std::vector<const char *> WaysOf(const TWork &tWork)
+{
+    std::vector<const char *> aszWays;
+    for (const char *szWay : tWork.aszWays) {
+        for (const TNamedWay &tWay : g_atWays) {
+            if (std::string(szWay) == tWay.szName) {
+                aszWays.push_back(szWay);
+            }
+        }
+    }
+    return aszWays;
+}
+
+void MeasureTimes(CResults &tResults, const CServers &tServers, uint32_t dwRounds)
+{
+    for (const TWork &tWork : g_atWorks) {
+        if (IsOfHeap(tWork)) {
+            continue;
+        }
+        for (uint32_t dwRound = 0; dwRound < dwRounds; dwRound++) {
+            for (const char *szWay : WaysOf(tWork)) {
+                const test::Finished tEnded = RunOne(tServers, tWork, szWay, tWork.dwPosts, {}, {});
+                AddRun(tResults[{tWork.szName, szWay}], tWork, ParseRun(tEnded.output));
+            }
+        }
+        fprintf(stderr, "%s: measured\n", tWork.szTitle);
+    }
+}
+
+void MeasureFigures(CCell &tCell, const CServers &tServers, const TWork &tWork, const std::string &strWay)
+{
+    const auto Heap = [&](uint32_t dwPosts) {
+        return ParseRun(RunOne(tServers, tWork, strWay, dwPosts, {}, {"--heap"}).output);
+    };
+    if (IsOfHeap(tWork)) {
+        tCell[FIGURE_HEAP].push_back(Heap(tWork.dwPosts).dHeapBytes / tWork.dwPosts);
+        return;
+    }
+    /* Of a blocking way only the sends count, and not what idle workers do meanwhile. */
+    const bool bBlocks = tWork.dwOutstanding == 1;
+    const CCommand astrCallgrind = CCommand{"valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"} +
+                                   (bBlocks ? CCommand{"--toggle-collect=*::Send(TChain&)"} : CCommand{});
+    /* Tracing makes threads wait for each other's locks far longer: those calls would be strace's own. */
+    const CCommand astrStrace =
+        CCommand{"strace", "-c"} + (bBlocks ? CCommand{} : CCommand{"-f", "--seccomp-bpf", "-e", "trace=!futex"});
+    AddDifference(tCell[FIGURE_INSTRUCTIONS], tWork, [&](uint32_t dwPosts) {
+        const test::Finished tEnded = RunOne(tServers, tWork, strWay, dwPosts, astrCallgrind, {});
+        return Reported(tEnded.errors, "Collected :", "Collected : %lf");
+    });
+    AddDifference(tCell[FIGURE_SYSTEM_CALLS], tWork, [&](uint32_t dwPosts) {
+        const test::Finished tEnded = RunOne(tServers, tWork, strWay, dwPosts, astrStrace, {});
+        return Reported(tEnded.errors, "100.00 ", "%*f %*f %*f %lf");
+    });
+    AddDifference(tCell[FIGURE_ALLOCATIONS], tWork,
+                  [&](uint32_t dwPosts) { return std::optional<double>(Heap(dwPosts).dAllocations); });
+}
