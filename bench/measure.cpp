@@ -15,7 +15,8 @@
 
 #include "bench/heap.h"
 #include "bench/report.h"
-#include "bench/servers.h"
+#include "tests/support/files.h"
+#include "tests/support/process_state.h"
 #include "tools/common/open_files.h"
 
 namespace
@@ -38,7 +39,8 @@ int RunOne(const TOptions &tOptions)
     }
     RaiseOpenFiles();
     curl_global_init(CURL_GLOBAL_ALL);
-    const TRun tRun = RunWork(WorkOf(tOptions.strWork), NamedWay(tOptions.strWay), tOptions.dwPosts, tOptions.strUrl);
+    const TRun tRun = RunWork(Named(g_atWorks, tOptions.strWork), Named(g_atWays, tOptions.strWay), tOptions.dwPosts,
+                              tOptions.strUrl);
     PrintRun(tRun);
     fflush(stdout);
     /* Threads of the way still run. */
@@ -53,21 +55,17 @@ void PrintMachine(const TOptions &tOptions)
     printf("%s%s.\n\n", strMissing.empty() ? "" : "; left out, since they are not installed: ", strMissing.c_str());
 }
 
+bool IsAny(const TWork &, const char *)
+{
+    return true;
+}
+
 int RunAll(const TOptions &tOptions)
 {
     const test::TemporaryFolder tLogFolder;
     setenv("NVRHTTPCURL_LOG_DIR", tLogFolder.Path().c_str(), 1);
     test::ClearProxies();
-    const CServers tServers;
-    CResults tResults;
-    MeasureTimes(tResults, tServers, tOptions.dwRounds);
-    for (const TWork &tWork : g_atWorks) {
-        for (const char *szWay : WaysOf(tWork)) {
-            if (tWork.dwFigureTo != 0 && (tOptions.bAllFigures || IsGoal(tWork.szName, szWay))) {
-                MeasureFigures(tResults[{tWork.szName, szWay}], tServers, tWork, szWay);
-            }
-        }
-    }
+    CResults tResults = Measure(tOptions.dwRounds, tOptions.bAllFigures ? IsAny : IsGoal);
     PrintMachine(tOptions);
     PrintGoals(tResults);
     PrintTimes(tResults);

@@ -86,10 +86,11 @@ const std::vector<TGoal> g_atGoals = {
     {"heap", FIGURE_HEAP, s_szAsync, s_szMulti, TGoal::DIFFERENCE, 1024},
 };
 
-bool IsGoal(const std::string &strWork, const std::string &strWay)
+bool IsGoal(const TWork &tWork, const char *szWay)
 {
+    const std::string strWay = szWay;
     return std::any_of(g_atGoals.begin(), g_atGoals.end(), [&](const TGoal &tGoal) {
-        return strWork == tGoal.szWork && (strWay == tGoal.szWay || strWay == tGoal.szBasis);
+        return std::string(tWork.szName) == tGoal.szWork && (strWay == tGoal.szWay || strWay == tGoal.szBasis);
     });
 }
 
@@ -105,10 +106,10 @@ void PrintGoals(CResults &tResults)
         const char *szResult = adMeasured.empty()                             ? "not measured"
                                : Percentile(adMeasured, 0.5) <= tGoal.dAtMost ? "met"
                                                                               : "missed";
-        const char *szSign = tGoal.eKind == TGoal::VALUE ? "" : tGoal.eKind == TGoal::RATIO ? "x " : "+ ";
-        printf("| %s | %s | %s | %s | %s | %s%s | %s%s | %s |\n", WorkOf(tGoal.szWork).szTitle,
-               s_aszFigures[tGoal.eFigure], tGoal.szWay, tGoal.szBasis, MedianText(adBasis).c_str(), szSign,
-               SpreadText(adMeasured).c_str(), szSign, Text(tGoal.dAtMost).c_str(), szResult);
+        const char *szMark = tGoal.eKind == TGoal::VALUE ? "" : tGoal.eKind == TGoal::RATIO ? " times" : " more";
+        printf("| %s | %s | %s | %s | %s | %s%s | %s%s | %s |\n", Named(g_atWorks, tGoal.szWork).szTitle,
+               s_aszFigures[tGoal.eFigure], tGoal.szWay, tGoal.szBasis, MedianText(adBasis).c_str(),
+               SpreadText(adMeasured).c_str(), szMark, Text(tGoal.dAtMost).c_str(), szMark, szResult);
     }
 }
 
@@ -142,7 +143,7 @@ void PrintFigures(CResults &tResults)
     for (const TWork &tWork : g_atWorks) {
         for (const char *szWay : tWork.dwFigureTo != 0 ? WaysOf(tWork) : std::vector<const char *>()) {
             const CCell &tCell = tResults[{tWork.szName, szWay}];
-            const CCell &tFirst = tResults[{tWork.szName, tWork.aszWays[0]}];
+            const CCell &tFirst = tResults[{tWork.szName, WaysOf(tWork)[0]}];
             printf("| %s | %s | %s | %s | %s | %s | %s |\n", tWork.szTitle, szWay,
                    MedianText(tCell[FIGURE_INSTRUCTIONS]).c_str(),
                    MedianText(Compared(tCell[FIGURE_INSTRUCTIONS], tFirst[FIGURE_INSTRUCTIONS], true)).c_str(),

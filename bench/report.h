@@ -19,7 +19,7 @@ struct TGoal {
 extern const std::vector<TGoal> g_atGoals;
 
 /* Whether a goal needs the figures that repeat of this way. */
-bool IsGoal(const std::string &strWork, const std::string &strWay);
+bool IsGoal(const TWork &tWork, const char *szWay);
 
 void PrintGoals(CResults &tResults);
 void PrintTimes(CResults &tResults);

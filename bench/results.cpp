@@ -4,14 +4,60 @@
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include "bench/servers.h"
-#include "tests/support/child_process.h"
+#include "tests/integration/nginx_server.h"
+#include "tests/support/loopback.h"
 
 namespace
 {
 
 using CCommand = std::vector<std::string>;
+
+/* What the works send to, on loopback. */
+class CServers
+{
+  public:
+    CServers()
+    {
+        if (!m_tNginx.Problem().empty()) {
+            throw std::runtime_error(m_tNginx.Problem());
+        }
+        m_tNginx.MakeFile("large", BENCH_LARGE_BYTES);
+    }
+
+    ~CServers()
+    {
+        close(m_nSilent);
+    }
+
+    CServers(const CServers &) = delete;
+    CServers &operator=(const CServers &) = delete;
+
+    std::string Url(EAnswer eAnswer)
+    {
+        return eAnswer == ANSWER_NEVER       ? SilentUrl()
+               : eAnswer == ANSWER_SHORT_TLS ? m_tNginx.Https("/ready")
+                                             : m_tNginx.Http(eAnswer == ANSWER_1_MB ? "/files/large" : "/ready");
+    }
+
+  private:
+    /* A new port each time: connections to the old one stay with it. */
+    std::string SilentUrl()
+    {
+        uint16_t wPort = 0;
+        close(m_nSilent);
+        m_nSilent = test::BindLoopback(&wPort);
+        if (m_nSilent < 0 || listen(m_nSilent, BENCH_MOST_OUTSTANDING) != 0) {
+            throw std::runtime_error("no free loopback port");
+        }
+        return test::LoopbackUrl(wPort);
+    }
+
+    const test::NginxServer m_tNginx;
+    int m_nSilent = -1; /* the kernel takes connections and requests */
+};
 
 enum { STATUS_NOT_FOUND = 127, REST_SECONDS = 10 };
 
@@ -22,7 +68,7 @@ CCommand operator+(CCommand astrFirst, const CCommand &astrSecond)
 }
 
 /* Runs this program for one work, below the tool where one is named. */
-test::Finished RunOne(const CServers &tServers, const TWork &tWork, const std::string &strWay, uint32_t dwPosts,
+test::Finished RunOne(CServers &tServers, const TWork &tWork, const std::string &strWay, uint32_t dwPosts,
                       const CCommand &astrTool, const CCommand &astrFlags)
 {
     const CCommand astrOne = {std::filesystem::read_symlink("/proc/self/exe"),
@@ -77,22 +123,7 @@ template <typename TTotal> void AddDifference(std::vector<double> &adFigure, con
     }
 }
 
-} // namespace
-
-std::vector<const char *> WaysOf(const TWork &tWork)
-{
-    std::vector<const char *> aszWays;
-    for (const char *szWay : tWork.aszWays) {
-        for (const TNamedWay &tWay : g_atWays) {
-            if (std::string(szWay) == tWay.szName) {
-                aszWays.push_back(szWay);
-            }
-        }
-    }
-    return aszWays;
-}
-
-void MeasureTimes(CResults &tResults, const CServers &tServers, uint32_t dwRounds)
+void MeasureTimes(CResults &tResults, CServers &tServers, uint32_t dwRounds)
 {
     for (const TWork &tWork : g_atWorks) {
         if (IsOfHeap(tWork)) {
@@ -108,7 +139,7 @@ void MeasureTimes(CResults &tResults, const CServers &tServers, uint32_t dwRound
     }
 }
 
-void MeasureFigures(CCell &tCell, const CServers &tServers, const TWork &tWork, const std::string &strWay)
+void MeasureFigures(CCell &tCell, CServers &tServers, const TWork &tWork, const std::string &strWay)
 {
     const auto Heap = [&](uint32_t dwPosts) {
         return ParseRun(RunOne(tServers, tWork, strWay, dwPosts, {}, {"--heap"}).output);
@@ -134,4 +165,21 @@ void MeasureFigures(CCell &tCell, const CServers &tServers, const TWork &tWork, 
     });
     AddDifference(tCell[FIGURE_ALLOCATIONS], tWork,
                   [&](uint32_t dwPosts) { return std::optional<double>(Heap(dwPosts).dAllocations); });
+}
+
+} // namespace
+
+CResults Measure(uint32_t dwRounds, bool (*pfWithFigures)(const TWork &tWork, const char *szWay))
+{
+    CServers tServers;
+    CResults tResults;
+    MeasureTimes(tResults, tServers, dwRounds);
+    for (const TWork &tWork : g_atWorks) {
+        for (const char *szWay : WaysOf(tWork)) {
+            if (tWork.dwFigureTo != 0 && pfWithFigures(tWork, szWay)) {
+                MeasureFigures(tResults[{tWork.szName, szWay}], tServers, tWork, szWay);
+            }
+        }
+    }
+    return tResults;
 }

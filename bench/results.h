@@ -30,15 +30,11 @@ using CCell = std::array<std::vector<double>, FIGURE_COUNT>;
 /* By names of work and way. */
 using CResults = std::map<std::pair<std::string, std::string>, CCell>;
 
-class CServers; /* what the works send to */
-
-/* Ways of the work that the build has. */
-std::vector<const char *> WaysOf(const TWork &tWork);
-
-/* Each way once, one after the other, in each round. Throws std::runtime_error if a post fails. */
-void MeasureTimes(CResults &tResults, const CServers &tServers, uint32_t dwRounds);
-
-/* The figures that repeat, of one way. What needs a program that is missing stays empty. */
-void MeasureFigures(CCell &tCell, const CServers &tServers, const TWork &tWork, const std::string &strWay);
+/*
+ * Runs each way once, one after the other, in each round; then measures the figures that repeat, of those ways for
+ * which the function is true. What needs a program that is missing stays empty. Throws std::runtime_error if a post
+ * fails.
+ */
+CResults Measure(uint32_t dwRounds, bool (*pfWithFigures)(const TWork &tWork, const char *szWay));
 
 #endif

@@ -4,34 +4,33 @@
 #include <stdexcept>
 
 const std::vector<TNamedWay> g_atWays = {
-    {"libcurl", EasyWay},
-    {"libcurl, options of direct", EasyAsDirectWay},
-    {"libcurl, a thread each", ThreadsWay},
-    {"libcurl, multi handles", MultiWay},
-    {"loop model", LoopWay},
-    {"socket", SocketWay},
-    {"sockets, epoll", SocketLoopWay},
-    {"send module, synchronous", ModuleSyncWay},
-    {"send module, direct", ModuleDirectWay},
-    {"send module, asynchronous", ModuleAsyncWay},
-    {"engine", EngineWay},
-    {"C++ client", ClientWay},
+    {"libcurl", WAYS_BLOCKING, EasyWay},
+    {"libcurl, options of direct", WAYS_BLOCKING, EasyAsDirectWay},
+    {"libcurl, multi handles", WAYS_ASYNCHRONOUS | WAYS_WORKERS, MultiWay},
+    {"loop model", WAYS_ASYNCHRONOUS | WAYS_WORKERS, LoopWay},
+    {"socket", WAYS_BLOCKING, SocketWay},
+    {"libcurl, a thread each", WAYS_ASYNCHRONOUS, ThreadsWay},
+    {"sockets, epoll", WAYS_ASYNCHRONOUS, SocketLoopWay},
+    {"send module, synchronous", WAYS_BLOCKING, ModuleSyncWay},
+    {"send module, direct", WAYS_BLOCKING, ModuleDirectWay},
+    {"send module, asynchronous", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ModuleAsyncWay},
+    {"engine", WAYS_ASYNCHRONOUS | WAYS_WORKERS, EngineWay},
+    {"C++ client", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ClientWay},
 #ifdef BENCH_CURLPP
-    {"curlpp", CurlppWay},
+    {"curlpp", WAYS_BLOCKING, CurlppWay},
 #endif
 #ifdef BENCH_POCO
-    {"Poco", PocoWay},
+    {"Poco", WAYS_BLOCKING, PocoWay},
 #endif
 #ifdef BENCH_HTTPLIB
-    {"cpp-httplib", HttplibWay},
+    {"cpp-httplib", WAYS_BLOCKING, HttplibWay},
 #endif
 #ifdef BENCH_BEAST
-    {"Boost.Beast", BeastWay},
-    {"Boost.Beast, asynchronous", BeastAsyncWay},
+    {"Boost.Beast", WAYS_BLOCKING, BeastWay},
+    {"Boost.Beast, asynchronous", WAYS_ASYNCHRONOUS, BeastAsyncWay},
 #endif
 #ifdef BENCH_SOUP
-    {"libsoup", SoupWay},
-    {"libsoup, asynchronous", SoupAsyncWay},
+    {"libsoup", WAYS_BLOCKING, SoupWay},
 #endif
 };
 

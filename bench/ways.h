@@ -33,8 +33,16 @@ TTarget MakeTarget(const std::string &strUrl, size_t uAnswer);
 
 using CWayMaker = TWay (*)(const TTarget &tTarget);
 
+/* Kinds, which are added up. */
+enum EWays {
+    WAYS_BLOCKING = 1,
+    WAYS_ASYNCHRONOUS = 2,
+    WAYS_WORKERS = 4 /* libcurl, the model of the worker, and what drives that worker */
+};
+
 struct TNamedWay {
     const char *szName;
+    uint32_t dwKinds;
     CWayMaker pfMake;
 };
 
@@ -71,6 +79,5 @@ TWay HttplibWay(const TTarget &tTarget);
 TWay BeastWay(const TTarget &tTarget);
 TWay BeastAsyncWay(const TTarget &tTarget);
 TWay SoupWay(const TTarget &tTarget);
-TWay SoupAsyncWay(const TTarget &tTarget);
 
 #endif

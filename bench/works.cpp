@@ -47,8 +47,8 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
     TRun tRun;
     const int64_t llHeapBefore = HeapBytes();
     for (TChain &tChain : s_atChains) {
-        tRun.dFailed += tWay.pfSend(tChain) ? 0 : 1;
         tChain.dwIndex = static_cast<uint32_t>(tRun.dPosts++);
+        tRun.dFailed += tWay.pfSend(tChain) ? 0 : 1;
     }
     std::this_thread::sleep_for(milliseconds(SETTLE_MS));
     tRun.dHeapBytes = static_cast<double>(HeapBytes() - llHeapBefore);
@@ -62,73 +62,33 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
     return tRun;
 }
 
-const std::vector<const char *> s_aszBlocking = {"libcurl",
-                                                 "socket",
-                                                 "send module, synchronous",
-                                                 "send module, direct",
-                                                 "libcurl, options of direct",
-                                                 "curlpp",
-                                                 "Poco",
-                                                 "cpp-httplib",
-                                                 "Boost.Beast",
-                                                 "libsoup"};
-/* The limit, the model of the worker, what this project has. */
-const std::vector<const char *> s_aszWorkers = {"libcurl, multi handles", "loop model", "send module, asynchronous",
-                                                "engine", "C++ client"};
-/* libsoup: a search through all outstanding posts for each makes it take seconds for hundreds of them. */
-const std::vector<const char *> s_aszAsynchronous = {"libcurl, multi handles",
-                                                     "loop model",
-                                                     "send module, asynchronous",
-                                                     "engine",
-                                                     "C++ client",
-                                                     "sockets, epoll",
-                                                     "libcurl, a thread each",
-                                                     "Boost.Beast, asynchronous"};
-const std::vector<const char *> s_aszFew = {"libcurl, multi handles",
-                                            "loop model",
-                                            "send module, asynchronous",
-                                            "engine",
-                                            "C++ client",
-                                            "sockets, epoll",
-                                            "libcurl, a thread each",
-                                            "Boost.Beast, asynchronous",
-                                            "libsoup, asynchronous"};
-
 } // namespace
 
+/* In the order of the tables. */
 const std::vector<TWork> g_atWorks = {
-    {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 1000, 300, 600, s_aszBlocking},
-    {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 4000, 0, 0, s_aszBlocking},
-    {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 200, 0, 0, s_aszBlocking},
-    {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, s_aszAsynchronous},
-    {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, s_aszWorkers},
-    {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, s_aszAsynchronous},
-    {"256", "10,000 POSTs, 256 outstanding", ANSWER_SHORT, 256, 10000, 0, 0, s_aszAsynchronous},
-    {"16", "2,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 2000, 0, 0, s_aszFew},
-    {"1", "one POST outstanding", ANSWER_SHORT, 1, 100, 0, 0, s_aszFew},
-    {"idle", "idle, 8 tasks", ANSWER_NEVER, 0, 0, 0, 0, s_aszWorkers},
-    {"silent", "one request that nobody answers", ANSWER_NEVER, 1, 1, 0, 0, s_aszWorkers},
-    {"heap", "1,000 requests that nobody answers", ANSWER_NEVER, 1000, 1000, 0, 1000, s_aszWorkers},
+    {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 1000, 300, 600, WAYS_BLOCKING},
+    {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 4000, 0, 0, WAYS_BLOCKING},
+    {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 200, 0, 0, WAYS_BLOCKING},
+    {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, WAYS_ASYNCHRONOUS},
+    {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, WAYS_WORKERS},
+    {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, WAYS_ASYNCHRONOUS},
+    {"256", "10,000 POSTs, 256 outstanding", ANSWER_SHORT, 256, 10000, 0, 0, WAYS_ASYNCHRONOUS},
+    {"16", "2,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 2000, 0, 0, WAYS_ASYNCHRONOUS},
+    {"1", "one POST outstanding", ANSWER_SHORT, 1, 100, 0, 0, WAYS_ASYNCHRONOUS},
+    {"idle", "idle, 8 tasks", ANSWER_NEVER, 0, 0, 0, 0, WAYS_WORKERS},
+    {"silent", "one request that nobody answers", ANSWER_NEVER, 1, 1, 0, 0, WAYS_WORKERS},
+    {"heap", "1,000 requests that nobody answers", ANSWER_NEVER, 1000, 1000, 0, 1000, WAYS_WORKERS},
 };
 
-const TWork &WorkOf(const std::string &strName)
+std::vector<const char *> WaysOf(const TWork &tWork)
 {
-    for (const TWork &tWork : g_atWorks) {
-        if (strName == tWork.szName) {
-            return tWork;
-        }
-    }
-    throw std::invalid_argument("no work " + strName);
-}
-
-const TNamedWay &NamedWay(const std::string &strName)
-{
+    std::vector<const char *> aszWays;
     for (const TNamedWay &tWay : g_atWays) {
-        if (strName == tWay.szName) {
-            return tWay;
+        if ((tWay.dwKinds & tWork.eWays) != 0) {
+            aszWays.push_back(tWay.szName);
         }
     }
-    throw std::invalid_argument("no way " + strName);
+    return aszWays;
 }
 
 void PrintRun(const TRun &tRun)

@@ -4,6 +4,7 @@
 #ifndef BENCH_WORKS_H
 #define BENCH_WORKS_H
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -26,14 +27,24 @@ struct TWork {
     uint32_t dwPosts;
     uint32_t dwFigureFrom; /* of the posts from here to there the figures that repeat are taken; 0, 0: of none */
     uint32_t dwFigureTo;
-    std::vector<const char *> aszWays; /* the first one is the measure of the others */
+    EWays eWays;
 };
 
 extern const std::vector<TWork> g_atWorks;
 
-/* Throw std::invalid_argument for an unknown name. */
-const TWork &WorkOf(const std::string &strName);
-const TNamedWay &NamedWay(const std::string &strName);
+/* The ways that do it, of those that the build has; the first one is the measure of the others. */
+std::vector<const char *> WaysOf(const TWork &tWork);
+
+/* The work or way of a name. Throws std::invalid_argument. */
+template <typename T> const T &Named(const std::vector<T> &atAll, const std::string &strName)
+{
+    for (const T &tOne : atAll) {
+        if (strName == tOne.szName) {
+            return tOne;
+        }
+    }
+    throw std::invalid_argument("there is no " + strName);
+}
 
 /* What one run of a work yields: totals of the process. */
 struct TRun {
