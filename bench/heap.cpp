@@ -5,10 +5,12 @@
 #include <malloc.h>
 
 extern "C" {
+/* NOLINTBEGIN(readability-identifier-naming): the C library's names for what this file replaces. */
 void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
 void __libc_free(void *);
+/* NOLINTEND(readability-identifier-naming) */
 }
 
 namespace

@@ -77,7 +77,7 @@ test::Finished RunOne(CServers &tServers, const TWork &tWork, const std::string 
                               strWay,
                               std::to_string(dwPosts),
                               tServers.Url(tWork.eAnswer)};
-    const test::Finished tEnded = test::RunProgram({CCommand{"/usr/bin/env"} + astrTool + astrOne + astrFlags});
+    test::Finished tEnded = test::RunProgram({CCommand{"/usr/bin/env"} + astrTool + astrOne + astrFlags});
     if (tEnded.status != 0 && tEnded.status != STATUS_NOT_FOUND) {
         throw std::runtime_error(std::string(tWork.szName) + ", " + strWay + ": " + tEnded.output + tEnded.errors);
     }
@@ -93,8 +93,8 @@ bool IsOfHeap(const TWork &tWork)
 void AddRun(CCell &tCell, const TWork &tWork, const TRun &tRun)
 {
     if (tWork.eAnswer == ANSWER_NEVER) {
-        tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dSeconds * REST_SECONDS * 1e3);
-        tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dSeconds * REST_SECONDS);
+        tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dSeconds * 1e3 * int{REST_SECONDS});
+        tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dSeconds * int{REST_SECONDS});
         return;
     }
     tCell[FIGURE_TIME].push_back(tRun.dSeconds / tRun.dPosts * 1e6);
@@ -141,11 +141,11 @@ void MeasureTimes(CResults &tResults, CServers &tServers, uint32_t dwRounds)
 
 void MeasureFigures(CCell &tCell, CServers &tServers, const TWork &tWork, const std::string &strWay)
 {
-    const auto Heap = [&](uint32_t dwPosts) {
+    const auto tHeap = [&](uint32_t dwPosts) {
         return ParseRun(RunOne(tServers, tWork, strWay, dwPosts, {}, {"--heap"}).output);
     };
     if (IsOfHeap(tWork)) {
-        tCell[FIGURE_HEAP].push_back(Heap(tWork.dwPosts).dHeapBytes / tWork.dwPosts);
+        tCell[FIGURE_HEAP].push_back(tHeap(tWork.dwPosts).dHeapBytes / tWork.dwPosts);
         return;
     }
     /* Of a blocking way only the sends count, and not what idle workers do meanwhile. */
@@ -164,7 +164,7 @@ void MeasureFigures(CCell &tCell, CServers &tServers, const TWork &tWork, const 
         return Reported(tEnded.errors, "100.00 ", "%*f %*f %*f %lf");
     });
     AddDifference(tCell[FIGURE_ALLOCATIONS], tWork,
-                  [&](uint32_t dwPosts) { return std::optional<double>(Heap(dwPosts).dAllocations); });
+                  [&](uint32_t dwPosts) { return std::optional<double>(tHeap(dwPosts).dAllocations); });
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
 
@@ -29,7 +30,7 @@ struct TLoopPost {
 };
 
 struct TLoopWorker {
-    const TTarget *ptTarget = nullptr;
+    TTarget tTarget;
     CURLM *ptMulti = curl_multi_init();
     int nSocket = socket(AF_INET, SOCK_DGRAM, 0); /* sends to itself */
     sockaddr_in tAddress = {};
@@ -60,7 +61,7 @@ void Complete(TLoopWorker &tWorker, CURL *ptEasy, CURLcode eResult)
         const std::lock_guard<std::mutex> tGuard(tWorker.tFinLock);
         tWorker.aptFin.push_back(ptPost);
     }
-    const bool bSucceeded = eResult == CURLE_OK && HasAnswer(ptPost->tPost, *tWorker.ptTarget);
+    const bool bSucceeded = eResult == CURLE_OK && HasAnswer(ptPost->tPost, tWorker.tTarget);
     {
         const std::lock_guard<std::mutex> tGuard(tWorker.tFinLock);
         tWorker.aptFin.remove(ptPost);
@@ -142,11 +143,13 @@ void AddNew(TLoopWorker &tWorker)
 void Start(TLoopWorker &tWorker, const TTarget &tTarget)
 {
     socklen_t dwLength = sizeof(tWorker.tAddress);
-    tWorker.ptTarget = &tTarget;
+    tWorker.tTarget = tTarget;
     tWorker.tAddress.sin_family = AF_INET;
     tWorker.tAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(tWorker.nSocket, reinterpret_cast<sockaddr *>(&tWorker.tAddress), dwLength);
-    getsockname(tWorker.nSocket, reinterpret_cast<sockaddr *>(&tWorker.tAddress), &dwLength);
+    if (bind(tWorker.nSocket, reinterpret_cast<sockaddr *>(&tWorker.tAddress), dwLength) != 0 ||
+        getsockname(tWorker.nSocket, reinterpret_cast<sockaddr *>(&tWorker.tAddress), &dwLength) != 0) {
+        throw std::runtime_error("no port to wake up a task");
+    }
     std::thread(Work, std::ref(tWorker)).detach();
 }
 
@@ -161,9 +164,8 @@ TLoopWorker &LeastLoaded(std::deque<TLoopWorker> &atWorkers)
 
 bool Submit(TLoopWorker &tWorker, TChain &tChain)
 {
-    TLoopPost *ptPost =
-        new TLoopPost{{}, tWorker.ptTarget->strBody, std::string(tWorker.ptTarget->uAnswer, ' '), &tChain};
-    SetUp(ptPost->tPost, *tWorker.ptTarget, ptPost->strAnswer.data(), ptPost->strAnswer.size());
+    TLoopPost *ptPost = new TLoopPost{{}, tWorker.tTarget.strBody, std::string(tWorker.tTarget.uAnswer, ' '), &tChain};
+    SetUp(ptPost->tPost, tWorker.tTarget, ptPost->strAnswer.data(), ptPost->strAnswer.size());
     curl_easy_setopt(ptPost->tPost.ptEasy, CURLOPT_POSTFIELDS, ptPost->strBody.data());
     {
         const std::lock_guard<std::mutex> tGuard(tWorker.tRunLock);
@@ -178,10 +180,9 @@ bool Submit(TLoopWorker &tWorker, TChain &tChain)
 
 TWay LoopWay(const TTarget &tTarget)
 {
-    static const TTarget s_tTarget = tTarget;
     auto patWorkers = std::make_shared<std::deque<TLoopWorker>>(BENCH_WORKERS);
     for (TLoopWorker &tWorker : *patWorkers) {
-        Start(tWorker, s_tTarget);
+        Start(tWorker, tTarget);
         /* Waits that end together would find warm caches, and cost an idle process half. */
         std::this_thread::sleep_for(std::chrono::milliseconds(WAIT_MS / BENCH_WORKERS));
     }

@@ -111,6 +111,6 @@ TRun ParseRun(const std::string &strLine)
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)
 {
     const size_t uAnswer = tWork.eAnswer == ANSWER_1_MB ? BENCH_LARGE_BYTES : BENCH_SHORT_BYTES;
-    static const TWay s_tWay = tWay.pfMake(MakeTarget(strUrl, uAnswer)); /* its threads never end */
-    return tWork.eAnswer == ANSWER_NEVER ? Rest(tWork, s_tWay) : RunPosts(tWork, s_tWay, dwPosts);
+    static const TWay tMade = tWay.pfMake(MakeTarget(strUrl, uAnswer)); /* its threads never end */
+    return tWork.eAnswer == ANSWER_NEVER ? Rest(tWork, tMade) : RunPosts(tWork, tMade, dwPosts);
 }
