@@ -77,7 +77,7 @@ int ParseAndRun(int nArgc, char **ppchArgv)
 {
     TOptions tOptions;
     CLI::App tApp{"Measures the library beside libcurl alone and other libraries"};
-    tApp.add_option("--rounds", tOptions.dwRounds)->check(CLI::Range(1U, 100U))->capture_default_str();
+    tApp.add_option("--rounds", tOptions.dwRounds)->check(CLI::Range(0U, 100U))->capture_default_str();
     tApp.add_flag("--all-figures", tOptions.bAllFigures, "Count instructions and calls of all ways");
     CLI::App *ptOne = tApp.add_subcommand("one", "One work by one way, in this process");
     ptOne->add_option("work", tOptions.strWork)->required();
