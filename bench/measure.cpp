@@ -39,6 +39,8 @@ int RunOne(const TOptions &tOptions)
     }
     RaiseOpenFiles();
     curl_global_init(CURL_GLOBAL_ALL);
+    /* The C library takes shortcuts in a process of one thread, which no recorder is. */
+    std::thread(pause).detach();
     const TRun tRun = RunWork(Named(g_atWorks, tOptions.strWork), Named(g_atWays, tOptions.strWay), tOptions.dwPosts,
                               tOptions.strUrl);
     PrintRun(tRun);
