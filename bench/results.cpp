@@ -1,5 +1,6 @@
 #include "bench/results.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -131,8 +132,10 @@ void MeasureTimes(CResults &tResults, uint32_t dwRounds)
         if (IsOfHeap(tWork)) {
             continue;
         }
+        std::vector<const char *> aszWays = WaysOf(tWork);
         for (uint32_t dwRound = 0; dwRound < dwRounds; dwRound++) {
-            for (const char *szWay : WaysOf(tWork)) {
+            std::rotate(aszWays.begin(), aszWays.begin() + 1, aszWays.end()); /* none is always the first */
+            for (const char *szWay : aszWays) {
                 const test::Finished tEnded = RunOne(tServers, tWork, szWay, tWork.dwPosts, {}, {});
                 AddRun(tResults[{tWork.szName, szWay}], tWork, ParseRun(tEnded.output));
             }

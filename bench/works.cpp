@@ -66,14 +66,14 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
 
 /* In the order of the tables. */
 const std::vector<TWork> g_atWorks = {
-    {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 1000, 300, 600, WAYS_BLOCKING},
-    {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 4000, 0, 0, WAYS_BLOCKING},
-    {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 200, 0, 0, WAYS_BLOCKING},
+    {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 500, 300, 600, WAYS_BLOCKING},
+    {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 2000, 0, 0, WAYS_BLOCKING},
+    {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 100, 0, 0, WAYS_BLOCKING},
     {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, WAYS_ASYNCHRONOUS},
     {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, WAYS_WORKERS},
     {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, WAYS_ASYNCHRONOUS},
     {"256", "10,000 POSTs, 256 outstanding", ANSWER_SHORT, 256, 10000, 0, 0, WAYS_ASYNCHRONOUS},
-    {"16", "2,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 2000, 0, 0, WAYS_ASYNCHRONOUS},
+    {"16", "1,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 1000, 0, 0, WAYS_ASYNCHRONOUS},
     {"1", "one POST outstanding", ANSWER_SHORT, 1, 100, 0, 0, WAYS_ASYNCHRONOUS},
     {"idle", "idle, 8 tasks", ANSWER_NEVER, 0, 0, 0, 0, WAYS_WORKERS},
     {"silent", "one request that nobody answers", ANSWER_NEVER, 1, 1, 0, 0, WAYS_WORKERS},
