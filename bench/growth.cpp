@@ -1,0 +1,239 @@
+/*
+ * What the library costs as numbers grow: outstanding requests, tasks, instances, sizes of answers.
+ *
+ * Writes the curves of one family as gnuplot reads them; scripts/bench-plots makes the plots.
+ */
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <exception>
+#include <map>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "bench/growth.h"
+#include "bench/heap.h"
+#include "bench/works.h"
+#include "nvrhttpcurl/httpcurlclient.h"
+#include "tests/support/loopback.h"
+#include "tests/support/process_state.h"
+#include "tools/common/open_files.h"
+#include "tools/post/latency.h"
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+/* A slot of the send module is free after its notification, in which the loop sends again. */
+enum { MOST_IN_LOOP = BENCH_MOST_OUTSTANDING - BENCH_WORKERS };
+
+enum { ANY_POSTS = 1000000, SPREAD_OUTSTANDING = 64, MOST_IDLE = 64, SETTLE_MS = 300 };
+enum { WAIT_MS = 50, REST_MS = 2, IDLE_MS = 20 * (WAIT_MS + REST_MS) };
+
+struct TGrowth {
+    const test::NginxServer &tServer;
+    uint32_t dwRounds = 3;
+    uint32_t dwLoadMS = 150; /* for each way, number and round */
+    std::vector<std::string> astrWays = {"libcurl, multi handles",
+                                         "libcurl, a thread each",
+                                         "loop model",
+                                         "engine",
+                                         "send module, asynchronous",
+                                         "C++ client"};
+    std::vector<uint32_t> adwOutstanding = {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, MOST_IN_LOOP};
+};
+
+double Switches()
+{
+    rusage tUsage = {};
+    getrusage(RUSAGE_SELF, &tUsage);
+    return static_cast<double>(tUsage.ru_nvcsw);
+}
+
+/*
+ * The rows below are measured in a process of their own. Ways, and chains that have not ended, are static: their
+ * threads still run when the row is complete.
+ */
+
+/* posts/s, p50 and p99 in ms, us of processor time a post, switches of threads that wait a post */
+CRow LoadRow(const std::function<TWay()> &pfMake, uint32_t dwOutstanding, milliseconds tSpan)
+{
+    static const TWay s_tWay = pfMake();
+    RunLoad(s_tWay, dwOutstanding, 2 * dwOutstanding, std::chrono::minutes(1)); /* opens the connections */
+    const double dSwitches = Switches();
+    const TLoadResult tResult = RunLoad(s_tWay, dwOutstanding, ANY_POSTS, tSpan);
+    if (tResult.dwFailed != 0) {
+        throw std::runtime_error(std::to_string(tResult.dwFailed) + " posts failed");
+    }
+    const TLatencySummary tTimes = SummarizeLatency(tResult.adMillis);
+    return {tResult.dPosts / tResult.dSeconds, tTimes.dP50, tTimes.dP99, 1e6 * tResult.dCpuSeconds / tResult.dPosts,
+            (Switches() - dSwitches) / tResult.dPosts};
+}
+
+TTarget ReadyTarget(const TGrowth &tGrowth)
+{
+    return MakeTarget(tGrowth.tServer.Http("/ready"), BENCH_SHORT_BYTES);
+}
+
+/* By the number of outstanding posts. */
+void WriteLoad(const TGrowth &tGrowth)
+{
+    const TTarget tTarget = ReadyTarget(tGrowth);
+    const milliseconds tSpan(tGrowth.dwLoadMS);
+    std::vector<TCurve> atCurves;
+    for (const std::string &strWay : tGrowth.astrWays) {
+        const auto pfMake = [&tTarget, pfWay = NamedWay(strWay).pfMake] { return pfWay(tTarget); };
+        atCurves.push_back(
+            {strWay, [=](uint32_t dwX) { return InChild([&] { return LoadRow(pfMake, dwX, tSpan); }); }});
+    }
+    WriteCurves(atCurves, tGrowth.adwOutstanding, tGrowth.dwRounds);
+}
+
+/* By the number of tasks of one instance, and of instances of one task each. */
+void WriteSpread(const TGrowth &tGrowth)
+{
+    const TTarget tTarget = ReadyTarget(tGrowth);
+    const auto pfRow = [&](uint32_t dwInstances, uint32_t dwTasks) {
+        const auto pfMake = [&] { return EngineWayOver(tTarget, dwInstances, dwTasks); };
+        return InChild([&] { return LoadRow(pfMake, SPREAD_OUTSTANDING, milliseconds(tGrowth.dwLoadMS)); });
+    };
+    WriteCurves({{"tasks of one instance", [&](uint32_t dwX) { return pfRow(1, dwX); }},
+                 {"instances with one task", [&](uint32_t dwX) { return pfRow(dwX, 1); }}},
+                Doubled(NVRHTTPCURLCLT_MAX_TASKS), tGrowth.dwRounds);
+}
+
+/* ms of processor time and switches of threads that wait, in a second. */
+CRow IdleRow()
+{
+    std::this_thread::sleep_for(milliseconds(SETTLE_MS));
+    const double dSwitches = Switches();
+    const std::chrono::nanoseconds tBefore = CpuTime();
+    std::this_thread::sleep_for(milliseconds(IDLE_MS));
+    const std::chrono::duration<double, std::milli> tCpu = CpuTime() - tBefore;
+    return {tCpu.count() * 1000 / IDLE_MS, (Switches() - dSwitches) * 1000 / IDLE_MS};
+}
+
+CRow IdleTasks(const TTarget &tTarget, uint32_t dwTasks)
+{
+    const uint32_t dwEach = std::min(dwTasks, uint32_t{NVRHTTPCURLCLT_MAX_TASKS});
+    static const TWay s_tWay = EngineWayOver(tTarget, dwTasks / dwEach, dwEach);
+    return IdleRow();
+}
+
+/* The rhythm of idle tasks and nothing else. */
+CRow IdleThreads(uint32_t dwThreads)
+{
+    for (uint32_t dwIndex = 0; dwIndex < dwThreads; dwIndex++) {
+        std::thread([] {
+            for (;;) {
+                poll(nullptr, 0, WAIT_MS);
+                std::this_thread::sleep_for(milliseconds(REST_MS));
+            }
+        }).detach();
+    }
+    return IdleRow();
+}
+
+/* By the number of tasks with nothing to do. */
+void WriteIdle(const TGrowth &tGrowth)
+{
+    const TTarget tTarget = ReadyTarget(tGrowth);
+    WriteCurves({{"idle tasks", [&](uint32_t dwX) { return InChild([&] { return IdleTasks(tTarget, dwX); }); }},
+                 {"threads that wait as long", [](uint32_t dwX) { return InChild([&] { return IdleThreads(dwX); }); }}},
+                Doubled(MOST_IDLE), tGrowth.dwRounds);
+}
+
+/* Bytes of heap for each of so many requests that nobody answers. */
+CRow HeapRow(CWayMaker pfMake, uint32_t dwRequests, const std::string &strSilentUrl)
+{
+    CountHeap();
+    static const TWay s_tWay = pfMake(MakeTarget(strSilentUrl, BENCH_SHORT_BYTES));
+    static std::deque<TChain> s_atChains(dwRequests);
+    const int64_t llBefore = HeapBytes();
+    for (uint32_t dwIndex = 0; dwIndex < dwRequests; dwIndex++) {
+        s_atChains[dwIndex].dwIndex = dwIndex;
+        if (!s_tWay.pfSend(s_atChains[dwIndex])) {
+            throw std::runtime_error("a request could not be sent");
+        }
+    }
+    std::this_thread::sleep_for(milliseconds(SETTLE_MS));
+    return {static_cast<double>(HeapBytes() - llBefore) / dwRequests};
+}
+
+/* Bytes of heap for each outstanding request, and how many more than bare multi handles take. */
+void WriteMemory(const TGrowth &tGrowth)
+{
+    uint16_t wPort = 0;
+    const int nSocket = test::BindLoopback(&wPort);
+    if (nSocket < 0 || listen(nSocket, 2 * BENCH_MOST_OUTSTANDING) != 0) {
+        throw std::runtime_error("no free loopback port");
+    }
+    double dBare = 0; /* at the same number: the curve of bare handles is measured first */
+    std::vector<TCurve> atCurves;
+    for (const char *szWay : {"libcurl, multi handles", "engine", "send module, asynchronous", "C++ client"}) {
+        const bool bBare = atCurves.empty();
+        atCurves.push_back({szWay, [&, bBare, pfMake = NamedWay(szWay).pfMake](uint32_t dwX) {
+                                const std::string strUrl = test::LoopbackUrl(wPort);
+                                const double dBytes = InChild([&] { return HeapRow(pfMake, dwX, strUrl); }).front();
+                                dBare = bBare ? dBytes : dBare;
+                                return CRow{dBytes, dBytes - dBare};
+                            }});
+    }
+    WriteCurves(atCurves, Doubled(BENCH_MOST_OUTSTANDING), tGrowth.dwRounds);
+    close(nSocket);
+}
+
+void WriteAnswers(const TGrowth &tGrowth)
+{
+    WriteCurves(AnswerCurves(tGrowth.tServer), Doubled(GROWTH_LARGEST_ANSWER, GROWTH_LEAST_ANSWER), tGrowth.dwRounds);
+}
+
+const std::map<std::string, void (*)(const TGrowth &)> s_tFamilies = {{"answers", WriteAnswers},
+                                                                      {"idle", WriteIdle},
+                                                                      {"load", WriteLoad},
+                                                                      {"memory", WriteMemory},
+                                                                      {"spread", WriteSpread}};
+
+int ParseAndRun(int nArgc, char **ppchArgv)
+{
+    test::ClearProxies();
+    RaiseOpenFiles();
+    const test::NginxServer tServer;
+    if (!tServer.Problem().empty()) {
+        throw std::runtime_error(tServer.Problem());
+    }
+    CLI::App tApp{"Measures what the library costs as numbers grow"};
+    std::string strFamily;
+    TGrowth tGrowth{tServer};
+    tApp.add_option("family", strFamily)->required()->check(CLI::IsMember(&s_tFamilies));
+    tApp.add_option("--rounds", tGrowth.dwRounds)->check(CLI::Range(1U, 100U))->capture_default_str();
+    tApp.add_option("--millis", tGrowth.dwLoadMS, "For each way, number and round of a load")
+        ->check(CLI::Range(10U, 10000U))
+        ->capture_default_str();
+    tApp.add_option("--way", tGrowth.astrWays, "For a load: these ways only");
+    tApp.add_option("--outstanding", tGrowth.adwOutstanding, "For a load: these numbers only")
+        ->check(CLI::Range(1U, uint32_t{MOST_IN_LOOP}));
+    CLI11_PARSE(tApp, nArgc, ppchArgv);
+    s_tFamilies.at(strFamily)(tGrowth);
+    return EXIT_SUCCESS;
+}
+
+} // namespace
+
+int main(int nArgc, char **ppchArgv)
+{
+    try {
+        return ParseAndRun(nArgc, ppchArgv);
+    } catch (const std::exception &tError) {
+        fprintf(stderr, "growth: %s\n", tError.what());
+        return EXIT_FAILURE;
+    }
+}
