@@ -36,7 +36,7 @@ using std::chrono::milliseconds;
 enum { MOST_IN_LOOP = BENCH_MOST_OUTSTANDING - BENCH_WORKERS };
 
 enum { ANY_POSTS = 1000000, SPREAD_OUTSTANDING = 64, MOST_IDLE = 64, SETTLE_MS = 300 };
-enum { WAIT_MS = 50, REST_MS = 2, IDLE_MS = 20 * (WAIT_MS + REST_MS) };
+enum { WAIT_MS = 50, REST_MS = 2, IDLE_MS = 10 * (WAIT_MS + REST_MS) };
 
 struct TGrowth {
     const test::NginxServer &tServer;
@@ -151,44 +151,55 @@ void WriteIdle(const TGrowth &tGrowth)
                 Doubled(MOST_IDLE), tGrowth.dwRounds);
 }
 
-/* Bytes of heap for each of so many requests that nobody answers. */
-CRow HeapRow(CWayMaker pfMake, uint32_t dwRequests, const std::string &strSilentUrl)
+/* The requests of these chains, which nobody answers. */
+void SendSilent(const TWay &tWay, std::deque<TChain> &atChains, uint32_t dwFirst, uint32_t dwRequests)
 {
-    CountHeap();
-    static const TWay s_tWay = pfMake(MakeTarget(strSilentUrl, BENCH_SHORT_BYTES));
-    static std::deque<TChain> s_atChains(dwRequests);
-    const int64_t llBefore = HeapBytes();
-    for (uint32_t dwIndex = 0; dwIndex < dwRequests; dwIndex++) {
-        s_atChains[dwIndex].dwIndex = dwIndex;
-        if (!s_tWay.pfSend(s_atChains[dwIndex])) {
+    for (uint32_t dwIndex = dwFirst; dwIndex < dwFirst + dwRequests; dwIndex++) {
+        atChains[dwIndex].dwIndex = dwIndex;
+        if (!tWay.pfSend(atChains[dwIndex])) {
             throw std::runtime_error("a request could not be sent");
         }
     }
     std::this_thread::sleep_for(milliseconds(SETTLE_MS));
+}
+
+/* The kernel takes connections and requests, for which there is a place for each, and nobody answers. */
+std::string SilentUrl()
+{
+    uint16_t wPort = 0;
+    const int nSocket = test::BindLoopback(&wPort);
+    if (nSocket < 0 || listen(nSocket, BENCH_MOST_OUTSTANDING) != 0) {
+        throw std::runtime_error("no free loopback port");
+    }
+    return test::LoopbackUrl(wPort);
+}
+
+/* Bytes of heap for each of so many requests, beyond a first one of each worker. */
+CRow HeapRow(CWayMaker pfMake, uint32_t dwRequests)
+{
+    CountHeap();
+    static std::deque<TChain> s_atChains(BENCH_MOST_OUTSTANDING);
+    static const TWay s_tWay = pfMake(MakeTarget(SilentUrl(), BENCH_SHORT_BYTES));
+    SendSilent(s_tWay, s_atChains, 0, BENCH_WORKERS);
+    const int64_t llBefore = HeapBytes();
+    SendSilent(s_tWay, s_atChains, BENCH_WORKERS, dwRequests);
     return {static_cast<double>(HeapBytes() - llBefore) / dwRequests};
 }
 
 /* Bytes of heap for each outstanding request, and how many more than bare multi handles take. */
 void WriteMemory(const TGrowth &tGrowth)
 {
-    uint16_t wPort = 0;
-    const int nSocket = test::BindLoopback(&wPort);
-    if (nSocket < 0 || listen(nSocket, 2 * BENCH_MOST_OUTSTANDING) != 0) {
-        throw std::runtime_error("no free loopback port");
-    }
     double dBare = 0; /* at the same number: the curve of bare handles is measured first */
     std::vector<TCurve> atCurves;
     for (const char *szWay : {"libcurl, multi handles", "engine", "send module, asynchronous", "C++ client"}) {
         const bool bBare = atCurves.empty();
-        atCurves.push_back({szWay, [&, bBare, pfMake = NamedWay(szWay).pfMake](uint32_t dwX) {
-                                const std::string strUrl = test::LoopbackUrl(wPort);
-                                const double dBytes = InChild([&] { return HeapRow(pfMake, dwX, strUrl); }).front();
+        atCurves.push_back({szWay, [&dBare, bBare, pfMake = NamedWay(szWay).pfMake](uint32_t dwX) {
+                                const double dBytes = InChild([&] { return HeapRow(pfMake, dwX); }).front();
                                 dBare = bBare ? dBytes : dBare;
                                 return CRow{dBytes, dBytes - dBare};
                             }});
     }
-    WriteCurves(atCurves, Doubled(BENCH_MOST_OUTSTANDING), tGrowth.dwRounds);
-    close(nSocket);
+    WriteCurves(atCurves, tGrowth.adwOutstanding, tGrowth.dwRounds);
 }
 
 void WriteAnswers(const TGrowth &tGrowth)
@@ -219,7 +230,7 @@ int ParseAndRun(int nArgc, char **ppchArgv)
         ->check(CLI::Range(10U, 10000U))
         ->capture_default_str();
     tApp.add_option("--way", tGrowth.astrWays, "For a load: these ways only");
-    tApp.add_option("--outstanding", tGrowth.adwOutstanding, "For a load: these numbers only")
+    tApp.add_option("--outstanding", tGrowth.adwOutstanding, "For loads and memory: these numbers only")
         ->check(CLI::Range(1U, uint32_t{MOST_IN_LOOP}));
     CLI11_PARSE(tApp, nArgc, ppchArgv);
     s_tFamilies.at(strFamily)(tGrowth);

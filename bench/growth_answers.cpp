@@ -40,7 +40,7 @@ void *CountedRealloc(void *pvBlock, size_t uBytes)
     return pvNew;
 }
 
-/* As an allocator does that never extends a block. */
+/* As an allocator does that never extends a block in its place. */
 void *MovingRealloc(void *pvBlock, size_t uBytes)
 {
     const size_t uBefore = malloc_usable_size(pvBlock);
@@ -214,6 +214,6 @@ std::vector<TCurve> AnswerCurves(const test::NginxServer &tServer)
             pfCurve("easy handle, exact sizes", 1, pfEasy(false)),
             pfCurve("engine, synchronous", 1, pfEngine(SendByEngine, CountedRealloc)),
             pfCurve("engine, 8 at once", TOGETHER, pfEngine(SendTogether, CountedRealloc)),
-            pfCurve("engine, 8 at once, realloc doubles", TOGETHER, pfEngine(SendTogether, DoublingRealloc)),
-            pfCurve("engine, synchronous, each realloc moves", 1, pfEngine(SendByEngine, MovingRealloc))};
+            pfCurve("engine, 8 at once, doubling realloc", TOGETHER, pfEngine(SendTogether, DoublingRealloc)),
+            pfCurve("engine, synchronous, moving realloc", 1, pfEngine(SendByEngine, MovingRealloc))};
 }
