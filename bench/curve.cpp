@@ -23,11 +23,10 @@ CRow Medians(const std::vector<CRow> &aadRounds)
 {
     CRow adMedians;
     for (size_t uColumn = 0; uColumn < aadRounds.front().size(); uColumn++) {
-        std::vector<double> adValues;
-        for (const CRow &adRow : aadRounds) {
-            adValues.push_back(adRow[uColumn]);
-        }
-        adMedians.push_back(Median(adValues));
+        std::vector<double> adValues(aadRounds.size());
+        std::transform(aadRounds.begin(), aadRounds.end(), adValues.begin(),
+                       [uColumn](const CRow &adRow) { return adRow[uColumn]; });
+        adMedians.push_back(Median(std::move(adValues)));
     }
     return adMedians;
 }
@@ -92,10 +91,9 @@ std::vector<uint32_t> Doubled(uint32_t dwMost, uint32_t dwFirst)
 
 void WriteCurves(const std::vector<TCurve> &atCurves, const std::vector<uint32_t> &adwNumbers, uint32_t dwRounds)
 {
-    std::vector<std::string> astrBlocks;
-    for (const TCurve &tCurve : atCurves) {
-        astrBlocks.push_back("\"" + tCurve.strName + "\"\n");
-    }
+    std::vector<std::string> astrBlocks(atCurves.size());
+    std::transform(atCurves.begin(), atCurves.end(), astrBlocks.begin(),
+                   [](const TCurve &tCurve) { return "\"" + tCurve.strName + "\"\n"; });
     for (const uint32_t dwX : adwNumbers) {
         std::vector<std::vector<CRow>> aadRounds(atCurves.size());
         for (uint32_t dwRound = 0; dwRound < dwRounds; dwRound++) {

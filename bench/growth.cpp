@@ -66,10 +66,10 @@ double Switches()
 /* posts/s, p50 and p99 in ms, us of processor time a post, switches of threads that wait a post */
 CRow LoadRow(const std::function<TWay()> &pfMake, uint32_t dwOutstanding, milliseconds tSpan)
 {
-    static const TWay s_tWay = pfMake();
-    RunLoad(s_tWay, dwOutstanding, 2 * dwOutstanding, std::chrono::minutes(1)); /* opens the connections */
+    static const TWay tWay = pfMake();
+    RunLoad(tWay, dwOutstanding, 2 * dwOutstanding, std::chrono::minutes(1)); /* opens the connections */
     const double dSwitches = Switches();
-    const TLoadResult tResult = RunLoad(s_tWay, dwOutstanding, ANY_POSTS, tSpan);
+    const TLoadResult tResult = RunLoad(tWay, dwOutstanding, ANY_POSTS, tSpan);
     if (tResult.dwFailed != 0) {
         throw std::runtime_error(std::to_string(tResult.dwFailed) + " posts failed");
     }
@@ -90,7 +90,7 @@ void WriteLoad(const TGrowth &tGrowth)
     const milliseconds tSpan(tGrowth.dwLoadMS);
     std::vector<TCurve> atCurves;
     for (const std::string &strWay : tGrowth.astrWays) {
-        const auto pfMake = [&tTarget, pfWay = NamedWay(strWay).pfMake] { return pfWay(tTarget); };
+        const auto pfMake = [&tTarget, pfWay = Named(g_atWays, strWay).pfMake] { return pfWay(tTarget); };
         atCurves.push_back(
             {strWay, [=](uint32_t dwX) { return InChild([&] { return LoadRow(pfMake, dwX, tSpan); }); }});
     }
@@ -118,13 +118,14 @@ CRow IdleRow()
     const std::chrono::nanoseconds tBefore = CpuTime();
     std::this_thread::sleep_for(milliseconds(IDLE_MS));
     const std::chrono::duration<double, std::milli> tCpu = CpuTime() - tBefore;
-    return {tCpu.count() * 1000 / IDLE_MS, (Switches() - dSwitches) * 1000 / IDLE_MS};
+    const double dSeconds = double{IDLE_MS} / 1000;
+    return {tCpu.count() / dSeconds, (Switches() - dSwitches) / dSeconds};
 }
 
 CRow IdleTasks(const TTarget &tTarget, uint32_t dwTasks)
 {
     const uint32_t dwEach = std::min(dwTasks, uint32_t{NVRHTTPCURLCLT_MAX_TASKS});
-    static const TWay s_tWay = EngineWayOver(tTarget, dwTasks / dwEach, dwEach);
+    static const TWay tWay = EngineWayOver(tTarget, dwTasks / dwEach, dwEach);
     return IdleRow();
 }
 
@@ -179,10 +180,10 @@ CRow HeapRow(CWayMaker pfMake, uint32_t dwRequests)
 {
     CountHeap();
     static std::deque<TChain> s_atChains(BENCH_MOST_OUTSTANDING);
-    static const TWay s_tWay = pfMake(MakeTarget(SilentUrl(), BENCH_SHORT_BYTES));
-    SendSilent(s_tWay, s_atChains, 0, BENCH_WORKERS);
+    static const TWay tWay = pfMake(MakeTarget(SilentUrl(), BENCH_SHORT_BYTES));
+    SendSilent(tWay, s_atChains, 0, BENCH_WORKERS);
     const int64_t llBefore = HeapBytes();
-    SendSilent(s_tWay, s_atChains, BENCH_WORKERS, dwRequests);
+    SendSilent(tWay, s_atChains, BENCH_WORKERS, dwRequests);
     return {static_cast<double>(HeapBytes() - llBefore) / dwRequests};
 }
 
@@ -193,7 +194,7 @@ void WriteMemory(const TGrowth &tGrowth)
     std::vector<TCurve> atCurves;
     for (const char *szWay : {"libcurl, multi handles", "engine", "send module, asynchronous", "C++ client"}) {
         const bool bBare = atCurves.empty();
-        atCurves.push_back({szWay, [&dBare, bBare, pfMake = NamedWay(szWay).pfMake](uint32_t dwX) {
+        atCurves.push_back({szWay, [&dBare, bBare, pfMake = Named(g_atWays, szWay).pfMake](uint32_t dwX) {
                                 const double dBytes = InChild([&] { return HeapRow(pfMake, dwX); }).front();
                                 dBare = bBare ? dBytes : dBare;
                                 return CRow{dBytes, dBytes - dBare};

@@ -7,7 +7,7 @@ set style line 4 lc rgb "#c0392b" lw 1.5 pt 5 ps 0.6
 set style line 5 lc rgb "#2471a3" lw 1.5 pt 7 ps 0.6
 set style line 6 lc rgb "#1e8449" lw 1.5 pt 9 ps 0.6
 set grid lc rgb "#dddddd"
-set key outside above horizontal reverse Left samplen 2 width 1
+set key outside above horizontal maxrows 3 reverse Left samplen 2 width -4
 
 data(name) = plots . "/" . name . ".dat"
 svg(name) = plots . "/" . name . ".svg"
