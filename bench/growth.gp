@@ -12,7 +12,7 @@ set key outside above horizontal maxrows 3 reverse Left samplen 2 width -4
 data(name) = plots . "/" . name . ".dat"
 svg(name) = plots . "/" . name . ".svg"
 
-set terminal svg size 760,440 font "sans-serif,13" background "white"
+set terminal svg size 800,440 font "sans-serif,13" background "white"
 
 # By outstanding posts.
 set logscale x 2
