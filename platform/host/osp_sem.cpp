@@ -1,26 +1,27 @@
-#include <pthread.h>
+/*
+ * The host's binary semaphores: one word, and a futex for those who wait. Taking an available
+ * semaphore and giving one for which nobody waits need no system call.
+ */
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <new>
 
 #include "platform/osp.h"
 
-struct TOspSem {
-    pthread_mutex_t tLock;
-    pthread_cond_t tGiven;
-    bool bAvailable;
+enum : uint32_t { AVAILABLE, TAKEN, TAKEN_WITH_WAITERS };
+
+/* Has a cache line of its own: semaphores of different workers are created one after the other. */
+struct alignas(64) TOspSem {
+    std::atomic<uint32_t> dwState{AVAILABLE};
 };
 
-static bool Prepare(TOspSem *ptSem)
+static void Futex(TOspSem *ptSem, int nOperation, uint32_t dwValue)
 {
-    ptSem->bAvailable = true;
-    if (pthread_mutex_init(&ptSem->tLock, nullptr) != 0) {
-        return false;
-    }
-    if (pthread_cond_init(&ptSem->tGiven, nullptr) != 0) {
-        pthread_mutex_destroy(&ptSem->tLock);
-        return false;
-    }
-    return true;
+    static_assert(sizeof(ptSem->dwState) == sizeof(uint32_t), "the kernel reads the word");
+    syscall(SYS_futex, &ptSem->dwState, nOperation, dwValue, nullptr, nullptr, 0);
 }
 
 uint32_t OspSemBCreate(HOspSem *phSem)
@@ -32,10 +33,6 @@ uint32_t OspSemBCreate(HOspSem *phSem)
     if (ptSem == nullptr) {
         return 0;
     }
-    if (!Prepare(ptSem)) {
-        delete ptSem;
-        return 0;
-    }
     *phSem = ptSem;
     return 1;
 }
@@ -45,12 +42,14 @@ uint32_t OspSemTake(HOspSem hSem)
     if (hSem == nullptr) {
         return 0;
     }
-    pthread_mutex_lock(&hSem->tLock);
-    while (!hSem->bAvailable) {
-        pthread_cond_wait(&hSem->tGiven, &hSem->tLock);
+    uint32_t dwState = AVAILABLE;
+    if (hSem->dwState.compare_exchange_strong(dwState, TAKEN, std::memory_order_acquire)) {
+        return 1;
     }
-    hSem->bAvailable = false;
-    pthread_mutex_unlock(&hSem->tLock);
+    /* Whoever has waited does not know whether others still do, and leaves the mark for them. */
+    while (hSem->dwState.exchange(TAKEN_WITH_WAITERS, std::memory_order_acquire) != AVAILABLE) {
+        Futex(hSem, FUTEX_WAIT_PRIVATE, TAKEN_WITH_WAITERS);
+    }
     return 1;
 }
 
@@ -59,11 +58,10 @@ uint32_t OspSemGive(HOspSem hSem)
     if (hSem == nullptr) {
         return 0;
     }
-    pthread_mutex_lock(&hSem->tLock);
-    hSem->bAvailable = true;
-    /* Under the lock: the next taker may delete the semaphore as soon as it is unlocked. */
-    pthread_cond_signal(&hSem->tGiven);
-    pthread_mutex_unlock(&hSem->tLock);
+    if (hSem->dwState.exchange(AVAILABLE, std::memory_order_release) == TAKEN_WITH_WAITERS) {
+        /* The next taker may have deleted the semaphore by now: only the kernel looks at the address. */
+        Futex(hSem, FUTEX_WAKE_PRIVATE, 1);
+    }
     return 1;
 }
 
@@ -72,8 +70,6 @@ uint32_t OspSemDelete(HOspSem hSem)
     if (hSem == nullptr) {
         return 0;
     }
-    pthread_cond_destroy(&hSem->tGiven);
-    pthread_mutex_destroy(&hSem->tLock);
     delete hSem;
     return 1;
 }
