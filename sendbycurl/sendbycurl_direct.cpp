@@ -116,10 +116,10 @@ static void LogReceived(const TSendByCurlParam *ptParam)
         HCC_LOG_AS(s_szExt, HCC_LEVEL_INFO, " RecvLen:%u  \n", ptParam->dwRecvLen);
         return;
     }
-    /* A buffer that is full to its last byte has no terminator: then a terminated copy is logged. */
+    /* What follows the answer is zero; an answer that fills the buffer has no terminator, so a copy is logged. */
     char *pchCopy = nullptr;
     const char *szText = ptParam->pchRecvBuf;
-    if (memchr(ptParam->pchRecvBuf, '\0', ptParam->dwMaxRecvLen) == nullptr) {
+    if (ptParam->dwRecvLen >= ptParam->dwMaxRecvLen) {
         pchCopy = strndup(ptParam->pchRecvBuf, ptParam->dwMaxRecvLen);
         szText = pchCopy != nullptr ? pchCopy : "";
     }

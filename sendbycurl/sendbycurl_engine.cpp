@@ -7,8 +7,8 @@
  * request and slot. If the engine refuses the submission, the request is destroyed and its
  * slot stays taken.
  */
-#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include "sendbycurl/sendbycurl_inner.h"
 #include "support/hcc_atomic.h"
@@ -52,7 +52,11 @@ uint32_t SendByCurlMethodTransToStr(uint32_t eHeadType, char *dst, uint32_t size
     } else if (eHeadType == SENDBYCURL_METHOD_GET) {
         szMethod = "GET";
     }
-    snprintf(dst, size, "%s", szMethod);
+    if (size > 0) {
+        const size_t nLen = strnlen(szMethod, size - 1);
+        memcpy(dst, szMethod, nLen);
+        dst[nLen] = '\0';
+    }
     return SENDBYCURL_OK;
 }
 
@@ -100,8 +104,8 @@ static ENvrHttpCurlCltRet SetAuth(HNvrHttpCurlCltReq hReq, const TSendByCurlPara
 {
     /* The record's array may be filled to its last byte; libcurl needs a terminator. */
     char szUserAndPassWd[sizeof(ptParam->achUserAndPassWd) + 1];
-    snprintf(szUserAndPassWd, sizeof(szUserAndPassWd), "%.*s", static_cast<int>(sizeof(ptParam->achUserAndPassWd)),
-             ptParam->achUserAndPassWd);
+    memcpy(szUserAndPassWd, ptParam->achUserAndPassWd, sizeof(ptParam->achUserAndPassWd));
+    szUserAndPassWd[sizeof(ptParam->achUserAndPassWd)] = '\0';
     return NvrHttpCurlCltSetAuthType(hReq, ptParam->bCurlAuth, szUserAndPassWd);
 }
 
