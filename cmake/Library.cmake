@@ -31,12 +31,18 @@ set_target_properties(
              CXX_VISIBILITY_PRESET hidden
              VISIBILITY_INLINES_HIDDEN ON
              POSITION_INDEPENDENT_CODE ON)
-# Without exceptions, RTTI and guarded statics nothing needs the C++ runtime, and nothing is unwound:
-# the tables for it would be a tenth of the library (debuggers have their own). The warning: without
+# Without exceptions, RTTI and guarded statics nothing needs the C++ runtime. The warning: without
 # its header a definition would silently get C++ linkage.
-target_compile_options(nvrhttpcurl_objects PRIVATE -fno-exceptions -fno-unwind-tables
-                                                   -fno-asynchronous-unwind-tables -fno-rtti
-                                                   -fno-threadsafe-statics -Wmissing-declarations)
+target_compile_options(nvrhttpcurl_objects PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                                                   -Wmissing-declarations)
+# What makes the library smaller. Nothing is unwound: the tables for it would be a tenth of it
+# (debuggers have their own). Nobody replaces its functions within it, or needs them aligned to
+# lines of the cache, or atomic operations of the newest processors.
+target_compile_options(
+  nvrhttpcurl_objects
+  PRIVATE -fno-unwind-tables -fno-asynchronous-unwind-tables -fno-semantic-interposition
+          $<$<CXX_COMPILER_ID:GNU>:-fno-align-functions;-fno-align-jumps;-fno-align-loops>
+          $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},aarch64>:-mno-outline-atomics>)
 set_source_files_properties(
   sendbycurl/sendbycurl_selftest.cpp PROPERTIES COMPILE_DEFINITIONS
                                                 NVRHTTPCURL_SELFTEST_URL="${NVRHTTPCURL_SELFTEST_URL}")

@@ -53,7 +53,7 @@ uint32_t SendByCurlMethodTransToStr(uint32_t eHeadType, char *dst, uint32_t size
         szMethod = "GET";
     }
     if (size > 0) {
-        const size_t nLen = strnlen(szMethod, size - 1);
+        const size_t nLen = strlen(szMethod) < size ? strlen(szMethod) : size - 1;
         memcpy(dst, szMethod, nLen);
         dst[nLen] = '\0';
     }
