@@ -20,11 +20,11 @@ TSendByCurlParam Param(const TTarget &tTarget, char *pchAnswer, size_t uCapacity
     return tParam;
 }
 
-/* Of a blocking send, whose answer needs a byte more for its terminator. */
+/* Of a blocking send, whose buffer has a byte more than it names, for a terminator. */
 TSendByCurlParam BlockingParam(const TTarget &tTarget, TChain &tChain)
 {
-    tChain.strAnswer.resize(tTarget.uAnswer + 1);
-    return Param(tTarget, tChain.strAnswer.data(), tTarget.uAnswer);
+    tChain.strAnswer.resize(tTarget.uAnswer + 2);
+    return Param(tTarget, tChain.strAnswer.data(), tTarget.uAnswer + 1);
 }
 
 uint32_t OnEnd(ESendByCurlRet eRet, void *pvAnswer)
