@@ -27,7 +27,7 @@ static ENvrHttpCurlCltRet Start(HNvrHttpCurlCltInst hInstance, const char *szUrl
     eRet = eRet == NVRHTTPCURLCLT_OK ? NvrHttpCurlCltSetReqUri(hReq, szUrl) : eRet;
     eRet = eRet == NVRHTTPCURLCLT_OK ? NvrHttpCurlCltSetReqBody(hReq, "{}", 2) : eRet;
     eRet = eRet == NVRHTTPCURLCLT_OK
-               ? NvrHttpCurlCltProcessReq(hReq, 60000, 5000, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL)
+               ? NvrHttpCurlCltProcessReq(hReq, 60000, 60000, NVRHTTPCURLCLT_MODE_ASYNC, Ended, NULL)
                : eRet;
     if (eRet != NVRHTTPCURLCLT_OK && hReq != NULL) {
         NvrHttpCurlCltReqDestroy(hReq);
