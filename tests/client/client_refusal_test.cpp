@@ -429,7 +429,7 @@ extern "C" ENvrHttpCurlCltRet NvrHttpCurlCltGetRespBodyLen(HNvrHttpCurlCltReq hR
 
 void *operator new(size_t size)
 {
-    static const auto next = Next<void *(size_t)>("_Znwm");
+    static const auto next = Next<void *(size_t)>("_Znwm"); /* its name where size_t has 64 bits */
     if (std::exchange(losesString, false)) {
         throw std::bad_alloc();
     }

@@ -208,7 +208,7 @@ uint32_t DefaultMaxAnswer(uint32_t dwCount, size_t uDataLen)
     if (dwCount == 1) {
         return MAX_ANSWER_OF_ONE;
     }
-    return static_cast<uint32_t>(std::min<size_t>(MAX_ANSWER_OF_MANY + uDataLen, LONGEST_ANSWER));
+    return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{MAX_ANSWER_OF_MANY} + uDataLen, LONGEST_ANSWER));
 }
 
 TPostJob MakePostJob(const TPostOptions &tOptions)
