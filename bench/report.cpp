@@ -59,6 +59,18 @@ std::vector<double> Compared(const std::vector<double> &adValues, const std::vec
     return adCompared;
 }
 
+/* Of the middle half of the rounds. */
+const char *Verdict(const std::vector<double> &adMeasured, double dAtMost)
+{
+    if (adMeasured.empty()) {
+        return "not measured";
+    }
+    if (Percentile(adMeasured, 0.25) > dAtMost) {
+        return "missed";
+    }
+    return Percentile(adMeasured, 0.75) <= dAtMost ? "met" : "open";
+}
+
 } // namespace
 
 const std::vector<TGoal> g_atGoals = {
@@ -103,13 +115,11 @@ void PrintGoals(CResults &tResults)
         const std::vector<double> &adBasis = tResults[{tGoal.szWork, tGoal.szBasis}][tGoal.eFigure];
         const std::vector<double> adMeasured =
             tGoal.eKind == TGoal::VALUE ? adValues : Compared(adValues, adBasis, tGoal.eKind == TGoal::RATIO);
-        const char *szResult = adMeasured.empty()                             ? "not measured"
-                               : Percentile(adMeasured, 0.5) <= tGoal.dAtMost ? "met"
-                                                                              : "missed";
         const char *szMark = tGoal.eKind == TGoal::VALUE ? "" : tGoal.eKind == TGoal::RATIO ? " times" : " more";
         printf("| %s | %s | %s | %s | %s | %s%s | %s%s | %s |\n", Named(g_atWorks, tGoal.szWork).szTitle,
                s_aszFigures[tGoal.eFigure], tGoal.szWay, tGoal.szBasis, MedianText(adBasis).c_str(),
-               SpreadText(adMeasured).c_str(), szMark, Text(tGoal.dAtMost).c_str(), szMark, szResult);
+               SpreadText(adMeasured).c_str(), szMark, Text(tGoal.dAtMost).c_str(), szMark,
+               Verdict(adMeasured, tGoal.dAtMost));
     }
 }
 
