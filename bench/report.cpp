@@ -7,8 +7,8 @@
 namespace
 {
 
-const char *const s_aszFigures[FIGURE_COUNT] = {"time",        "processor time", "switches",  "instructions",
-                                                "allocations", "system calls",   "heap bytes"};
+const char *const s_aszFigures[FIGURE_COUNT] = {"time",         "processor time", "switches",     "page faults",
+                                                "instructions", "allocations",    "system calls", "heap bytes"};
 
 const char *const s_szEasy = "libcurl";
 const char *const s_szMulti = "libcurl, multi handles";
@@ -17,14 +17,24 @@ const char *const s_szSync = "send module, synchronous";
 const char *const s_szDirect = "send module, direct";
 const char *const s_szAsync = "send module, asynchronous";
 
-/* Between the two values around that share of the sorted ones. */
-double Percentile(std::vector<double> adValues, double dShare)
+double Median(std::vector<double> adValues)
 {
     std::sort(adValues.begin(), adValues.end());
-    const double dPlace = dShare * static_cast<double>(adValues.size() - 1);
-    const double dBelow = adValues[static_cast<size_t>(std::floor(dPlace))];
-    const double dAbove = adValues[static_cast<size_t>(std::ceil(dPlace))];
-    return dBelow + (dAbove - dBelow) * (dPlace - std::floor(dPlace));
+    return (adValues[(adValues.size() - 1) / 2] + adValues[adValues.size() / 2]) / 2;
+}
+
+struct TInterval {
+    double dLow;
+    double dHigh;
+};
+
+/* Where the median of all rounds that could be lies, with a probability of 95 %; less than six rounds do not tell. */
+TInterval IntervalOfMedian(std::vector<double> adValues)
+{
+    std::sort(adValues.begin(), adValues.end());
+    const double dCount = static_cast<double>(adValues.size());
+    const size_t uBelow = static_cast<size_t>(std::max(0.0, (dCount - 1.96 * std::sqrt(dCount)) / 2));
+    return {adValues[uBelow], adValues[adValues.size() - 1 - uBelow]};
 }
 
 std::string Text(double dValue)
@@ -36,15 +46,16 @@ std::string Text(double dValue)
 
 std::string MedianText(const std::vector<double> &adValues)
 {
-    return adValues.empty() ? "-" : Text(Percentile(adValues, 0.5));
+    return adValues.empty() ? "-" : Text(Median(adValues));
 }
 
-/* The median, and in brackets the middle half of the rounds. */
+/* The median, and in brackets its interval. */
 std::string SpreadText(const std::vector<double> &adValues)
 {
     std::string strText = MedianText(adValues);
     if (adValues.size() > 1) {
-        strText += " (" + Text(Percentile(adValues, 0.25)) + " to " + Text(Percentile(adValues, 0.75)) + ")";
+        const TInterval tInterval = IntervalOfMedian(adValues);
+        strText += " (" + Text(tInterval.dLow) + " to " + Text(tInterval.dHigh) + ")";
     }
     return strText;
 }
@@ -59,16 +70,16 @@ std::vector<double> Compared(const std::vector<double> &adValues, const std::vec
     return adCompared;
 }
 
-/* Of the middle half of the rounds. */
 const char *Verdict(const std::vector<double> &adMeasured, double dAtMost)
 {
     if (adMeasured.empty()) {
         return "not measured";
     }
-    if (Percentile(adMeasured, 0.25) > dAtMost) {
+    const TInterval tInterval = IntervalOfMedian(adMeasured);
+    if (tInterval.dLow > dAtMost) {
         return "missed";
     }
-    return Percentile(adMeasured, 0.75) <= dAtMost ? "met" : "open";
+    return tInterval.dHigh <= dAtMost ? "met" : "open";
 }
 
 } // namespace
@@ -91,8 +102,8 @@ const std::vector<TGoal> g_atGoals = {
     {"256", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
     {"256", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
     {"256", FIGURE_TIME, "C++ client", "engine", TGoal::RATIO, 1.1},
-    {"1", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"idle", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::VALUE, 38},
+    {"1", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::VALUE, 2100}, /* the rest of 2 ms and a post */
+    {"idle", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 0.9},
     {"idle", FIGURE_CPU, "C++ client", "engine", TGoal::RATIO, 1.0},
     {"silent", FIGURE_CPU, "C++ client", "engine", TGoal::VALUE, 100},
     {"heap", FIGURE_HEAP, s_szAsync, s_szMulti, TGoal::DIFFERENCE, 1024},
@@ -132,16 +143,16 @@ void PrintTimes(CResults &tResults)
             continue;
         }
         const bool bWaits = tWork.eAnswer == ANSWER_NEVER;
-        printf("\n%s:\n\n| way | time | beside the first | processor time | beside the first | switches |\n"
-               "|---|---|---|---|---|---|\n",
+        printf("\n%s:\n\n| way | time | beside the first | processor time | beside the first | switches | "
+               "page faults |\n|---|---|---|---|---|---|---|\n",
                tWork.szTitle);
         for (const char *szWay : aszWays) {
             const CCell &tCell = tResults[{tWork.szName, szWay}];
-            printf("| %s | %s%s | %s | %s%s | %s | %s |\n", szWay, MedianText(tCell[FIGURE_TIME]).c_str(),
+            printf("| %s | %s%s | %s | %s%s | %s | %s | %s |\n", szWay, MedianText(tCell[FIGURE_TIME]).c_str(),
                    bWaits ? "" : " us", SpreadText(Compared(tCell[FIGURE_TIME], tFirst[FIGURE_TIME], true)).c_str(),
                    MedianText(tCell[FIGURE_CPU]).c_str(), bWaits ? " ms in 10 s" : " us",
                    SpreadText(Compared(tCell[FIGURE_CPU], tFirst[FIGURE_CPU], true)).c_str(),
-                   MedianText(tCell[FIGURE_SWITCHES]).c_str());
+                   MedianText(tCell[FIGURE_SWITCHES]).c_str(), MedianText(tCell[FIGURE_FAULTS]).c_str());
         }
     }
 }

@@ -61,7 +61,7 @@ class CServers
     int m_nSilent = -1; /* the kernel takes connections and requests */
 };
 
-enum { STATUS_NOT_FOUND = 127, REST_SECONDS = 10, FIGURE_ROUNDS = 5 };
+enum { STATUS_NOT_FOUND = 127, REST_SECONDS = 10, FIGURE_ROUNDS = 5, MOST_MORE = 3 };
 
 CCommand operator+(CCommand astrFirst, const CCommand &astrSecond)
 {
@@ -102,6 +102,7 @@ void AddRun(CCell &tCell, const TWork &tWork, const TRun &tRun)
     tCell[FIGURE_TIME].push_back(tRun.dSeconds / tRun.dPosts * 1e6);
     tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dPosts * 1e6);
     tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dPosts);
+    tCell[FIGURE_FAULTS].push_back(tRun.dFaults / tRun.dPosts);
 }
 
 /* The number that the format finds at the last place of the mark in a tool's report. */
@@ -198,7 +199,8 @@ CResults Measure(uint32_t dwRounds, bool (*pfWithFigures)(const TWork &tWork, co
         for (const char *szWay : WaysOf(tWork)) {
             const bool bWanted = tWork.dwFigureTo != 0 && pfWithFigures(tWork, szWay);
             /* Those of workers depend a little on how many passes they take. */
-            const uint32_t dwRuns = !bWanted ? 0 : tWork.eWays == WAYS_BLOCKING ? 1 : 1 + dwRounds / FIGURE_ROUNDS;
+            const uint32_t dwMore = std::min<uint32_t>(dwRounds / FIGURE_ROUNDS, MOST_MORE);
+            const uint32_t dwRuns = !bWanted ? 0 : tWork.eWays == WAYS_BLOCKING ? 1 : 1 + dwMore;
             for (uint32_t dwRun = 0; dwRun < dwRuns; dwRun++) {
                 MeasureFigures(tResults[{tWork.szName, szWay}], tServers, tWork, szWay);
             }

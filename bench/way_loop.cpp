@@ -183,8 +183,6 @@ TWay LoopWay(const TTarget &tTarget)
     auto patWorkers = std::make_shared<std::deque<TLoopWorker>>(BENCH_WORKERS);
     for (TLoopWorker &tWorker : *patWorkers) {
         Start(tWorker, tTarget);
-        /* Waits that end together would find warm caches: an idle process would cost half as much. */
-        std::this_thread::sleep_for(std::chrono::milliseconds(WAIT_MS / BENCH_WORKERS));
     }
     return {[patWorkers](TChain &tChain) { return Submit(LeastLoaded(*patWorkers), tChain); }};
 }

@@ -15,11 +15,13 @@ using std::chrono::milliseconds;
 
 enum { LIMIT_MS = 60000, SETTLE_MS = 300, REST_MS = 1000 };
 
-double Switches()
+/* With -1 before and 1 after what is measured. */
+void AddUsage(TRun &tRun, double dSign)
 {
     rusage tUsage = {};
     getrusage(RUSAGE_SELF, &tUsage);
-    return static_cast<double>(tUsage.ru_nvcsw);
+    tRun.dSwitches += dSign * static_cast<double>(tUsage.ru_nvcsw);
+    tRun.dFaults += dSign * static_cast<double>(tUsage.ru_minflt);
 }
 
 TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
@@ -29,9 +31,9 @@ TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
     }
     TRun tRun;
     tRun.dAllocations = -static_cast<double>(HeapAllocations());
-    tRun.dSwitches = -Switches();
+    AddUsage(tRun, -1);
     const TLoadResult tLoad = RunLoad(tWay, tWork.dwOutstanding, dwPosts, milliseconds(LIMIT_MS));
-    tRun.dSwitches += Switches();
+    AddUsage(tRun, 1);
     tRun.dAllocations += static_cast<double>(HeapAllocations());
     tRun.dPosts = tLoad.dPosts;
     tRun.dSeconds = tLoad.dSeconds;
@@ -52,13 +54,13 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
     }
     std::this_thread::sleep_for(milliseconds(SETTLE_MS));
     tRun.dHeapBytes = static_cast<double>(HeapBytes() - llHeapBefore);
-    tRun.dSwitches = -Switches();
+    AddUsage(tRun, -1);
     const CBenchClock::time_point tBegin = CBenchClock::now();
     const std::chrono::nanoseconds tCpuBefore = CpuTime();
     std::this_thread::sleep_for(milliseconds(REST_MS));
     tRun.dCpuSeconds = std::chrono::duration<double>(CpuTime() - tCpuBefore).count();
     tRun.dSeconds = std::chrono::duration<double>(CBenchClock::now() - tBegin).count();
-    tRun.dSwitches += Switches();
+    AddUsage(tRun, 1);
     return tRun;
 }
 
@@ -93,19 +95,21 @@ std::vector<const char *> WaysOf(const TWork &tWork)
 
 void PrintRun(const TRun &tRun)
 {
-    printf("%.0f posts, %f s, %f s of processor, %.0f switches, %.0f allocations, %.0f bytes, %.0f failed\n",
-           tRun.dPosts, tRun.dSeconds, tRun.dCpuSeconds, tRun.dSwitches, tRun.dAllocations, tRun.dHeapBytes,
-           tRun.dFailed);
+    printf(
+        "%.0f posts, %f s, %f s of processor, %.0f switches, %.0f faults, %.0f allocations, %.0f bytes, %.0f failed\n",
+        tRun.dPosts, tRun.dSeconds, tRun.dCpuSeconds, tRun.dSwitches, tRun.dFaults, tRun.dAllocations, tRun.dHeapBytes,
+        tRun.dFailed);
 }
 
 TRun ParseRun(const std::string &strLine)
 {
     TRun tRun;
     const int nFound =
-        sscanf(strLine.c_str(), "%lf posts, %lf s, %lf s of processor, %lf switches, %lf allocations, %lf bytes, %lf",
-               &tRun.dPosts, &tRun.dSeconds, &tRun.dCpuSeconds, &tRun.dSwitches, &tRun.dAllocations, &tRun.dHeapBytes,
-               &tRun.dFailed);
-    return nFound == 7 ? tRun : TRun{};
+        sscanf(strLine.c_str(),
+               "%lf posts, %lf s, %lf s of processor, %lf switches, %lf faults, %lf allocations, %lf bytes, %lf",
+               &tRun.dPosts, &tRun.dSeconds, &tRun.dCpuSeconds, &tRun.dSwitches, &tRun.dFaults, &tRun.dAllocations,
+               &tRun.dHeapBytes, &tRun.dFailed);
+    return nFound == 8 ? tRun : TRun{};
 }
 
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)

@@ -52,6 +52,7 @@ struct TRun {
     double dSeconds = 0;
     double dCpuSeconds = 0;
     double dSwitches = 0;    /* of threads that had to wait */
+    double dFaults = 0;      /* pages that the kernel had to provide */
     double dAllocations = 0; /* this and the next one only where the heap is counted */
     double dHeapBytes = 0;
     double dFailed = 0;
