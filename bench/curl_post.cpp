@@ -18,11 +18,15 @@ size_t TakeAnswer(char *pchPart, size_t, size_t uPart, void *pvPost)
 
 } // namespace
 
-void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCapacity)
+void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCapacity, bool bAsDirect)
 {
     tPost.ptEasy = curl_easy_init();
     tPost.ptHeaders = curl_slist_append(nullptr, "Content-Type:application/json;charset=UTF-8");
-    tPost.ptHeaders = curl_slist_append(tPost.ptHeaders, "Expect:"); /* as the library's sends have it */
+    if (!bAsDirect) {
+        tPost.ptHeaders = curl_slist_append(tPost.ptHeaders, "Expect:");
+        curl_easy_setopt(tPost.ptEasy, CURLOPT_POSTFIELDSIZE, static_cast<long>(tTarget.strBody.size()));
+        curl_easy_setopt(tPost.ptEasy, CURLOPT_NOSIGNAL, 1L);
+    }
     tPost.pchAnswer = pchAnswer;
     tPost.uCapacity = uCapacity;
     curl_easy_setopt(tPost.ptEasy, CURLOPT_URL, tTarget.strUrl.c_str());
@@ -30,10 +34,8 @@ void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCa
     curl_easy_setopt(tPost.ptEasy, CURLOPT_SSL_VERIFYHOST, 0L);
     curl_easy_setopt(tPost.ptEasy, CURLOPT_HTTPHEADER, tPost.ptHeaders);
     curl_easy_setopt(tPost.ptEasy, CURLOPT_POSTFIELDS, tTarget.strBody.data());
-    curl_easy_setopt(tPost.ptEasy, CURLOPT_POSTFIELDSIZE, static_cast<long>(tTarget.strBody.size()));
     curl_easy_setopt(tPost.ptEasy, CURLOPT_CONNECTTIMEOUT_MS, long{BENCH_TIMEOUT_MS});
     curl_easy_setopt(tPost.ptEasy, CURLOPT_TIMEOUT_MS, long{BENCH_TIMEOUT_MS});
-    curl_easy_setopt(tPost.ptEasy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(tPost.ptEasy, CURLOPT_WRITEFUNCTION, TakeAnswer);
     curl_easy_setopt(tPost.ptEasy, CURLOPT_WRITEDATA, &tPost);
 }

@@ -16,7 +16,8 @@ struct TCurlPost {
     size_t uLength = 0; /* of what has come */
 };
 
-void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCapacity);
+/* With the options of the library's requests, or with those of its direct send. */
+void SetUp(TCurlPost &tPost, const TTarget &tTarget, char *pchAnswer, size_t uCapacity, bool bAsDirect = false);
 
 /* After the transfer: whether the whole answer came. */
 bool HasAnswer(const TCurlPost &tPost, const TTarget &tTarget);

@@ -11,7 +11,6 @@
 #include <map>
 #include <poll.h>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -51,13 +50,6 @@ struct TGrowth {
     std::vector<uint32_t> adwOutstanding = {1, 2, 4, 8, 16, 32, 64, 128, 256, 512, MOST_IN_LOOP};
 };
 
-double Switches()
-{
-    rusage tUsage = {};
-    getrusage(RUSAGE_SELF, &tUsage);
-    return static_cast<double>(tUsage.ru_nvcsw);
-}
-
 /*
  * The rows below are measured in a process of their own. Ways, and chains that have not ended, are static: their
  * threads still run when the row is complete.
@@ -68,14 +60,13 @@ CRow LoadRow(const std::function<TWay()> &pfMake, uint32_t dwOutstanding, millis
 {
     static const TWay tWay = pfMake();
     RunLoad(tWay, dwOutstanding, 2 * dwOutstanding, std::chrono::minutes(1)); /* opens the connections */
-    const double dSwitches = Switches();
     const TLoadResult tResult = RunLoad(tWay, dwOutstanding, ANY_POSTS, tSpan);
     if (tResult.dwFailed != 0) {
         throw std::runtime_error(std::to_string(tResult.dwFailed) + " posts failed");
     }
     const TLatencySummary tTimes = SummarizeLatency(tResult.adMillis);
-    return {tResult.dPosts / tResult.dSeconds, tTimes.dP50, tTimes.dP99, 1e6 * tResult.dCpuSeconds / tResult.dPosts,
-            (Switches() - dSwitches) / tResult.dPosts};
+    return {tResult.dPosts / tResult.dSeconds, tTimes.dP50, tTimes.dP99,
+            1e6 * tResult.tUsage.dCpuSeconds / tResult.dPosts, tResult.tUsage.dSwitches / tResult.dPosts};
 }
 
 TTarget ReadyTarget(const TGrowth &tGrowth)
@@ -114,12 +105,11 @@ void WriteSpread(const TGrowth &tGrowth)
 CRow IdleRow()
 {
     std::this_thread::sleep_for(milliseconds(SETTLE_MS));
-    const double dSwitches = Switches();
-    const std::chrono::nanoseconds tBefore = CpuTime();
+    const TUsage tBefore = Usage();
     std::this_thread::sleep_for(milliseconds(IDLE_MS));
-    const std::chrono::duration<double, std::milli> tCpu = CpuTime() - tBefore;
+    const TUsage tUsage = Usage() - tBefore;
     const double dSeconds = double{IDLE_MS} / 1000;
-    return {tCpu.count() / dSeconds, (Switches() - dSwitches) / dSeconds};
+    return {1e3 * tUsage.dCpuSeconds / dSeconds, tUsage.dSwitches / dSeconds};
 }
 
 CRow IdleTasks(const TTarget &tTarget, uint32_t dwTasks)

@@ -170,16 +170,16 @@ CRow AnswerRow(uint32_t dwBytes, uint32_t dwEach, const CSend &pfSend, const std
     pfSend(strUrl); /* what only the first one does */
     s_tTally.qwCalls = s_tTally.qwMoves = s_tTally.qwKept = 0;
     const CBenchClock::time_point tBegin = CBenchClock::now();
-    const std::chrono::nanoseconds tCpuBefore = CpuTime();
+    const TUsage tBefore = Usage();
     for (uint32_t dwSend = 0; dwSend < dwSends; dwSend++) {
         if (pfSend(strUrl) != size_t{dwBytes} * dwEach) {
             throw std::runtime_error("not the whole answer from " + strUrl);
         }
     }
-    const std::chrono::duration<double, std::milli> tCpu = CpuTime() - tCpuBefore;
+    const double dCpuMS = 1e3 * (Usage() - tBefore).dCpuSeconds;
     const std::chrono::duration<double, std::milli> tTook = CBenchClock::now() - tBegin;
-    CRow adRow = {tTook.count(), tCpu.count(), static_cast<double>(s_tTally.qwCalls),
-                  static_cast<double>(s_tTally.qwMoves), static_cast<double>(s_tTally.qwKept) / 1e6};
+    CRow adRow = {tTook.count(), dCpuMS, static_cast<double>(s_tTally.qwCalls), static_cast<double>(s_tTally.qwMoves),
+                  static_cast<double>(s_tTally.qwKept) / 1e6};
     for (double &dValue : adRow) {
         dValue /= dwSends * dwEach;
     }

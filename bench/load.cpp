@@ -6,8 +6,11 @@
 #include <ctime>
 #include <deque>
 #include <mutex>
+#include <sys/resource.h>
 #include <thread>
 #include <type_traits>
+
+#include "bench/heap.h"
 
 struct TLoop {
     const TWay &tWay;
@@ -105,7 +108,7 @@ TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, 
         atChains[dwIndex].adMillis.reserve(std::min<uint32_t>(dwPosts, RESERVED_TIMES));
     }
     const CBenchClock::time_point tBegin = CBenchClock::now();
-    const std::chrono::nanoseconds tCpuBefore = CpuTime();
+    const TUsage tBefore = Usage();
     tLoop.tDeadline = tBegin + tSpan;
     if (tWay.bBlocks) {
         RunBlocking(atChains);
@@ -114,7 +117,7 @@ TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, 
     }
     TLoadResult tResult;
     tResult.dSeconds = std::chrono::duration<double>(CBenchClock::now() - tBegin).count();
-    tResult.dCpuSeconds = std::chrono::duration<double>(CpuTime() - tCpuBefore).count();
+    tResult.tUsage = Usage() - tBefore;
     tResult.dwFailed = tLoop.dwFailed;
     for (const TChain &tChain : atChains) {
         tResult.adMillis.insert(tResult.adMillis.end(), tChain.adMillis.begin(), tChain.adMillis.end());
@@ -123,9 +126,19 @@ TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, 
     return tResult;
 }
 
-std::chrono::nanoseconds CpuTime()
+TUsage Usage()
 {
     timespec tTime = {};
+    rusage tUsage = {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &tTime);
-    return std::chrono::seconds(tTime.tv_sec) + std::chrono::nanoseconds(tTime.tv_nsec);
+    getrusage(RUSAGE_SELF, &tUsage);
+    return {static_cast<double>(tTime.tv_sec) + 1e-9 * static_cast<double>(tTime.tv_nsec),
+            static_cast<double>(tUsage.ru_nvcsw), static_cast<double>(tUsage.ru_minflt),
+            static_cast<double>(HeapAllocations())};
+}
+
+TUsage operator-(const TUsage &tAfter, const TUsage &tBefore)
+{
+    return {tAfter.dCpuSeconds - tBefore.dCpuSeconds, tAfter.dSwitches - tBefore.dSwitches,
+            tAfter.dFaults - tBefore.dFaults, tAfter.dAllocations - tBefore.dAllocations};
 }

@@ -37,10 +37,18 @@ struct TWay {
     bool bBlocks = false;
 };
 
+/* What this process has used. */
+struct TUsage {
+    double dCpuSeconds = 0;
+    double dSwitches = 0;    /* of threads that had to wait */
+    double dFaults = 0;      /* pages that the kernel had to provide */
+    double dAllocations = 0; /* only where the heap is counted */
+};
+
 struct TLoadResult {
     double dPosts = 0; /* that succeeded */
     double dSeconds = 0;
-    double dCpuSeconds = 0;       /* of this process */
+    TUsage tUsage;
     std::vector<double> adMillis; /* of each post */
     uint32_t dwFailed = 0;
 };
@@ -55,7 +63,8 @@ TLoadResult RunLoad(const TWay &tWay, uint32_t dwOutstanding, uint32_t dwPosts, 
 /* The post of a way that does not block has ended, on whatever thread. */
 void ChainEnded(TChain &tChain, bool bSucceeded);
 
-/* Processor time of the process up to now. */
-std::chrono::nanoseconds CpuTime();
+/* Up to now. */
+TUsage Usage();
+TUsage operator-(const TUsage &tAfter, const TUsage &tBefore);
 
 #endif

@@ -95,14 +95,15 @@ bool IsOfHeap(const TWork &tWork)
 void AddRun(CCell &tCell, const TWork &tWork, const TRun &tRun)
 {
     if (tWork.eAnswer == ANSWER_NEVER) {
-        tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dSeconds * 1e3 * int{REST_SECONDS});
-        tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dSeconds * int{REST_SECONDS});
+        tCell[FIGURE_CPU].push_back(tRun.tUsage.dCpuSeconds / tRun.dSeconds * 1e3 * int{REST_SECONDS});
+        tCell[FIGURE_SWITCHES].push_back(tRun.tUsage.dSwitches / tRun.dSeconds * int{REST_SECONDS});
         return;
     }
     tCell[FIGURE_TIME].push_back(tRun.dSeconds / tRun.dPosts * 1e6);
-    tCell[FIGURE_CPU].push_back(tRun.dCpuSeconds / tRun.dPosts * 1e6);
-    tCell[FIGURE_SWITCHES].push_back(tRun.dSwitches / tRun.dPosts);
-    tCell[FIGURE_FAULTS].push_back(tRun.dFaults / tRun.dPosts);
+    tCell[FIGURE_CPU].push_back(tRun.tUsage.dCpuSeconds / tRun.dPosts * 1e6);
+    tCell[FIGURE_SWITCHES].push_back(tRun.tUsage.dSwitches / tRun.dPosts);
+    tCell[FIGURE_FAULTS].push_back(tRun.tUsage.dFaults / tRun.dPosts);
+    tCell[FIGURE_SLOW].push_back(tRun.dSlow / tRun.dPosts);
 }
 
 /* The number that the format finds at the last place of the mark in a tool's report. */
@@ -184,7 +185,7 @@ void MeasureFigures(CCell &tCell, CServers &tServers, const TWork &tWork, const 
         return Reported(tEnded.errors, "100.00 ", "%*f %*f %*f %lf");
     });
     AddDifference(tCell[FIGURE_ALLOCATIONS], tWork,
-                  [&](uint32_t dwPosts) { return std::optional<double>(tHeap(dwPosts).dAllocations); });
+                  [&](uint32_t dwPosts) { return std::optional<double>(tHeap(dwPosts).tUsage.dAllocations); });
 }
 
 } // namespace

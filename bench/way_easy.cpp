@@ -6,17 +6,16 @@
 namespace
 {
 
-char *RoomFor(const TTarget &tTarget, TChain &tChain)
+char *AnswerBuffer(const TTarget &tTarget, TChain &tChain)
 {
     tChain.strAnswer.resize(tTarget.uAnswer);
     return tChain.strAnswer.data();
 }
 
-bool Post(const TTarget &tTarget, TChain &tChain, bool bSignals)
+bool Post(const TTarget &tTarget, TChain &tChain, bool bAsDirect)
 {
     TCurlPost tPost;
-    SetUp(tPost, tTarget, RoomFor(tTarget, tChain), tTarget.uAnswer);
-    curl_easy_setopt(tPost.ptEasy, CURLOPT_NOSIGNAL, bSignals ? 0L : 1L);
+    SetUp(tPost, tTarget, AnswerBuffer(tTarget, tChain), tTarget.uAnswer, bAsDirect);
     const bool bSucceeded = curl_easy_perform(tPost.ptEasy) == CURLE_OK && HasAnswer(tPost, tTarget);
     CleanUp(tPost);
     return bSucceeded;
@@ -42,7 +41,7 @@ TWay ThreadsWay(const TTarget &tTarget)
                 if (tPost.ptEasy == nullptr) {
                     SetUp(tPost, tTarget, nullptr, tTarget.uAnswer);
                 }
-                tPost.pchAnswer = RoomFor(tTarget, tChain);
+                tPost.pchAnswer = AnswerBuffer(tTarget, tChain);
                 tPost.uLength = 0;
                 return curl_easy_perform(tPost.ptEasy) == CURLE_OK && HasAnswer(tPost, tTarget);
             },

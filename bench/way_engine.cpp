@@ -22,7 +22,7 @@ bool Submit(HNvrHttpCurlCltInst hInstance, const TTarget &tTarget, TChain &tChai
     if (NvrHttpCurlCltReqCreat(hInstance, &hReq) != NVRHTTPCURLCLT_OK) {
         return false;
     }
-    NvrHttpCurlCltSetReqHeader(hReq, "Content-Type", "application/json");
+    NvrHttpCurlCltSetReqHeader(hReq, "Content-Type", "application/json;charset=UTF-8");
     NvrHttpCurlCltSetReqUri(hReq, tTarget.strUrl.c_str());
     NvrHttpCurlCltSetReqBody(hReq, tTarget.strBody.data(), static_cast<uint32_t>(tTarget.strBody.size()));
     NvrHttpCurlCltSetReqMethod(hReq, "POST");

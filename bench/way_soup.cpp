@@ -15,8 +15,9 @@ struct TUnref {
 
 bool Post(const TTarget &tTarget, std::string &strAnswer)
 {
-    const std::unique_ptr<SoupSession, TUnref> ptSession(soup_session_new());
+    static thread_local const std::unique_ptr<SoupSession, TUnref> ptSession(soup_session_new());
     const std::unique_ptr<SoupMessage, TUnref> ptMessage(soup_message_new("POST", tTarget.strUrl.c_str()));
+    soup_message_headers_append(soup_message_get_request_headers(ptMessage.get()), "Connection", "close");
     GBytes *ptBody = g_bytes_new_static(tTarget.strBody.data(), tTarget.strBody.size());
     soup_message_set_request_body_from_bytes(ptMessage.get(), "application/json", ptBody);
     g_bytes_unref(ptBody);

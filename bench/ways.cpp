@@ -4,15 +4,15 @@
 #include <stdexcept>
 
 const std::vector<TNamedWay> g_atWays = {
-    {"libcurl", WAYS_BLOCKING, EasyWay},
-    {"libcurl, options of direct", WAYS_BLOCKING, EasyAsDirectWay},
+    {"libcurl", WAYS_BLOCKING | WAYS_BLOCKING_TLS, EasyWay},
+    {"libcurl, options of direct", WAYS_BLOCKING | WAYS_BLOCKING_TLS, EasyAsDirectWay},
     {"libcurl, multi handles", WAYS_ASYNCHRONOUS | WAYS_WORKERS, MultiWay},
     {"loop model", WAYS_ASYNCHRONOUS | WAYS_WORKERS, LoopWay},
     {"socket", WAYS_BLOCKING, SocketWay},
     {"libcurl, a thread each", WAYS_ASYNCHRONOUS, ThreadsWay},
     {"sockets, epoll", WAYS_ASYNCHRONOUS, SocketLoopWay},
-    {"send module, synchronous", WAYS_BLOCKING, ModuleSyncWay},
-    {"send module, direct", WAYS_BLOCKING, ModuleDirectWay},
+    {"send module, synchronous", WAYS_BLOCKING | WAYS_BLOCKING_TLS, ModuleSyncWay},
+    {"send module, direct", WAYS_BLOCKING | WAYS_BLOCKING_TLS, ModuleDirectWay},
     {"send module, asynchronous", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ModuleAsyncWay},
     {"engine", WAYS_ASYNCHRONOUS | WAYS_WORKERS, EngineWay},
     {"C++ client", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ClientWay},

@@ -37,7 +37,8 @@ using CWayMaker = TWay (*)(const TTarget &tTarget);
 enum EWays {
     WAYS_BLOCKING = 1,
     WAYS_ASYNCHRONOUS = 2,
-    WAYS_WORKERS = 4 /* libcurl, the model of the worker, and what drives that worker */
+    WAYS_WORKERS = 4, /* libcurl, the model of the worker, and what drives that worker */
+    WAYS_BLOCKING_TLS = 8
 };
 
 struct TNamedWay {

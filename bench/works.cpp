@@ -1,9 +1,9 @@
 #include "bench/works.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <thread>
 
 #include "bench/heap.h"
@@ -13,31 +13,21 @@ namespace
 
 using std::chrono::milliseconds;
 
-enum { LIMIT_MS = 60000, SETTLE_MS = 300, REST_MS = 1000 };
-
-/* With -1 before and 1 after what is measured. */
-void AddUsage(TRun &tRun, double dSign)
-{
-    rusage tUsage = {};
-    getrusage(RUSAGE_SELF, &tUsage);
-    tRun.dSwitches += dSign * static_cast<double>(tUsage.ru_nvcsw);
-    tRun.dFaults += dSign * static_cast<double>(tUsage.ru_minflt);
-}
+enum { LIMIT_MS = 60000, SETTLE_MS = 300, REST_MS = 1000, SLOW_MS = 2 };
 
 TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
 {
     if (dwPosts == 0) {
         return {};
     }
-    TRun tRun;
-    tRun.dAllocations = -static_cast<double>(HeapAllocations());
-    AddUsage(tRun, -1);
     const TLoadResult tLoad = RunLoad(tWay, tWork.dwOutstanding, dwPosts, milliseconds(LIMIT_MS));
-    AddUsage(tRun, 1);
-    tRun.dAllocations += static_cast<double>(HeapAllocations());
+    const auto tSlow =
+        std::count_if(tLoad.adMillis.begin(), tLoad.adMillis.end(), [](double d) { return d >= SLOW_MS; });
+    TRun tRun;
     tRun.dPosts = tLoad.dPosts;
     tRun.dSeconds = tLoad.dSeconds;
-    tRun.dCpuSeconds = tLoad.dCpuSeconds;
+    tRun.tUsage = tLoad.tUsage;
+    tRun.dSlow = static_cast<double>(tSlow);
     tRun.dFailed = tLoad.dwFailed;
     return tRun;
 }
@@ -54,13 +44,11 @@ TRun Rest(const TWork &tWork, const TWay &tWay)
     }
     std::this_thread::sleep_for(milliseconds(SETTLE_MS));
     tRun.dHeapBytes = static_cast<double>(HeapBytes() - llHeapBefore);
-    AddUsage(tRun, -1);
     const CBenchClock::time_point tBegin = CBenchClock::now();
-    const std::chrono::nanoseconds tCpuBefore = CpuTime();
+    const TUsage tBefore = Usage();
     std::this_thread::sleep_for(milliseconds(REST_MS));
-    tRun.dCpuSeconds = std::chrono::duration<double>(CpuTime() - tCpuBefore).count();
+    tRun.tUsage = Usage() - tBefore;
     tRun.dSeconds = std::chrono::duration<double>(CBenchClock::now() - tBegin).count();
-    AddUsage(tRun, 1);
     return tRun;
 }
 
@@ -71,6 +59,7 @@ const std::vector<TWork> g_atWorks = {
     {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 500, 300, 600, WAYS_BLOCKING},
     {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 2000, 0, 0, WAYS_BLOCKING},
     {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 100, 0, 0, WAYS_BLOCKING},
+    {"new-tls", "the same over TLS, on one thread", ANSWER_SHORT_TLS, 1, 200, 0, 0, WAYS_BLOCKING_TLS},
     {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, WAYS_ASYNCHRONOUS},
     {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, WAYS_WORKERS},
     {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, WAYS_ASYNCHRONOUS},
@@ -95,10 +84,10 @@ std::vector<const char *> WaysOf(const TWork &tWork)
 
 void PrintRun(const TRun &tRun)
 {
-    printf(
-        "%.0f posts, %f s, %f s of processor, %.0f switches, %.0f faults, %.0f allocations, %.0f bytes, %.0f failed\n",
-        tRun.dPosts, tRun.dSeconds, tRun.dCpuSeconds, tRun.dSwitches, tRun.dFaults, tRun.dAllocations, tRun.dHeapBytes,
-        tRun.dFailed);
+    printf("%.0f posts, %.0f slow, %.0f failed, %f s, %f s of processor, %.0f switches, %.0f faults, "
+           "%.0f allocations, %.0f bytes\n",
+           tRun.dPosts, tRun.dSlow, tRun.dFailed, tRun.dSeconds, tRun.tUsage.dCpuSeconds, tRun.tUsage.dSwitches,
+           tRun.tUsage.dFaults, tRun.tUsage.dAllocations, tRun.dHeapBytes);
 }
 
 TRun ParseRun(const std::string &strLine)
@@ -106,10 +95,11 @@ TRun ParseRun(const std::string &strLine)
     TRun tRun;
     const int nFound =
         sscanf(strLine.c_str(),
-               "%lf posts, %lf s, %lf s of processor, %lf switches, %lf faults, %lf allocations, %lf bytes, %lf",
-               &tRun.dPosts, &tRun.dSeconds, &tRun.dCpuSeconds, &tRun.dSwitches, &tRun.dFaults, &tRun.dAllocations,
-               &tRun.dHeapBytes, &tRun.dFailed);
-    return nFound == 8 ? tRun : TRun{};
+               "%lf posts, %lf slow, %lf failed, %lf s, %lf s of processor, %lf switches, %lf faults, "
+               "%lf allocations, %lf bytes",
+               &tRun.dPosts, &tRun.dSlow, &tRun.dFailed, &tRun.dSeconds, &tRun.tUsage.dCpuSeconds,
+               &tRun.tUsage.dSwitches, &tRun.tUsage.dFaults, &tRun.tUsage.dAllocations, &tRun.dHeapBytes);
+    return nFound == 9 ? tRun : TRun{};
 }
 
 TRun RunWork(const TWork &tWork, const TNamedWay &tWay, uint32_t dwPosts, const std::string &strUrl)

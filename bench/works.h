@@ -50,12 +50,10 @@ template <typename T> const T &Named(const std::vector<T> &atAll, const std::str
 struct TRun {
     double dPosts = 0;
     double dSeconds = 0;
-    double dCpuSeconds = 0;
-    double dSwitches = 0;    /* of threads that had to wait */
-    double dFaults = 0;      /* pages that the kernel had to provide */
-    double dAllocations = 0; /* this and the next one only where the heap is counted */
-    double dHeapBytes = 0;
+    double dSlow = 0; /* posts of 2 ms and more: those that a worker's rest delayed */
     double dFailed = 0;
+    TUsage tUsage;
+    double dHeapBytes = 0; /* only where the heap is counted */
 };
 
 /* A line of text, for the process that started this one. */

@@ -99,7 +99,7 @@ NginxServer::NginxServer()
     }
     /* The sockets are ours and nginx inherits them, so no other process can get between. */
     const std::vector<int> sockets = {BindLoopback(&plainPort), BindLoopback(&tlsPort), BindLoopback(&http2Port)};
-    if (std::all_of(sockets.begin(), sockets.end(), [](int fd) { return listen(fd, 511) == 0; })) {
+    if (std::all_of(sockets.begin(), sockets.end(), [](int fd) { return listen(fd, SOMAXCONN) == 0; })) {
         WriteConfiguration(ModulesFolder(description.errors));
         Launch(sockets);
     } else {
