@@ -21,8 +21,8 @@ TRun RunPosts(const TWork &tWork, const TWay &tWay, uint32_t dwPosts)
         return {};
     }
     const TLoadResult tLoad = RunLoad(tWay, tWork.dwOutstanding, dwPosts, milliseconds(LIMIT_MS));
-    const auto tSlow =
-        std::count_if(tLoad.adMillis.begin(), tLoad.adMillis.end(), [](double d) { return d >= SLOW_MS; });
+    const auto tSlow = std::count_if(tLoad.adMillis.begin(), tLoad.adMillis.end(),
+                                     [](double dMillis) { return dMillis >= double{SLOW_MS}; });
     TRun tRun;
     tRun.dPosts = tLoad.dPosts;
     tRun.dSeconds = tLoad.dSeconds;
