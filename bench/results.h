@@ -18,7 +18,7 @@ enum EFigure {
     FIGURE_CPU,          /* microseconds of processor time; milliseconds in 10 s of waiting */
     FIGURE_SWITCHES,     /* of threads that had to wait */
     FIGURE_FAULTS,       /* pages that the kernel had to provide */
-    FIGURE_SLOW,         /* of posts that take 2 ms and more */
+    FIGURE_SLOW,         /* the share of posts that take 2 ms and more */
     FIGURE_INSTRUCTIONS, /* this and the following ones repeat from run to run */
     FIGURE_ALLOCATIONS,
     FIGURE_SYSTEM_CALLS,

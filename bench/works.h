@@ -50,7 +50,7 @@ template <typename T> const T &Named(const std::vector<T> &atAll, const std::str
 struct TRun {
     double dPosts = 0;
     double dSeconds = 0;
-    double dSlow = 0; /* posts of 2 ms and more: those that a worker's rest delayed */
+    double dSlow = 0; /* posts of 2 ms and more, which is the rest of a worker */
     double dFailed = 0;
     TUsage tUsage;
     double dHeapBytes = 0; /* only where the heap is counted */
