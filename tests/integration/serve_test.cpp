@@ -15,6 +15,7 @@
 
 #include "nvrhttp_program.h"
 #include "tests/support/loopback.h"
+#include "tools/echo_server/echo_server.h"
 
 namespace
 {
@@ -129,6 +130,20 @@ class RawClient
     int sock;
 };
 
+std::atomic<int> endedThreads{0};
+
+/* Keeps a thread from its end for a moment. */
+struct SlowEnd {
+    ~SlowEnd()
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        endedThreads++;
+    }
+
+    bool used = false;
+};
+thread_local SlowEnd slowEnd;
+
 class Serve : public IntegrationTest
 {
   protected:
@@ -138,6 +153,7 @@ class Serve : public IntegrationTest
 
 using ServeOverTls = IntegrationTest;
 using ServeProgram = IntegrationTest;
+using EchoServer = IntegrationTest;
 
 TEST_F(Serve, APostIsAnsweredWithItsBodyByteForByte)
 {
@@ -343,6 +359,17 @@ TEST_F(Serve, IdleConnectionsHoldUpNobody)
     const auto start = Clock::now();
     EXPECT_EQ(client.Ask("POST", server.Url(), "[7]").body, "[7]");
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+}
+
+/* The end of a thread that has used TLS must not meet libcrypto's clean-up at exit. */
+TEST_F(EchoServer, StopsOnceItsThreadsHaveEnded)
+{
+    TEchoServerOptions options;
+    options.pfAnswered = [](const TEchoRequest &) { slowEnd.used = true; };
+    CEchoServer server(options);
+    EXPECT_EQ(Client().Ask("POST", server.Url(), "[8]").body, "[8]");
+    server.Stop();
+    EXPECT_EQ(endedThreads, 1);
 }
 
 TEST_F(ServeProgram, EachRequestIsShownOnDemand)

@@ -33,32 +33,55 @@ void ShutDownIfOn(int nSock, uint16_t wPort)
 
 } // namespace
 
-void CThreadPerConnection::Run(const std::function<void()> &pfServe)
+void CThreadPerConnection::Run(const std::function<void()> &pfServe, TThreads::iterator tOwn)
 {
     pfServe();
     const std::lock_guard<std::mutex> tGuard(m_tLock);
-    m_dwRunning--;
-    m_tEnded.notify_all();
+    m_tEnded.splice(m_tEnded.end(), m_tRunning, tOwn);
+    m_tChanged.notify_all();
+}
+
+bool CThreadPerConnection::Start(const std::function<void()> &pfServe)
+{
+    const std::lock_guard<std::mutex> tGuard(m_tLock);
+    const auto tOwn = m_tRunning.emplace(m_tRunning.end());
+    try {
+        *tOwn = std::thread([this, pfServe, tOwn] { Run(pfServe, tOwn); });
+        return true;
+    } catch (const std::system_error &) {
+        m_tRunning.erase(tOwn);
+        return false;
+    }
+}
+
+void CThreadPerConnection::JoinEnded()
+{
+    TThreads tEnded;
+    {
+        const std::lock_guard<std::mutex> tGuard(m_tLock);
+        tEnded.swap(m_tEnded);
+    }
+    for (std::thread &tThread : tEnded) {
+        tThread.join();
+    }
 }
 
 TEnqueued CThreadPerConnection::enqueue(std::function<void()> pfServe)
 {
-    {
-        const std::lock_guard<std::mutex> tGuard(m_tLock);
-        m_dwRunning++;
-    }
-    try {
-        std::thread([this, pfServe] { Run(pfServe); }).detach();
-    } catch (const std::system_error &) {
-        Run(pfServe); /* no thread to be had: this one serves, and accepts again afterwards */
+    JoinEnded();
+    if (!Start(pfServe)) {
+        pfServe(); /* no thread to be had: this one serves, and accepts again afterwards */
     }
     return TEnqueued(true);
 }
 
 void CThreadPerConnection::shutdown()
 {
-    std::unique_lock<std::mutex> tGuard(m_tLock);
-    m_tEnded.wait(tGuard, [this] { return m_dwRunning == 0; });
+    {
+        std::unique_lock<std::mutex> tGuard(m_tLock);
+        m_tChanged.wait(tGuard, [this] { return m_tRunning.empty(); });
+    }
+    JoinEnded();
 }
 
 void ShutDownConnections(uint16_t wPort)
