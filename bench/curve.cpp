@@ -13,22 +13,21 @@ namespace
 
 enum { MOST_COLUMNS = 16 };
 
-double Median(std::vector<double> adValues)
+/* The medians of all columns, then their least and then their greatest values. */
+CRow Summary(const std::vector<CRow> &aadRounds)
 {
-    std::sort(adValues.begin(), adValues.end());
-    return (adValues[(adValues.size() - 1) / 2] + adValues[adValues.size() / 2]) / 2;
-}
-
-CRow Medians(const std::vector<CRow> &aadRounds)
-{
-    CRow adMedians;
-    for (size_t uColumn = 0; uColumn < aadRounds.front().size(); uColumn++) {
+    const size_t uColumns = aadRounds.front().size();
+    CRow adSummary(3 * uColumns);
+    for (size_t uColumn = 0; uColumn < uColumns; uColumn++) {
         std::vector<double> adValues(aadRounds.size());
         std::transform(aadRounds.begin(), aadRounds.end(), adValues.begin(),
                        [uColumn](const CRow &adRow) { return adRow[uColumn]; });
-        adMedians.push_back(Median(std::move(adValues)));
+        std::sort(adValues.begin(), adValues.end());
+        adSummary[uColumn] = (adValues[(adValues.size() - 1) / 2] + adValues[adValues.size() / 2]) / 2;
+        adSummary[uColumns + uColumn] = adValues.front();
+        adSummary[2 * uColumns + uColumn] = adValues.back();
     }
-    return adMedians;
+    return adSummary;
 }
 
 std::string Line(uint32_t dwX, const CRow &adRow)
@@ -102,7 +101,7 @@ void WriteCurves(const std::vector<TCurve> &atCurves, const std::vector<uint32_t
             }
         }
         for (size_t uCurve = 0; uCurve < atCurves.size(); uCurve++) {
-            astrBlocks[uCurve] += Line(dwX, Medians(aadRounds[uCurve]));
+            astrBlocks[uCurve] += Line(dwX, Summary(aadRounds[uCurve]));
         }
     }
     for (const std::string &strBlock : astrBlocks) {

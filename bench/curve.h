@@ -27,8 +27,9 @@ CRow InChild(const std::function<CRow()> &pfMeasure);
 std::vector<uint32_t> Doubled(uint32_t dwMost, uint32_t dwFirst = 1);
 
 /*
- * Measures each curve at each number, the medians of dwRounds rounds, and writes them to standard output as gnuplot
- * reads them: a block for each curve, its name first.
+ * Measures each curve at each number in dwRounds rounds and writes them to standard output as gnuplot reads them: a
+ * block for each curve, its name first, and in each line the medians of all columns, then their least and then their
+ * greatest values.
  */
 void WriteCurves(const std::vector<TCurve> &atCurves, const std::vector<uint32_t> &adwNumbers, uint32_t dwRounds);
 

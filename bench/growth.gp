@@ -1,4 +1,4 @@
-# Draws the curves of $plots/*.dat; run by scripts/bench-plots.
+# Draws the curves of $plots/*.dat; run by scripts/bench-plots. Bars are from the least to the greatest of the rounds.
 set encoding utf8
 set style line 1 lc rgb "#777777" lw 1.5 pt 4 ps 0.6
 set style line 2 lc rgb "#777777" lw 1.5 pt 6 ps 0.6 dt 2
@@ -23,21 +23,21 @@ set xrange [0.8:1300]
 set output svg("throughput")
 set ylabel "posts a second"
 set logscale y
-plot for [i=0:5] data("load") index i using 1:2 with linespoints ls i+1 title columnheader(1)
+plot for [i=0:5] data("load") index i using 1:2:7:12 with yerrorlines ls i+1 title columnheader(1)
 
 set output svg("p50")
 set ylabel "half of the posts take at most, ms"
-plot for [i=0:5] data("load") index i using 1:3 with linespoints ls i+1 title columnheader(1)
+plot for [i=0:5] data("load") index i using 1:3:8:13 with yerrorlines ls i+1 title columnheader(1)
 
 set output svg("p99")
 set ylabel "99 of 100 posts take at most, ms"
-plot for [i=0:5] data("load") index i using 1:4 with linespoints ls i+1 title columnheader(1)
+plot for [i=0:5] data("load") index i using 1:4:9:14 with yerrorlines ls i+1 title columnheader(1)
 
 set output svg("cost")
 unset logscale y
 set ylabel "processor time a post, µs"
 set yrange [0:*]
-plot for [i=0:5] data("load") index i using 1:5 with linespoints ls i+1 title columnheader(1)
+plot for [i=0:5] data("load") index i using 1:5:10:15 with yerrorlines ls i+1 title columnheader(1)
 
 set output svg("instructions")
 set ylabel "instructions a post, thousands"
@@ -50,7 +50,7 @@ set xlabel "outstanding requests"
 set ylabel "heap beyond bare multi handles, bytes a request"
 set yrange [0:1100]
 plot 1024 with lines lc rgb "#bbbbbb" dt 2 title "1 KiB", \
-     for [i=1:3] data("memory") index i using 1:3 with linespoints ls i+3 title columnheader(1)
+     for [i=1:3] data("memory") index i using 1:3:5:7 with yerrorlines ls i+3 title columnheader(1)
 
 # By tasks and instances.
 set output svg("spread")
@@ -58,7 +58,7 @@ set xlabel "tasks, or instances"
 set xrange [0.9:18]
 set yrange [0:*]
 set ylabel "processor time a post, µs"
-plot for [i=0:1] data("spread") index i using 1:5 with linespoints ls i+4 title columnheader(1)
+plot for [i=0:1] data("spread") index i using 1:5:10:15 with yerrorlines ls i+4 title columnheader(1)
 
 set output svg("idle")
 set xlabel "idle tasks"
@@ -66,8 +66,8 @@ set xrange [0.9:72]
 set ylabel "processor time in a second, ms"
 set logscale xy
 set autoscale y
-plot data("idle") index 0 using 1:2 with linespoints ls 4 title columnheader(1), \
-     "" index 1 using 1:2 with linespoints ls 1 title columnheader(1)
+plot data("idle") index 0 using 1:2:4:6 with yerrorlines ls 4 title columnheader(1), \
+     "" index 1 using 1:2:4:6 with yerrorlines ls 1 title columnheader(1)
 
 # By the size of an answer.
 set xlabel "bytes of an answer"
@@ -77,7 +77,7 @@ set xrange [800:20000000]
 
 set output svg("answers")
 set ylabel "processor time an answer, ms"
-plot for [i=0:5] data("answers") index i using 1:3 with linespoints ls i+1 title columnheader(1)
+plot for [i=0:5] data("answers") index i using 1:3:8:13 with yerrorlines ls i+1 title columnheader(1)
 
 set output svg("reallocations")
 set ylabel "bytes that reallocations keep, MB an answer"
@@ -91,4 +91,4 @@ set xlabel "elements"
 set ylabel "a walk, ns an element"
 set xtics (8, 16, 32, 64, 128, 256, 512, 1024)
 set xrange [7:1200]
-plot for [i=0:5] data("lists") index i using 1:3 with linespoints ls 4+i/2 dt 1+i%2 title columnheader(1)
+plot for [i=0:5] data("lists") index i using 1:3:5:7 with yerrorlines ls 4+i/2 dt 1+i%2 title columnheader(1)

@@ -18,6 +18,16 @@ const char *const s_szSync = "send module, synchronous";
 const char *const s_szDirect = "send module, direct";
 const char *const s_szAsync = "send module, asynchronous";
 
+/* Why goals are not met; measured in docs/performance.md. */
+const char *const s_szHeap = "what malloc takes for six more blocks depends on the state of the heap";
+const char *const s_szCallbacks = "each is a call of the caller's memory callbacks";
+const char *const s_szCopy = "growth to each exact size and the copy at the end are fixed";
+const char *const s_szRecords = "the records of a request are fixed";
+const char *const s_szMore = "the steps of the loop model are fixed, and a request takes more";
+const char *const s_szKernel = "kernel and server take more, see sockets, epoll";
+const char *const s_szSleep = "a pass does little but go to sleep and wake up, which is fixed";
+const char *const s_szExpired = "with an expired timer a worker turns every 2 ms, which is fixed";
+
 double Median(std::vector<double> adValues)
 {
     std::sort(adValues.begin(), adValues.end());
@@ -71,42 +81,42 @@ std::vector<double> Compared(const std::vector<double> &adValues, const std::vec
     return adCompared;
 }
 
-const char *Verdict(const std::vector<double> &adMeasured, double dAtMost)
+std::string Verdict(const std::vector<double> &adMeasured, const TGoal &tGoal)
 {
     if (adMeasured.empty()) {
         return "not measured";
     }
     const TInterval tInterval = IntervalOfMedian(adMeasured);
-    if (tInterval.dLow > dAtMost) {
-        return "missed";
+    if (tInterval.dHigh <= tGoal.dAtMost) {
+        return "met";
     }
-    return tInterval.dHigh <= dAtMost ? "met" : "open";
+    return std::string(tInterval.dLow > tGoal.dAtMost ? "missed: " : "open: ") + tGoal.szReason;
 }
 
 } // namespace
 
 const std::vector<TGoal> g_atGoals = {
-    {"new", FIGURE_INSTRUCTIONS, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
+    {"new", FIGURE_INSTRUCTIONS, s_szSync, s_szEasy, TGoal::RATIO, 1.03, s_szHeap},
     {"new", FIGURE_INSTRUCTIONS, s_szDirect, s_szEasy, TGoal::RATIO, 1.015},
     {"new", FIGURE_SYSTEM_CALLS, s_szDirect, "libcurl, options of direct", TGoal::DIFFERENCE, 1},
-    {"new", FIGURE_ALLOCATIONS, s_szSync, s_szEasy, TGoal::VALUE, 76},
+    {"new", FIGURE_ALLOCATIONS, s_szSync, s_szEasy, TGoal::VALUE, 76, s_szCallbacks},
     {"new", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
     {"new-8", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.03},
-    {"large", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.08},
-    {"200", FIGURE_INSTRUCTIONS, s_szAsync, s_szMulti, TGoal::RATIO, 1.04},
-    {"200", FIGURE_ALLOCATIONS, s_szAsync, s_szMulti, TGoal::VALUE, 58},
-    {"200", FIGURE_SYSTEM_CALLS, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"200", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"200", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"200-tls", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"1024", FIGURE_TIME, s_szAsync, s_szMulti, TGoal::RATIO, 0.75},
-    {"256", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
-    {"256", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0},
+    {"large", FIGURE_TIME, s_szSync, s_szEasy, TGoal::RATIO, 1.08, s_szCopy},
+    {"200", FIGURE_INSTRUCTIONS, s_szAsync, s_szMulti, TGoal::RATIO, 1.04, s_szMore},
+    {"200", FIGURE_ALLOCATIONS, s_szAsync, s_szMulti, TGoal::VALUE, 58, s_szRecords},
+    {"200", FIGURE_SYSTEM_CALLS, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
+    {"200", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
+    {"200", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
+    {"200-tls", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
+    {"1024", FIGURE_TIME, s_szAsync, s_szMulti, TGoal::RATIO, 0.75, s_szKernel},
+    {"256", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
+    {"256", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 1.0, s_szMore},
     {"256", FIGURE_TIME, "C++ client", "engine", TGoal::RATIO, 1.1},
     {"1", FIGURE_TIME, s_szAsync, s_szLoop, TGoal::VALUE, 2100}, /* the rest of 2 ms and a post */
-    {"idle", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 0.9},
+    {"idle", FIGURE_CPU, s_szAsync, s_szLoop, TGoal::RATIO, 0.9, s_szSleep},
     {"idle", FIGURE_CPU, "C++ client", "engine", TGoal::RATIO, 1.0},
-    {"silent", FIGURE_CPU, "C++ client", "engine", TGoal::VALUE, 100},
+    {"silent", FIGURE_CPU, "C++ client", "engine", TGoal::VALUE, 100, s_szExpired},
     {"heap", FIGURE_HEAP, s_szAsync, s_szMulti, TGoal::DIFFERENCE, 1024},
 };
 
@@ -131,7 +141,7 @@ void PrintGoals(CResults &tResults)
         printf("| %s | %s | %s | %s | %s | %s%s | %s%s | %s |\n", Named(g_atWorks, tGoal.szWork).szTitle,
                s_aszFigures[tGoal.eFigure], tGoal.szWay, tGoal.szBasis, MedianText(adBasis).c_str(),
                SpreadText(adMeasured).c_str(), szMark, Text(tGoal.dAtMost).c_str(), szMark,
-               Verdict(adMeasured, tGoal.dAtMost));
+               Verdict(adMeasured, tGoal).c_str());
     }
 }
 

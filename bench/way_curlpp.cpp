@@ -16,6 +16,8 @@ bool Post(const TTarget &tTarget, std::string &strAnswer)
     tEasy.setOpt(curlpp::options::PostFields(tTarget.strBody));
     tEasy.setOpt(curlpp::options::PostFieldSize(static_cast<long>(tTarget.strBody.size())));
     tEasy.setOpt(curlpp::options::NoSignal(true));
+    tEasy.setOpt(curlpp::options::SslVerifyPeer(false));
+    tEasy.setOpt(curlpp::options::SslVerifyHost(0));
     tEasy.setOpt(curlpp::options::WriteFunction([&strAnswer](const char *pchPart, size_t uSize, size_t uCount) {
         strAnswer.append(pchPart, uSize * uCount);
         return uSize * uCount;

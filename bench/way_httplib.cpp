@@ -5,15 +5,25 @@
 namespace
 {
 
-bool Post(const TTarget &tTarget, std::string &strAnswer)
+template <typename TClient> bool PostOver(TClient &tClient, const TTarget &tTarget, std::string &strAnswer)
 {
-    httplib::Client tClient(tTarget.strHost, tTarget.wPort);
     httplib::Result tResult = tClient.Post(tTarget.strPath, tTarget.strBody, "application/json");
     if (!tResult) {
         return false;
     }
     strAnswer = std::move(tResult->body);
     return tResult->status == BENCH_HTTP_OK && strAnswer.size() == tTarget.uAnswer;
+}
+
+bool Post(const TTarget &tTarget, std::string &strAnswer)
+{
+    if (!tTarget.bTls) {
+        httplib::Client tClient(tTarget.strHost, tTarget.wPort);
+        return PostOver(tClient, tTarget, strAnswer);
+    }
+    httplib::SSLClient tClient(tTarget.strHost, tTarget.wPort);
+    tClient.enable_server_certificate_verification(false);
+    return PostOver(tClient, tTarget, strAnswer);
 }
 
 } // namespace

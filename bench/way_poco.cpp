@@ -1,6 +1,8 @@
+#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
+#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/StreamCopier.h>
 
 #include "bench/ways.h"
@@ -8,9 +10,8 @@
 namespace
 {
 
-bool Post(const TTarget &tTarget, std::string &strAnswer)
+bool PostOver(Poco::Net::HTTPClientSession &tSession, const TTarget &tTarget, std::string &strAnswer)
 {
-    Poco::Net::HTTPClientSession tSession(tTarget.strHost, tTarget.wPort);
     Poco::Net::HTTPRequest tRequest("POST", tTarget.strPath, "HTTP/1.1");
     Poco::Net::HTTPResponse tResponse;
     tRequest.setContentType("application/json");
@@ -19,6 +20,18 @@ bool Post(const TTarget &tTarget, std::string &strAnswer)
     tSession.sendRequest(tRequest) << tTarget.strBody;
     Poco::StreamCopier::copyToString(tSession.receiveResponse(tResponse), strAnswer);
     return tResponse.getStatus() == Poco::Net::HTTPResponse::HTTP_OK && strAnswer.size() == tTarget.uAnswer;
+}
+
+bool Post(const TTarget &tTarget, std::string &strAnswer)
+{
+    if (!tTarget.bTls) {
+        Poco::Net::HTTPClientSession tSession(tTarget.strHost, tTarget.wPort);
+        return PostOver(tSession, tTarget, strAnswer);
+    }
+    static const Poco::Net::Context::Ptr s_ptContext(
+        new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, "", Poco::Net::Context::VERIFY_NONE));
+    Poco::Net::HTTPSClientSession tSession(tTarget.strHost, tTarget.wPort, s_ptContext);
+    return PostOver(tSession, tTarget, strAnswer);
 }
 
 } // namespace

@@ -13,11 +13,17 @@ struct TUnref {
     }
 };
 
+gboolean AcceptAny(SoupMessage *, GTlsCertificate *, GTlsCertificateFlags, gpointer)
+{
+    return TRUE;
+}
+
 bool Post(const TTarget &tTarget, std::string &strAnswer)
 {
     static thread_local const std::unique_ptr<SoupSession, TUnref> ptSession(soup_session_new());
     const std::unique_ptr<SoupMessage, TUnref> ptMessage(soup_message_new("POST", tTarget.strUrl.c_str()));
     soup_message_headers_append(soup_message_get_request_headers(ptMessage.get()), "Connection", "close");
+    g_signal_connect(ptMessage.get(), "accept-certificate", G_CALLBACK(AcceptAny), nullptr);
     GBytes *ptBody = g_bytes_new_static(tTarget.strBody.data(), tTarget.strBody.size());
     soup_message_set_request_body_from_bytes(ptMessage.get(), "application/json", ptBody);
     g_bytes_unref(ptBody);

@@ -4,33 +4,33 @@
 #include <stdexcept>
 
 const std::vector<TNamedWay> g_atWays = {
-    {"libcurl", WAYS_BLOCKING | WAYS_BLOCKING_TLS, EasyWay},
-    {"libcurl, options of direct", WAYS_BLOCKING | WAYS_BLOCKING_TLS, EasyAsDirectWay},
-    {"libcurl, multi handles", WAYS_ASYNCHRONOUS | WAYS_WORKERS, MultiWay},
-    {"loop model", WAYS_ASYNCHRONOUS | WAYS_WORKERS, LoopWay},
+    {"libcurl", WAYS_BLOCKING | WAYS_TLS, EasyWay},
+    {"libcurl, options of direct", WAYS_BLOCKING | WAYS_TLS, EasyAsDirectWay},
+    {"libcurl, multi handles", WAYS_ASYNCHRONOUS | WAYS_WORKERS | WAYS_TLS, MultiWay},
+    {"loop model", WAYS_ASYNCHRONOUS | WAYS_WORKERS | WAYS_TLS, LoopWay},
     {"socket", WAYS_BLOCKING, SocketWay},
-    {"libcurl, a thread each", WAYS_ASYNCHRONOUS, ThreadsWay},
+    {"libcurl, a thread each", WAYS_ASYNCHRONOUS | WAYS_TLS, ThreadsWay},
     {"sockets, epoll", WAYS_ASYNCHRONOUS, SocketLoopWay},
-    {"send module, synchronous", WAYS_BLOCKING | WAYS_BLOCKING_TLS, ModuleSyncWay},
-    {"send module, direct", WAYS_BLOCKING | WAYS_BLOCKING_TLS, ModuleDirectWay},
-    {"send module, asynchronous", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ModuleAsyncWay},
-    {"engine", WAYS_ASYNCHRONOUS | WAYS_WORKERS, EngineWay},
-    {"C++ client", WAYS_ASYNCHRONOUS | WAYS_WORKERS, ClientWay},
+    {"send module, synchronous", WAYS_BLOCKING | WAYS_TLS, ModuleSyncWay},
+    {"send module, direct", WAYS_BLOCKING | WAYS_TLS, ModuleDirectWay},
+    {"send module, asynchronous", WAYS_ASYNCHRONOUS | WAYS_WORKERS | WAYS_TLS, ModuleAsyncWay},
+    {"engine", WAYS_ASYNCHRONOUS | WAYS_WORKERS | WAYS_TLS, EngineWay},
+    {"C++ client", WAYS_ASYNCHRONOUS | WAYS_WORKERS | WAYS_TLS, ClientWay},
 #ifdef BENCH_CURLPP
-    {"curlpp", WAYS_BLOCKING, CurlppWay},
+    {"curlpp", WAYS_BLOCKING | WAYS_TLS, CurlppWay},
 #endif
 #ifdef BENCH_POCO
-    {"Poco", WAYS_BLOCKING, PocoWay},
+    {"Poco", WAYS_BLOCKING | WAYS_TLS, PocoWay},
 #endif
 #ifdef BENCH_HTTPLIB
-    {"cpp-httplib", WAYS_BLOCKING, HttplibWay},
+    {"cpp-httplib", WAYS_BLOCKING | WAYS_TLS, HttplibWay},
 #endif
 #ifdef BENCH_BEAST
-    {"Boost.Beast", WAYS_BLOCKING, BeastWay},
-    {"Boost.Beast, asynchronous", WAYS_ASYNCHRONOUS, BeastAsyncWay},
+    {"Boost.Beast", WAYS_BLOCKING | WAYS_TLS, BeastWay},
+    {"Boost.Beast, asynchronous", WAYS_ASYNCHRONOUS | WAYS_TLS, BeastAsyncWay},
 #endif
 #ifdef BENCH_SOUP
-    {"libsoup", WAYS_BLOCKING, SoupWay},
+    {"libsoup", WAYS_BLOCKING | WAYS_TLS, SoupWay},
 #endif
 };
 
@@ -44,6 +44,7 @@ TTarget MakeTarget(const std::string &strUrl, size_t uAnswer)
         throw std::invalid_argument("no complete URL: " + strUrl);
     }
     tTarget.strUrl = strUrl;
+    tTarget.bTls = strUrl.rfind("https:", 0) == 0;
     tTarget.strHost = szHost;
     tTarget.strPath = szPath;
     tTarget.strBody = strHead + std::string(BENCH_BODY_BYTES - strHead.size() - 2, 'x') + "\"}";

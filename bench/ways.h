@@ -21,7 +21,8 @@ enum {
 /* What is posted, and to where. */
 struct TTarget {
     std::string strUrl;
-    std::string strHost; /* the parts of the URL */
+    bool bTls = false; /* the parts of the URL */
+    std::string strHost;
     uint16_t wPort = 0;
     std::string strPath;
     std::string strBody;
@@ -34,11 +35,11 @@ TTarget MakeTarget(const std::string &strUrl, size_t uAnswer);
 using CWayMaker = TWay (*)(const TTarget &tTarget);
 
 /* Kinds, which are added up. */
-enum EWays {
+enum {
     WAYS_BLOCKING = 1,
     WAYS_ASYNCHRONOUS = 2,
     WAYS_WORKERS = 4, /* libcurl, the model of the worker, and what drives that worker */
-    WAYS_BLOCKING_TLS = 8
+    WAYS_TLS = 8      /* also over HTTPS */
 };
 
 struct TNamedWay {

@@ -59,9 +59,9 @@ const std::vector<TWork> g_atWorks = {
     {"new", "POSTs one after the other, each on a new connection", ANSWER_SHORT, 1, 500, 300, 600, WAYS_BLOCKING},
     {"new-8", "the same on 8 threads", ANSWER_SHORT, 8, 2000, 0, 0, WAYS_BLOCKING},
     {"large", "answers of 1 MB, copied out", ANSWER_1_MB, 1, 100, 0, 0, WAYS_BLOCKING},
-    {"new-tls", "POSTs over TLS, each on a new connection", ANSWER_SHORT_TLS, 1, 200, 0, 0, WAYS_BLOCKING_TLS},
+    {"new-tls", "POSTs over TLS, each on a new connection", ANSWER_SHORT_TLS, 1, 100, 0, 0, WAYS_BLOCKING | WAYS_TLS},
     {"200", "1,000 POSTs, 200 outstanding", ANSWER_SHORT, 200, 1000, 0, 1000, WAYS_ASYNCHRONOUS},
-    {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, WAYS_WORKERS},
+    {"200-tls", "the same over TLS", ANSWER_SHORT_TLS, 200, 1000, 0, 0, WAYS_ASYNCHRONOUS | WAYS_TLS},
     {"1024", "1,024 outstanding at once", ANSWER_SHORT, 1024, 1024, 0, 0, WAYS_ASYNCHRONOUS},
     {"256", "10,000 POSTs, 256 outstanding", ANSWER_SHORT, 256, 10000, 0, 0, WAYS_ASYNCHRONOUS},
     {"16", "1,000 POSTs, 16 outstanding", ANSWER_SHORT, 16, 1000, 0, 0, WAYS_ASYNCHRONOUS},
@@ -75,7 +75,7 @@ std::vector<const char *> WaysOf(const TWork &tWork)
 {
     std::vector<const char *> aszWays;
     for (const TNamedWay &tWay : g_atWays) {
-        if ((tWay.dwKinds & tWork.eWays) != 0) {
+        if ((tWay.dwKinds & tWork.dwWays) == tWork.dwWays) {
             aszWays.push_back(tWay.szName);
         }
     }

@@ -27,7 +27,7 @@ struct TWork {
     uint32_t dwPosts;
     uint32_t dwFigureFrom; /* of the posts from here to there the figures that repeat are taken; 0, 0: of none */
     uint32_t dwFigureTo;
-    EWays eWays;
+    uint32_t dwWays; /* the kinds that a way must have */
 };
 
 extern const std::vector<TWork> g_atWorks;
