@@ -14,7 +14,7 @@ struct TGoal {
     const char *szBasis; /* a way of the same work */
     enum { RATIO, DIFFERENCE, VALUE } eKind;
     double dAtMost;
-    const char *szReason = "rounds differ by more"; /* why it is not met, where it is not */
+    const char *szReason = "not looked into"; /* why it is missed, where it is */
 };
 
 extern const std::vector<TGoal> g_atGoals;

@@ -170,7 +170,7 @@ void MeasureFigures(CCell &tCell, CServers &tServers, const TWork &tWork, const 
         return;
     }
     /* Of a blocking way only the sends count, and not what idle workers do meanwhile. */
-    const bool bBlocks = tWork.dwWays == WAYS_BLOCKING;
+    const bool bBlocks = (tWork.dwWays & WAYS_BLOCKING) != 0;
     const CCommand astrCallgrind = CCommand{"valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"} +
                                    (bBlocks ? CCommand{"--toggle-collect=*::Send(TChain&)"} : CCommand{});
     /* Tracing makes threads wait for each other's locks far longer: those calls would be strace's own. */
@@ -201,7 +201,7 @@ CResults Measure(uint32_t dwRounds, bool (*pfWithFigures)(const TWork &tWork, co
             const bool bWanted = tWork.dwFigureTo != 0 && pfWithFigures(tWork, szWay);
             /* Those of workers depend a little on how many passes they take. */
             const uint32_t dwMore = std::min<uint32_t>(dwRounds / FIGURE_ROUNDS, MOST_MORE);
-            const uint32_t dwRuns = !bWanted ? 0 : tWork.dwWays == WAYS_BLOCKING ? 1 : 1 + dwMore;
+            const uint32_t dwRuns = !bWanted ? 0 : (tWork.dwWays & WAYS_BLOCKING) != 0 ? 1 : 1 + dwMore;
             for (uint32_t dwRun = 0; dwRun < dwRuns; dwRun++) {
                 MeasureFigures(tResults[{tWork.szName, szWay}], tServers, tWork, szWay);
             }

@@ -28,9 +28,9 @@ bool Post(const TTarget &tTarget, std::string &strAnswer)
         Poco::Net::HTTPClientSession tSession(tTarget.strHost, tTarget.wPort);
         return PostOver(tSession, tTarget, strAnswer);
     }
-    static const Poco::Net::Context::Ptr s_ptContext(
+    static const Poco::Net::Context::Ptr ptContext(
         new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, "", Poco::Net::Context::VERIFY_NONE));
-    Poco::Net::HTTPSClientSession tSession(tTarget.strHost, tTarget.wPort, s_ptContext);
+    Poco::Net::HTTPSClientSession tSession(tTarget.strHost, tTarget.wPort, ptContext);
     return PostOver(tSession, tTarget, strAnswer);
 }
 
