@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 #include "nvrhttp_program.h"
@@ -370,6 +372,20 @@ TEST_F(EchoServer, StopsOnceItsThreadsHaveEnded)
     EXPECT_EQ(Client().Ask("POST", server.Url(), "[8]").body, "[8]");
     server.Stop();
     EXPECT_EQ(endedThreads, 1);
+}
+
+TEST_F(EchoServer, AnswersWhereThereIsNoThreadToBeHad)
+{
+    CEchoServer server(TEchoServerOptions{});
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, SIZE_MAX / 4), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+    pthread_attr_destroy(&attributes);
+    ASSERT_THROW(std::thread([] {}).join(), std::system_error);
+    EXPECT_EQ(Client().Ask("POST", server.Url(), "[9]").body, "[9]");
+    EXPECT_EQ(Client().Ask("POST", server.Url(), "[10]").body, "[10]");
+    server.Stop();
 }
 
 TEST_F(ServeProgram, EachRequestIsShownOnDemand)
